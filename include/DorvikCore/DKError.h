@@ -1,0 +1,177 @@
+// Counted error objects and DKErrorID, the result of every fallible operation.
+#pragma once
+
+#include <DorvikCore/DKRefCount.h>
+#include <DorvikCore/DKString.h>
+
+#include <vector>
+
+class DKMessageSource;
+class DKDouble;
+class DKErrorI;
+
+// Settings for turning parameter values into text. An empty date-time format means each
+// value's default format.
+class DK_EXPORT DKExecContext {
+public:
+  DKExecContext() = default;
+  explicit DKExecContext(const DKString& dateTimeFormat) : m_dateTimeFormat(dateTimeFormat) {}
+  const DKString& GetDateTimeFormat() const noexcept { return m_dateTimeFormat; }
+  void SetDateTimeFormat(const DKString& format) { m_dateTimeFormat = format; }
+
+private:
+  DKString m_dateTimeFormat;
+};
+
+// What a message source needs to produce the text of a code: the error whose parameters
+// fill the placeholders (none for a default context) and the execution context.
+class DK_EXPORT DKFormatContext {
+public:
+  DKFormatContext() = default;
+  explicit DKFormatContext(const DKErrorI* error, const DKExecContext& exec = DKExecContext())
+      : m_error(error), m_exec(exec) {}
+  const DKErrorI* GetError() const noexcept { return m_error; }
+  const DKExecContext& GetExecContext() const noexcept { return m_exec; }
+
+private:
+  const DKErrorI* m_error = nullptr;
+  DKExecContext m_exec;
+};
+
+// The error interface: a code (0 means success) and a severity, plus typed parameters.
+class DK_EXPORT DKErrorI : public DKRefCount {
+public:
+  enum Severity : std::int32_t { SeveritySuccess = 0, SeverityInfo = 1, SeverityWarning = 2, SeverityError = 3, SeverityFatal = 4 };
+  enum ErrorParamType : std::int32_t {
+    ParamNone = 0,
+    ParamDouble = 1,
+    ParamInt = 2,
+    ParamLong = 3,
+    ParamDKString = 4,
+    ParamDKDateTime = 5,
+    ParamDKDouble = 6
+  };
+  static constexpr int IUID = 0x444B4552; // "DKER"
+
+  DKErrorI(long code, Severity severity) noexcept : m_code(code), m_severity(severity) {}
+  ~DKErrorI() override;
+
+  virtual int GetIUID() const;
+  virtual std::size_t GetParameterCount() const;
+  virtual ErrorParamType GetParameterType(std::size_t index) const;
+  virtual const void* GetParameterValue(std::size_t index) const;
+  virtual DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const;
+  virtual DKErrorID AsString(DKString& out, const DKFormatContext& context) const = 0;
+
+  long GetCode() const noexcept { return m_code; }
+  Severity GetSeverity() const noexcept { return m_severity; }
+
+private:
+  long m_code;
+  Severity m_severity;
+};
+
+// A counted error whose text comes from a message source.
+class DK_EXPORT DKError : public DKErrorI {
+public:
+  DKError(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity = SeverityError);
+  ~DKError() override;
+  const DKSmartPtrToConst<DKMessageSource>& GetFormatter() const noexcept { return m_formatter; }
+  DKErrorID AsString(DKString& out, const DKFormatContext& context) const override;
+
+private:
+  DKSmartPtrToConst<DKMessageSource> m_formatter;
+};
+
+// An error with typed parameters, each a heap copy owned by the error.
+class DK_EXPORT DKErrorWithArgs : public DKError {
+public:
+  struct Storage {
+    ErrorParamType type;
+    void* value;
+  };
+
+  DKErrorWithArgs(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity = SeverityError);
+  DKErrorWithArgs(const DKErrorWithArgs& other); // deep copy of every parameter
+  DKErrorWithArgs& operator=(const DKErrorWithArgs& other);
+  ~DKErrorWithArgs() override;
+
+  // Each returns the index of the new parameter.
+  std::size_t AddParam(double value);
+  std::size_t AddParam(int value);
+  std::size_t AddParam(long value);
+  std::size_t AddParam(const DKString& value);
+  std::size_t AddParam(const DKChar* value) { return AddParam(DKString(value)); }
+  std::size_t AddParam(const DKDouble& value);
+
+  // False when the index is out of range or the stored type differs.
+  bool GetParam(double& out, std::size_t index) const;
+  bool GetParam(int& out, std::size_t index) const;
+  bool GetParam(long& out, std::size_t index) const;
+  bool GetParam(DKString& out, std::size_t index) const;
+  bool GetParam(DKDouble& out, std::size_t index) const;
+
+  std::size_t GetParameterCount() const override;
+  ErrorParamType GetParameterType(std::size_t index) const override;
+  const void* GetParameterValue(std::size_t index) const override;
+  DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const override;
+
+private:
+  std::vector<Storage> m_params;
+};
+
+// A counted error that carries its text ready made.
+class DK_EXPORT DKErrorString : public DKErrorI {
+public:
+  explicit DKErrorString(const DKString& text, long code = -1, Severity severity = SeverityError);
+  ~DKErrorString() override;
+  DKErrorID AsString(DKString& out, const DKFormatContext& context) const override;
+  const DKString& GetText() const noexcept { return m_text; }
+
+private:
+  DKString m_text;
+};
+
+// The result of a fallible operation: success (no error, or an error whose code is 0) or a
+// shared reference to an error object.
+class DK_EXPORT DKErrorID {
+public:
+  enum DefaultConstant { SUCCESS = 0 };
+
+  DKErrorID() noexcept = default;
+  DKErrorID(DefaultConstant) noexcept {}
+  DKErrorID(const DKSmartPtrToConst<DKErrorI>& error) noexcept : m_error(error) {}
+  template <class E, class = std::enable_if_t<std::is_convertible_v<E*, const DKErrorI*>>>
+  DKErrorID(const DKSmartPtr<E>& error) noexcept : m_error(error.Get()) {}
+  explicit DKErrorID(const DKErrorI* error) noexcept : m_error(error) {}
+
+  bool IsSuccess() const noexcept { return !m_error || m_error->GetCode() == 0; }
+  bool Good() const noexcept { return IsSuccess(); }
+  bool Bad() const noexcept { return !IsSuccess(); }
+  operator int() const noexcept { return m_error ? static_cast<int>(m_error->GetCode()) : 0; }
+  long GetCode() const noexcept { return m_error ? m_error->GetCode() : 0; }
+  const DKSmartPtrToConst<DKErrorI>& GetError() const noexcept { return m_error; }
+  // "SUCCESS" when there is no error object, else the error's text.
+  DKString AsString() const;
+
+private:
+  DKSmartPtrToConst<DKErrorI> m_error;
+};
+
+// The library's own message set, held by an in-memory message source.
+enum DKLibraryMessage : long {
+  DK_MSG_UNSPECIFIED = 1,          // "Unspecified failure"
+  DK_MSG_INVALID_ARGUMENT = 2,     // "Invalid argument: %0:s"
+  DK_MSG_INVALID_UTF8 = 3,         // "Invalid UTF-8 sequence at byte %0:d"
+  DK_MSG_UNKNOWN_CODE_PAGE = 4,    // "Unknown code page %0:d"
+  DK_MSG_UNMAPPABLE_CHARACTER = 5, // "Character at position %0:d has no form in code page %1:d"
+  DK_MSG_INVALID_UTF16 = 6,        // "Unpaired surrogate at position %0:d"
+  DK_MSG_SYSTEM_ERROR = 7,         // "System error %0:d: %1:s"
+  DK_MSG_TEXT_TOO_LONG = 8,        // "Text too long: %0:d code units"
+  DK_MSG_INVALID_DATE = 9,         // "Invalid date: %0:s"
+  DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
+};
+
+// A new error of the library's own message set; add its parameters, then return it as a
+// DKErrorID.
+DK_EXPORT DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severity severity = DKErrorI::SeverityError);

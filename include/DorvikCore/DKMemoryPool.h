@@ -1,0 +1,21 @@
+// The library's memory pool: every string block and error parameter comes from here, and the
+// live counters let tests and applications check that nothing leaks.
+#pragma once
+
+#include <DorvikCore/DKTypes.h>
+
+class DK_EXPORT DMMemoryPool {
+public:
+  // Returns a block of at least `size` bytes, aligned for any fundamental type. Throws
+  // std::bad_alloc when the system has no memory left.
+  static void* New(std::size_t size);
+  // Frees a block returned by New; a null pointer is ignored.
+  static void Delete(void* block) noexcept;
+
+  // Blocks handed out by New and not yet given back to Delete.
+  static std::size_t GetLiveBlocks() noexcept;
+  // Bytes requested by those blocks.
+  static std::size_t GetLiveBytes() noexcept;
+  // Blocks handed out since the process started.
+  static std::size_t GetTotalBlocks() noexcept;
+};

@@ -1,0 +1,266 @@
+// DKString: the library's text type. UTF-16 code units in one counted block shared by
+// copies and copied just before a sharer changes it (copy on write).
+#pragma once
+
+#include <DorvikCore/DKMemoryPool.h>
+#include <DorvikCore/DKPointerVector.h>
+#include <DorvikCore/DKRefCount.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <functional>
+#include <iosfwd>
+#include <string>
+
+class DKErrorID;
+class DKCollator;
+class DKStringConverter;
+
+class DK_EXPORT DKString {
+public:
+  // The one heap block behind a string: header, then capacity + 1 code units of text.
+  struct DataDef {
+    std::uint32_t capacity;               // code units requested; room for capacity + 1
+    std::atomic<std::int32_t> references; // additional sharers: 0 means one owner
+    std::uint32_t length;                 // code units in use, without the terminator
+    DKChar text[1];                       // text[length] is always 0
+
+    DKChar* Text() noexcept { return text; }
+    const DKChar* Text() const noexcept { return text; }
+  };
+  static_assert(sizeof(std::atomic<std::int32_t>) == 4, "the block header is three 32-bit fields");
+
+  static constexpr std::size_t npos = static_cast<std::size_t>(-1);
+  // Longest text a block can hold: lengths are stored in 32 bits.
+  static constexpr std::size_t maxLength = 0xFFFFFFFEu;
+
+  // Construction and assignment. A null source pointer gives the empty string.
+  DKString() noexcept : m_pData(EmptyData()) {}
+  DKString(const DKChar* text, std::size_t count = 0);
+  explicit DKString(DKChar ch);
+  DKString(DKChar ch, std::size_t repeat);
+  DKString(const DKStdString& text);
+  DKString(const DKString& other) noexcept;
+  DKString(DKString&& other) noexcept : m_pData(other.m_pData) { other.m_pData = EmptyData(); }
+  ~DKString() { Release(m_pData); }
+
+  DKString& operator=(const DKString& other) noexcept;
+  DKString& operator=(DKString&& other) noexcept;
+  DKString& operator=(const DKChar* text);
+  DKString& operator=(DKChar ch);
+  DKString& operator=(const DKStdString& text) { return Assign(text.c_str(), text.size()); }
+  DKString& Assign(const DKString& other) noexcept { return *this = other; }
+  // count 0: copy up to the terminator; otherwise exactly count code units.
+  DKString& Assign(const DKChar* text, std::size_t count = 0);
+  void Clear() noexcept;
+  void swap(DKString& other) noexcept { std::swap(m_pData, other.m_pData); }
+
+#if !DK_WCHAR_IS_DKCHAR
+  // Platform wide text (UTF-32 here) is transcoded; a code point beyond U+FFFF becomes a
+  // surrogate pair and an invalid one becomes U+FFFD.
+  DKString(const wchar_t* text);
+  DKString(const std::wstring& text);
+  DKString& operator=(const wchar_t* text);
+  DKString& operator=(const std::wstring& text);
+  DKString& Append(const wchar_t* text);
+  DKString& operator+=(const wchar_t* text) { return Append(text); }
+  DKString& operator+=(const std::wstring& text);
+  std::wstring AsStdWString() const;
+  explicit operator std::wstring() const { return AsStdWString(); }
+#endif
+
+  DKStdString AsStdString() const { return DKStdString(c_str(), Length()); }
+  explicit operator DKStdString() const { return AsStdString(); }
+
+  // Access.
+  std::size_t Length() const noexcept { return m_pData->length; }
+  std::size_t Len() const noexcept { return m_pData->length; }
+  std::size_t Capacity() const noexcept { return m_pData->capacity; }
+  const DKChar* AsWChar() const noexcept { return m_pData->Text(); }
+  const DKChar* c_str() const noexcept { return m_pData->Text(); }
+  bool IsNull() const noexcept { return m_pData->length == 0; }
+  bool IsEmpty() const noexcept { return m_pData->length == 0; }
+  // No range check: pos must be below Length() (pos == Length() reads the terminator).
+  DKChar operator[](std::size_t pos) const noexcept { return m_pData->Text()[pos]; }
+  void Set(std::size_t pos, DKChar ch);
+  const DKChar* begin() const noexcept { return c_str(); }
+  const DKChar* end() const noexcept { return c_str() + Length(); }
+
+  // Editing. Every editing operation first makes the block private.
+  DKString& Append(const DKChar* text, std::size_t count = 0);
+  DKString& Append(const DKString& other);
+  DKString& Append(DKChar ch) {
+    DataDef* d = m_pData;
+    const std::uint32_t len = d->length;
+    if (len < d->capacity && d->references.load(std::memory_order_relaxed) < 1) {
+      d->Text()[len] = ch;
+      d->Text()[len + 1] = 0;
+      d->length = len + 1;
+      return *this;
+    }
+    return AppendSlow(ch);
+  }
+  DKString& operator+=(const DKString& other) { return Append(other); }
+  DKString& operator+=(const DKChar* text) { return Append(text); }
+  DKString& operator+=(DKChar ch) { return Append(ch); }
+
+  DKString& Insert(std::size_t pos, const DKChar* text);
+  DKString& Insert(std::size_t pos, const DKString& text);
+  DKString& Insert(std::size_t pos, DKChar ch);
+  DKString& Remove(std::size_t pos, std::size_t count);
+  DKString SubStr(std::size_t pos, std::size_t count = npos) const;
+  // Replaces every occurrence of find, left to right; returns how many were replaced.
+  std::size_t Replace(const DKChar* find, const DKChar* replacement);
+  std::size_t Replace(const DKString& find, const DKString& replacement);
+  std::size_t Replace(const DKString& find, const DKChar* replacement);
+  DKString& Upper();
+  DKString& Lower();
+  void Reserve(std::size_t capacity) { ResizeCapacity(capacity); }
+  // Makes the block private and able to hold `capacity` code units (see the .cpp).
+  void ResizeCapacity(std::size_t capacity);
+
+  // Trimming. Callers pass 0 as the start of a left trim and npos for a right trim.
+  DKString& LTrim(DKChar ch = DK_T(' '), std::size_t start = 0);
+  DKString& RTrim(DKChar ch = DK_T(' '), std::size_t start = npos);
+  DKString& LTrim(const DKChar* set, std::size_t start = 0);
+  DKString& RTrim(const DKChar* set, std::size_t start = npos);
+  DKString& LTrim(const DKString& set, std::size_t start = 0) { return LTrim(set.c_str(), start); }
+  DKString& RTrim(const DKString& set, std::size_t start = npos) { return RTrim(set.c_str(), start); }
+  DKString& Trim(const DKChar* set = DK_T(" \t")) { return RTrim(set).LTrim(set); }
+
+  // Searching; each returns a position or npos. A null text counts as empty.
+  std::size_t Find(const DKChar* text, std::size_t start = 0) const;
+  std::size_t Find(const DKString& text, std::size_t start = 0) const;
+  std::size_t Find(DKChar ch, std::size_t start = 0) const;
+  std::size_t RFind(const DKChar* text, std::size_t start = npos) const;
+  std::size_t RFind(const DKString& text, std::size_t start = npos) const;
+  std::size_t RFind(DKChar ch, std::size_t start = npos) const;
+  std::size_t FindFirstOf(const DKChar* set, std::size_t start = 0) const;
+  std::size_t FindFirstNotOf(const DKChar* set, std::size_t start = 0) const;
+  std::size_t FindLastOf(const DKChar* set, std::size_t start = npos) const;
+  std::size_t FindLastNotOf(const DKChar* set, std::size_t start = npos) const;
+  std::size_t FindFirstOf(const DKString& set, std::size_t start = 0) const { return FindFirstOf(set.c_str(), start); }
+  std::size_t FindFirstNotOf(const DKString& set, std::size_t start = 0) const { return FindFirstNotOf(set.c_str(), start); }
+  std::size_t FindLastOf(const DKString& set, std::size_t start = npos) const { return FindLastOf(set.c_str(), start); }
+  std::size_t FindLastNotOf(const DKString& set, std::size_t start = npos) const { return FindLastNotOf(set.c_str(), start); }
+
+  // Comparison. Flag bit 1 ignores case, bit 2 ignores accents; other bits are ignored.
+  // Without flags the result is exactly -1, 0 or 1.
+  enum CompareFlags : long { CaseSensitive = 0, IgnoreCase = 1, IgnoreAccent = 2, IgnoreCaseAndAccent = 3 };
+  int Compare(const DKChar* other, long flags = 0) const;
+  int Compare(const DKString& other, long flags = 0) const;
+  int Compare(const DKString& other, const DKSmartPtrToConst<DKCollator>& collator) const;
+  int Compare(const DKChar* other, const DKSmartPtrToConst<DKCollator>& collator) const;
+  bool IsEqual(const DKString& other, long flags = 0) const { return Compare(other, flags) == 0; }
+  bool IsEqual(const DKChar* other, long flags = 0) const { return Compare(other, flags) == 0; }
+
+  // Number conversions. When ok is given it is always written.
+  int AsInt(bool* ok = nullptr) const;
+  long AsLong(bool* ok = nullptr) const;         // 32-bit range on every platform
+  DKDuration AsDKDuration(bool* ok = nullptr) const;
+  unsigned int AsUint(bool* ok = nullptr) const;
+  unsigned long AsULong(bool* ok = nullptr) const; // 32-bit range on every platform
+  double AsDouble(bool* ok = nullptr) const;
+  DKInt64 AsInt64(bool* ok = nullptr) const;
+  DKUInt64 AsUInt64(bool* ok = nullptr) const;
+
+  // Text conversions. Code pages: 0 and 65001 (UTF-8), 1252 (Windows Western), 28591 (Latin-1).
+  // AsMbString never fails: a character the code page lacks becomes '?'.
+  std::string AsMbString(unsigned int codePage) const;
+  std::string AsMbString(const DKSmartPtr<DKStringConverter>& converter) const;
+  std::string AsUTF8() const;
+  // Replaces the text by the decoded UTF-8; on invalid input the string is left unchanged.
+  DKErrorID SetFromUTF8(const char* text, std::size_t length = npos);
+  DKErrorID ConvertToUnicode(const char* text, unsigned int codePage);
+  static DKErrorID ConvertToUnicode(const char* text, unsigned int codePage, DKString& out);
+  DKErrorID ConvertFromUnicode(std::string& out, unsigned int codePage) const;
+
+  // printf-style formatting with the library's engine: in this wide format "%s" takes a
+  // DKChar string and "%S" a narrow (UTF-8) one. Replaces the text by the result.
+  DKString& Format(const DKChar* format, ...);
+  DKString& FormatV(const DKChar* format, va_list args);
+  DKString& Format(const DKChar* format, va_list args) { return FormatV(format, args); }
+
+  // Reversible scrambling of the text. Obfuscation only: it does not protect a secret from
+  // anyone who has the library.
+  DKString& Encrypt();
+  DKString& Decrypt();
+  bool IsEncrypted() const;
+
+  // Comparison operators use the plain comparison.
+  friend bool operator==(const DKString& a, const DKString& b) noexcept { return a.Equals(b); }
+  friend bool operator==(const DKString& a, const DKChar* b) { return a.Compare(b) == 0; }
+  friend bool operator<(const DKString& a, const DKString& b) { return a.Compare(b) < 0; }
+  friend bool operator<(const DKString& a, const DKChar* b) { return a.Compare(b) < 0; }
+  friend bool operator<(const DKChar* a, const DKString& b) { return b.Compare(a) > 0; }
+  friend bool operator>(const DKString& a, const DKString& b) { return a.Compare(b) > 0; }
+  friend bool operator<=(const DKString& a, const DKString& b) { return a.Compare(b) <= 0; }
+  friend bool operator>=(const DKString& a, const DKString& b) { return a.Compare(b) >= 0; }
+
+  // The block behind the string, for tests and diagnostics.
+  const DataDef* GetData() const noexcept { return m_pData; }
+  static const DataDef* GetEmptyData() noexcept { return EmptyData(); }
+
+private:
+  static DataDef glbEmptyData;
+  static DataDef* EmptyData() noexcept { return &glbEmptyData; }
+  static void Release(DataDef* data) noexcept {
+    if (data != EmptyData() && data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
+      FreeData(data);
+  }
+  static void FreeData(DataDef* data) noexcept;
+  static DataDef* AllocData(std::size_t capacity);
+
+  DKString& AppendSlow(DKChar ch);
+  bool Equals(const DKString& other) const noexcept;
+  // Copies count units of text (which may lie inside this string) as the new content.
+  void SetText(const DKChar* text, std::size_t count);
+  void AppendUnits(const DKChar* text, std::size_t count);
+  void InsertUnits(std::size_t pos, const DKChar* text, std::size_t count);
+  std::size_t ReplaceUnits(const DKChar* find, std::size_t findLen, const DKChar* repl, std::size_t replLen);
+
+  DataDef* m_pData;
+};
+
+DK_EXPORT DKString operator+(const DKString& a, const DKString& b);
+DK_EXPORT DKString operator+(const DKString& a, const DKChar* b);
+DK_EXPORT DKString operator+(const DKChar* a, const DKString& b);
+DK_EXPORT DKString operator+(const DKString& a, DKChar b);
+
+// Writes the text as UTF-8.
+DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKString& s);
+
+inline void swap(DKString& a, DKString& b) noexcept { a.swap(b); }
+
+template <>
+struct std::hash<DKString> {
+  DK_EXPORT std::size_t operator()(const DKString& s) const noexcept;
+};
+
+// Length of a terminated DKChar text; 0 for a null pointer.
+DK_EXPORT std::size_t DKStrLen(const DKChar* text) noexcept;
+
+// Natural-order comparison: digit runs compare by value, other characters without regard
+// to case; leading white space is skipped. Negative, 0 or positive.
+class DK_EXPORT DKStringNatCompare {
+public:
+  int operator()(const DKChar* a, const DKChar* b) const noexcept;
+  int operator()(const DKString& a, const DKString& b) const noexcept { return (*this)(a.c_str(), b.c_str()); }
+};
+
+// Splits a writable buffer in place at separator characters.
+class DK_EXPORT DKTokenizer {
+public:
+  DKTokenizer();
+  void SetSeparators(const DKChar* separators) { m_separators = separators; }
+  const DKString& GetSeparators() const noexcept { return m_separators; }
+  void AllowEmptyTokens(bool allow) noexcept { m_allowEmptyTokens = allow; }
+  bool AllowEmptyTokens() const noexcept { return m_allowEmptyTokens; }
+  // Overwrites each separator in buffer with 0 and appends a pointer to each token to out.
+  void Tokenize(DKChar* buffer, DKPointerVector<DKChar>& out) const;
+
+private:
+  DKString m_separators;
+  bool m_allowEmptyTokens;
+};

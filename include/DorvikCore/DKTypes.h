@@ -1,0 +1,29 @@
+// Basic types shared by every part of the library.
+#pragma once
+
+#include <DorvikCore/DKExport.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+// DKChar is one UTF-16 code unit. On Windows wchar_t is 16 bits and is used as is; elsewhere
+// wchar_t is 32 bits, so the library uses char16_t and transcodes wchar_t text at the boundary.
+#if defined(_WIN32)
+typedef wchar_t DKChar;
+#  define DK_T(text) L##text
+#  define DK_WCHAR_IS_DKCHAR 1
+#else
+typedef char16_t DKChar;
+#  define DK_T(text) u##text
+#  define DK_WCHAR_IS_DKCHAR 0
+#endif
+
+// The standard string of DKChar code units.
+typedef std::basic_string<DKChar> DKStdString;
+
+typedef std::int64_t DKInt64;
+typedef std::uint64_t DKUInt64;
+
+// The older duration count of the date-and-time classes.
+typedef std::int32_t DKDuration;
