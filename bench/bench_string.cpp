@@ -1,1 +1,78 @@
-// placeholder
+// DKString against std::u16string on the same work: copying, appending and searching.
+#include <DorvikCore/DKString.h>
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+namespace {
+
+std::u16string MakeText(std::size_t n) {
+  std::u16string s;
+  s.reserve(n);
+  for (std::size_t i = 0; i < n; ++i)
+    s.push_back(static_cast<char16_t>(u'a' + (i * 7 + i / 13) % 26));
+  return s;
+}
+
+void BM_Copy1KiB_DKString(benchmark::State& state) {
+  const DKString source(MakeText(512).c_str()); // 512 units = 1 KiB
+  for (auto _ : state) {
+    DKString copy(source);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(BM_Copy1KiB_DKString);
+
+void BM_Copy1KiB_StdU16String(benchmark::State& state) {
+  const std::u16string source = MakeText(512);
+  for (auto _ : state) {
+    std::u16string copy(source);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(BM_Copy1KiB_StdU16String);
+
+void BM_Append1M_DKString(benchmark::State& state) {
+  for (auto _ : state) {
+    DKString s;
+    for (int i = 0; i < 1000000; ++i)
+      s += static_cast<DKChar>(u'a' + (i & 15));
+    benchmark::DoNotOptimize(s);
+  }
+}
+BENCHMARK(BM_Append1M_DKString)->Unit(benchmark::kMillisecond);
+
+void BM_Append1M_StdU16String(benchmark::State& state) {
+  for (auto _ : state) {
+    std::u16string s;
+    for (int i = 0; i < 1000000; ++i)
+      s.push_back(static_cast<char16_t>(u'a' + (i & 15)));
+    benchmark::DoNotOptimize(s);
+  }
+}
+BENCHMARK(BM_Append1M_StdU16String)->Unit(benchmark::kMillisecond);
+
+// A 16-unit needle placed at the very end of 1 MiB of text that often matches its first units.
+struct SearchData {
+  std::u16string hay = MakeText(512 * 1024);
+  std::u16string needle = u"qwertyuiopasdfgh";
+  SearchData() { hay.replace(hay.size() - needle.size(), needle.size(), needle); }
+};
+
+void BM_Find16In1MiB_DKString(benchmark::State& state) {
+  const SearchData d;
+  const DKString hay(d.hay.c_str()), needle(d.needle.c_str());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(hay.Find(needle));
+}
+BENCHMARK(BM_Find16In1MiB_DKString)->Unit(benchmark::kMicrosecond);
+
+void BM_Find16In1MiB_StdU16String(benchmark::State& state) {
+  const SearchData d;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(d.hay.find(d.needle));
+}
+BENCHMARK(BM_Find16In1MiB_StdU16String)->Unit(benchmark::kMicrosecond);
+
+} // namespace

@@ -1,13 +1,13 @@
 // Counted error objects and DKErrorID, the result of every fallible operation.
 #pragma once
 
+#include <DorvikCore/DKDouble.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 
 #include <vector>
 
 class DKMessageSource;
-class DKDouble;
 class DKErrorI;
 
 // Settings for turning parameter values into text. An empty date-time format means each
@@ -39,28 +39,33 @@ private:
 };
 
 // The error interface: a code (0 means success) and a severity, plus typed parameters.
+// The base has no parameters: the count is 0, every type ParamNone, every value null and
+// every value text empty.
 class DK_EXPORT DKErrorI : public DKRefCount {
 public:
   enum Severity : std::int32_t { SeveritySuccess = 0, SeverityInfo = 1, SeverityWarning = 2, SeverityError = 3, SeverityFatal = 4 };
   enum ErrorParamType : std::int32_t {
-    ParamNone = 0,
-    ParamDouble = 1,
-    ParamInt = 2,
-    ParamLong = 3,
-    ParamDKString = 4,
-    ParamDKDateTime = 5,
-    ParamDKDouble = 6
+    ParamNone = 0,      // no parameter (index out of range)
+    ParamDouble = 1,    // double, text "%f"
+    ParamInt = 2,       // int, text "%d"
+    ParamLong = 3,      // long, text "%ld"
+    ParamDKString = 4,  // DKString, the text itself
+    ParamDKDateTime = 5, // DKDateTime; stored once the date-and-time classes exist
+    ParamDKDouble = 6   // DKDouble, text DKDouble::AsString()
   };
   static constexpr int IUID = 0x444B4552; // "DKER"
 
   DKErrorI(long code, Severity severity) noexcept : m_code(code), m_severity(severity) {}
   ~DKErrorI() override;
 
+  // The interface identifier, IUID unless a subclass answers for another interface.
   virtual int GetIUID() const;
   virtual std::size_t GetParameterCount() const;
   virtual ErrorParamType GetParameterType(std::size_t index) const;
+  // Points at the stored value (of the type GetParameterType names); null out of range.
   virtual const void* GetParameterValue(std::size_t index) const;
   virtual DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const;
+  // Writes the error's text to out; the result says whether the text could be produced.
   virtual DKErrorID AsString(DKString& out, const DKFormatContext& context) const = 0;
 
   long GetCode() const noexcept { return m_code; }
@@ -71,19 +76,22 @@ private:
   Severity m_severity;
 };
 
-// A counted error whose text comes from a message source.
+// A counted error whose text comes from a message source (the formatter).
 class DK_EXPORT DKError : public DKErrorI {
 public:
   DKError(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity = SeverityError);
   ~DKError() override;
   const DKSmartPtrToConst<DKMessageSource>& GetFormatter() const noexcept { return m_formatter; }
+  // The formatter's text for the code, its placeholders filled from this error's parameters.
+  // Without a formatter the text is "Unknown message <code>" and the result an error.
   DKErrorID AsString(DKString& out, const DKFormatContext& context) const override;
 
 private:
   DKSmartPtrToConst<DKMessageSource> m_formatter;
 };
 
-// An error with typed parameters, each a heap copy owned by the error.
+// An error with typed parameters, each a copy taken from the memory pool and owned by the
+// error. Parameters are numbered from 0 in the order they were added.
 class DK_EXPORT DKErrorWithArgs : public DKError {
 public:
   struct Storage {
@@ -104,7 +112,8 @@ public:
   std::size_t AddParam(const DKChar* value) { return AddParam(DKString(value)); }
   std::size_t AddParam(const DKDouble& value);
 
-  // False when the index is out of range or the stored type differs.
+  // False when the index is out of range or the stored type differs (a double parameter is
+  // not read as a DKDouble, nor an int as a long); out is then unchanged.
   bool GetParam(double& out, std::size_t index) const;
   bool GetParam(int& out, std::size_t index) const;
   bool GetParam(long& out, std::size_t index) const;
@@ -114,9 +123,16 @@ public:
   std::size_t GetParameterCount() const override;
   ErrorParamType GetParameterType(std::size_t index) const override;
   const void* GetParameterValue(std::size_t index) const override;
+  // "%f" for a double, "%d" for an int, "%ld" for a long, the text of a DKString,
+  // DKDouble::AsString() for a DKDouble; empty out of range.
   DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const override;
 
 private:
+  template <class T>
+  std::size_t Append(ErrorParamType type, const T& value);
+  template <class T>
+  bool Read(T& out, ErrorParamType type, std::size_t index) const;
+
   std::vector<Storage> m_params;
 };
 
@@ -125,6 +141,7 @@ class DK_EXPORT DKErrorString : public DKErrorI {
 public:
   explicit DKErrorString(const DKString& text, long code = -1, Severity severity = SeverityError);
   ~DKErrorString() override;
+  // Copies the text to out; always succeeds.
   DKErrorID AsString(DKString& out, const DKFormatContext& context) const override;
   const DKString& GetText() const noexcept { return m_text; }
 
@@ -133,12 +150,13 @@ private:
 };
 
 // The result of a fallible operation: success (no error, or an error whose code is 0) or a
-// shared reference to an error object.
+// shared reference to an error object. Copies share the object.
 class DK_EXPORT DKErrorID {
 public:
   enum DefaultConstant { SUCCESS = 0 };
 
   DKErrorID() noexcept = default;
+  // Success, whatever the constant.
   DKErrorID(DefaultConstant) noexcept {}
   DKErrorID(const DKSmartPtrToConst<DKErrorI>& error) noexcept : m_error(error) {}
   template <class E, class = std::enable_if_t<std::is_convertible_v<E*, const DKErrorI*>>>
@@ -151,14 +169,15 @@ public:
   operator int() const noexcept { return m_error ? static_cast<int>(m_error->GetCode()) : 0; }
   long GetCode() const noexcept { return m_error ? m_error->GetCode() : 0; }
   const DKSmartPtrToConst<DKErrorI>& GetError() const noexcept { return m_error; }
-  // "SUCCESS" when there is no error object, else the error's text.
+  // "SUCCESS" when there is no error object, else the error's text in a default context.
   DKString AsString() const;
 
 private:
   DKSmartPtrToConst<DKErrorI> m_error;
 };
 
-// The library's own message set, held by an in-memory message source.
+// The library's own message set, held by the library's in-memory message source
+// (DKGetLibraryMessageSource in DKMessageSource.h). The comment is the message text.
 enum DKLibraryMessage : long {
   DK_MSG_UNSPECIFIED = 1,          // "Unspecified failure"
   DK_MSG_INVALID_ARGUMENT = 2,     // "Invalid argument: %0:s"
@@ -170,6 +189,7 @@ enum DKLibraryMessage : long {
   DK_MSG_TEXT_TOO_LONG = 8,        // "Text too long: %0:d code units"
   DK_MSG_INVALID_DATE = 9,         // "Invalid date: %0:s"
   DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
+  DK_MSG_UNKNOWN_MESSAGE = 11,     // "Unknown message %0:d" (a message source lacks the code)
 };
 
 // A new error of the library's own message set; add its parameters, then return it as a

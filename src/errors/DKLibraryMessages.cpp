@@ -1,1 +1,29 @@
-// placeholder
+// The library's own messages, compiled in.
+#include <DorvikCore/DKMessageSource.h>
+
+DKSmartPtr<DKMessageSource> DKGetLibraryMessageSource() {
+  // Created once and never destroyed, so errors built while the process shuts down (static
+  // destructors) still find their text.
+  static DKMessageSource* const source = [] {
+    auto* messages = new DKMemoryMessageSource{
+        {DK_MSG_UNSPECIFIED, DK_T("Unspecified failure")},
+        {DK_MSG_INVALID_ARGUMENT, DK_T("Invalid argument: %0:s")},
+        {DK_MSG_INVALID_UTF8, DK_T("Invalid UTF-8 sequence at byte %0:d")},
+        {DK_MSG_UNKNOWN_CODE_PAGE, DK_T("Unknown code page %0:d")},
+        {DK_MSG_UNMAPPABLE_CHARACTER, DK_T("Character at position %0:d has no form in code page %1:d")},
+        {DK_MSG_INVALID_UTF16, DK_T("Unpaired surrogate at position %0:d")},
+        {DK_MSG_SYSTEM_ERROR, DK_T("System error %0:d: %1:s")},
+        {DK_MSG_TEXT_TOO_LONG, DK_T("Text too long: %0:d code units")},
+        {DK_MSG_INVALID_DATE, DK_T("Invalid date: %0:s")},
+        {DK_MSG_DUPLICATE_PLUGIN_ID, DK_T("Duplicate plug-in id %0:s")},
+        {DK_MSG_UNKNOWN_MESSAGE, DK_T("Unknown message %0:d")},
+    };
+    messages->AddRef();
+    return messages;
+  }();
+  return DKSmartPtr<DKMessageSource>(source);
+}
+
+DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severity severity) {
+  return DKSmartPtr<DKErrorWithArgs>(new DKErrorWithArgs(DKGetLibraryMessageSource(), code, severity));
+}

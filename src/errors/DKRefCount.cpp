@@ -1,1 +1,4 @@
-// placeholder
+#include <DorvikCore/DKRefCount.h>
+
+// Out of line so the class's type information and virtual table live in the library.
+DKRefCount::~DKRefCount() = default;

@@ -1,1 +1,729 @@
-// placeholder
+// The printf-style formatting engine: one template over the format's character kind (DKChar
+// formats write a DKString, char formats a std::string). The engine parses each conversion,
+// asks a DKFormatArgSource for exactly the argument the conversion names, formats numbers
+// with snprintf and writes text itself, converting between UTF-8 and UTF-16 where the
+// argument and the output differ in kind.
+#include <DorvikCore/DKFormat.h>
+
+#include "text/DKUtf.h"
+
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+
+DKFormatArgSource::~DKFormatArgSource() = default;
+
+namespace {
+
+// Arguments read from a va_list. Characters arrive promoted to int; "%t" arguments
+// (ptrdiff_t) are read as the unsigned type of the same width.
+class VaArgSource final : public DKFormatArgSource {
+public:
+  explicit VaArgSource(va_list args) { va_copy(m_args, args); }
+  ~VaArgSource() override { va_end(m_args); }
+  VaArgSource(const VaArgSource&) = delete;
+  VaArgSource& operator=(const VaArgSource&) = delete;
+
+  int NextInt() override { return va_arg(m_args, int); }
+  unsigned int NextUnsigned() override { return va_arg(m_args, unsigned int); }
+  long NextLong() override { return va_arg(m_args, long); }
+  unsigned long NextUnsignedLong() override { return va_arg(m_args, unsigned long); }
+  long long NextLongLong() override { return va_arg(m_args, long long); }
+  unsigned long long NextUnsignedLongLong() override { return va_arg(m_args, unsigned long long); }
+  std::size_t NextSize() override { return va_arg(m_args, std::size_t); }
+  double NextDouble() override { return va_arg(m_args, double); }
+  long double NextLongDouble() override { return va_arg(m_args, long double); }
+  const void* NextPointer() override { return va_arg(m_args, const void*); }
+  const char* NextNarrowString() override { return va_arg(m_args, const char*); }
+  const DKChar* NextWideString() override { return va_arg(m_args, const DKChar*); }
+  void* NextCountPointer() override { return va_arg(m_args, void*); }
+
+private:
+  va_list m_args;
+};
+
+// "j" arguments (intmax_t) are read as long long, "t" arguments (ptrdiff_t) as size_t.
+static_assert(sizeof(std::intmax_t) == sizeof(long long) && sizeof(std::ptrdiff_t) == sizeof(std::size_t));
+
+// ---------------------------------------------------------------------------------------------
+// Output: the two string types behind one set of operations.
+
+template <class CharT>
+struct OutputTraits;
+
+template <>
+struct OutputTraits<DKChar> {
+  using String = DKString;
+  static void Append(DKString& s, const DKChar* text, std::size_t n) {
+    if (n) // DKString::Append reads a count of 0 as "up to the terminator"
+      s.Append(text, n);
+  }
+  static std::size_t Length(const DKString& s) noexcept { return s.Length(); }
+  static const void* Begin(const DKString& s) noexcept { return s.c_str(); }
+  static const void* End(const DKString& s) noexcept { return s.c_str() + s.Capacity() + 1; }
+};
+
+template <>
+struct OutputTraits<char> {
+  using String = std::string;
+  static void Append(std::string& s, const char* text, std::size_t n) { s.append(text, n); }
+  static std::size_t Length(const std::string& s) noexcept { return s.size(); }
+  static const void* Begin(const std::string& s) noexcept { return s.data(); }
+  static const void* End(const std::string& s) noexcept { return s.data() + s.capacity() + 1; }
+};
+
+template <class CharT>
+using OutString = typename OutputTraits<CharT>::String;
+
+// True when p lies inside the buffer of s, which appending may move.
+template <class CharT>
+bool PointsInto(const void* p, const OutString<CharT>& s) noexcept {
+  const auto at = reinterpret_cast<std::uintptr_t>(p);
+  return at >= reinterpret_cast<std::uintptr_t>(OutputTraits<CharT>::Begin(s)) &&
+         at < reinterpret_cast<std::uintptr_t>(OutputTraits<CharT>::End(s));
+}
+
+bool IsAscii(const char* text, std::size_t n) noexcept {
+  for (std::size_t i = 0; i < n; ++i)
+    if (static_cast<unsigned char>(text[i]) >= 0x80)
+      return false;
+  return true;
+}
+
+bool IsAscii(const DKChar* text, std::size_t n) noexcept {
+  for (std::size_t i = 0; i < n; ++i)
+    if (text[i] >= 0x80)
+      return false;
+  return true;
+}
+
+// Collects output in a stack buffer and hands it to the string in large pieces, so a short
+// result costs one allocation of the right size.
+template <class CharT>
+class Sink {
+public:
+  using Traits = OutputTraits<CharT>;
+  using String = OutString<CharT>;
+
+  explicit Sink(String& out) : m_out(out) {}
+  Sink(const Sink&) = delete;
+  Sink& operator=(const Sink&) = delete;
+
+  const String& Out() const noexcept { return m_out; }
+  std::size_t Length() const noexcept { return Traits::Length(m_out) + m_used; }
+
+  void Flush() {
+    Traits::Append(m_out, m_buffer, m_used);
+    m_used = 0;
+  }
+
+  void Put(CharT ch) {
+    if (m_used == kSize)
+      Flush();
+    m_buffer[m_used++] = ch;
+  }
+
+  // Text of the output's own kind. The text must not lie inside the output string.
+  void Write(const CharT* text, std::size_t n) {
+    if (n > kSize - m_used) {
+      Flush();
+      if (n >= kSize) {
+        Traits::Append(m_out, text, n);
+        return;
+      }
+    }
+    std::copy_n(text, n, m_buffer + m_used);
+    m_used += n;
+  }
+
+  void Fill(CharT ch, std::size_t n) {
+    while (n) {
+      if (m_used == kSize)
+        Flush();
+      const std::size_t k = std::min(n, kSize - m_used);
+      std::fill_n(m_buffer + m_used, k, ch);
+      m_used += k;
+      n -= k;
+    }
+  }
+
+  // UTF-8 text: copied into narrow output, decoded (invalid bytes become U+FFFD) into wide.
+  void WriteUtf8(const char* text, std::size_t n) {
+    if constexpr (std::is_same_v<CharT, char>) {
+      Write(text, n);
+    } else {
+      std::size_t i = 0;
+      while (i < n) {
+        if (m_used == kSize)
+          Flush();
+        const std::size_t end = std::min(n, i + (kSize - m_used));
+        for (; i < end; ++i) {
+          const auto byte = static_cast<unsigned char>(text[i]);
+          if (byte >= 0x80) {
+            Flush();
+            dkutf::Utf8ToUtf16(text + i, n - i, m_out, true);
+            return;
+          }
+          m_buffer[m_used++] = byte;
+        }
+      }
+    }
+  }
+
+  // UTF-16 text: copied into wide output, encoded as UTF-8 into narrow.
+  void WriteUtf16(const DKChar* text, std::size_t n) {
+    if constexpr (std::is_same_v<CharT, DKChar>) {
+      Write(text, n);
+    } else {
+      Flush();
+      dkutf::Utf16ToUtf8(text, n, m_out);
+    }
+  }
+
+private:
+  static constexpr std::size_t kSize = 256;
+
+  String& m_out;
+  std::size_t m_used = 0;
+  CharT m_buffer[kSize];
+};
+
+// ---------------------------------------------------------------------------------------------
+// Conversion specifications.
+
+enum class Size { None, Char, Short, Long, LongLong, LongDouble, Int32, Int64, PtrSize, IntMax, PtrDiff, Wide };
+
+struct Spec {
+  bool left = false;
+  bool plus = false;
+  bool space = false;
+  bool zero = false;
+  bool alternate = false;
+  bool widthFromArg = false;
+  bool precisionFromArg = false;
+  bool hasPrecision = false;
+  bool tooLarge = false; // a width or precision written as digits went over the limit
+  long long width = 0;
+  long long precision = 0;
+  Size size = Size::None;
+  unsigned conversion = 0; // 0: the format ended inside the specification
+};
+
+template <class CharT>
+bool IsDigit(CharT c) noexcept {
+  return c >= '0' && c <= '9';
+}
+
+// Reads a run of digits; values above the limit are clamped and flagged.
+template <class CharT>
+const CharT* ParseNumber(const CharT* p, long long& value, bool& tooLarge) noexcept {
+  value = 0;
+  for (; IsDigit(*p); ++p) {
+    value = value * 10 + (*p - '0');
+    if (value > DKFormatMaxWidth) {
+      value = DKFormatMaxWidth + 1LL;
+      tooLarge = true;
+    }
+  }
+  return p;
+}
+
+// Parses what follows a '%'; returns the position after the conversion letter (or at the
+// terminator when the format ends first). Consumes no argument.
+template <class CharT>
+const CharT* ParseSpec(const CharT* p, Spec& spec) noexcept {
+  for (;; ++p) {
+    switch (*p) {
+    case '-': spec.left = true; continue;
+    case '+': spec.plus = true; continue;
+    case ' ': spec.space = true; continue;
+    case '0': spec.zero = true; continue;
+    case '#': spec.alternate = true; continue;
+    default: break;
+    }
+    break;
+  }
+  if (*p == '*') {
+    spec.widthFromArg = true;
+    ++p;
+  } else {
+    p = ParseNumber(p, spec.width, spec.tooLarge);
+  }
+  if (*p == '.') {
+    spec.hasPrecision = true;
+    if (*++p == '*') {
+      spec.precisionFromArg = true;
+      ++p;
+    } else {
+      p = ParseNumber(p, spec.precision, spec.tooLarge);
+    }
+  }
+  // Old far/near pointer markers. "F" alone is the %F conversion.
+  if (*p == 'N' || (*p == 'F' && p[1] != 0 && std::char_traits<char>::find("sSpncChlw", 9, static_cast<char>(p[1])) &&
+                    p[1] < 0x80))
+    ++p;
+  switch (*p) {
+  case 'h':
+    spec.size = p[1] == 'h' ? Size::Char : Size::Short;
+    p += spec.size == Size::Char ? 2 : 1;
+    break;
+  case 'l':
+    spec.size = p[1] == 'l' ? Size::LongLong : Size::Long;
+    p += spec.size == Size::LongLong ? 2 : 1;
+    break;
+  case 'L': spec.size = Size::LongDouble; ++p; break;
+  case 'w': spec.size = Size::Wide; ++p; break;
+  case 'z': spec.size = Size::PtrSize; ++p; break;
+  case 't': spec.size = Size::PtrDiff; ++p; break;
+  case 'j': spec.size = Size::IntMax; ++p; break;
+  case 'I':
+    if (p[1] == '6' && p[2] == '4') {
+      spec.size = Size::Int64;
+      p += 3;
+    } else if (p[1] == '3' && p[2] == '2') {
+      spec.size = Size::Int32;
+      p += 3;
+    } else {
+      spec.size = Size::PtrSize;
+      ++p;
+    }
+    break;
+  default: break;
+  }
+  spec.conversion = static_cast<unsigned>(*p);
+  if (*p)
+    ++p;
+  return p;
+}
+
+bool IsConversion(unsigned c) noexcept {
+  switch (c) {
+  case 'd': case 'i': case 'o': case 'u': case 'x': case 'X':
+  case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+  case 'c': case 'C': case 's': case 'S': case 'p': case 'n': case '%':
+    return true;
+  default:
+    return false;
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Numbers through snprintf.
+
+// Writes the snprintf conversion for `spec` (with the length modifier `modifier` and the
+// conversion letter `conversion`) into out. Returns false if the C library refused.
+template <class CharT, class T>
+bool FormatNumber(Sink<CharT>& sink, const Spec& spec, const char* modifier, char conversion, T value) {
+  char format[48];
+  char* f = format;
+  *f++ = '%';
+  if (spec.left) *f++ = '-';
+  if (spec.plus) *f++ = '+';
+  if (spec.space) *f++ = ' ';
+  if (spec.zero) *f++ = '0';
+  if (spec.alternate) *f++ = '#';
+  char* const formatEnd = format + sizeof format;
+  if (spec.width > 0)
+    f = std::to_chars(f, formatEnd, spec.width).ptr;
+  if (spec.hasPrecision) {
+    *f++ = '.';
+    f = std::to_chars(f, formatEnd, spec.precision).ptr;
+  }
+  while (*modifier)
+    *f++ = *modifier++;
+  *f++ = conversion;
+  *f = 0;
+
+  // Width and precision are bounded, so this is room for any integer and most floating-point
+  // values; the rest (huge %f values, long doubles) take the exact size snprintf reports.
+  char stackBuffer[512];
+  std::size_t size = static_cast<std::size_t>(spec.width + spec.precision) + 64;
+  std::unique_ptr<char[]> heapBuffer;
+  char* buffer = stackBuffer;
+  if (size > sizeof stackBuffer) {
+    heapBuffer.reset(new char[size]);
+    buffer = heapBuffer.get();
+  } else {
+    size = sizeof stackBuffer;
+  }
+  int n = std::snprintf(buffer, size, format, value);
+  if (n >= 0 && static_cast<std::size_t>(n) >= size) {
+    size = static_cast<std::size_t>(n) + 1;
+    heapBuffer.reset(new char[size]);
+    buffer = heapBuffer.get();
+    n = std::snprintf(buffer, size, format, value);
+  }
+  if (n < 0)
+    return false;
+  sink.WriteUtf8(buffer, static_cast<std::size_t>(n));
+  return true;
+}
+
+template <class CharT>
+bool FormatSigned(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args) {
+  long long value;
+  switch (spec.size) {
+  case Size::Char: value = static_cast<signed char>(args.NextInt()); break;
+  case Size::Short: value = static_cast<short>(args.NextInt()); break;
+  case Size::Long: value = args.NextLong(); break;
+  case Size::LongLong:
+  case Size::LongDouble:
+  case Size::Int64:
+  case Size::IntMax: value = args.NextLongLong(); break;
+  case Size::PtrSize:
+  case Size::PtrDiff: value = static_cast<std::ptrdiff_t>(args.NextSize()); break;
+  default: value = args.NextInt(); break;
+  }
+  return FormatNumber(sink, spec, "ll", 'd', value);
+}
+
+template <class CharT>
+bool FormatUnsigned(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args, char conversion) {
+  unsigned long long value;
+  switch (spec.size) {
+  case Size::Char: value = static_cast<unsigned char>(args.NextUnsigned()); break;
+  case Size::Short: value = static_cast<unsigned short>(args.NextUnsigned()); break;
+  case Size::Long: value = args.NextUnsignedLong(); break;
+  case Size::LongLong:
+  case Size::LongDouble:
+  case Size::Int64:
+  case Size::IntMax: value = args.NextUnsignedLongLong(); break;
+  case Size::PtrSize:
+  case Size::PtrDiff: value = args.NextSize(); break;
+  default: value = args.NextUnsigned(); break;
+  }
+  return FormatNumber(sink, spec, "ll", conversion, value);
+}
+
+template <class CharT>
+bool FormatFloat(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args, char conversion) {
+  if (spec.size == Size::LongDouble)
+    return FormatNumber(sink, spec, "L", conversion, args.NextLongDouble());
+  return FormatNumber(sink, spec, "", conversion, args.NextDouble());
+}
+
+template <class CharT>
+bool FormatPointer(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args) {
+  Spec pointerSpec;
+  pointerSpec.left = spec.left;
+  pointerSpec.width = spec.width;
+  pointerSpec.hasPrecision = true;
+  pointerSpec.precision = 2 * sizeof(void*);
+  const auto value = static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(args.NextPointer()));
+  return FormatNumber(sink, pointerSpec, "ll", 'X', value);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Text.
+
+// Length of text, reading no more than `limit` units.
+std::size_t BoundedLength(const char* text, std::size_t limit) noexcept {
+  const void* end = std::memchr(text, 0, limit);
+  return end ? static_cast<std::size_t>(static_cast<const char*>(end) - text) : limit;
+}
+
+std::size_t BoundedLength(const DKChar* text, std::size_t limit) noexcept {
+  std::size_t n = 0;
+  while (n < limit && text[n])
+    ++n;
+  return n;
+}
+
+// Shortens a UTF-8 text that a precision cut so that it does not end inside a sequence.
+std::size_t WholeCharacters(const char* text, std::size_t n) noexcept {
+  for (std::size_t back = 1; back <= 4 && back <= n; ++back) {
+    const auto byte = static_cast<unsigned char>(text[n - back]);
+    if ((byte & 0xC0) == 0x80)
+      continue; // continuation byte: keep looking for the lead
+    const std::size_t need = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+    return need > back ? n - back : n;
+  }
+  return n;
+}
+
+// The same for UTF-16: a high surrogate at the cut loses its partner.
+std::size_t WholeCharacters(const DKChar* text, std::size_t n) noexcept {
+  return n && text[n - 1] >= 0xD800 && text[n - 1] <= 0xDBFF ? n - 1 : n;
+}
+
+template <class CharT>
+void WriteConverted(Sink<CharT>& sink, const char* text, std::size_t n) {
+  sink.WriteUtf8(text, n);
+}
+
+template <class CharT>
+void WriteConverted(Sink<CharT>& sink, const DKChar* text, std::size_t n) {
+  sink.WriteUtf16(text, n);
+}
+
+// Writes n units of text (either kind) padded to the width.
+template <class CharT, class TextT>
+void WriteText(Sink<CharT>& sink, const Spec& spec, const TextT* text, std::size_t n) {
+  const auto width = static_cast<std::size_t>(spec.width);
+  if constexpr (std::is_same_v<CharT, TextT>) {
+    if (PointsInto<CharT>(text, sink.Out())) {
+      // The argument lives in the output, which may move while it is copied.
+      const std::basic_string<CharT> copy(text, n);
+      WriteText(sink, spec, copy.c_str(), n);
+      return;
+    }
+    const std::size_t pad = width > n ? width - n : 0;
+    if (!spec.left)
+      sink.Fill(' ', pad);
+    sink.Write(text, n);
+    if (spec.left)
+      sink.Fill(' ', pad);
+  } else {
+    if (width == 0 || IsAscii(text, n)) {
+      // One output unit per input unit.
+      const std::size_t pad = width > n ? width - n : 0;
+      if (!spec.left)
+        sink.Fill(' ', pad);
+      WriteConverted(sink, text, n);
+      if (spec.left)
+        sink.Fill(' ', pad);
+      return;
+    }
+    // The converted length decides the padding: convert first.
+    OutString<CharT> converted;
+    if constexpr (std::is_same_v<CharT, DKChar>)
+      dkutf::Utf8ToUtf16(text, n, converted, true);
+    else
+      dkutf::Utf16ToUtf8(text, n, converted);
+    Spec same = spec;
+    WriteText(sink, same, converted.c_str(), OutputTraits<CharT>::Length(converted));
+  }
+}
+
+template <class CharT, class TextT>
+void FormatString(Sink<CharT>& sink, const Spec& spec, const TextT* text) {
+  if (!text) {
+    static constexpr char null[] = "(null)";
+    const std::size_t n = spec.hasPrecision ? std::min<std::size_t>(6, spec.precision) : 6;
+    WriteText(sink, spec, null, n);
+    return;
+  }
+  std::size_t n;
+  if (spec.hasPrecision) {
+    n = BoundedLength(text, static_cast<std::size_t>(spec.precision));
+    if constexpr (!std::is_same_v<CharT, TextT>) {
+      if (n == static_cast<std::size_t>(spec.precision))
+        n = WholeCharacters(text, n);
+    }
+  } else {
+    n = std::char_traits<TextT>::length(text);
+  }
+  WriteText(sink, spec, text, n);
+}
+
+// Which kind of text a s/S/c/C conversion takes: the format's own kind for the lower-case
+// letter, the other kind for the upper-case one, unless the size names the kind.
+template <class CharT>
+bool TakesWide(const Spec& spec) noexcept {
+  if (spec.size == Size::Short)
+    return false;
+  if (spec.size == Size::Long || spec.size == Size::Wide)
+    return true;
+  const bool ownKind = spec.conversion == 's' || spec.conversion == 'c';
+  return ownKind == std::is_same_v<CharT, DKChar>;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The engine.
+
+// Performs one valid conversion; false means it is to be written as it stands.
+template <class CharT>
+bool Convert(Sink<CharT>& sink, Spec& spec, DKFormatArgSource& args) {
+  if (spec.conversion == '%') {
+    sink.Put('%');
+    return true;
+  }
+  if (spec.tooLarge)
+    return false;
+  if (spec.widthFromArg) {
+    spec.width = args.NextInt();
+    if (spec.width < 0) {
+      spec.left = true;
+      spec.width = -spec.width;
+    }
+  }
+  if (spec.precisionFromArg) {
+    spec.precision = args.NextInt();
+    spec.hasPrecision = spec.precision >= 0;
+    if (!spec.hasPrecision)
+      spec.precision = 0;
+  }
+  // A width or precision from the arguments is checked once the conversion's own argument is
+  // consumed, so that the arguments after it keep their places.
+  const bool tooLarge = spec.width > DKFormatMaxWidth || spec.precision > DKFormatMaxWidth;
+  if (tooLarge)
+    spec.width = spec.precision = 0;
+
+  bool ok = true;
+  switch (spec.conversion) {
+  case 'd':
+  case 'i': ok = FormatSigned(sink, spec, args); break;
+  case 'o':
+  case 'u':
+  case 'x':
+  case 'X': ok = FormatUnsigned(sink, spec, args, static_cast<char>(spec.conversion)); break;
+  case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+    if (tooLarge) {
+      (void)(spec.size == Size::LongDouble ? args.NextLongDouble() : args.NextDouble());
+      break;
+    }
+    ok = FormatFloat(sink, spec, args, static_cast<char>(spec.conversion));
+    break;
+  case 'p': ok = FormatPointer(sink, spec, args); break;
+  case 'n': (void)args.NextCountPointer(); break;
+  case 'c':
+  case 'C':
+    if (TakesWide<CharT>(spec)) {
+      const auto ch = static_cast<DKChar>(args.NextInt());
+      WriteText(sink, spec, &ch, 1);
+    } else {
+      const auto ch = static_cast<char>(args.NextInt());
+      WriteText(sink, spec, &ch, 1);
+    }
+    break;
+  default: // 's', 'S'
+    if (TakesWide<CharT>(spec))
+      FormatString(sink, spec, args.NextWideString());
+    else
+      FormatString(sink, spec, args.NextNarrowString());
+    break;
+  }
+  return ok && !tooLarge;
+}
+
+template <class CharT>
+void Run(Sink<CharT>& sink, const CharT* format, DKFormatArgSource& args) {
+  const CharT* p = format;
+  for (;;) {
+    const CharT* run = p;
+    while (*p && *p != '%')
+      ++p;
+    sink.Write(run, static_cast<std::size_t>(p - run));
+    if (!*p)
+      return;
+    const CharT* start = p;
+    Spec spec;
+    p = ParseSpec(p + 1, spec);
+    if (!IsConversion(spec.conversion)) {
+      // Unknown letter, or the format ended inside the specification: write it as it stands.
+      sink.Write(start, static_cast<std::size_t>(p - start));
+      continue;
+    }
+    // The numbers may be written before a refusal is known: drop them with the refusal.
+    const std::size_t mark = sink.Length();
+    if (!Convert(sink, spec, args)) {
+      if (sink.Length() == mark)
+        sink.Write(start, static_cast<std::size_t>(p - start));
+    }
+  }
+}
+
+template <class CharT>
+void Append(OutString<CharT>& out, const CharT* format, DKFormatArgSource& args) {
+  if (!format)
+    return;
+  if (PointsInto<CharT>(format, out)) {
+    // The format lives in the output, which moves as it grows: build apart, then append.
+    OutString<CharT> result;
+    Append(result, format, args);
+    OutputTraits<CharT>::Append(out, result.c_str(), OutputTraits<CharT>::Length(result));
+    return;
+  }
+  Sink<CharT> sink(out);
+  Run(sink, format, args);
+  sink.Flush();
+}
+
+} // namespace
+
+void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgSource& args) {
+  Append<DKChar>(out, format, args);
+}
+
+void DKFormatAppend(std::string& out, const char* format, DKFormatArgSource& args) {
+  Append<char>(out, format, args);
+}
+
+void DKFormatAppendV(DKString& out, const DKChar* format, va_list args) {
+  VaArgSource source(args);
+  Append<DKChar>(out, format, source);
+}
+
+void DKFormatAppendV(std::string& out, const char* format, va_list args) {
+  VaArgSource source(args);
+  Append<char>(out, format, source);
+}
+
+DKString DKFormatStringV(const DKChar* format, va_list args) {
+  DKString result;
+  DKFormatAppendV(result, format, args);
+  return result;
+}
+
+DKString DKFormatString(const DKChar* format, ...) {
+  va_list args;
+  va_start(args, format);
+  DKString result;
+  try {
+    DKFormatAppendV(result, format, args);
+  } catch (...) {
+    va_end(args);
+    throw;
+  }
+  va_end(args);
+  return result;
+}
+
+std::string DKFormatNarrowV(const char* format, va_list args) {
+  std::string result;
+  DKFormatAppendV(result, format, args);
+  return result;
+}
+
+std::string DKFormatNarrow(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  std::string result;
+  try {
+    DKFormatAppendV(result, format, args);
+  } catch (...) {
+    va_end(args);
+    throw;
+  }
+  va_end(args);
+  return result;
+}
+
+DKString& DKString::FormatV(const DKChar* format, va_list args) {
+  // Built apart: the format or an argument may be this string's own text.
+  DKString result;
+  DKFormatAppendV(result, format, args);
+  if (result.IsEmpty())
+    Clear();
+  else
+    *this = std::move(result);
+  return *this;
+}
+
+DKString& DKString::Format(const DKChar* format, ...) {
+  va_list args;
+  va_start(args, format);
+  try {
+    FormatV(format, args);
+  } catch (...) {
+    va_end(args);
+    throw;
+  }
+  va_end(args);
+  return *this;
+}

@@ -1,1 +1,631 @@
-// placeholder
+#include <DorvikCore/DKCharacter.h>
+#include <DorvikCore/DKCollator.h>
+#include <DorvikCore/DKString.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+
+// The shared empty block: constant-initialised, so strings built by other static
+// initialisers can use it; never counted and never freed.
+constinit DKString::DataDef DKString::glbEmptyData = {0, 1, 0, {0}};
+
+namespace {
+
+inline void CopyUnits(DKChar* to, const DKChar* from, std::size_t count) noexcept {
+  if (count)
+    std::memcpy(to, from, count * sizeof(DKChar));
+}
+
+inline void MoveUnits(DKChar* to, const DKChar* from, std::size_t count) noexcept {
+  if (count)
+    std::memmove(to, from, count * sizeof(DKChar));
+}
+
+[[noreturn]] void ThrowTooLong() {
+  throw std::length_error("DKString: text longer than 4294967294 code units");
+}
+
+inline bool InSet(DKChar ch, const DKChar* set) noexcept {
+  for (; *set; ++set)
+    if (*set == ch)
+      return true;
+  return false;
+}
+
+inline bool IsEmptyText(const DKChar* text) noexcept { return !text || !*text; }
+
+} // namespace
+
+std::size_t DKStrLen(const DKChar* text) noexcept {
+  return text ? std::char_traits<DKChar>::length(text) : 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Blocks
+
+DKString::DataDef* DKString::AllocData(std::size_t capacity) {
+  if (capacity == 0)
+    capacity = 1;
+  if (capacity > maxLength + 1)
+    ThrowTooLong();
+  void* raw = DMMemoryPool::New(offsetof(DataDef, text) + sizeof(DKChar) * (capacity + 1));
+  DataDef* d = new (raw) DataDef{static_cast<std::uint32_t>(capacity), 0, 0, {0}};
+  return d;
+}
+
+void DKString::FreeData(DataDef* data) noexcept {
+  data->~DataDef();
+  DMMemoryPool::Delete(data);
+}
+
+void DKString::ResizeCapacity(std::size_t capacity) {
+  DataDef* old = m_pData;
+  if (old != EmptyData() && capacity <= old->capacity && old->references.load(std::memory_order_acquire) < 1)
+    return;
+  if (capacity > maxLength + 1)
+    ThrowTooLong();
+  std::size_t newCapacity = old->capacity;
+  if (newCapacity < capacity)
+    newCapacity = std::min<std::size_t>(std::max<std::size_t>(capacity, newCapacity + newCapacity / 2), maxLength + 1);
+  DataDef* d = AllocData(newCapacity);
+  CopyUnits(d->Text(), old->Text(), old->length);
+  d->length = old->length;
+  d->Text()[d->length] = 0;
+  m_pData = d;
+  Release(old);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Construction and assignment
+
+DKString::DKString(const DKChar* text, std::size_t count) : m_pData(EmptyData()) { Assign(text, count); }
+
+DKString::DKString(DKChar ch) : m_pData(AllocData(2)) {
+  m_pData->Text()[0] = ch;
+  m_pData->Text()[1] = 0;
+  m_pData->length = 1;
+}
+
+DKString::DKString(DKChar ch, std::size_t repeat) : m_pData(EmptyData()) {
+  if (repeat == 0)
+    return;
+  if (repeat > maxLength)
+    ThrowTooLong();
+  m_pData = AllocData(repeat + 1);
+  std::fill_n(m_pData->Text(), repeat, ch);
+  m_pData->Text()[repeat] = 0;
+  m_pData->length = static_cast<std::uint32_t>(repeat);
+}
+
+DKString::DKString(const DKStdString& text) : m_pData(EmptyData()) { Assign(text.c_str()); }
+
+DKString::DKString(const DKString& other) noexcept : m_pData(other.m_pData) {
+  if (m_pData != EmptyData())
+    m_pData->references.fetch_add(1, std::memory_order_relaxed);
+}
+
+DKString& DKString::operator=(const DKString& other) noexcept {
+  DataDef* d = other.m_pData;
+  if (d == m_pData)
+    return *this;
+  if (d != EmptyData())
+    d->references.fetch_add(1, std::memory_order_relaxed);
+  Release(m_pData);
+  m_pData = d;
+  return *this;
+}
+
+DKString& DKString::operator=(DKString&& other) noexcept {
+  if (this != &other) {
+    Release(m_pData);
+    m_pData = other.m_pData;
+    other.m_pData = EmptyData();
+  }
+  return *this;
+}
+
+DKString& DKString::operator=(const DKChar* text) {
+  SetText(text, DKStrLen(text));
+  return *this;
+}
+
+DKString& DKString::operator=(DKChar ch) {
+  SetText(&ch, 1);
+  return *this;
+}
+
+DKString& DKString::Assign(const DKChar* text, std::size_t count) {
+  if (!text)
+    count = 0;
+  else if (count == 0)
+    count = DKStrLen(text);
+  SetText(text, count);
+  return *this;
+}
+
+void DKString::Clear() noexcept {
+  Release(m_pData);
+  m_pData = EmptyData();
+}
+
+void DKString::SetText(const DKChar* text, std::size_t count) {
+  if (count == 0) {
+    Clear();
+    return;
+  }
+  if (count > maxLength)
+    ThrowTooLong();
+  DataDef* d = m_pData;
+  if (d != EmptyData() && count <= d->capacity && d->references.load(std::memory_order_acquire) < 1) {
+    MoveUnits(d->Text(), text, count); // text may lie inside this block
+    d->Text()[count] = 0;
+    d->length = static_cast<std::uint32_t>(count);
+    return;
+  }
+  DataDef* nd = AllocData(count + 1);
+  CopyUnits(nd->Text(), text, count);
+  nd->Text()[count] = 0;
+  nd->length = static_cast<std::uint32_t>(count);
+  m_pData = nd;
+  Release(d);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Access and editing
+
+void DKString::Set(std::size_t pos, DKChar ch) {
+  // Writing at or past the end would overwrite the terminator or memory beyond the text.
+  if (pos >= Length())
+    return;
+  ResizeCapacity(Capacity());
+  m_pData->Text()[pos] = ch;
+}
+
+void DKString::AppendUnits(const DKChar* text, std::size_t count) {
+  const std::size_t len = Length();
+  if (count > maxLength - len)
+    ThrowTooLong();
+  const DKChar* oldText = m_pData->Text();
+  const bool inside = text >= oldText && text <= oldText + len;
+  const std::size_t offset = inside ? static_cast<std::size_t>(text - oldText) : 0;
+  ResizeCapacity(len + count + 1);
+  DKChar* dst = m_pData->Text();
+  // After a reallocation the old block may be gone; its text was copied to the same offsets.
+  const DKChar* src = inside ? dst + offset : text;
+  MoveUnits(dst + len, src, count);
+  dst[len + count] = 0;
+  m_pData->length = static_cast<std::uint32_t>(len + count);
+}
+
+DKString& DKString::Append(const DKChar* text, std::size_t count) {
+  if (!text)
+    return *this;
+  if (count == 0)
+    count = DKStrLen(text);
+  if (count)
+    AppendUnits(text, count);
+  return *this;
+}
+
+DKString& DKString::Append(const DKString& other) {
+  if (!other.IsEmpty())
+    AppendUnits(other.c_str(), other.Length());
+  return *this;
+}
+
+DKString& DKString::AppendSlow(DKChar ch) {
+  AppendUnits(&ch, 1);
+  return *this;
+}
+
+void DKString::InsertUnits(std::size_t pos, const DKChar* text, std::size_t count) {
+  const std::size_t len = Length();
+  if (pos > len)
+    pos = len;
+  if (count > maxLength - len)
+    ThrowTooLong();
+  // Text taken from this string itself is copied first: the move below would shift it.
+  DKStdString own;
+  if (text >= c_str() && text <= c_str() + len) {
+    own.assign(text, count);
+    text = own.c_str();
+  }
+  ResizeCapacity(len + count + 1);
+  DKChar* t = m_pData->Text();
+  MoveUnits(t + pos + count, t + pos, len - pos + 1);
+  CopyUnits(t + pos, text, count);
+  m_pData->length = static_cast<std::uint32_t>(len + count);
+}
+
+DKString& DKString::Insert(std::size_t pos, const DKChar* text) {
+  const std::size_t count = DKStrLen(text);
+  if (count)
+    InsertUnits(pos, text, count);
+  return *this;
+}
+
+DKString& DKString::Insert(std::size_t pos, const DKString& text) {
+  if (!text.IsEmpty())
+    InsertUnits(pos, text.c_str(), text.Length());
+  return *this;
+}
+
+DKString& DKString::Insert(std::size_t pos, DKChar ch) {
+  InsertUnits(pos, &ch, 1);
+  return *this;
+}
+
+DKString& DKString::Remove(std::size_t pos, std::size_t count) {
+  const std::size_t len = Length();
+  if (pos >= len || count == 0)
+    return *this;
+  if (count >= len - pos) {
+    if (pos == 0) {
+      Clear();
+      return *this;
+    }
+    count = len - pos;
+  }
+  ResizeCapacity(Capacity());
+  DKChar* t = m_pData->Text();
+  MoveUnits(t + pos, t + pos + count, len - pos - count + 1);
+  m_pData->length = static_cast<std::uint32_t>(len - count);
+  return *this;
+}
+
+DKString DKString::SubStr(std::size_t pos, std::size_t count) const {
+  const std::size_t len = Length();
+  if (pos >= len || count == 0)
+    return DKString();
+  if (count > len - pos)
+    count = len - pos;
+  if (pos == 0 && count == len)
+    return *this; // the whole text: share the block
+  return DKString(c_str() + pos, count);
+}
+
+std::size_t DKString::ReplaceUnits(const DKChar* find, std::size_t findLen, const DKChar* repl, std::size_t replLen) {
+  const std::basic_string_view<DKChar> text(c_str(), Length());
+  const std::basic_string_view<DKChar> needle(find, findLen);
+  std::size_t pos = text.find(needle);
+  if (findLen == 0 || pos == npos)
+    return 0;
+  // The result is built in a new string while this one (and any text of find or repl that
+  // lies inside it) stays intact.
+  DKString result;
+  result.ResizeCapacity(Length() + 1);
+  std::size_t from = 0;
+  std::size_t replaced = 0;
+  while (pos != npos) {
+    result.AppendUnits(c_str() + from, pos - from);
+    if (replLen)
+      result.AppendUnits(repl, replLen);
+    from = pos + findLen;
+    ++replaced;
+    pos = text.find(needle, from);
+  }
+  result.AppendUnits(c_str() + from, Length() - from);
+  if (result.IsEmpty())
+    result.Clear();
+  swap(result);
+  return replaced;
+}
+
+std::size_t DKString::Replace(const DKChar* find, const DKChar* replacement) {
+  if (IsEmptyText(find))
+    return 0;
+  return ReplaceUnits(find, DKStrLen(find), replacement, DKStrLen(replacement));
+}
+
+std::size_t DKString::Replace(const DKString& find, const DKString& replacement) {
+  if (find.IsEmpty())
+    return 0;
+  // Hold the texts: either may share this string's block, which the swap would release.
+  const DKString f(find), r(replacement);
+  return ReplaceUnits(f.c_str(), f.Length(), r.c_str(), r.Length());
+}
+
+std::size_t DKString::Replace(const DKString& find, const DKChar* replacement) {
+  if (find.IsEmpty())
+    return 0;
+  const DKString f(find);
+  return ReplaceUnits(f.c_str(), f.Length(), replacement, DKStrLen(replacement));
+}
+
+namespace {
+
+// Maps every unit through map; leaves the block untouched (and shared) when nothing changes.
+template <class Map>
+void MapUnits(DKString& s, Map map) {
+  const std::size_t len = s.Length();
+  std::size_t i = 0;
+  while (i < len && map(s[i]) == s[i])
+    ++i;
+  for (; i < len; ++i) {
+    const DKChar mapped = map(s[i]);
+    if (mapped != s[i])
+      s.Set(i, mapped);
+  }
+}
+
+} // namespace
+
+DKString& DKString::Upper() {
+  MapUnits(*this, DKtowupper);
+  return *this;
+}
+
+DKString& DKString::Lower() {
+  MapUnits(*this, DKtowlower);
+  return *this;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Trimming
+
+DKString& DKString::LTrim(DKChar ch, std::size_t start) {
+  const std::size_t len = Length();
+  if (len == 0)
+    return *this;
+  std::size_t k = start >= len ? len - 1 : start;
+  const DKChar* t = c_str();
+  while (k < len && t[k] == ch)
+    ++k;
+  if (k != 0)
+    Remove(0, k);
+  return *this;
+}
+
+DKString& DKString::RTrim(DKChar ch, std::size_t start) {
+  const std::size_t len = Length();
+  if (len == 0)
+    return *this;
+  const DKChar* t = c_str();
+  std::size_t n = 0;
+  for (std::size_t i = std::min(start, len - 1) + 1; i-- > 0 && t[i] == ch;)
+    ++n;
+  if (n != 0)
+    Remove(len - n, n);
+  return *this;
+}
+
+DKString& DKString::LTrim(const DKChar* set, std::size_t start) {
+  const std::size_t len = Length();
+  if (len == 0)
+    return *this;
+  if (start >= len) {
+    Clear();
+    return *this;
+  }
+  if (IsEmptyText(set))
+    return *this;
+  const std::size_t k = FindFirstNotOf(set, start);
+  if (k == npos)
+    Clear();
+  else if (k != 0)
+    Remove(0, k);
+  return *this;
+}
+
+DKString& DKString::RTrim(const DKChar* set, std::size_t start) {
+  const std::size_t len = Length();
+  if (IsEmptyText(set) || len == 0)
+    return *this;
+  const std::size_t j = FindLastNotOf(set, std::min(start, len - 1));
+  if (j == npos)
+    Clear();
+  else if (j != len - 1)
+    Remove(j + 1, npos);
+  return *this;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Searching
+
+std::size_t DKString::Find(const DKChar* text, std::size_t start) const {
+  const std::size_t len = Length();
+  if (start >= len)
+    return npos;
+  const std::size_t n = DKStrLen(text);
+  if (n == 0)
+    return start;
+  return std::basic_string_view<DKChar>(c_str(), len).find(std::basic_string_view<DKChar>(text, n), start);
+}
+
+std::size_t DKString::Find(const DKString& text, std::size_t start) const {
+  const std::size_t len = Length();
+  if (start >= len)
+    return npos;
+  if (text.IsEmpty())
+    return start;
+  return std::basic_string_view<DKChar>(c_str(), len)
+      .find(std::basic_string_view<DKChar>(text.c_str(), text.Length()), start);
+}
+
+std::size_t DKString::Find(DKChar ch, std::size_t start) const {
+  const std::size_t len = Length();
+  if (start >= len)
+    return npos;
+  const DKChar* t = c_str();
+  const DKChar* hit = std::char_traits<DKChar>::find(t + start, len - start, ch);
+  return hit ? static_cast<std::size_t>(hit - t) : npos;
+}
+
+namespace {
+
+// The last occurrence of needle that begins at or before start; start is already in range.
+std::size_t LastOccurrence(const DKChar* text, std::size_t len, const DKChar* needle, std::size_t n,
+                           std::size_t start) {
+  if (n == 0)
+    return start;
+  if (n > len)
+    return DKString::npos;
+  return std::basic_string_view<DKChar>(text, len).rfind(std::basic_string_view<DKChar>(needle, n), start);
+}
+
+} // namespace
+
+std::size_t DKString::RFind(const DKChar* text, std::size_t start) const {
+  const std::size_t len = Length();
+  if (len == 0)
+    return npos;
+  return LastOccurrence(c_str(), len, text, DKStrLen(text), std::min(start, len - 1));
+}
+
+std::size_t DKString::RFind(const DKString& text, std::size_t start) const {
+  const std::size_t len = Length();
+  if (len == 0)
+    return npos;
+  return LastOccurrence(c_str(), len, text.c_str(), text.Length(), std::min(start, len - 1));
+}
+
+std::size_t DKString::RFind(DKChar ch, std::size_t start) const {
+  const std::size_t len = Length();
+  if (len == 0)
+    return npos;
+  const DKChar* t = c_str();
+  for (std::size_t i = std::min(start, len - 1) + 1; i-- > 0;)
+    if (t[i] == ch)
+      return i;
+  return npos;
+}
+
+std::size_t DKString::FindFirstOf(const DKChar* set, std::size_t start) const {
+  const std::size_t len = Length();
+  if (start >= len || IsEmptyText(set))
+    return npos;
+  const DKChar* t = c_str();
+  for (std::size_t i = start; i < len; ++i)
+    if (InSet(t[i], set))
+      return i;
+  return npos;
+}
+
+std::size_t DKString::FindFirstNotOf(const DKChar* set, std::size_t start) const {
+  const std::size_t len = Length();
+  if (start >= len)
+    return npos;
+  if (IsEmptyText(set))
+    return 0; // deliberately 0, not start
+  const DKChar* t = c_str();
+  for (std::size_t i = start; i < len; ++i)
+    if (!InSet(t[i], set))
+      return i;
+  return npos;
+}
+
+std::size_t DKString::FindLastOf(const DKChar* set, std::size_t start) const {
+  const std::size_t len = Length();
+  if (IsEmptyText(set) || len == 0)
+    return npos;
+  const DKChar* t = c_str();
+  for (std::size_t i = std::min(start, len - 1) + 1; i-- > 0;)
+    if (InSet(t[i], set))
+      return i;
+  return npos;
+}
+
+std::size_t DKString::FindLastNotOf(const DKChar* set, std::size_t start) const {
+  const std::size_t len = Length();
+  if (IsEmptyText(set))
+    return len - 1; // whatever start is; npos for an empty string
+  if (len == 0)
+    return npos;
+  const DKChar* t = c_str();
+  for (std::size_t i = std::min(start, len - 1) + 1; i-- > 0;)
+    if (!InSet(t[i], set))
+      return i;
+  return npos;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Comparison
+
+namespace {
+
+int PlainCompare(const DKChar* a, std::size_t na, const DKChar* b, std::size_t nb) noexcept {
+  const std::size_t n = std::min(na, nb);
+  for (std::size_t i = 0; i < n; ++i)
+    if (a[i] != b[i])
+      return static_cast<std::uint16_t>(a[i]) < static_cast<std::uint16_t>(b[i]) ? -1 : 1;
+  return na == nb ? 0 : (na < nb ? -1 : 1);
+}
+
+} // namespace
+
+bool DKString::Equals(const DKString& other) const noexcept {
+  if (m_pData == other.m_pData)
+    return true;
+  const std::size_t len = Length();
+  return len == other.Length() && std::memcmp(c_str(), other.c_str(), len * sizeof(DKChar)) == 0;
+}
+
+int DKString::Compare(const DKChar* other, long flags) const {
+  if (!other)
+    return IsEmpty() ? 0 : -1;
+  const std::size_t otherLen = DKStrLen(other);
+  if (flags & 3)
+    if (const DKCollator* collator = DKGetFlagsCollator(flags & 3))
+      return collator->Compare(c_str(), Length(), other, otherLen);
+  return PlainCompare(c_str(), Length(), other, otherLen);
+}
+
+int DKString::Compare(const DKString& other, long flags) const {
+  if (flags & 3)
+    if (const DKCollator* collator = DKGetFlagsCollator(flags & 3))
+      return collator->Compare(c_str(), Length(), other.c_str(), other.Length());
+  if (m_pData == other.m_pData)
+    return 0;
+  return PlainCompare(c_str(), Length(), other.c_str(), other.Length());
+}
+
+int DKString::Compare(const DKString& other, const DKSmartPtrToConst<DKCollator>& collator) const {
+  if (!collator)
+    return Compare(other);
+  return collator->Compare(c_str(), Length(), other.c_str(), other.Length());
+}
+
+int DKString::Compare(const DKChar* other, const DKSmartPtrToConst<DKCollator>& collator) const {
+  if (!other)
+    return IsEmpty() ? 0 : -1;
+  if (!collator)
+    return Compare(other);
+  return collator->Compare(c_str(), Length(), other, DKStrLen(other));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Free operators
+
+DKString operator+(const DKString& a, const DKString& b) {
+  if (a.IsEmpty())
+    return b;
+  DKString r;
+  r.Reserve(a.Length() + b.Length() + 1);
+  r.Append(a).Append(b);
+  return r;
+}
+
+DKString operator+(const DKString& a, const DKChar* b) {
+  DKString r(a);
+  r.Append(b);
+  return r;
+}
+
+DKString operator+(const DKChar* a, const DKString& b) {
+  DKString r(a);
+  r.Append(b);
+  return r;
+}
+
+DKString operator+(const DKString& a, DKChar b) {
+  DKString r(a);
+  r.Append(b);
+  return r;
+}
+
+std::size_t std::hash<DKString>::operator()(const DKString& s) const noexcept {
+  return std::hash<std::basic_string_view<DKChar>>()(std::basic_string_view<DKChar>(s.c_str(), s.Length()));
+}

@@ -4,6 +4,9 @@
 
 #include <DorvikCore/DKString.h>
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
 #include <string>
 
 namespace dkutf {
@@ -23,5 +26,130 @@ std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out
 // UTF-32 (platform wchar_t on Linux) to UTF-16 and back; an invalid code point becomes U+FFFD.
 void Utf32ToUtf16(const char32_t* text, std::size_t length, DKString& out);
 void Utf16ToUtf32(const DKChar* text, std::size_t length, std::u32string& out);
+
+#if !DK_WCHAR_IS_DKCHAR
+// The same for the platform's 32-bit wchar_t text (a distinct type from char32_t).
+void Utf32ToUtf16(const wchar_t* text, std::size_t length, DKString& out);
+void Utf16ToUtf32(const DKChar* text, std::size_t length, std::wstring& out);
+#endif
+
+// Number of code units Utf8ToUtf16 produces for the text in lenient mode (the exact length
+// of a valid text's UTF-16 form).
+std::size_t Utf16LengthOfUtf8(const char* text, std::size_t length) noexcept;
+
+// Surrogate tests and the replacement character.
+constexpr char32_t replacementChar = 0xFFFD;
+constexpr bool IsHighSurrogate(char32_t u) noexcept { return u >= 0xD800 && u <= 0xDBFF; }
+constexpr bool IsLowSurrogate(char32_t u) noexcept { return u >= 0xDC00 && u <= 0xDFFF; }
+constexpr bool IsSurrogate(char32_t u) noexcept { return u >= 0xD800 && u <= 0xDFFF; }
+
+// Number of code units (1 or 2) of the character that starts at text[pos]: 2 for a
+// surrogate pair, 1 otherwise (a lone surrogate counts as one character).
+inline std::size_t CharUnits(const DKChar* text, std::size_t length, std::size_t pos) noexcept {
+  return IsHighSurrogate(text[pos]) && pos + 1 < length && IsLowSurrogate(text[pos + 1]) ? 2 : 1;
+}
+
+// Length of the run of ASCII bytes (below 0x80) at the start of text, read 8 bytes at a time.
+inline std::size_t AsciiPrefix(const unsigned char* text, std::size_t length) noexcept {
+  constexpr std::uint64_t highBits = 0x8080808080808080ull;
+  std::size_t i = 0;
+  for (; i + 8 <= length; i += 8) {
+    std::uint64_t v;
+    std::memcpy(&v, text + i, 8);
+    if (const std::uint64_t high = v & highBits) {
+      if constexpr (std::endian::native == std::endian::little)
+        return i + static_cast<std::size_t>(std::countr_zero(high)) / 8;
+      else
+        return i + static_cast<std::size_t>(std::countl_zero(high)) / 8;
+    }
+  }
+  while (i < length && text[i] < 0x80)
+    ++i;
+  return i;
+}
+
+// Length of the run of ASCII units (below 0x80) at the start of text, read 4 units at a time.
+inline std::size_t AsciiPrefix(const DKChar* text, std::size_t length) noexcept {
+  static_assert(sizeof(DKChar) == 2, "DKChar is one UTF-16 code unit");
+  constexpr std::uint64_t highBits = 0xFF80FF80FF80FF80ull;
+  std::size_t i = 0;
+  for (; i + 4 <= length; i += 4) {
+    std::uint64_t v;
+    std::memcpy(&v, text + i, 8);
+    if (v & highBits)
+      break;
+  }
+  while (i < length && text[i] < 0x80)
+    ++i;
+  return i;
+}
+
+// Copies count ASCII units as bytes.
+inline void NarrowAscii(char* to, const DKChar* from, std::size_t count) noexcept {
+  for (std::size_t i = 0; i < count; ++i)
+    to[i] = static_cast<char>(from[i]);
+}
+
+// Collects code units in a local buffer and appends them to a DKString one block at a time,
+// so that the decoding loops write to plain memory. Flush (or destruction) hands the rest over.
+class Utf16Writer {
+public:
+  explicit Utf16Writer(DKString& out) noexcept : m_out(out) {}
+  Utf16Writer(const Utf16Writer&) = delete;
+  Utf16Writer& operator=(const Utf16Writer&) = delete;
+  ~Utf16Writer() { Flush(); }
+
+  void Put(DKChar ch) {
+    if (m_used == blockSize)
+      Flush();
+    m_block[m_used++] = ch;
+  }
+  void PutCodePoint(char32_t cp) {
+    if (cp < 0x10000) {
+      Put(static_cast<DKChar>(cp));
+    } else {
+      cp -= 0x10000;
+      Put(static_cast<DKChar>(0xD800 + (cp >> 10)));
+      Put(static_cast<DKChar>(0xDC00 + (cp & 0x3FF)));
+    }
+  }
+  // Widens count bytes below 0x100 (ASCII or Latin-1) to code units.
+  void PutBytes(const unsigned char* bytes, std::size_t count) {
+    while (count) {
+      if (m_used == blockSize)
+        Flush();
+      const std::size_t n = std::min(count, blockSize - m_used);
+      DKChar* to = m_block + m_used;
+      for (std::size_t i = 0; i < n; ++i)
+        to[i] = bytes[i];
+      m_used += n;
+      bytes += n;
+      count -= n;
+    }
+  }
+  void Flush() {
+    if (m_used)
+      m_out.Append(m_block, m_used);
+    m_used = 0;
+  }
+  // Drops what is still buffered (the caller gives up on the text).
+  void Discard() noexcept { m_used = 0; }
+
+private:
+  static constexpr std::size_t blockSize = 256;
+  DKString& m_out;
+  std::size_t m_used = 0;
+  DKChar m_block[blockSize];
+};
+
+// Reserves room for a text that grows by about `extra` units (the block keeps room for the
+// terminator), so that the appends that follow do not reallocate.
+inline void ReserveMore(DKString& out, std::size_t extra) {
+  const std::size_t room = DKString::maxLength - out.Length();
+  out.Reserve(out.Length() + std::min(extra, room) + 1);
+}
+
+// Takes out back to its first `length` units after a failed append.
+inline void TruncateTo(DKString& out, std::size_t length) { out.Remove(length, DKString::npos); }
 
 } // namespace dkutf

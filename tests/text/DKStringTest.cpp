@@ -1,1 +1,444 @@
-// placeholder
+#include <DorvikCore/DKCollator.h>
+#include <DorvikCore/DKMemoryPool.h>
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t npos = DKString::npos;
+
+DKString S(const char16_t* text) { return DKString(text); }
+
+// Every test checks that the strings it made were all given back to the pool.
+class DKStringTest : public ::testing::Test {
+protected:
+  void SetUp() override { m_liveBlocks = DMMemoryPool::GetLiveBlocks(); }
+  void TearDown() override { EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), m_liveBlocks) << "string blocks leaked"; }
+
+private:
+  std::size_t m_liveBlocks = 0;
+};
+
+bool IsEmptyBlock(const DKString& s) { return s.GetData() == DKString::GetEmptyData(); }
+
+TEST_F(DKStringTest, EmptyStringsShareTheStaticBlockAndAllocateNothing) {
+  const std::size_t before = DMMemoryPool::GetTotalBlocks();
+  DKString a, b(u""), c(static_cast<const DKChar*>(nullptr)), d(u'x', 0);
+  EXPECT_EQ(DMMemoryPool::GetTotalBlocks(), before);
+  for (const DKString* s : {&a, &b, &c, &d}) {
+    EXPECT_TRUE(IsEmptyBlock(*s));
+    ASSERT_NE(s->c_str(), nullptr);
+    EXPECT_EQ(s->c_str()[0], 0);
+    EXPECT_TRUE(s->IsNull());
+  }
+  EXPECT_EQ(DKString::GetEmptyData()->capacity, 0u);
+  EXPECT_EQ(DKString::GetEmptyData()->references.load(), 1);
+
+  DKString e(u"abc");
+  e.Clear();
+  EXPECT_TRUE(IsEmptyBlock(e));
+  DKString f(u"abc");
+  f.Remove(0, 3);
+  EXPECT_TRUE(IsEmptyBlock(f));
+  DKString g(u"abc");
+  g.LTrim(u"abc");
+  EXPECT_TRUE(IsEmptyBlock(g));
+  // Copies of the empty string never count the static block.
+  DKString h(a), i;
+  i = a;
+  EXPECT_EQ(DKString::GetEmptyData()->references.load(), 1);
+}
+
+TEST_F(DKStringTest, BlockLayoutAndCapacity) {
+  EXPECT_EQ(offsetof(DKString::DataDef, text), 12u);
+  DKString one(u'z');
+  EXPECT_EQ(one.Capacity(), 2u);
+  EXPECT_EQ(one.Length(), 1u);
+  const std::size_t bytes = DMMemoryPool::GetLiveBytes();
+  {
+    DKString s(u'q', 9);
+    EXPECT_EQ(s.Capacity(), 10u);
+    EXPECT_EQ(DMMemoryPool::GetLiveBytes() - bytes, 12u + 2u * (10u + 1u));
+  }
+  DKString r;
+  r.Reserve(0); // a request of 0 becomes 1
+  EXPECT_EQ(r.Capacity(), 1u);
+  EXPECT_EQ(r.Length(), 0u);
+}
+
+TEST_F(DKStringTest, ConstructionForms) {
+  EXPECT_EQ(DKString(u"hello", 3), S(u"hel"));
+  EXPECT_EQ(DKString(u"hello", 0), S(u"hello"));
+  EXPECT_EQ(DKString(u'a', 4), S(u"aaaa"));
+  EXPECT_EQ(DKString(DKStdString(u"std")), S(u"std"));
+  DKStdString withZero(u"ab");
+  withZero.push_back(0);
+  withZero += u"cd";
+  EXPECT_EQ(DKString(withZero), S(u"ab")); // up to the first 0
+  EXPECT_EQ(S(u"round").AsStdString(), DKStdString(u"round"));
+
+  DKString a;
+  a.Assign(u"abcdef", 2);
+  EXPECT_EQ(a, S(u"ab"));
+  a.Assign(nullptr, 5);
+  EXPECT_TRUE(IsEmptyBlock(a));
+  a = u'c';
+  EXPECT_EQ(a, S(u"c"));
+  a = static_cast<const DKChar*>(nullptr);
+  EXPECT_TRUE(IsEmptyBlock(a));
+}
+
+TEST_F(DKStringTest, CopiesShareUntilOneChanges) {
+  DKString a(u"shared text");
+  DKString b(a);
+  DKString c;
+  c = a;
+  EXPECT_EQ(a.GetData(), b.GetData());
+  EXPECT_EQ(a.GetData(), c.GetData());
+  EXPECT_EQ(a.GetData()->references.load(), 2);
+
+  b += u'!';
+  EXPECT_NE(a.GetData(), b.GetData());
+  EXPECT_EQ(a, S(u"shared text"));
+  EXPECT_EQ(b, S(u"shared text!"));
+  EXPECT_EQ(a.GetData()->references.load(), 1);
+
+  c.Set(0, u'S');
+  EXPECT_EQ(a, S(u"shared text"));
+  EXPECT_EQ(c, S(u"Shared text"));
+  EXPECT_EQ(a.GetData()->references.load(), 0);
+
+  a = a; // self-assignment changes nothing
+  EXPECT_EQ(a, S(u"shared text"));
+  DKString moved(std::move(b));
+  EXPECT_EQ(moved, S(u"shared text!"));
+  EXPECT_TRUE(IsEmptyBlock(b)); // NOLINT(bugprone-use-after-move): moved-from is empty
+}
+
+TEST_F(DKStringTest, EveryEditingOperationUnsharesFirst) {
+  struct Case {
+    const char* name;
+    void (*edit)(DKString&);
+  };
+  const Case cases[] = {
+      {"Append", [](DKString& s) { s.Append(u"x"); }},
+      {"AppendChar", [](DKString& s) { s += u'x'; }},
+      {"Insert", [](DKString& s) { s.Insert(1, u"x"); }},
+      {"Remove", [](DKString& s) { s.Remove(1, 1); }},
+      {"Replace", [](DKString& s) { s.Replace(u"b", u"x"); }},
+      {"Upper", [](DKString& s) { s.Upper(); }},
+      {"LTrim", [](DKString& s) { s.LTrim(u'a'); }},
+      {"RTrim", [](DKString& s) { s.RTrim(u'c'); }},
+      {"Set", [](DKString& s) { s.Set(0, u'x'); }},
+      {"AssignPointer", [](DKString& s) { s = u"other"; }},
+  };
+  for (const Case& c : cases) {
+    DKString original(u"abc");
+    DKString copy(original);
+    c.edit(copy);
+    EXPECT_EQ(original, S(u"abc")) << c.name;
+    EXPECT_NE(copy, S(u"abc")) << c.name;
+  }
+}
+
+TEST_F(DKStringTest, GrowthByOneHalfKeepsAppendingAmortised) {
+  DKString s;
+  std::size_t reallocations = 0;
+  const DKString::DataDef* block = s.GetData();
+  for (int i = 0; i < 100000; ++i) {
+    s += static_cast<DKChar>(u'a' + i % 26);
+    if (s.GetData() != block) {
+      ++reallocations;
+      block = s.GetData();
+    }
+  }
+  EXPECT_EQ(s.Length(), 100000u);
+  EXPECT_LT(reallocations, 40u);
+  EXPECT_EQ(s[99999], static_cast<DKChar>(u'a' + 99999 % 26));
+  EXPECT_EQ(s.c_str()[100000], 0);
+
+  DKString t(u"abcd"); // capacity 5
+  t.ResizeCapacity(6);
+  EXPECT_EQ(t.Capacity(), 7u); // max(6, 5 + 5 / 2)
+  t.ResizeCapacity(20);
+  EXPECT_EQ(t.Capacity(), 20u);
+}
+
+TEST_F(DKStringTest, AppendAndInsertAcceptTextFromTheStringItself) {
+  DKString s(u"abc");
+  s.Append(s);
+  EXPECT_EQ(s, S(u"abcabc"));
+  s.Append(s.c_str() + 4);
+  EXPECT_EQ(s, S(u"abcabcbc"));
+  DKString t(u"xyz");
+  t.Insert(1, t.c_str());
+  EXPECT_EQ(t, S(u"xxyzyz"));
+  DKString u(u"12");
+  u.Insert(5, u); // past the end: at the end
+  EXPECT_EQ(u, S(u"1212"));
+  u.Insert(0, static_cast<const DKChar*>(nullptr));
+  EXPECT_EQ(u, S(u"1212"));
+  u.Append(nullptr, 3);
+  u.Append(u"", 0);
+  EXPECT_EQ(u, S(u"1212"));
+  DKString v(u"abc");
+  v.Append(u"defgh", 2);
+  EXPECT_EQ(v, S(u"abcde"));
+  v = v.c_str() + 2; // assignment from its own tail
+  EXPECT_EQ(v, S(u"cde"));
+}
+
+TEST_F(DKStringTest, Concatenation) {
+  EXPECT_EQ(S(u"ab") + S(u"cd"), S(u"abcd"));
+  EXPECT_EQ(S(u"ab") + u"cd", S(u"abcd"));
+  EXPECT_EQ(u"ab" + S(u"cd"), S(u"abcd"));
+  EXPECT_EQ(S(u"ab") + u'c', S(u"abc"));
+  EXPECT_EQ(DKString() + S(u"x"), S(u"x"));
+}
+
+struct RemoveCase {
+  const char16_t* text;
+  std::size_t pos, count;
+  const char16_t* expected;
+};
+
+TEST_F(DKStringTest, RemoveAndSubStr) {
+  const RemoveCase removes[] = {
+      {u"abcd", 0, npos, u""},  {u"abcd", 2, npos, u"ab"}, {u"abcd", 1, 2, u"ad"}, {u"abcd", 4, 1, u"abcd"},
+      {u"abcd", 1, 0, u"abcd"}, {u"abcd", 0, 4, u""},      {u"abcd", 3, 9, u"abc"}, {u"", 0, 1, u""},
+  };
+  for (const RemoveCase& c : removes) {
+    DKString s(c.text);
+    s.Remove(c.pos, c.count);
+    EXPECT_EQ(s, S(c.expected)) << "Remove(" << c.pos << ", " << c.count << ")";
+  }
+  const RemoveCase subs[] = {
+      {u"abcd", 1, 2, u"bc"},  {u"abcd", 1, npos, u"bcd"}, {u"abcd", 2, 99, u"cd"},
+      {u"abcd", 4, 1, u""},    {u"abcd", 0, 0, u""},       {u"abcd", 9, npos, u""},
+  };
+  for (const RemoveCase& c : subs)
+    EXPECT_EQ(S(c.text).SubStr(c.pos, c.count), S(c.expected)) << "SubStr(" << c.pos << ", " << c.count << ")";
+  DKString whole(u"whole");
+  EXPECT_EQ(whole.SubStr(0).GetData(), whole.GetData()); // the whole text shares the block
+}
+
+struct ReplaceCase {
+  const char16_t* text;
+  const char16_t* find;
+  const char16_t* repl;
+  const char16_t* expected;
+  std::size_t count;
+};
+
+TEST_F(DKStringTest, Replace) {
+  const ReplaceCase cases[] = {
+      {u"aa", u"a", u"aa", u"aaaa", 2},          {u"hello world", u"o", u"0", u"hell0 w0rld", 2},
+      {u"abcabc", u"abc", u"", u"", 2},           {u"abcabc", u"abc", nullptr, u"", 2},
+      {u"abc", u"", u"x", u"abc", 0},             {u"abc", nullptr, u"x", u"abc", 0},
+      {u"aaa", u"aa", u"b", u"ba", 1},            {u"xyz", u"q", u"r", u"xyz", 0},
+      {u"one two", u"two", u"three", u"one three", 1},
+  };
+  for (const ReplaceCase& c : cases) {
+    DKString s(c.text);
+    EXPECT_EQ(s.Replace(c.find, c.repl), c.count) << DKString(c.text).AsUTF8();
+    EXPECT_EQ(s, S(c.expected)) << DKString(c.text).AsUTF8();
+  }
+  DKString s(u"abab"), copy(s);
+  EXPECT_EQ(s.Replace(S(u"b"), S(u"cc")), 2u);
+  EXPECT_EQ(s, S(u"accacc"));
+  EXPECT_EQ(copy, S(u"abab"));
+  DKString self(u"ab");
+  self.Replace(self, self); // find and replacement share the block being replaced
+  EXPECT_EQ(self, S(u"ab"));
+  DKString none(u"abc"), shared(none);
+  none.Replace(u"q", u"r");
+  EXPECT_EQ(none.GetData(), shared.GetData()); // nothing found: still shared
+}
+
+struct TrimCase {
+  const char16_t* text;
+  DKChar ch;
+  const char16_t* set; // used instead of ch when not null
+  std::size_t start;
+  const char16_t* expected;
+};
+
+TEST_F(DKStringTest, LTrimRules) {
+  const TrimCase cases[] = {
+      {u"ab  cd", u' ', nullptr, 2, u"cd"},  // characters before start go whatever they are
+      {u"  ab", u' ', nullptr, 0, u"ab"},     {u"ab", u' ', nullptr, 0, u"ab"},
+      {u"aaa", u'a', nullptr, 0, u""},        {u"abc", u'c', nullptr, 9, u""}, // start past the end: last char
+      {u"abc", u'x', nullptr, 9, u"c"},       {u"", u' ', nullptr, 0, u""},
+      {u"abc", 0, u" ", 10, u""},              // start past the end empties the string
+      {u"abc", 0, u"", 10, u""},               {u"abc", 0, u"", 0, u"abc"},
+      {u" \tx ", 0, u" \t", 0, u"x "},         {u"xy  z", 0, u" ", 2, u"z"},
+      {u"   ", 0, u" ", 0, u""},                 {u"abc", 0, u"x", 0, u"abc"},
+  };
+  for (const TrimCase& c : cases) {
+    DKString s(c.text);
+    if (c.set)
+      s.LTrim(c.set, c.start);
+    else
+      s.LTrim(c.ch, c.start);
+    EXPECT_EQ(s, S(c.expected)) << "LTrim of '" << DKString(c.text).AsUTF8() << "' from " << c.start;
+  }
+}
+
+TEST_F(DKStringTest, RTrimRules) {
+  const TrimCase cases[] = {
+      {u"axxb", u'x', nullptr, 1, u"axx"},  // counts from start, removes from the end
+      {u"abxx", u'x', nullptr, npos, u"ab"}, {u"abxx", u'x', nullptr, 2, u"ab"},
+      {u"abxx", u'x', nullptr, 1, u"abxx"},  {u"xxx", u'x', nullptr, npos, u""},
+      {u"", u'x', nullptr, npos, u""},
+      {u"ab  ", 0, u" ", npos, u"ab"},        {u"ab c ", 0, u" ", 2, u"ab"}, // also after start
+      {u"   ", 0, u" ", npos, u""},             {u"abc", 0, u"", npos, u"abc"},
+      {u"abc", 0, u"x", npos, u"abc"},        {u"a \t", 0, u" \t", npos, u"a"},
+  };
+  for (const TrimCase& c : cases) {
+    DKString s(c.text);
+    if (c.set)
+      s.RTrim(c.set, c.start);
+    else
+      s.RTrim(c.ch, c.start);
+    EXPECT_EQ(s, S(c.expected)) << "RTrim of '" << DKString(c.text).AsUTF8() << "' from " << c.start;
+  }
+  DKString t(u"  both  ");
+  EXPECT_EQ(t.Trim(), S(u"both"));
+}
+
+struct FindCase {
+  const char* what;
+  std::size_t (*find)(const DKString&);
+  std::size_t expected;
+};
+
+TEST_F(DKStringTest, SearchingRules) {
+  const FindCase cases[] = {
+      {"Find at start", [](const DKString& s) { return s.Find(u"cd"); }, 2},
+      {"Find from start", [](const DKString& s) { return s.Find(u"ab", 1); }, 4},
+      {"Find missing", [](const DKString& s) { return s.Find(u"zz"); }, npos},
+      {"Find start = length", [](const DKString& s) { return s.Find(u"a", 7); }, npos},
+      {"Find empty needle", [](const DKString& s) { return s.Find(u"", 3); }, 3},
+      {"Find empty needle at length", [](const DKString& s) { return s.Find(u"", 7); }, npos},
+      {"Find null needle", [](const DKString& s) { return s.Find(static_cast<const DKChar*>(nullptr), 2); }, 2},
+      {"Find char", [](const DKString& s) { return s.Find(u'c'); }, 2},
+      {"Find char from", [](const DKString& s) { return s.Find(u'a', 1); }, 4},
+      {"Find DKString", [](const DKString& s) { return s.Find(DKString(u"bc"), 0); }, 1},
+      {"RFind", [](const DKString& s) { return s.RFind(u"ab"); }, 4},
+      {"RFind bounded", [](const DKString& s) { return s.RFind(u"ab", 3); }, 0},
+      {"RFind begins at start", [](const DKString& s) { return s.RFind(u"ab", 4); }, 4},
+      {"RFind char", [](const DKString& s) { return s.RFind(u'b', 4); }, 1},
+      {"RFind too long", [](const DKString& s) { return s.RFind(u"abcdabcx"); }, npos},
+      {"FindFirstOf", [](const DKString& s) { return s.FindFirstOf(u"dc"); }, 2},
+      {"FindFirstOf empty set", [](const DKString& s) { return s.FindFirstOf(u"", 0); }, npos},
+      {"FindFirstNotOf", [](const DKString& s) { return s.FindFirstNotOf(u"ab"); }, 2},
+      {"FindFirstNotOf empty set is 0", [](const DKString& s) { return s.FindFirstNotOf(u"", 5); }, 0},
+      {"FindFirstNotOf start past end", [](const DKString& s) { return s.FindFirstNotOf(u"", 7); }, npos},
+      {"FindLastOf", [](const DKString& s) { return s.FindLastOf(u"a"); }, 4},
+      {"FindLastOf bounded", [](const DKString& s) { return s.FindLastOf(u"a", 3); }, 0},
+      {"FindLastOf empty set", [](const DKString& s) { return s.FindLastOf(u""); }, npos},
+      {"FindLastNotOf", [](const DKString& s) { return s.FindLastNotOf(u"abc"); }, 3},
+      {"FindLastNotOf empty set", [](const DKString& s) { return s.FindLastNotOf(u"", 1); }, 6},
+  };
+  const DKString text(u"abcdabc");
+  for (const FindCase& c : cases)
+    EXPECT_EQ(c.find(text), c.expected) << c.what;
+
+  const DKString empty;
+  EXPECT_EQ(empty.Find(u""), npos);
+  EXPECT_EQ(empty.RFind(u""), npos);
+  EXPECT_EQ(empty.FindLastNotOf(u""), npos);
+  EXPECT_EQ(empty.FindLastOf(u"a"), npos);
+  EXPECT_EQ(DKString(u"abcdefg").FindFirstNotOf(u"", 5), 0u);
+}
+
+TEST_F(DKStringTest, PlainComparison) {
+  EXPECT_EQ(S(u"abc").Compare(u"abd"), -1);
+  EXPECT_EQ(S(u"abd").Compare(u"abc"), 1);
+  EXPECT_EQ(S(u"abc").Compare(u"abc"), 0);
+  EXPECT_EQ(S(u"ab").Compare(u"abc"), -1);
+  EXPECT_EQ(S(u"abc").Compare(S(u"ab")), 1);
+  EXPECT_EQ(S(u"\uFFFF").Compare(u"a"), 1); // unsigned 16-bit units
+  for (long flags : {0L, 1L, 2L, 3L}) {
+    EXPECT_EQ(S(u"x").Compare(static_cast<const DKChar*>(nullptr), flags), -1);
+    EXPECT_EQ(DKString().Compare(static_cast<const DKChar*>(nullptr), flags), 0);
+  }
+  EXPECT_TRUE(S(u"a") == u"a");
+  EXPECT_TRUE(S(u"a") != S(u"b"));
+  EXPECT_TRUE(S(u"a") < S(u"b"));
+  EXPECT_TRUE(u"a" < S(u"b"));
+  EXPECT_FALSE(S(u"b") < u"a");
+  EXPECT_EQ(S(u"abc").Compare(u"ABC", 8), 1); // unknown flag bits are ignored
+}
+
+TEST_F(DKStringTest, ComparisonWithFlagsAndCollators) {
+  EXPECT_EQ(S(u"Hello").Compare(u"hELLO", DKString::IgnoreCase), 0);
+  EXPECT_NE(S(u"Hello").Compare(u"hELLO"), 0);
+  EXPECT_EQ(S(u"école").Compare(u"ecole", DKString::IgnoreAccent), 0);
+  EXPECT_NE(S(u"école").Compare(u"Ecole", DKString::IgnoreAccent), 0);
+  EXPECT_EQ(S(u"École").Compare(u"ecole", DKString::IgnoreCaseAndAccent), 0);
+  EXPECT_TRUE(S(u"ÄBC").IsEqual(S(u"äbc"), 1));
+  EXPECT_LT(S(u"apple").Compare(u"BANANA", 1), 0);
+  DKSmartPtrToConst<DKCollator> none;
+  EXPECT_EQ(S(u"a").Compare(S(u"b"), none), -1);
+}
+
+TEST_F(DKStringTest, CaseMapping) {
+  DKString s(u"Grüße, ΣΟΦΊΑ! 123");
+  DKString copy(s);
+  s.Upper();
+  EXPECT_EQ(s, S(u"GRÜßE, ΣΟΦΊΑ! 123")); // ß has no one-unit upper-case form
+  s.Lower();
+  EXPECT_EQ(s, S(u"grüße, σοφία! 123"));
+  EXPECT_EQ(copy, S(u"Grüße, ΣΟΦΊΑ! 123"));
+  DKString digits(u"123"), shared(digits);
+  digits.Upper();
+  EXPECT_EQ(digits.GetData(), shared.GetData()); // nothing to change: still shared
+}
+
+TEST_F(DKStringTest, SetIgnoresPositionsOutsideTheText) {
+  DKString s(u"ab");
+  s.Set(2, u'x');
+  s.Set(npos, u'x');
+  EXPECT_EQ(s, S(u"ab"));
+  EXPECT_EQ(s.c_str()[2], 0);
+  DKString e;
+  e.Set(0, u'x');
+  EXPECT_TRUE(IsEmptyBlock(e));
+}
+
+TEST_F(DKStringTest, CopiesMayBeTakenAndDroppedOnManyThreads) {
+  const DKString source(u"shared among threads");
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20000; ++i) {
+        DKString copy(source);
+        if (i % 100 == 0) {
+          copy += u'!'; // unshares on this thread only
+          if (copy.Length() != source.Length() + 1)
+            ++mismatches;
+        }
+      }
+    });
+  for (std::thread& t : threads)
+    t.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_EQ(source.GetData()->references.load(), 0);
+  EXPECT_EQ(source, S(u"shared among threads"));
+}
+
+TEST_F(DKStringTest, HashFollowsEquality) {
+  std::hash<DKString> h;
+  EXPECT_EQ(h(S(u"key")), h(DKString(u"key one", 3)));
+  EXPECT_NE(h(S(u"key")), h(S(u"kez")));
+}
+
+} // namespace

@@ -1,0 +1,138 @@
+// The exception family: a message, the call stack captured where the exception was built,
+// and an incident report for the operator.
+#pragma once
+
+#include <DorvikCore/DKMessageSource.h>
+#include <DorvikCore/DKRefCount.h>
+#include <DorvikCore/DKString.h>
+
+#include <exception>
+#include <memory>
+#include <string>
+
+// Thrown by value, caught by reference; copies are cheap and never throw.
+//
+// A message may keep two texts: "internal text" + MessageMarker + "user text". What and
+// what return the user text (the whole message when there is no marker); the incident
+// report gives the internal text only.
+class DK_EXPORT DKException : public std::exception {
+public:
+  enum LogOpt : int {
+    LogOnce = 0,  // report unless this exception was reported already
+    LogAgain = 1, // report even if it was
+  };
+  static constexpr const DKChar* MessageMarker = DK_T("###***###");
+  static constexpr const DKChar* StackDisabledText = DK_T("(Stack disabled - DK_DISABLE_STACK is defined)");
+  static constexpr const DKChar* DefaultSupportNotice =
+      DK_T("The application encountered an unexpected situation. Please contact technical support for assistance.");
+
+  // Captures the current call stack unless noStack is set or the environment variable
+  // "DK_DISABLE_STACK" is set (read once per process); then the stack reads StackDisabledText.
+  explicit DKException(const DKString& message, bool noStack = false);
+  DKException(const DKException& other) noexcept;
+  DKException& operator=(const DKException& other) noexcept;
+  ~DKException() override;
+
+  // The user text as UTF-8.
+  const char* what() const noexcept override;
+  // The user text: what follows the marker, or the whole message without one.
+  virtual DKString What() const;
+  // Writes the incident report to the console when GlbGetTraceLevel() is not 0: for a message
+  // with the marker its internal text only, otherwise the full report (support notice, date,
+  // thread, message and stack). Reports once; LogAgain reports again.
+  virtual void LogInErrorFile(LogOpt option = LogOnce);
+
+  const DKString& Stack() const noexcept { return m_stack; }
+  // The whole message, marker and both texts included.
+  const DKString& GetMessage() const noexcept { return m_message; }
+  bool IsLogged() const noexcept { return m_logged; }
+
+  // The full report LogInErrorFile writes for a message without the marker, one item a line.
+  DKString BuildReport() const;
+
+  // The process-wide support notice that opens every report.
+  static void SetSupportNotice(const DKString& notice);
+  static DKString GetSupportNotice();
+
+protected:
+  // For subclasses that know their message or stack only after the base is built.
+  void SetMessage(const DKString& message);
+  void SetStack(const DKString& stack) { m_stack = stack; }
+
+private:
+  DKString m_message;
+  DKString m_stack;
+  std::shared_ptr<const std::string> m_narrow; // UTF-8 user text returned by what()
+  bool m_logged = false;
+};
+
+// The calling thread's last system error (errno here) or a given system error code, with the
+// system's text for it as the message.
+class DK_EXPORT DKWindowsLastErrorException : public DKException {
+public:
+  DKWindowsLastErrorException();
+  explicit DKWindowsLastErrorException(int errorCode);
+  ~DKWindowsLastErrorException() override;
+  int GetErrorCode() const noexcept { return m_errorCode; }
+
+private:
+  int m_errorCode;
+};
+
+// What the crash handling knows about one crash: the signal (or structured-exception)
+// number, the stack text at the crash, and whether it was reported already.
+class DK_EXPORT DKStackDump {
+public:
+  DKStackDump(int sehNumber, const DKString& stackText, bool alreadyReported = false);
+  // The dump of the current call stack, for a crash handler to hand to DKSignalException.
+  static DKStackDump Capture(int sehNumber);
+
+  int GetSeHNumber() const noexcept { return m_sehNumber; }
+  const DKString& GetStackText() const noexcept { return m_stackText; }
+  bool IsAlreadyReported() const noexcept { return m_alreadyReported; }
+  void SetAlreadyReported(bool reported = true) noexcept { m_alreadyReported = reported; }
+
+private:
+  int m_sehNumber;
+  DKString m_stackText;
+  bool m_alreadyReported;
+};
+
+// A crash turned into an exception. Its message names the signal, its stack is the dump's;
+// unless the dump was reported already, construction reports it at once (LogAgain).
+class DK_EXPORT DKSignalException : public DKException {
+public:
+  explicit DKSignalException(const DKStackDump& dump);
+  ~DKSignalException() override;
+  int GetSeHNumber() const noexcept { return m_sehNumber; }
+
+private:
+  int m_sehNumber;
+};
+
+// An exception whose message is a message source's text for a code (default context).
+class DK_EXPORT DKMsgException : public DKException {
+public:
+  DKMsgException(long code, const DKSmartPtr<DKMessageSource>& source);
+  ~DKMsgException() override;
+  long GetCode() const noexcept { return m_code; }
+  const DKSmartPtr<DKMessageSource>& GetSource() const noexcept { return m_source; }
+
+private:
+  long m_code;
+  DKSmartPtr<DKMessageSource> m_source;
+};
+
+// A syntax error met while reading a configuration file.
+class DK_EXPORT DKConfigStreamException : public DKException {
+public:
+  explicit DKConfigStreamException(const DKString& text);
+  ~DKConfigStreamException() override;
+};
+
+// The binary streams' failure report.
+class DK_EXPORT DKBinaryStream {
+public:
+  // The exception a binary stream throws for the given text.
+  static DKException Exception(const DKString& text);
+};

@@ -1,0 +1,104 @@
+// DKFormat: the library's printf-style formatting engine, the same on every platform.
+//
+// Formats come in two kinds: wide (DKChar, UTF-16) producing a DKString, and narrow (char,
+// UTF-8) producing a std::string. String and character arguments follow one convention
+// whatever the platform:
+//
+//   conversion   in a wide format        in a narrow format
+//   %s  %c       DKChar text / DKChar     char text / char
+//   %S  %C       char text / char         DKChar text / DKChar
+//   %ls %lc      DKChar (also %ws, %wc)   DKChar
+//   %hs %hc      char                     char
+//
+// Characters are passed promoted to int. Narrow text written into wide output is decoded as
+// UTF-8 (an invalid byte becomes U+FFFD); wide text written into narrow output is encoded as
+// UTF-8 (an unpaired surrogate becomes U+FFFD). A null string argument prints "(null)".
+//
+// Conversion specifications: %[flags][width][.precision][size]conversion
+//   flags      "-" left-justify, "+" sign, " " space for sign, "0" zero padding, "#" alternate form
+//   width      digits or "*" (an int argument; a negative value left-justifies)
+//   precision  "." then digits or "*" (an int argument; a negative value means none)
+//   size       "hh" "h" "l" "ll" "L" "I32" "I64" "I" (pointer-sized) "z" "j" "t" "w" (wide text);
+//              "N", and "F" before s, S, p, n, c, C or a size, are accepted and ignored
+//   conversion d i o u x X e E f F g G a A c C s S p n %
+//
+// Numbers are formatted by the C library's snprintf, so they follow its rules (and the C
+// locale's decimal point). Integer arguments are read as the type the size names: int by
+// default, long for "l", long long for "ll", "L", "I64" and "j", the size_t width for "z",
+// "t" and "I"; "h" and "hh" then narrow the value to short and char. Floating-point
+// arguments are double, long double with "L".
+//
+// Where this engine departs from the C functions:
+//   - "%p" prints the pointer as 2 * sizeof(void*) uppercase hexadecimal digits without
+//     "0x" (0000000000ABCDEF on a 64-bit system); width and "-" apply.
+//   - "%n" is not supported, because writing through an argument is a well-known way to
+//     turn a bad format into a memory write: it consumes its pointer argument and writes
+//     nothing, neither to the pointer nor to the output.
+//   - String precision counts code units of the argument (the argument is never read past
+//     it). When the text is converted between UTF-8 and UTF-16, a character that the
+//     precision would cut in two is left out instead. Width counts code units of the output.
+//   - The "0" flag pads numbers only; strings and characters are padded with blanks.
+//   - "%%" writes "%" whatever flags, width or size stand between the two signs.
+//
+// The engine never writes past its output and never guesses a length: the result is exact for
+// any format. Malformed formats never fail:
+//   - a "%" that ends the format is written as "%";
+//   - a conversion letter that is not in the list above writes the whole specification
+//     ("%" to the letter) as it stands and consumes no argument; so does a specification
+//     that the end of the format cuts short;
+//   - a width or precision above DKFormatMaxWidth (one million) is invalid and written as it
+//     stands. Written as digits, nothing is consumed; given by "*", the "*" arguments and
+//     the conversion's own argument are consumed so later arguments keep their places.
+//     The limit bounds the memory a single conversion can ask for.
+//   - a null format gives the empty result.
+//
+// There is no format attribute on the variadic functions: the compiler checks formats against
+// the host's printf, whose %S, %C and "I64" mean something else (or nothing) there, so
+// the checking would flag correct calls and pass wrong ones.
+#pragma once
+
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <string>
+
+// Largest width or precision a conversion may ask for; above it the conversion is written as
+// it stands.
+inline constexpr int DKFormatMaxWidth = 1000000;
+
+// Where the engine takes its arguments from. The engine calls exactly one getter per argument,
+// of the type the conversion names, in format order, and never reads an argument it was not
+// asked for. The va_list entry points use a source backed by the va_list; tests, fuzzers and
+// language bindings can serve arguments from anything else.
+class DK_EXPORT DKFormatArgSource {
+public:
+  virtual ~DKFormatArgSource();
+
+  virtual int NextInt() = 0; // also "*" widths and precisions, and characters (promoted)
+  virtual unsigned int NextUnsigned() = 0;
+  virtual long NextLong() = 0;
+  virtual unsigned long NextUnsignedLong() = 0;
+  virtual long long NextLongLong() = 0;
+  virtual unsigned long long NextUnsignedLongLong() = 0;
+  virtual std::size_t NextSize() = 0; // size_t and ptrdiff_t ("z", "t", "I")
+  virtual double NextDouble() = 0;
+  virtual long double NextLongDouble() = 0;
+  virtual const void* NextPointer() = 0;          // "%p"
+  virtual const char* NextNarrowString() = 0;     // may be null
+  virtual const DKChar* NextWideString() = 0;     // may be null
+  virtual void* NextCountPointer() = 0;           // "%n": consumed, never written through
+};
+
+// Appends the formatted text to out. Format and string arguments must not point into out.
+DK_EXPORT void DKFormatAppendV(DKString& out, const DKChar* format, va_list args);
+DK_EXPORT void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgSource& args);
+DK_EXPORT void DKFormatAppendV(std::string& out, const char* format, va_list args);
+DK_EXPORT void DKFormatAppend(std::string& out, const char* format, DKFormatArgSource& args);
+
+// The formatted text as a new string.
+DK_EXPORT DKString DKFormatString(const DKChar* format, ...);
+DK_EXPORT DKString DKFormatStringV(const DKChar* format, va_list args);
+DK_EXPORT std::string DKFormatNarrow(const char* format, ...);
+DK_EXPORT std::string DKFormatNarrowV(const char* format, va_list args);
