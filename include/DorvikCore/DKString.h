@@ -16,6 +16,11 @@
 class DKErrorID;
 class DKCollator;
 class DKStringConverter;
+class DKDateTime;
+class DKDateTimeEx;
+class DKDateEx;
+class DKTimeEx;
+class DKDurationEx;
 
 class DK_EXPORT DKString {
 public:
@@ -37,6 +42,7 @@ public:
 
   // Construction and assignment. A null source pointer gives the empty string.
   DKString() noexcept : m_pData(EmptyData()) {}
+  DKString(std::nullptr_t) noexcept : m_pData(EmptyData()) {}
   DKString(const DKChar* text, std::size_t count = 0);
   explicit DKString(DKChar ch);
   DKString(DKChar ch, std::size_t repeat);
@@ -49,6 +55,10 @@ public:
   DKString& operator=(DKString&& other) noexcept;
   DKString& operator=(const DKChar* text);
   DKString& operator=(DKChar ch);
+  DKString& operator=(std::nullptr_t) noexcept {
+    Clear();
+    return *this;
+  }
   DKString& operator=(const DKStdString& text) { return Assign(text.c_str(), text.size()); }
   DKString& Assign(const DKString& other) noexcept { return *this = other; }
   // count 0: copy up to the terminator; otherwise exactly count code units.
@@ -164,6 +174,14 @@ public:
   double AsDouble(bool* ok = nullptr) const;
   DKInt64 AsInt64(bool* ok = nullptr) const;
   DKUInt64 AsUInt64(bool* ok = nullptr) const;
+
+  // Date and time conversions: the text is read in each type's default format; ok tells
+  // whether it could be read.
+  DKDateTime AsDKDateTime(bool* ok = nullptr) const;
+  DKDateTimeEx AsDKDateTimeEx(bool* ok = nullptr) const;
+  DKDateEx AsDKDateEx(bool* ok = nullptr) const;
+  DKTimeEx AsDKTimeEx(bool* ok = nullptr) const;
+  DKDurationEx AsDKDurationEx(bool* ok = nullptr) const;
 
   // Text conversions. Code pages: 0 and 65001 (UTF-8), 1252 (Windows Western), 28591 (Latin-1).
   // AsMbString never fails: a character the code page lacks becomes '?'.

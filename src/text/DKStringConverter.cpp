@@ -107,6 +107,7 @@ struct SingleByteCodePage {
     dkutf::Utf16Writer writer(out);
     if (complete) {
       writer.PutBytes(s, len);
+      writer.Flush();
       return DKErrorID();
     }
     for (std::size_t i = 0; i < len;) {
@@ -126,6 +127,7 @@ struct SingleByteCodePage {
         }
       }
     }
+    writer.Flush();
     return DKErrorID();
   }
 

@@ -83,15 +83,6 @@ std::size_t Utf16LengthHint(const unsigned char* s, std::size_t length) noexcept
   return units;
 }
 
-// An upper bound of the UTF-8 length of UTF-16 text (exact unless it holds surrogate pairs,
-// which count 6 bytes instead of 4).
-std::size_t Utf8LengthBound(const DKChar* text, std::size_t length) noexcept {
-  std::size_t bytes = length;
-  for (std::size_t i = 0; i < length; ++i)
-    bytes += (text[i] >= 0x80) + (text[i] >= 0x800);
-  return bytes;
-}
-
 // Writes the UTF-8 form of one code point (at most U+10FFFF, not a surrogate) at p.
 inline char* PutUtf8(char* p, char32_t cp) noexcept {
   if (cp < 0x80) {
@@ -126,6 +117,7 @@ void Utf32ToUtf16Impl(const C32* text, std::size_t length, DKString& out) {
     const char32_t cp = static_cast<char32_t>(text[i]);
     writer.PutCodePoint(cp > 0x10FFFF || IsSurrogate(cp) ? replacementChar : cp);
   }
+  writer.Flush();
 }
 
 template <class String>
@@ -197,13 +189,16 @@ std::size_t Utf16LengthOfUtf8(const char* text, std::size_t length) noexcept {
   return units;
 }
 
-std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out) {
-  if (!text || !length)
-    return DKString::npos;
-  const std::size_t start = out.size();
-  out.resize(start + Utf8LengthBound(text, length));
-  char* p = out.data() + start;
-  std::size_t firstLone = DKString::npos;
+std::size_t Utf8LengthBound(const DKChar* text, std::size_t length) noexcept {
+  std::size_t bytes = length;
+  for (std::size_t i = 0; i < length; ++i)
+    bytes += (text[i] >= 0x80) + (text[i] >= 0x800);
+  return bytes;
+}
+
+std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, char* dest, std::size_t* firstLone) noexcept {
+  char* p = dest;
+  std::size_t lone = DKString::npos;
   std::size_t i = 0;
   while (i < length) {
     const std::size_t ascii = AsciiPrefix(text + i, length - i);
@@ -218,15 +213,26 @@ std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out
         cp = 0x10000 + ((cp - 0xD800) << 10) + (text[i + 1] - 0xDC00u);
         ++i;
       } else {
-        if (firstLone == DKString::npos)
-          firstLone = i;
+        if (lone == DKString::npos)
+          lone = i;
         cp = replacementChar;
       }
     }
     p = PutUtf8(p, cp);
     ++i;
   }
-  out.resize(static_cast<std::size_t>(p - out.data()));
+  if (firstLone)
+    *firstLone = lone;
+  return static_cast<std::size_t>(p - dest);
+}
+
+std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out) {
+  if (!text || !length)
+    return DKString::npos;
+  const std::size_t start = out.size();
+  out.resize(start + Utf8LengthBound(text, length));
+  std::size_t firstLone;
+  out.resize(start + Utf16ToUtf8(text, length, out.data() + start, &firstLone));
   return firstLone;
 }
 

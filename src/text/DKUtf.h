@@ -23,6 +23,13 @@ std::size_t Utf8ToUtf16(const char* text, std::size_t length, DKString& out, boo
 // Returns the position of the first unpaired surrogate, or DKString::npos.
 std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out);
 
+// An upper bound of the UTF-8 length of `length` code units (exact without surrogate pairs).
+std::size_t Utf8LengthBound(const DKChar* text, std::size_t length) noexcept;
+// Writes the UTF-8 form of `length` code units at dest, which has room for
+// Utf8LengthBound(text, length) bytes; returns the bytes written. An unpaired surrogate
+// becomes U+FFFD; *firstLone (when given) receives the position of the first, or npos.
+std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, char* dest, std::size_t* firstLone) noexcept;
+
 // UTF-32 (platform wchar_t on Linux) to UTF-16 and back; an invalid code point becomes U+FFFD.
 void Utf32ToUtf16(const char32_t* text, std::size_t length, DKString& out);
 void Utf16ToUtf32(const DKChar* text, std::size_t length, std::u32string& out);
@@ -91,13 +98,13 @@ inline void NarrowAscii(char* to, const DKChar* from, std::size_t count) noexcep
 }
 
 // Collects code units in a local buffer and appends them to a DKString one block at a time,
-// so that the decoding loops write to plain memory. Flush (or destruction) hands the rest over.
+// so that the decoding loops write to plain memory. Flush hands the rest over: call it when
+// the text is complete (a destructor must not append, as appending may throw).
 class Utf16Writer {
 public:
   explicit Utf16Writer(DKString& out) noexcept : m_out(out) {}
   Utf16Writer(const Utf16Writer&) = delete;
   Utf16Writer& operator=(const Utf16Writer&) = delete;
-  ~Utf16Writer() { Flush(); }
 
   void Put(DKChar ch) {
     if (m_used == blockSize)

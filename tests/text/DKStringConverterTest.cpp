@@ -1,1 +1,518 @@
-// placeholder
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKMemoryPool.h>
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKStringConverter.h>
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <iomanip>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Policy = DKStringConverter::Policy;
+constexpr DKChar FFFD = 0xFFFD;
+
+std::string Bytes(std::initializer_list<int> bytes) {
+  std::string s;
+  for (int b : bytes)
+    s.push_back(static_cast<char>(b));
+  return s;
+}
+
+DKString Units(std::initializer_list<int> units) {
+  DKString s;
+  for (int u : units)
+    s.Append(static_cast<DKChar>(u));
+  return s;
+}
+
+std::string Hex(const std::string& bytes) {
+  std::string out;
+  char buf[4];
+  for (unsigned char c : bytes) {
+    std::snprintf(buf, sizeof buf, "%02X ", c);
+    out += buf;
+  }
+  return out;
+}
+
+// The long parameter at index of an error.
+std::optional<long> Param(const DKErrorID& id, std::size_t index) {
+  const DKErrorI* e = id.GetError().Get();
+  if (!e || e->GetParameterType(index) != DKErrorI::ParamLong)
+    return std::nullopt;
+  return *static_cast<const long*>(e->GetParameterValue(index));
+}
+
+DKSmartPtr<DKStringConverter> Utf8(Policy policy = Policy::Strict) {
+  return DKStringConverter::ForCodePage(DKStringConverter::codePageUTF8, policy);
+}
+
+// An independent UTF-8 oracle: decodes by bit patterns and value ranges rather than by the
+// second-byte ranges the library uses. Nothing when the text is not well formed.
+std::optional<std::u32string> OracleDecode(const std::string& s) {
+  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+  std::u32string out;
+  for (std::size_t i = 0; i < s.size();) {
+    std::size_t n;
+    if (b(i) < 0x80)
+      n = 1;
+    else if ((b(i) & 0xE0) == 0xC0)
+      n = 2;
+    else if ((b(i) & 0xF0) == 0xE0)
+      n = 3;
+    else if ((b(i) & 0xF8) == 0xF0)
+      n = 4;
+    else
+      return std::nullopt;
+    if (s.size() - i < n)
+      return std::nullopt;
+    char32_t cp = n == 1 ? b(i) : b(i) & (0x7F >> n);
+    for (std::size_t k = 1; k < n; ++k) {
+      if ((b(i + k) & 0xC0) != 0x80)
+        return std::nullopt;
+      cp = (cp << 6) | (b(i + k) & 0x3F);
+    }
+    static constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < smallest[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
+      return std::nullopt;
+    out.push_back(cp);
+    i += n;
+  }
+  return out;
+}
+
+DKString FromCodePoint(char32_t cp) {
+  DKString s;
+  if (cp < 0x10000) {
+    s.Append(static_cast<DKChar>(cp));
+  } else {
+    s.Append(static_cast<DKChar>(0xD800 + ((cp - 0x10000) >> 10)));
+    s.Append(static_cast<DKChar>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
+  }
+  return s;
+}
+
+// Every test checks that the strings and errors it made were all given back to the pool.
+class LeakCheckedTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    // The library's message source is made on first use and kept for the process.
+    DKLibraryError(DK_MSG_UNSPECIFIED);
+    m_liveBlocks = DMMemoryPool::GetLiveBlocks();
+  }
+  void TearDown() override { EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), m_liveBlocks) << "pool blocks leaked"; }
+
+private:
+  std::size_t m_liveBlocks = 0;
+};
+
+// ---------------------------------------------------------------------------------------------
+// UTF-8 decoding and encoding
+
+using DKUtf8Test = LeakCheckedTest;
+
+struct Utf8Case {
+  const char* name;
+  std::string bytes;
+  std::size_t badOffset;  // npos when valid
+  DKString lenient;       // the lenient decoding
+};
+
+TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
+  constexpr std::size_t ok = DKString::npos;
+  const Utf8Case cases[] = {
+      {"ascii", "plain text", ok, DKString(u"plain text")},
+      {"U+0080", Bytes({0xC2, 0x80}), ok, Units({0x80})},
+      {"U+07FF", Bytes({0xDF, 0xBF}), ok, Units({0x7FF})},
+      {"U+0800", Bytes({0xE0, 0xA0, 0x80}), ok, Units({0x800})},
+      {"U+D7FF", Bytes({0xED, 0x9F, 0xBF}), ok, Units({0xD7FF})},
+      {"U+E000", Bytes({0xEE, 0x80, 0x80}), ok, Units({0xE000})},
+      {"U+FFFD itself", Bytes({0xEF, 0xBF, 0xBD}), ok, Units({0xFFFD})},
+      {"U+FFFF", Bytes({0xEF, 0xBF, 0xBF}), ok, Units({0xFFFF})},
+      {"U+10000", Bytes({0xF0, 0x90, 0x80, 0x80}), ok, Units({0xD800, 0xDC00})},
+      {"U+1F600", Bytes({0xF0, 0x9F, 0x98, 0x80}), ok, Units({0xD83D, 0xDE00})},
+      {"U+10FFFF", Bytes({0xF4, 0x8F, 0xBF, 0xBF}), ok, Units({0xDBFF, 0xDFFF})},
+      {"overlong 2", Bytes({0xC0, 0x80}), 0, Units({FFFD, FFFD})},
+      {"overlong 2 C1", Bytes({0xC1, 0xBF}), 0, Units({FFFD, FFFD})},
+      {"overlong 3", Bytes({0xE0, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
+      {"overlong 3 max", Bytes({0xE0, 0x9F, 0xBF}), 0, Units({FFFD, FFFD, FFFD})},
+      {"overlong 4", Bytes({0xF0, 0x80, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
+      {"overlong 4 max", Bytes({0xF0, 0x8F, 0xBF, 0xBF}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
+      {"surrogate D800", Bytes({0xED, 0xA0, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
+      {"surrogate DFFF", Bytes({0xED, 0xBF, 0xBF}), 0, Units({FFFD, FFFD, FFFD})},
+      {"encoded pair", Bytes({0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD, FFFD, FFFD})},
+      {"above U+10FFFF", Bytes({0xF4, 0x90, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
+      {"lead F5", Bytes({0xF5, 0x80, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
+      {"FE FF", Bytes({0xFE, 0xFF}), 0, Units({FFFD, FFFD})},
+      {"stray continuation", Bytes({'a', 0x80, 'b'}), 1, Units({'a', FFFD, 'b'})},
+      {"stray continuations", Bytes({0x80, 0xBF, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
+      {"continuation after pair", Bytes({0xC3, 0xA9, 0xA9}), 2, Units({0xE9, FFFD})},
+      {"truncated before ascii", Bytes({0xE2, 0x82, 'x'}), 0, Units({FFFD, 'x'})},
+      {"lead before lead", Bytes({0xC3, 0xC3, 0xA9}), 0, Units({FFFD, 0xE9})},
+      // The example of the Unicode Standard for the substitution of maximal subparts.
+      {"maximal subparts", Bytes({0x61, 0xF1, 0x80, 0x80, 0xE1, 0x80, 0xC2, 0x62, 0x80, 0x63, 0x80, 0xBF, 0x64}), 1,
+       Units({0x61, FFFD, FFFD, FFFD, 0x62, FFFD, 0x63, FFFD, FFFD, 0x64})},
+      {"invalid after long ascii run", std::string(37, 'q') + Bytes({0xFF}) + "tail", 37,
+       DKString(std::u16string(37, u'q').c_str()) + FFFD + u"tail"},
+  };
+  const auto strict = Utf8(), lenient = Utf8(Policy::Replace);
+  for (const Utf8Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    DKString strictOut(u"kept"), lenientOut;
+    const DKErrorID strictResult = strict->ToUnicode(c.bytes.data(), c.bytes.size(), strictOut);
+    EXPECT_TRUE(lenient->ToUnicode(c.bytes.data(), c.bytes.size(), lenientOut).Good());
+    EXPECT_EQ(lenientOut, c.lenient);
+    if (c.badOffset == DKString::npos) {
+      EXPECT_TRUE(strictResult.Good());
+      EXPECT_EQ(strictOut, u"kept" + c.lenient);
+    } else {
+      EXPECT_EQ(strictResult.GetCode(), DK_MSG_INVALID_UTF8);
+      EXPECT_EQ(Param(strictResult, 0), static_cast<long>(c.badOffset));
+      EXPECT_EQ(strictOut, u"kept");
+    }
+  }
+}
+
+TEST_F(DKUtf8Test, EveryTruncationOfASequenceIsOneReplacement) {
+  const std::string sequences[] = {Bytes({0xC3, 0xA9}), Bytes({0xE2, 0x82, 0xAC}), Bytes({0xF0, 0x9F, 0x98, 0x80}),
+                                   Bytes({0xF4, 0x8F, 0xBF, 0xBF})};
+  const auto strict = Utf8(), lenient = Utf8(Policy::Replace);
+  for (const std::string& seq : sequences) {
+    for (std::size_t cut = 1; cut < seq.size(); ++cut) {
+      SCOPED_TRACE(Hex(seq) + "cut at " + std::to_string(cut));
+      for (const std::string& text : {"ab" + seq.substr(0, cut), "ab" + seq.substr(0, cut) + "z"}) {
+        DKString out;
+        const DKErrorID result = strict->ToUnicode(text.data(), text.size(), out);
+        EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_UTF8);
+        EXPECT_EQ(Param(result, 0), 2);
+        EXPECT_TRUE(out.IsEmpty());
+        ASSERT_TRUE(lenient->ToUnicode(text.data(), text.size(), out).Good());
+        EXPECT_EQ(out, DKString(u"ab") + FFFD + (text.back() == 'z' ? u"z" : u""));
+      }
+    }
+  }
+}
+
+// Every one- and two-byte text, and every three- and four-byte text whose later bytes are
+// drawn from the boundary values, against the oracle.
+TEST_F(DKUtf8Test, AgreesWithAnIndependentDecoder) {
+  const int edges[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xA0, 0xBF, 0xC0, 0xF4, 0xFF};
+  const int lastEdges[] = {0x7F, 0x80, 0xBF, 0xC0};
+  std::vector<std::string> texts;
+  for (int a = 0; a < 256; ++a) {
+    texts.push_back(Bytes({a}));
+    for (int b = 0; b < 256; ++b) {
+      texts.push_back(Bytes({a, b}));
+      if (a >= 0xE0) {
+        for (int c : edges) {
+          texts.push_back(Bytes({a, b, c}));
+          if (a >= 0xF0)
+            for (int d : lastEdges)
+              texts.push_back(Bytes({a, b, c, d}));
+        }
+      }
+    }
+  }
+  const auto strict = Utf8();
+  std::size_t valid = 0;
+  for (const std::string& text : texts) {
+    DKString out;
+    const bool decoded = strict->ToUnicode(text.data(), text.size(), out).Good();
+    const std::optional<std::u32string> expected = OracleDecode(text);
+    ASSERT_EQ(decoded, expected.has_value()) << Hex(text);
+    if (expected) {
+      DKString units;
+      for (char32_t cp : *expected)
+        units.Append(FromCodePoint(cp));
+      ASSERT_TRUE(out == units) << Hex(text);
+      ++valid;
+    }
+  }
+  EXPECT_GT(valid, 18000u);
+}
+
+TEST_F(DKUtf8Test, EveryCodePointRoundTripsThroughUtf8AndUtf32) {
+  DKString all;
+  all.Reserve(0x110000 * 2);
+  std::size_t utf8Length = 0;
+  for (char32_t cp = 1; cp <= 0x10FFFF; ++cp) {
+    if (cp >= 0xD800 && cp <= 0xDFFF)
+      continue;
+    all.Append(FromCodePoint(cp));
+    utf8Length += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+  }
+  const std::string utf8 = all.AsUTF8();
+  EXPECT_EQ(utf8.size(), utf8Length);
+  DKString back;
+  ASSERT_TRUE(back.SetFromUTF8(utf8.c_str(), utf8.size()).Good());
+  EXPECT_TRUE(back == all);
+  std::string viaConvert;
+  ASSERT_TRUE(all.ConvertFromUnicode(viaConvert, 65001).Good());
+  EXPECT_EQ(viaConvert, utf8);
+#if !DK_WCHAR_IS_DKCHAR
+  const std::wstring wide = all.AsStdWString();
+  ASSERT_EQ(wide.size(), 0x10FFFFu - 0x800);
+  EXPECT_EQ(wide[0], L'\x1');
+  EXPECT_EQ(wide.back(), static_cast<wchar_t>(0x10FFFF));
+  EXPECT_TRUE(DKString(wide) == all);
+#endif
+}
+
+TEST_F(DKUtf8Test, UnpairedSurrogatesEncodeAsReplacementOrFailStrictly) {
+  const DKString texts[] = {Units({'a', 0xD800}), Units({0xDC00, 'b'}), Units({'x', 0xDC00, 0xD800, 'y'}),
+                            Units({0xD83D, 0xD83D, 0xDE00})};
+  const char* expected[] = {"a\xEF\xBF\xBD", "\xEF\xBF\xBD\x62", "x\xEF\xBF\xBD\xEF\xBF\xBDy",
+                            "\xEF\xBF\xBD\xF0\x9F\x98\x80"};
+  const long positions[] = {1, 0, 1, 0};
+  for (std::size_t i = 0; i < std::size(texts); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(texts[i].AsUTF8(), expected[i]);
+    EXPECT_EQ(texts[i].AsMbString(65001), expected[i]);
+    std::string out = "kept";
+    const DKErrorID result = texts[i].ConvertFromUnicode(out, 65001);
+    EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_UTF16);
+    EXPECT_EQ(Param(result, 0), positions[i]);
+    EXPECT_EQ(out, "kept");
+  }
+}
+
+TEST_F(DKUtf8Test, SetFromUtf8LengthNullAndFailure) {
+  DKString s(u"before");
+  EXPECT_TRUE(s.SetFromUTF8("caf\xC3\xA9 cr\xC3\xA8me").Good());
+  EXPECT_EQ(s, u"café crème");
+  EXPECT_TRUE(s.SetFromUTF8("abcdef", 3).Good());
+  EXPECT_EQ(s, u"abc");
+  // The text ends at a 0 byte even inside the given length.
+  EXPECT_TRUE(s.SetFromUTF8("ab\0cd", 5).Good());
+  EXPECT_EQ(s, u"ab");
+  EXPECT_EQ(s.Length(), 2u);
+  // A length that cuts a sequence makes it truncated.
+  EXPECT_EQ(s.SetFromUTF8("\xE2\x82\xAC", 2).GetCode(), DK_MSG_INVALID_UTF8);
+  EXPECT_EQ(s, u"ab");
+  const DKString shared = s;
+  const DKErrorID bad = s.SetFromUTF8("ok\xED\xA0\x80");
+  EXPECT_EQ(bad.GetCode(), DK_MSG_INVALID_UTF8);
+  EXPECT_EQ(Param(bad, 0), 2);
+  EXPECT_EQ(s, u"ab");
+  EXPECT_EQ(s.GetData(), shared.GetData()) << "a failed decode must not touch the string";
+  EXPECT_TRUE(s.SetFromUTF8(nullptr).Good());
+  EXPECT_TRUE(s.IsEmpty());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Converters and code pages
+
+using DKStringConverterTest = LeakCheckedTest;
+
+TEST_F(DKStringConverterTest, ForCodePageSharesOneInstancePerCodePageAndPolicy) {
+  const struct {
+    unsigned int codePage;
+    unsigned int reported;
+  } known[] = {{0, 65001}, {65001, 65001}, {28591, 28591}, {1252, 1252}};
+  for (const auto& k : known) {
+    SCOPED_TRACE(k.codePage);
+    const auto strict = DKStringConverter::ForCodePage(k.codePage);
+    const auto lenient = DKStringConverter::ForCodePage(k.codePage, Policy::Replace);
+    ASSERT_TRUE(strict && lenient);
+    EXPECT_EQ(strict->GetCodePage(), k.reported);
+    EXPECT_EQ(strict->GetPolicy(), Policy::Strict);
+    EXPECT_EQ(lenient->GetPolicy(), Policy::Replace);
+    EXPECT_EQ(strict.Get(), DKStringConverter::ForCodePage(k.codePage).Get());
+  }
+  EXPECT_EQ(DKStringConverter::ForCodePage(0).Get(), DKStringConverter::ForCodePage(65001).Get());
+  for (unsigned int unknown : {1u, 437u, 1200u, 1251u, 20127u, 65000u}) {
+    EXPECT_FALSE(DKStringConverter::ForCodePage(unknown)) << unknown;
+    DKSmartPtr<DKStringConverter> out = DKStringConverter::ForCodePage(1252);
+    const DKErrorID result = DKStringConverter::ForCodePage(unknown, out);
+    EXPECT_EQ(result.GetCode(), DK_MSG_UNKNOWN_CODE_PAGE);
+    EXPECT_EQ(Param(result, 0), static_cast<long>(unknown));
+    EXPECT_EQ(out->GetCodePage(), 1252u) << "out is kept on failure";
+  }
+}
+
+TEST_F(DKStringConverterTest, Latin1MapsEveryByteBothWays) {
+  std::string all;
+  for (int b = 0; b < 256; ++b)
+    all.push_back(static_cast<char>(b));
+  const auto latin1 = DKStringConverter::ForCodePage(28591);
+  DKString text;
+  ASSERT_TRUE(latin1->ToUnicode(all.data(), all.size(), text).Good());
+  ASSERT_EQ(text.Length(), 256u);
+  for (std::size_t i = 0; i < 256; ++i)
+    EXPECT_EQ(static_cast<std::size_t>(text[i]), i);
+  std::string back;
+  ASSERT_TRUE(latin1->FromUnicode(text.c_str(), text.Length(), back).Good());
+  EXPECT_EQ(back, all);
+
+  // The euro sign and everything else above U+00FF have no Latin-1 form.
+  std::string out = "x";
+  const DKString euro(u"ab€");
+  const DKErrorID result = latin1->FromUnicode(euro.c_str(), euro.Length(), out);
+  EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+  EXPECT_EQ(Param(result, 0), 2);
+  EXPECT_EQ(Param(result, 1), 28591);
+  EXPECT_EQ(out, "x");
+}
+
+// The high half of code page 1252: 0x80-0x9F are typographic characters, five bytes are undefined.
+TEST_F(DKStringConverterTest, Windows1252TableBothWays) {
+  const char16_t table[32] = {u'€',    0,      u'‚', u'ƒ', u'„', u'…', u'†', u'‡', u'ˆ', u'‰', u'Š',
+                              u'‹',    u'Œ',   0,    u'Ž', 0,    0,    u'‘', u'’', u'“', u'”', u'•',
+                              u'–',    u'—',   u'˜', u'™', u'š', u'›', u'œ', 0,    u'ž', u'Ÿ'};
+  const auto strict = DKStringConverter::ForCodePage(1252);
+  const auto lenient = DKStringConverter::ForCodePage(1252, Policy::Replace);
+  for (int b = 0x80; b < 0x100; ++b) {
+    SCOPED_TRACE(b);
+    const char byte = static_cast<char>(b);
+    const DKChar expected = b < 0xA0 ? table[b - 0x80] : static_cast<DKChar>(b);
+    DKString decoded(u"k");
+    const DKErrorID result = strict->ToUnicode(&byte, 1, decoded);
+    if (expected) {
+      ASSERT_TRUE(result.Good());
+      EXPECT_EQ(decoded, DKString(u"k") + expected);
+      std::string encoded;
+      ASSERT_TRUE(strict->FromUnicode(&expected, 1, encoded).Good());
+      EXPECT_EQ(encoded, std::string(1, byte));
+    } else {
+      EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+      EXPECT_EQ(Param(result, 0), 0);
+      EXPECT_EQ(Param(result, 1), 1252);
+      EXPECT_EQ(decoded, u"k");
+      ASSERT_TRUE(lenient->ToUnicode(&byte, 1, decoded).Good());
+      EXPECT_EQ(decoded, DKString(u"k") + FFFD);
+      // The C1 control of the same value has no form either.
+      const DKChar control = static_cast<DKChar>(b);
+      std::string encoded;
+      EXPECT_EQ(strict->FromUnicode(&control, 1, encoded).GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+    }
+  }
+  std::string out;
+  EXPECT_TRUE(DKString(u"5 €").ConvertFromUnicode(out, 1252).Good());
+  EXPECT_EQ(out, "5 \x80");
+  EXPECT_EQ(DKString(u"5 €").ConvertFromUnicode(out, 28591).GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+  EXPECT_EQ(out, "5 \x80");
+}
+
+TEST_F(DKStringConverterTest, ReplacePolicyNeverFails) {
+  const DKString text = Units({'a', 0x20AC, 0xD83D, 0xDE00, 0xDC00, 0x0100, 'z'}); // € 😀 lone low Ā
+  const struct {
+    unsigned int codePage;
+    const char* expected;
+  } cases[] = {{28591, "a????z"}, {1252, "a\x80???z"}, {65001, "a\xE2\x82\xAC\xF0\x9F\x98\x80\xEF\xBF\xBD\xC4\x80z"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.codePage);
+    std::string out = ">";
+    EXPECT_TRUE(DKStringConverter::ForCodePage(c.codePage, Policy::Replace)->FromUnicode(text.c_str(), text.Length(), out).Good());
+    EXPECT_EQ(out, std::string(">") + c.expected);
+    EXPECT_EQ(text.AsMbString(c.codePage), c.expected);
+    // A strict converter handed to AsMbString still gives a result: one '?' per refused character.
+    if (c.codePage != 65001) {
+      EXPECT_EQ(text.AsMbString(DKStringConverter::ForCodePage(c.codePage)), c.expected);
+    }
+  }
+  EXPECT_EQ(text.AsMbString(DKStringConverter::ForCodePage(65001)), "a\xE2\x82\xAC\xF0\x9F\x98\x80?\xC4\x80z");
+  // No converter, or a code page the library does not know: UTF-8.
+  EXPECT_EQ(text.AsMbString(DKSmartPtr<DKStringConverter>()), text.AsUTF8());
+  EXPECT_EQ(text.AsMbString(437), text.AsUTF8());
+  EXPECT_EQ(DKString().AsMbString(1252), "");
+}
+
+TEST_F(DKStringConverterTest, ConversionsAppendAndKeepTheOutputOnFailure) {
+  const auto utf8 = Utf8();
+  DKString out(u"pre");
+  const DKString sharer = out;
+  EXPECT_TRUE(utf8->ToUnicode("fix", 3, out).Good());
+  EXPECT_EQ(out, u"prefix");
+  EXPECT_EQ(sharer, u"pre") << "appending to a shared string copies it first";
+  EXPECT_TRUE(utf8->ToUnicode(nullptr, 12, out).Good());
+  EXPECT_EQ(out, u"prefix");
+  const std::string longBad = std::string(600, 'x') + "\xC3";
+  EXPECT_EQ(utf8->ToUnicode(longBad.data(), longBad.size(), out).GetCode(), DK_MSG_INVALID_UTF8);
+  EXPECT_EQ(out, u"prefix");
+
+  std::string bytes = "pre";
+  EXPECT_TRUE(utf8->FromUnicode(u"fix", 3, bytes).Good());
+  EXPECT_TRUE(utf8->FromUnicode(nullptr, 3, bytes).Good());
+  EXPECT_EQ(bytes, "prefix");
+  const DKString longLone = DKString(u'y', 700) + DKChar(0xD800);
+  EXPECT_EQ(utf8->FromUnicode(longLone.c_str(), longLone.Length(), bytes).GetCode(), DK_MSG_INVALID_UTF16);
+  EXPECT_EQ(bytes, "prefix");
+}
+
+TEST_F(DKStringConverterTest, StringConversionsByCodePage) {
+  DKString s(u"kept");
+  DKErrorID result = s.ConvertToUnicode("x", 1200);
+  EXPECT_EQ(result.GetCode(), DK_MSG_UNKNOWN_CODE_PAGE);
+  EXPECT_EQ(Param(result, 0), 1200);
+  EXPECT_EQ(s, u"kept");
+  std::string out = "kept";
+  EXPECT_EQ(s.ConvertFromUnicode(out, 1200).GetCode(), DK_MSG_UNKNOWN_CODE_PAGE);
+  EXPECT_EQ(out, "kept");
+
+  EXPECT_TRUE(s.ConvertToUnicode("\x80 \xE9t\xE9", 1252).Good());
+  EXPECT_EQ(s, u"€ été");
+  EXPECT_TRUE(s.ConvertToUnicode("\x80", 28591).Good());
+  EXPECT_EQ(s, Units({0x80}));
+  EXPECT_TRUE(DKString::ConvertToUnicode("\xC3\xA9t\xC3\xA9", 0, s).Good());
+  EXPECT_EQ(s, u"été");
+  EXPECT_EQ(DKString::ConvertToUnicode("\xC3", 65001, s).GetCode(), DK_MSG_INVALID_UTF8);
+  EXPECT_EQ(s, u"été");
+  EXPECT_EQ(s.ConvertToUnicode("a\x8D", 1252).GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+  EXPECT_EQ(s, u"été");
+  EXPECT_TRUE(s.ConvertToUnicode(nullptr, 1252).Good());
+  EXPECT_TRUE(s.IsEmpty());
+
+  EXPECT_TRUE(DKString(u"été").ConvertFromUnicode(out, 28591).Good());
+  EXPECT_EQ(out, "\xE9t\xE9");
+  EXPECT_TRUE(DKString().ConvertFromUnicode(out, 65001).Good());
+  EXPECT_EQ(out, "");
+}
+
+TEST_F(DKStringConverterTest, StreamOutputIsUtf8) {
+  std::ostringstream os;
+  os << DKString(u"né 😀") << '|' << std::setw(6) << DKString(u"ab") << '|';
+  EXPECT_EQ(os.str(), "n\xC3\xA9 \xF0\x9F\x98\x80|    ab|");
+  // Long text takes the heap path.
+  const DKString longText = DKString(u'é', 400) + u"end";
+  std::ostringstream big;
+  big << longText;
+  EXPECT_EQ(big.str(), longText.AsUTF8());
+  EXPECT_EQ(big.str().size(), 803u);
+}
+
+#if !DK_WCHAR_IS_DKCHAR
+TEST_F(DKStringConverterTest, WideTextIsTranscodedFromUtf32) {
+  const DKString smile(L"a😀b");
+  EXPECT_EQ(smile, Units({'a', 0xD83D, 0xDE00, 'b'}));
+  EXPECT_EQ(smile.AsStdWString(), L"a😀b");
+  EXPECT_EQ(static_cast<std::wstring>(smile), L"a😀b");
+
+  // Surrogate code points, values above U+10FFFF and negative values are not characters.
+  const wchar_t bad[] = {L'x', static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000), static_cast<wchar_t>(-1), 0};
+  EXPECT_EQ(DKString(bad), Units({'x', FFFD, FFFD, FFFD}));
+  // Lone surrogates in the string cannot be UTF-32 either.
+  EXPECT_EQ(Units({0xDC00, 'q', 0xD800}).AsStdWString(), std::wstring(L"\xFFFDq\xFFFD"));
+
+  DKString s;
+  s = L"𝄞";
+  EXPECT_EQ(s, Units({0xD834, 0xDD1E}));
+  s = std::wstring(L"x\0y", 3); // the text ends at the first 0
+  EXPECT_EQ(s, u"x");
+  s.Append(L"ü");
+  s += std::wstring(L"𝄞");
+  s += L"!";
+  EXPECT_EQ(s, Units({'x', 0xFC, 0xD834, 0xDD1E, '!'}));
+  s.Append(static_cast<const wchar_t*>(nullptr));
+  EXPECT_EQ(s.Length(), 5u);
+  EXPECT_TRUE(DKString(static_cast<const wchar_t*>(nullptr)).IsEmpty());
+  EXPECT_TRUE(DKString(std::wstring()).GetData() == DKString::GetEmptyData());
+}
+#endif
+
+} // namespace

@@ -1,1 +1,111 @@
-// placeholder
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+const DKChar* const marker = u"{DKS1}";
+
+bool IsBodyCharacter(DKChar c) {
+  return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9') || c == u'-' || c == u'_';
+}
+
+TEST(DKStringScrambleTest, RoundTripsAnyText) {
+  const DKString texts[] = {
+      DKString(),
+      DKString(u"p"),
+      DKString(u"password"),
+      DKString(u"Mot de passe: été, crème, 東京 😀"),
+      DKString(u"\xD800"),                   // lone high surrogate
+      DKString(u"a\xDC00" u"b"),             // lone low surrogate
+      DKString(u"\xDE00\xD83D"),             // a pair in the wrong order
+      DKString(u"\xFFFF\xFFFE\x0001\xFFFD"),
+      DKString(u"{DKS1}"),                   // the marker alone is no scrambled text
+      DKString(u"{DKS1}AAAA"),
+      DKString(u'x', 5000),
+  };
+  for (const DKString& text : texts) {
+    SCOPED_TRACE(text.AsUTF8());
+    ASSERT_FALSE(text.IsEncrypted());
+    const DKString deepCopy(text.c_str(), text.Length());
+    DKString s = text;
+    s.Encrypt();
+    EXPECT_TRUE(s.IsEncrypted());
+    EXPECT_EQ(s.Find(marker), 0u);
+    for (std::size_t i = DKStrLen(marker); i < s.Length(); ++i)
+      ASSERT_TRUE(IsBodyCharacter(s[i])) << "unit " << i;
+    EXPECT_TRUE(text == deepCopy) << "a sharer of the block keeps its text";
+    if (text.Length() > 3) {
+      EXPECT_EQ(s.SubStr(DKStrLen(marker)).Find(text), DKString::npos);
+    }
+    s.Decrypt();
+    EXPECT_TRUE(s == text);
+    EXPECT_FALSE(s.IsEncrypted());
+  }
+}
+
+TEST(DKStringScrambleTest, EncryptIsIdempotentAndDecryptLeavesPlainTextAlone) {
+  DKString s(u"secret");
+  s.Encrypt();
+  const DKString once = s;
+  s.Encrypt();
+  EXPECT_EQ(s, once);
+  s.Decrypt();
+  EXPECT_EQ(s, u"secret");
+  s.Decrypt();
+  EXPECT_EQ(s, u"secret");
+}
+
+// Stored scrambled values must stay readable by later versions of the library.
+TEST(DKStringScrambleTest, TheScrambledFormIsStable) {
+  DKString s(u"secret");
+  s.Encrypt();
+  EXPECT_EQ(s, u"{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA");
+  DKString stored(u"{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA");
+  stored.Decrypt();
+  EXPECT_EQ(stored, u"secret");
+}
+
+TEST(DKStringScrambleTest, SimilarTextsScrambleDifferentlyThroughout) {
+  DKString a(u"password1"), b(u"password2");
+  a.Encrypt();
+  b.Encrypt();
+  ASSERT_EQ(a.Length(), b.Length());
+  std::size_t same = 0;
+  for (std::size_t i = DKStrLen(marker); i < a.Length(); ++i)
+    same += a[i] == b[i];
+  EXPECT_LT(same, a.Length() / 3);
+}
+
+TEST(DKStringScrambleTest, DamagedBodiesAreLeftUnchanged) {
+  DKString good(u"the quick brown fox");
+  good.Encrypt();
+  const std::size_t bodyStart = DKStrLen(marker);
+  std::vector<DKString> damaged;
+  for (std::size_t i = bodyStart; i < good.Length(); ++i) {
+    DKString flipped = good;
+    flipped.Set(i, good[i] == u'A' ? u'B' : u'A');
+    damaged.push_back(flipped);
+  }
+  damaged.push_back(good.SubStr(0, good.Length() - 1));
+  damaged.push_back(good.SubStr(0, good.Length() - 3));
+  damaged.push_back(good + u"A");
+  damaged.push_back(good + u"AAA");
+  DKString badChar = good;
+  badChar.Set(bodyStart + 2, u'+');
+  damaged.push_back(badChar);
+  damaged.push_back(good.SubStr(1));
+  damaged.push_back(DKString(u"{dks1}") + good.SubStr(bodyStart));
+  for (const DKString& d : damaged) {
+    SCOPED_TRACE(d.AsUTF8());
+    EXPECT_FALSE(d.IsEncrypted());
+    DKString s = d;
+    s.Decrypt();
+    EXPECT_TRUE(s == d);
+  }
+}
+
+} // namespace

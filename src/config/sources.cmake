@@ -1,0 +1,6 @@
+target_sources(DorvikCore PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/DKCommandLine.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKUsageInfo.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKConfigFile.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKConfig.cpp
+)
