@@ -4,6 +4,7 @@
 
 #include "text/DKUnicodeTables.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -52,49 +53,63 @@ inline bool IsSkipped(DKChar unit, DKChar folded) noexcept {
   return (T == Accent || T == CaseAccent) && folded == 0 && unit != 0;
 }
 
+// Once one side has ended: the other orders after it unless all it has left is skipped.
+template <Table T>
+int OrderOfRests(const DKChar* a, std::size_t aRest, const DKChar* b, std::size_t bRest) noexcept {
+  while (aRest != 0 && IsSkipped<T>(*a, Map<T>(*a))) {
+    ++a;
+    --aRest;
+  }
+  while (bRest != 0 && IsSkipped<T>(*b, Map<T>(*b))) {
+    ++b;
+    --bRest;
+  }
+  return static_cast<int>(aRest != 0) - static_cast<int>(bRest != 0);
+}
+
 // Compares a and b as the sequences of their folded units, skipped units left out.
 // Equal units fold alike, so only differing units are looked up; runs of four ASCII units, the
-// common case, are folded and compared a 64-bit word at a time.
+// common case, are folded and compared a 64-bit word at a time. The units left to the unit-by-unit
+// loop are mostly not ASCII, so it goes to the tables without the ASCII test.
 template <Table T>
 int FoldedCompare(const DKChar* a, std::size_t aLength, const DKChar* b, std::size_t bLength) noexcept {
   std::size_t i = 0;
   std::size_t j = 0;
   for (;;) {
-    while (i + 4 <= aLength && j + 4 <= bLength) {
-      const std::uint64_t wa = LoadFour(a + i);
-      const std::uint64_t wb = LoadFour(b + j);
+    const std::size_t words = std::min(aLength - i, bLength - j) / 4;
+    std::size_t w = 0;
+    for (; w < words; ++w) {
+      const std::uint64_t wa = LoadFour(a + i + 4 * w);
+      const std::uint64_t wb = LoadFour(b + j + 4 * w);
       if (wa != wb && (((wa | wb) & kNonAsciiBits) != 0 || FoldAsciiFour<T>(wa) != FoldAsciiFour<T>(wb)))
         break;
-      i += 4;
-      j += 4;
     }
-    if (i == aLength || j == bLength)
-      break;
-    const DKChar ca = a[i];
-    const DKChar cb = b[j];
-    if (ca != cb) {
-      const DKChar fa = Map<T>(ca);
-      const DKChar fb = Map<T>(cb);
-      if (IsSkipped<T>(ca, fa)) {
-        ++i;
-        continue;
+    i += 4 * w;
+    j += 4 * w;
+    // Unit by unit through the four units that stopped the word loop, or through the tail.
+    for (int step = 0; step < 4; ++step) {
+      if (i == aLength || j == bLength)
+        return OrderOfRests<T>(a + i, aLength - i, b + j, bLength - j);
+      const DKChar ca = a[i];
+      const DKChar cb = b[j];
+      if (ca != cb) {
+        const DKChar fa = MapFromTable<T>(ca);
+        const DKChar fb = MapFromTable<T>(cb);
+        if (IsSkipped<T>(ca, fa)) {
+          ++i;
+          continue;
+        }
+        if (IsSkipped<T>(cb, fb)) {
+          ++j;
+          continue;
+        }
+        if (fa != fb)
+          return static_cast<int>(fa) - static_cast<int>(fb);
       }
-      if (IsSkipped<T>(cb, fb)) {
-        ++j;
-        continue;
-      }
-      if (fa != fb)
-        return static_cast<int>(fa) - static_cast<int>(fb);
+      ++i;
+      ++j;
     }
-    ++i;
-    ++j;
   }
-  // One side has ended; the other orders after it unless all it has left is skipped.
-  while (i < aLength && IsSkipped<T>(a[i], Map<T>(a[i])))
-    ++i;
-  while (j < bLength && IsSkipped<T>(b[j], Map<T>(b[j])))
-    ++j;
-  return static_cast<int>(i < aLength) - static_cast<int>(j < bLength);
 }
 
 // Builds T in static storage that is never destroyed, and keeps a reference on it so that

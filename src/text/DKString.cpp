@@ -337,29 +337,35 @@ std::size_t DKString::Replace(const DKString& find, const DKChar* replacement) {
 
 namespace {
 
-// Maps every unit through map; leaves the block untouched (and shared) when nothing changes.
+// Position of the first unit that map changes, or the length when none does.
 template <class Map>
-void MapUnits(DKString& s, Map map) {
+std::size_t FirstChanged(const DKString& s, Map map) noexcept {
+  const DKChar* t = s.c_str();
   const std::size_t len = s.Length();
   std::size_t i = 0;
-  while (i < len && map(s[i]) == s[i])
+  while (i < len && map(t[i]) == t[i])
     ++i;
-  for (; i < len; ++i) {
-    const DKChar mapped = map(s[i]);
-    if (mapped != s[i])
-      s.Set(i, mapped);
-  }
+  return i;
 }
 
 } // namespace
 
+// Both leave the block untouched (and shared) when no unit changes.
 DKString& DKString::Upper() {
-  MapUnits(*this, DKtowupper);
+  const std::size_t i = FirstChanged(*this, DKtowupper);
+  if (i < Length()) {
+    ResizeCapacity(Capacity());
+    DKStrUpper(m_pData->Text() + i, Length() - i);
+  }
   return *this;
 }
 
 DKString& DKString::Lower() {
-  MapUnits(*this, DKtowlower);
+  const std::size_t i = FirstChanged(*this, DKtowlower);
+  if (i < Length()) {
+    ResizeCapacity(Capacity());
+    DKStrLower(m_pData->Text() + i, Length() - i);
+  }
   return *this;
 }
 

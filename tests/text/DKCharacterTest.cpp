@@ -1,1 +1,225 @@
-// placeholder
+#include <DorvikCore/DKCharacter.h>
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string Hex(unsigned unit) {
+  char text[16];
+  std::snprintf(text, sizeof text, "U+%04X", unit);
+  return text;
+}
+
+struct CaseRow {
+  unsigned ch, upper, lower;
+  const char* what;
+};
+
+const CaseRow kCaseRows[] = {
+  {'a', 'A', 'a', "ASCII small"},
+  {'Z', 'Z', 'z', "ASCII capital"},
+  {'@', '@', '@', "just before A"},
+  {'[', '[', '[', "just after Z"},
+  {'`', '`', '`', "just before a"},
+  {'{', '{', '{', "just after z"},
+  {'5', '5', '5', "digit"},
+  {0x0000, 0x0000, 0x0000, "NUL"},
+  {0x007F, 0x007F, 0x007F, "DEL"},
+  {0x00E9, 0x00C9, 0x00E9, "e acute"},
+  {0x00C0, 0x00C0, 0x00E0, "A grave"},
+  {0x00FF, 0x0178, 0x00FF, "y diaeresis uppercases outside Latin-1"},
+  {0x00DF, 0x00DF, 0x00DF, "sharp s has no simple uppercase"},
+  {0x00B5, 0x039C, 0x00B5, "micro sign uppercases to Greek Mu"},
+  {0x00D7, 0x00D7, 0x00D7, "multiplication sign"},
+  {0x017F, 'S', 0x017F, "long s"},
+  {0x01C5, 0x01C4, 0x01C6, "titlecase DZ caron"},
+  {0x0131, 'I', 0x0131, "Turkish dotless i"},
+  {0x0130, 0x0130, 'i', "Turkish dotted capital I"},
+  {0x1E9E, 0x1E9E, 0x00DF, "capital sharp s"},
+  {0x03C3, 0x03A3, 0x03C3, "Greek sigma"},
+  {0x03C2, 0x03A3, 0x03C2, "Greek final sigma"},
+  {0x03A3, 0x03A3, 0x03C3, "Greek capital sigma"},
+  {0x03AC, 0x0386, 0x03AC, "Greek alpha tonos"},
+  {0x0434, 0x0414, 0x0434, "Cyrillic de"},
+  {0x0401, 0x0401, 0x0451, "Cyrillic capital io"},
+  {0x0561, 0x0531, 0x0561, "Armenian ayb"},
+  {0x0531, 0x0531, 0x0561, "Armenian capital ayb"},
+  {0x10D0, 0x1C90, 0x10D0, "Georgian mkhedruli an"},
+  {0x1C90, 0x1C90, 0x10D0, "Georgian mtavruli an"},
+  {0x10A0, 0x10A0, 0x2D00, "Georgian asomtavruli an"},
+  {0x13A0, 0x13A0, 0xAB70, "Cherokee a"},
+  {0x2C00, 0x2C00, 0x2C30, "Glagolitic capital azu"},
+  {0x2160, 0x2160, 0x2170, "Roman numeral one"},
+  {0x24D0, 0x24B6, 0x24D0, "circled a"},
+  {0xFF41, 0xFF21, 0xFF41, "fullwidth a"},
+  {0xFF3A, 0xFF3A, 0xFF5A, "fullwidth Z"},
+  {0x212A, 0x212A, 'k', "Kelvin sign"},
+  {0x2126, 0x2126, 0x03C9, "Ohm sign"},
+  {0x4E00, 0x4E00, 0x4E00, "CJK ideograph"},
+  {0xAC00, 0xAC00, 0xAC00, "Hangul syllable"},
+  {0xE000, 0xE000, 0xE000, "private use"},
+  {0xFFFF, 0xFFFF, 0xFFFF, "noncharacter"},
+  {0xD800, 0xD800, 0xD800, "high surrogate"},
+  {0xDBFF, 0xDBFF, 0xDBFF, "last high surrogate"},
+  {0xDC00, 0xDC00, 0xDC00, "low surrogate"},
+  {0xDFFF, 0xDFFF, 0xDFFF, "last low surrogate"},
+};
+
+TEST(DKCharacterTest, SimpleCaseMappings) {
+  for (const CaseRow& row : kCaseRows) {
+    SCOPED_TRACE(Hex(row.ch) + " " + row.what);
+    EXPECT_EQ(Hex(DKtowupper(static_cast<DKChar>(row.ch))), Hex(row.upper));
+    EXPECT_EQ(Hex(DKtowlower(static_cast<DKChar>(row.ch))), Hex(row.lower));
+  }
+}
+
+// Each row: a unit and what case folding, accent folding and both give.
+struct FoldRow {
+  unsigned ch, fold, accent, both;
+  const char* what;
+};
+
+const FoldRow kFoldRows[] = {
+  {'A', 'a', 'A', 'a', "ASCII capital"},
+  {'_', '_', '_', '_', "ASCII punctuation"},
+  {0x0000, 0x0000, 0x0000, 0x0000, "NUL is not a mark"},
+  {0x00C9, 0x00E9, 'E', 'e', "E acute"},
+  {0x00E9, 0x00E9, 'e', 'e', "e acute"},
+  {0x01D6, 0x01D6, 'u', 'u', "u diaeresis macron, two marks deep"},
+  {0x01D7, 0x01D8, 'U', 'u', "U diaeresis acute"},
+  {0x00C5, 0x00E5, 'A', 'a', "A ring"},
+  {0x212B, 0x00E5, 'A', 'a', "Angstrom sign"},
+  {0x1EF1, 0x1EF1, 'u', 'u', "u horn dot below"},
+  {0x1E08, 0x1E09, 'C', 'c', "C cedilla acute"},
+  {0x0130, 'i', 'I', 'i', "dotted capital I"},
+  {0x0131, 'i', 0x0131, 'i', "dotless i has no decomposition"},
+  {0x00F8, 0x00F8, 0x00F8, 0x00F8, "o slash stays"},
+  {0x00D8, 0x00F8, 0x00D8, 0x00F8, "O slash stays a slashed letter"},
+  {0x0142, 0x0142, 0x0142, 0x0142, "l stroke stays"},
+  {0x00E6, 0x00E6, 0x00E6, 0x00E6, "ae stays"},
+  {0x00DF, 0x00DF, 0x00DF, 0x00DF, "sharp s"},
+  {0x1E9E, 0x00DF, 0x1E9E, 0x00DF, "capital sharp s"},
+  {0x03C2, 0x03C3, 0x03C2, 0x03C3, "final sigma"},
+  {0x03A3, 0x03C3, 0x03A3, 0x03C3, "capital sigma"},
+  {0x0390, 0x0390, 0x03B9, 0x03B9, "iota dialytika tonos"},
+  {0x2126, 0x03C9, 0x03A9, 0x03C9, "Ohm sign"},
+  {0x212A, 'k', 'K', 'k', "Kelvin sign"},
+  {0x00B5, 0x03BC, 0x00B5, 0x03BC, "micro sign"},
+  {0x017F, 's', 0x017F, 's', "long s"},
+  {0x01C5, 0x01C6, 0x01C5, 0x01C6, "DZ caron: a compatibility decomposition is not followed"},
+  {0xFB01, 0xFB01, 0xFB01, 0xFB01, "fi ligature: compatibility only"},
+  {0xFF21, 0xFF41, 0xFF21, 0xFF41, "fullwidth A: compatibility only"},
+  {0x0419, 0x0439, 0x0418, 0x0438, "Cyrillic short i decomposes canonically"},
+  {0x304C, 0x304C, 0x304B, 0x304B, "hiragana ga"},
+  {0xAC00, 0xAC00, 0xAC00, 0xAC00, "Hangul syllables are not decomposed"},
+  {0x0301, 0x0301, 0x0000, 0x0000, "combining acute"},
+  {0x0345, 0x03B9, 0x0000, 0x0000, "combining ypogegrammeni uppercases to Iota"},
+  {0xFE0F, 0xFE0F, 0x0000, 0x0000, "variation selector"},
+  {0x0903, 0x0903, 0x0903, 0x0903, "spacing mark (Mc) is kept"},
+  {0x20DD, 0x20DD, 0x20DD, 0x20DD, "enclosing mark (Me) is kept"},
+  {0x0BCA, 0x0BCA, 0x0BCA, 0x0BCA, "decomposition starting with a spacing mark"},
+  {0xD800, 0xD800, 0xD800, 0xD800, "surrogate"},
+};
+
+TEST(DKCharacterTest, CaseAndAccentFolding) {
+  for (const FoldRow& row : kFoldRows) {
+    SCOPED_TRACE(Hex(row.ch) + " " + row.what);
+    const DKChar ch = static_cast<DKChar>(row.ch);
+    EXPECT_EQ(Hex(DKFoldCase(ch)), Hex(row.fold));
+    EXPECT_EQ(Hex(DKFoldAccent(ch)), Hex(row.accent));
+    EXPECT_EQ(Hex(DKFoldCaseAndAccent(ch)), Hex(row.both));
+    EXPECT_EQ(DKIsNonSpacingMark(ch), row.ch != 0 && row.accent == 0);
+  }
+}
+
+// Properties the collators rely on, over the whole plane: the foldings are idempotent, every case
+// form of a unit folds alike, marks and only marks fold to 0, surrogates are left alone.
+TEST(DKCharacterTest, FoldingInvariantsHoldForEveryUnit) {
+  int failures = 0;
+  for (unsigned u = 0; u <= 0xFFFF && failures < 10; ++u) {
+    const DKChar ch = static_cast<DKChar>(u);
+    const DKChar fold = DKFoldCase(ch), accent = DKFoldAccent(ch), both = DKFoldCaseAndAccent(ch);
+    const bool mark = DKIsNonSpacingMark(ch);
+    const bool surrogate = u >= 0xD800 && u <= 0xDFFF;
+    const bool ok = DKFoldCase(fold) == fold && DKFoldCase(DKtowupper(ch)) == fold &&
+                    DKFoldCase(DKtowlower(ch)) == fold && (mark ? accent == 0 && both == 0 : accent != 0 || u == 0) &&
+                    (accent == 0 || DKFoldAccent(accent) == accent) &&
+                    (both == 0 || (DKFoldCaseAndAccent(both) == both && DKFoldCase(both) == both)) &&
+                    (!surrogate || (DKtowupper(ch) == ch && DKtowlower(ch) == ch && fold == ch && both == ch));
+    if (!ok) {
+      ADD_FAILURE() << Hex(u) << ": fold " << Hex(fold) << ", accent " << Hex(accent) << ", both " << Hex(both);
+      ++failures;
+    }
+  }
+}
+
+// The exact mappings of every BMP code point against the Unicode data, where the data file is
+// installed (Debian package unicode-data); the generator runs the same check with --check.
+TEST(DKCharacterTest, AgreesWithUnicodeDataFile) {
+  std::ifstream in("/usr/share/unicode/UnicodeData.txt");
+  if (!in)
+    GTEST_SKIP() << "UnicodeData.txt is not installed";
+  std::vector<unsigned> upper(0x10000), lower(0x10000);
+  std::vector<bool> mark(0x10000);
+  for (unsigned u = 0; u < 0x10000; ++u)
+    upper[u] = lower[u] = u;
+  std::string line;
+  while (std::getline(in, line)) {
+    std::vector<std::string> fields;
+    std::stringstream split(line);
+    for (std::string field; std::getline(split, field, ';');)
+      fields.push_back(field);
+    fields.resize(15);
+    const unsigned long code = std::stoul(fields[0], nullptr, 16);
+    if (code > 0xFFFF)
+      continue;
+    mark[code] = fields[2] == "Mn";
+    if (!fields[12].empty())
+      upper[code] = static_cast<unsigned>(std::stoul(fields[12], nullptr, 16));
+    if (!fields[13].empty())
+      lower[code] = static_cast<unsigned>(std::stoul(fields[13], nullptr, 16));
+  }
+  int failures = 0;
+  for (unsigned u = 0; u <= 0xFFFF && failures < 10; ++u) {
+    const DKChar ch = static_cast<DKChar>(u);
+    if (DKtowupper(ch) != upper[u] || DKtowlower(ch) != lower[u] || DKIsNonSpacingMark(ch) != mark[u]) {
+      ADD_FAILURE() << Hex(u) << ": upper " << Hex(DKtowupper(ch)) << " (data " << Hex(upper[u]) << "), lower "
+                    << Hex(DKtowlower(ch)) << " (data " << Hex(lower[u]) << ")";
+      ++failures;
+    }
+  }
+}
+
+TEST(DKCharacterTest, BufferMappingStaysWithinLength) {
+  DKChar text[] = DK_T("a\u00E9\u03C2\u0131Z\u4E00\xD800zz");
+  DKStrUpper(text, 8);
+  EXPECT_EQ(DKStdString(text), DKStdString(DK_T("A\u00C9\u03A3IZ\u4E00\xD800Zz")));
+  DKStrLower(text, 3);
+  EXPECT_EQ(DKStdString(text), DKStdString(DK_T("a\u00E9\u03C3IZ\u4E00\xD800Zz")));
+  DKStrUpper(nullptr, 0);
+}
+
+TEST(DKCharacterTest, StringUpperAndLowerUseTheTables) {
+  DKString s(DK_T("Stra\u00DFe \u01C5 i\u0131 \u0391\u03B8\u03AE\u03BD\u03B1\u03C2 \uFF41"));
+  const DKString copy = s;
+  s.Upper();
+  EXPECT_EQ(s, DKString(DK_T("STRA\u00DFE \u01C4 II \u0391\u0398\u0389\u039D\u0391\u03A3 \uFF21")));
+  s.Lower();
+  EXPECT_EQ(s, DKString(DK_T("stra\u00DFe \u01C6 ii \u03B1\u03B8\u03AE\u03BD\u03B1\u03C3 \uFF41")));
+  EXPECT_EQ(copy, DKString(DK_T("Stra\u00DFe \u01C5 i\u0131 \u0391\u03B8\u03AE\u03BD\u03B1\u03C2 \uFF41")));
+}
+
+TEST(DKCharacterTest, ReportsTheUnicodeVersion) {
+  unsigned major = 0, minor = 0, update = 0;
+  EXPECT_EQ(std::sscanf(DKUnicodeVersion(), "%u.%u.%u", &major, &minor, &update), 3);
+  EXPECT_GE(major, 11u) << "Georgian Mtavruli needs Unicode 11";
+}
+
+} // namespace

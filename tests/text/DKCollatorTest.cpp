@@ -1,1 +1,248 @@
-// placeholder
+#include <DorvikCore/DKCharacter.h>
+#include <DorvikCore/DKCollator.h>
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+int Sign(int v) { return (v > 0) - (v < 0); }
+
+const DKCollator& Collator(long flags) {
+  const DKCollator* collator = DKGetFlagsCollator(flags);
+  if (!collator)
+    std::abort();
+  return *collator;
+}
+
+int Compare(long flags, const DKStdString& a, const DKStdString& b) {
+  return Collator(flags).Compare(a.data(), a.size(), b.data(), b.size());
+}
+
+struct CompareRow {
+  const DKChar* a;
+  const DKChar* b;
+  long flags;
+  int sign;
+  const char* what;
+};
+
+const CompareRow kCompareRows[] = {
+  {DK_T(""), DK_T(""), 1, 0, "empty texts"},
+  {DK_T(""), DK_T("a"), 1, -1, "empty orders first"},
+  {DK_T("Hello, World"), DK_T("hELLO, wORLD"), 1, 0, "ASCII case"},
+  {DK_T("Hello, World!"), DK_T("hELLO, wORLD?"), 1, -1, "difference after a case-equal run"},
+  {DK_T("abc"), DK_T("ABD"), 1, -1, "first folded difference decides"},
+  {DK_T("abcd"), DK_T("ABC"), 1, 1, "a prefix orders first"},
+  {DK_T("_"), DK_T("A"), 1, -1, "letters fold to lower case, so '_' orders before them"},
+  {DK_T("\u03A3\u038A\u03A3\u03A5\u03A6\u039F\u03A3"), DK_T("\u03C3\u03AF\u03C3\u03C5\u03C6\u03BF\u03C2"), 1, 0,
+   "Greek with final sigma"},
+  {DK_T("\u0130stanbul"), DK_T("istanbul"), 1, 0, "dotted capital I"},
+  {DK_T("\u0131i"), DK_T("II"), 1, 0, "dotless i"},
+  {DK_T("\u212Aelvin"), DK_T("kELVIN"), 1, 0, "Kelvin sign"},
+  {DK_T("\u0414\u043E\u043C"), DK_T("\u0434\u041E\u041C"), 1, 0, "Cyrillic"},
+  {DK_T("\uFF21\uFF22"), DK_T("\uFF41\uFF42"), 1, 0, "fullwidth"},
+  {DK_T("Stra\u00DFe"), DK_T("STRASSE"), 1, 1, "sharp s has no simple upper case"},
+  {DK_T("\u00E9"), DK_T("\u00C9"), 1, 0, "accented letters still fold case"},
+  {DK_T("\u00E9"), DK_T("e"), 1, 1, "but keep their accent"},
+  {DK_T("\uFF41"), DK_T("a"), 1, 1, "units compare unsigned"},
+  {DK_T("\uFFFF"), DK_T("\u00E9"), 1, 1, "units compare unsigned"},
+  {DK_T("r\u00E9sum\u00E9"), DK_T("resume"), 2, 0, "precomposed accents"},
+  {DK_T("re\u0301sume\u0301"), DK_T("r\u00E9sum\u00E9"), 2, 0, "decomposed against precomposed"},
+  {DK_T("e\u0301\u0302"), DK_T("e"), 2, 0, "trailing marks contribute nothing"},
+  {DK_T("\u0301"), DK_T(""), 2, 0, "a lone mark is empty"},
+  {DK_T("\u0301a"), DK_T("a\u0301"), 2, 0, "marks skipped on either side"},
+  {DK_T("\u00E9"), DK_T("E"), 2, 1, "case still counts"},
+  {DK_T("\u00F8"), DK_T("o"), 2, 1, "o slash is its own letter"},
+  {DK_T("\u1EF1"), DK_T("u"), 2, 0, "two marks deep"},
+  {DK_T("\u00C9COLE"), DK_T("ecole"), 3, 0, "case and accent"},
+  {DK_T("\u01D7"), DK_T("u\u0301"), 3, 0, "case and accent, decomposed"},
+  {DK_T("ABCDEFG\u0301H"), DK_T("abcdefgh"), 3, 0, "a mark inside an ASCII run"},
+  {DK_T("abcdefgh"), DK_T("abcdefgi\u0301"), 3, -1, "difference after a mark"},
+  {DK_T("\u00D8"), DK_T("o"), 3, 1, "O slash"},
+};
+
+TEST(DKCollatorTest, ComparesFoldedUnits) {
+  for (const CompareRow& row : kCompareRows) {
+    SCOPED_TRACE(std::string(row.what) + ", flags " + std::to_string(row.flags));
+    const DKStdString a(row.a), b(row.b);
+    EXPECT_EQ(Sign(Compare(row.flags, a, b)), row.sign);
+    EXPECT_EQ(Sign(Compare(row.flags, b, a)), -row.sign);
+    EXPECT_EQ(Sign(DKString(row.a).Compare(DKString(row.b), row.flags)), row.sign) << "DKString::Compare";
+  }
+}
+
+TEST(DKCollatorTest, EmbeddedZeroIsAnOrdinaryUnit) {
+  const DKStdString a(DK_T("a\0b"), 3), b(DK_T("A\0B"), 3), shorter(DK_T("a"));
+  EXPECT_EQ(Compare(1, a, b), 0);
+  EXPECT_GT(Compare(2, a, shorter), 0);
+  EXPECT_GT(Compare(3, DKStdString(DK_T("\0"), 1), DKStdString()), 0);
+}
+
+TEST(DKCollatorTest, TerminatedAndStringForms) {
+  const DKCollator& c = Collator(3);
+  EXPECT_EQ(c.Compare(static_cast<const DKChar*>(nullptr), DK_T("")), 0);
+  EXPECT_LT(c.Compare(nullptr, DK_T("a")), 0);
+  EXPECT_GT(c.Compare(DK_T("a"), nullptr), 0);
+  EXPECT_EQ(c.Compare(DK_T("\u00C0 la carte"), DK_T("a LA CARTE")), 0);
+  EXPECT_TRUE(c.IsEqual(DKString(DK_T("na\u00EFve")), DKString(DK_T("NAIVE"))));
+  DKTableIgnoreAccentCollator own;
+  EXPECT_EQ(own.Compare(DK_T("\u00E9"), DK_T("e")), 0);
+}
+
+// The process-wide collators: one per flag value, of the named class, and never deleted by the
+// smart pointers that hold them for a while.
+TEST(DKCollatorTest, FlagsSelectOneProcessWideCollator) {
+  EXPECT_EQ(DKGetFlagsCollator(0), nullptr);
+  EXPECT_EQ(DKGetFlagsCollator(4), nullptr);
+  EXPECT_NE(dynamic_cast<const DKTableIgnoreCaseCollator*>(DKGetFlagsCollator(1)), nullptr);
+  EXPECT_NE(dynamic_cast<const DKTableIgnoreAccentCollator*>(DKGetFlagsCollator(2)), nullptr);
+  EXPECT_NE(dynamic_cast<const DKTableIgnoreCaseAndAccentCollator*>(DKGetFlagsCollator(3)), nullptr);
+  for (long flags = 1; flags <= 3; ++flags) {
+    EXPECT_EQ(DKGetFlagsCollator(flags), DKGetFlagsCollator(flags | 4 | 0x100));
+    const std::uint32_t refs = DKGetFlagsCollator(flags)->NbRef();
+    {
+      DKSmartPtrToConst<DKCollator> held(DKGetFlagsCollator(flags));
+      DKSmartPtrToConst<DKCollator> other = held;
+      EXPECT_EQ(Sign(DKString(DK_T("A")).Compare(DKString(DK_T("a")), held)), flags == 2 ? -1 : 0);
+    }
+    EXPECT_EQ(DKGetFlagsCollator(flags)->NbRef(), refs);
+  }
+}
+
+// A static object destroyed at exit still compares through the process-wide collators, however
+// late they were first used.
+TEST(DKCollatorTest, CollatorsOutliveStaticDestruction) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct LateUser {
+    ~LateUser() { std::_Exit(DKString(DK_T("\u00C9T\u00C9")).Compare(DK_T("ete"), 3) == 0 ? 7 : 1); }
+  };
+  EXPECT_EXIT(
+    {
+      static LateUser user;
+      (void)DKGetFlagsCollator(3);
+      std::exit(0);
+    },
+    testing::ExitedWithCode(7), "");
+}
+
+TEST(DKCollatorTest, CollatorLessOrdersMaps) {
+  std::map<DKString, int, DKCollatorLess> byName;
+  byName[DKString(DK_T("Path"))] = 1;
+  byName[DKString(DK_T("PATH"))] = 2;
+  byName[DKString(DK_T("Home"))] = 3;
+  EXPECT_EQ(byName.size(), 2u);
+  EXPECT_EQ(byName.at(DKString(DK_T("path"))), 2);
+  EXPECT_EQ(byName.begin()->first, DKString(DK_T("Home")));
+
+  // A collator of one's own, kept alive by the comparator that holds it.
+  const DKSmartPtrToConst<DKCollator> own(new DKTableIgnoreAccentCollator);
+  std::map<DKString, int, DKCollatorLess> accents{DKCollatorLess(own)};
+  accents[DKString(DK_T("caf\u00E9"))] = 1;
+  EXPECT_EQ(accents.count(DKString(DK_T("cafe"))), 1u);
+  EXPECT_EQ(accents.count(DKString(DK_T("CAFE"))), 0u);
+
+  std::map<DKString, int, DKCollatorLess> plain{DKCollatorLess(0)};
+  plain[DKString(DK_T("a"))] = 1;
+  EXPECT_EQ(plain.count(DKString(DK_T("A"))), 0u);
+}
+
+// Random texts over an alphabet full of case and accent variants, compared against a reference
+// that folds each unit on its own and compares the folded texts: the collators must agree with it
+// in sign, so they are antisymmetric and transitive, whatever mix of ASCII runs and other units.
+DKStdString Reference(long flags, const DKStdString& text) {
+  DKStdString folded;
+  for (DKChar ch : text) {
+    const DKChar f = flags == 1 ? DKFoldCase(ch) : flags == 2 ? DKFoldAccent(ch) : DKFoldCaseAndAccent(ch);
+    if (f != 0 || ch == 0)
+      folded += f;
+  }
+  return folded;
+}
+
+std::vector<DKStdString> RandomTexts(std::mt19937& rng, std::size_t count) {
+  // ASCII first (letters and the units around A-Z and a-z), picked three times out of four.
+  static const DKChar kAlphabet[] = {'a',    'A',    'Q',    'q',    'e',    'E',    'z',    '_',    '@',
+                                     '[',    '`',    '{',    'Z',    0x00E9, 0x00C9, 0x0301, 0x0308, 0x00DF,
+                                     0x03C3, 0x03C2, 0x03A3, 0x0130, 0x0131, 'i',    'I',    0x00F8, 0x00D8,
+                                     0xFF21, 0xFF41, 0xD800, 0xFFFF, 0x0000, 0x212A, 'k',    0x1EF1, 'u'};
+  constexpr std::size_t kAsciiCount = 13;
+  std::uniform_int_distribution<std::size_t> pick(0, std::size(kAlphabet) - 1), length(0, 14), coin(0, 3);
+  std::vector<DKStdString> texts;
+  while (texts.size() < count) {
+    DKStdString t;
+    for (std::size_t n = length(rng); n > 0; --n)
+      t += coin(rng) == 0 ? kAlphabet[pick(rng)] : kAlphabet[pick(rng) % kAsciiCount];
+    texts.push_back(t);
+    // A variant of the same text: the same letters in other forms, often equal when folded.
+    DKStdString v;
+    for (DKChar ch : t) {
+      const std::size_t change = coin(rng);
+      if (change == 0)
+        v += DKtowupper(ch);
+      else if (change == 1 && DKFoldAccent(ch) != 0)
+        v += DKFoldAccent(ch);
+      else if (change != 2)
+        v += ch;
+    }
+    texts.push_back(v);
+  }
+  return texts;
+}
+
+void CheckTotalOrder(long flags) {
+  std::mt19937 rng(20240601u + static_cast<unsigned>(flags));
+  const std::vector<DKStdString> texts = RandomTexts(rng, 400);
+  std::vector<DKStdString> references;
+  for (const DKStdString& t : texts)
+    references.push_back(Reference(flags, t));
+  int failures = 0;
+  for (std::size_t i = 0; i < texts.size() && failures < 5; ++i) {
+    for (std::size_t j = 0; j < texts.size(); ++j) {
+      const int ab = Compare(flags, texts[i], texts[j]);
+      const int expected = Sign(references[i].compare(references[j]));
+      if (Sign(ab) != expected || Sign(Compare(flags, texts[j], texts[i])) != -expected) {
+        ADD_FAILURE() << "texts " << i << " and " << j << ": " << ab << ", expected sign " << expected;
+        if (++failures == 5)
+          break;
+      }
+    }
+  }
+  // Every pair of ASCII units at every position of an eight-unit text, where the collators fold
+  // four units at a time.
+  for (unsigned x = 0; x < 0x80 && failures < 5; ++x) {
+    for (unsigned y = 0; y < 0x80; ++y) {
+      for (std::size_t pos = 0; pos < 8; ++pos) {
+        DKStdString a(DK_T("gHiJkLmN")), b = a;
+        a[pos] = static_cast<DKChar>(x);
+        b[pos] = static_cast<DKChar>(y);
+        const int expected = Sign(Reference(flags, a).compare(Reference(flags, b)));
+        if (Sign(Compare(flags, a, b)) != expected && ++failures <= 5)
+          ADD_FAILURE() << "ASCII " << x << " against " << y << " at " << pos << ": expected sign " << expected;
+      }
+    }
+  }
+  // Sorting by the collator gives a sequence that every pair agrees with.
+  std::vector<DKStdString> sorted = texts;
+  std::sort(sorted.begin(), sorted.end(),
+            [flags](const DKStdString& a, const DKStdString& b) { return Compare(flags, a, b) < 0; });
+  for (std::size_t i = 0; i + 1 < sorted.size(); ++i)
+    for (std::size_t j = i + 1; j < sorted.size(); j += 7)
+      ASSERT_LE(Compare(flags, sorted[i], sorted[j]), 0) << "positions " << i << " and " << j;
+}
+
+TEST(DKCollatorTest, IsATotalOrderMatchingTheReference) {
+  for (long flags = 1; flags <= 3; ++flags) {
+    SCOPED_TRACE("flags " + std::to_string(flags));
+    CheckTotalOrder(flags);
+  }
+}
+
+} // namespace
