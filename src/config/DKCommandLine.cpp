@@ -1,0 +1,348 @@
+#include <DorvikCore/DKCharacter.h>
+#include <DorvikCore/DKCommandLine.h>
+
+#include "text/DKUtf.h"
+
+#include <cstring>
+#include <utility>
+
+namespace {
+
+constexpr DKChar quote = DK_T('"');
+
+bool IsBlank(DKChar ch) noexcept { return ch == DK_T(' ') || ch == DK_T('\t'); }
+
+// Whether ch is one of the characters of a terminated set (sets are a few characters long).
+bool IsOneOf(const DKChar* set, DKChar ch) noexcept {
+  for (; *set; ++set)
+    if (*set == ch)
+      return true;
+  return false;
+}
+
+bool Contains(const DKString& set, DKChar ch) noexcept { return ch != 0 && IsOneOf(set.c_str(), ch); }
+
+// Whether the first word of a command-line string is a program path rather than a switch:
+// "/usr/bin/tool" is a path, "/config:a.ini" and "/help" are switches.
+bool IsProgramPath(const DKString& word, const DKString& valueDelimiters) {
+  if (word[0] != DK_T('/') && word[0] != DK_T('\\'))
+    return false;
+  if (!valueDelimiters.IsEmpty() && word.FindFirstOf(valueDelimiters, 1) != DKString::npos)
+    return false;
+  return word.FindFirstOf(DK_T("/\\"), 1) != DKString::npos;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+DKCommandLine::DKCommandLine() { Init(DKString(), standardArgDelimiters, standardValueDelimiters, false); }
+
+DKCommandLine::DKCommandLine(std::size_t argc, const DKChar* const* argv, const DKString& argDelimiters,
+                             const DKString& valueDelimiters, bool caseSensitive) {
+  Init(argc, argv, argDelimiters, valueDelimiters, caseSensitive);
+}
+
+DKCommandLine::DKCommandLine(std::size_t argc, const char* const* argv, const DKString& argDelimiters,
+                             const DKString& valueDelimiters, bool caseSensitive) {
+  Init(argc, argv, argDelimiters, valueDelimiters, caseSensitive);
+}
+
+DKCommandLine::DKCommandLine(const DKString& commandLine, const DKString& argDelimiters,
+                             const DKString& valueDelimiters, bool caseSensitive) {
+  Init(commandLine, argDelimiters, valueDelimiters, caseSensitive);
+}
+
+DKCommandLine::DKCommandLine(const DKCommandLine& other)
+    : m_argc(other.m_argc), m_argv(other.m_argv), m_ownsVector(other.m_ownsVector), m_appName(other.m_appName),
+      m_argDelimiters(other.m_argDelimiters), m_valueDelimiters(other.m_valueDelimiters),
+      m_caseSensitive(other.m_caseSensitive), m_rawArguments(other.m_rawArguments),
+      m_parsedArguments(other.m_parsedArguments), m_ownedWords(other.m_ownedWords) {
+  RebuildOwnedVector();
+}
+
+DKCommandLine::DKCommandLine(DKCommandLine&& other) noexcept
+    : m_argc(other.m_argc), m_argv(other.m_argv), m_ownsVector(other.m_ownsVector),
+      m_appName(std::move(other.m_appName)), m_argDelimiters(std::move(other.m_argDelimiters)),
+      m_valueDelimiters(std::move(other.m_valueDelimiters)), m_caseSensitive(other.m_caseSensitive),
+      m_rawArguments(std::move(other.m_rawArguments)), m_parsedArguments(std::move(other.m_parsedArguments)),
+      m_ownedWords(std::move(other.m_ownedWords)), m_ownedVector(std::move(other.m_ownedVector)) {
+  // The moved-from object is left empty rather than pointing into this one's vector.
+  other.m_argc = 0;
+  other.m_argv = nullptr;
+  other.m_ownsVector = false;
+}
+
+DKCommandLine& DKCommandLine::operator=(const DKCommandLine& other) {
+  if (this != &other) {
+    DKCommandLine copy(other);
+    *this = std::move(copy);
+  }
+  return *this;
+}
+
+DKCommandLine& DKCommandLine::operator=(DKCommandLine&& other) noexcept {
+  if (this != &other) {
+    m_argc = std::exchange(other.m_argc, 0);
+    m_argv = std::exchange(other.m_argv, nullptr);
+    m_ownsVector = std::exchange(other.m_ownsVector, false);
+    m_appName = std::move(other.m_appName);
+    m_argDelimiters = std::move(other.m_argDelimiters);
+    m_valueDelimiters = std::move(other.m_valueDelimiters);
+    m_caseSensitive = other.m_caseSensitive;
+    m_rawArguments = std::move(other.m_rawArguments);
+    m_parsedArguments = std::move(other.m_parsedArguments);
+    m_ownedWords = std::move(other.m_ownedWords);
+    m_ownedVector = std::move(other.m_ownedVector);
+  }
+  return *this;
+}
+
+DKCommandLine::~DKCommandLine() = default;
+
+void DKCommandLine::RebuildOwnedVector() {
+  if (!m_ownsVector)
+    return;
+  m_ownedVector.clear();
+  m_ownedVector.reserve(m_ownedWords.size() + 1);
+  for (const DKString& word : m_ownedWords)
+    m_ownedVector.push_back(word.c_str());
+  m_ownedVector.push_back(nullptr);
+  m_argc = m_ownedWords.size();
+  m_argv = m_ownedVector.data();
+}
+
+void DKCommandLine::SetDelimiters(const DKString& argDelimiters, const DKString& valueDelimiters,
+                                  bool caseSensitive) {
+  m_argDelimiters = argDelimiters;
+  m_valueDelimiters = valueDelimiters;
+  m_caseSensitive = caseSensitive;
+}
+
+void DKCommandLine::UseOwnedWords(std::vector<DKString>&& words) {
+  m_ownedWords = std::move(words);
+  m_ownsVector = true;
+  RebuildOwnedVector();
+  ParseCommandLine();
+}
+
+void DKCommandLine::Init(std::size_t argc, const DKChar* const* argv, const DKString& argDelimiters,
+                         const DKString& valueDelimiters, bool caseSensitive) {
+  SetDelimiters(argDelimiters, valueDelimiters, caseSensitive);
+  m_ownedWords.clear();
+  m_ownedVector.clear();
+  m_ownsVector = false;
+  m_argc = argv ? argc : 0;
+  m_argv = argv;
+  ParseCommandLine();
+}
+
+void DKCommandLine::Init(std::size_t argc, const char* const* argv, const DKString& argDelimiters,
+                         const DKString& valueDelimiters, bool caseSensitive) {
+  SetDelimiters(argDelimiters, valueDelimiters, caseSensitive);
+  std::vector<DKString> words;
+  if (argv) {
+    words.resize(argc);
+    for (std::size_t i = 0; i < argc; ++i)
+      if (const char* text = argv[i])
+        dkutf::Utf8ToUtf16(text, std::strlen(text), words[i], true);
+  }
+  UseOwnedWords(std::move(words));
+}
+
+void DKCommandLine::Init(const DKString& commandLine, const DKString& argDelimiters, const DKString& valueDelimiters,
+                         bool caseSensitive) {
+  SetDelimiters(argDelimiters, valueDelimiters, caseSensitive);
+  std::vector<DKString> words = SplitCommandLine(commandLine);
+  if (words.empty())
+    words.emplace_back();
+  else if (Contains(m_argDelimiters, words.front()[0]) && !IsProgramPath(words.front(), m_valueDelimiters))
+    words.emplace(words.begin()); // the first word is a switch: the program name is empty
+  UseOwnedWords(std::move(words));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Splitting and classifying
+
+std::vector<DKString> DKCommandLine::SplitCommandLine(const DKString& commandLine) {
+  std::vector<DKString> words;
+  const DKChar* text = commandLine.c_str();
+  const std::size_t length = DKStrLen(text); // up to the first NUL
+  bool inQuotes = false;
+  bool quoted = false; // the current word holds a double quote
+  std::size_t start = 0;
+  // Position `length` stands for a blank after the text, which closes the last word even when
+  // a quote is still open.
+  for (std::size_t i = 0; i <= length; ++i) {
+    const DKChar ch = i < length ? text[i] : DK_T(' ');
+    if (ch == quote) {
+      quoted = true;
+      if (!inQuotes)
+        inQuotes = true;
+      else if (i + 1 < length && text[i + 1] == quote)
+        ++i; // a literal pair inside quotes: the quotes stay open
+      else
+        inQuotes = false;
+    } else if (IsBlank(ch) && (!inQuotes || i == length)) {
+      // A word ends at the first blank outside quotes, so a word that is not empty starts
+      // with a character that is not a blank, or with a quote: it is never blanks alone.
+      if (i > start) {
+        words.push_back(commandLine.SubStr(start, i - start));
+        if (quoted)
+          RemoveQuotes(words.back());
+      }
+      start = i + 1;
+      quoted = false;
+    }
+  }
+  return words;
+}
+
+void DKCommandLine::RemoveQuotes(DKString& word) {
+  std::size_t pos = word.Find(quote);
+  if (pos == DKString::npos)
+    return;
+  const DKChar* text = word.c_str();
+  const std::size_t length = word.Length();
+  DKString result;
+  result.Reserve(length);
+  if (pos > 0)
+    result.Append(text, pos);
+  while (pos < length) {
+    const DKChar ch = text[pos];
+    if (ch != quote) {
+      result.Append(ch);
+      ++pos;
+    } else if (pos + 1 < length && text[pos + 1] == quote) {
+      result.Append(quote);
+      pos += 2;
+    } else {
+      ++pos;
+    }
+  }
+  word = std::move(result);
+}
+
+void DKCommandLine::ParseCommandLine() {
+  m_rawArguments.clear();
+  m_parsedArguments.clear();
+  // Owned words are shared rather than copied from their pointers.
+  auto word = [this](std::size_t i) { return m_ownsVector ? m_ownedWords[i] : DKString(m_argv[i]); };
+  m_appName = m_argc > 0 ? word(0) : DKString();
+  if (m_argc < 2)
+    return;
+  m_rawArguments.reserve(m_argc - 1);
+  m_parsedArguments.reserve(m_argc - 1);
+  for (std::size_t i = 1; i < m_argc; ++i) {
+    m_rawArguments.push_back(word(i));
+    m_parsedArguments.push_back(ParseArgument(m_rawArguments.back()));
+  }
+}
+
+DKCommandLineArgument DKCommandLine::ParseArgument(const DKString& word) const {
+  if (word.IsEmpty())
+    return DKCommandLineArgument();
+  const DKChar* text = word.c_str();
+  const DKChar prefix = text[0];
+  if (!Contains(m_argDelimiters, prefix))
+    return DKCommandLineArgument(word, DKString(), NonStandard);
+  // One pass to the first value delimiter. With the "/" prefix a further "/" before it makes
+  // the word a path (/usr/lib/x); "-" has no such rule: -a-b is the switch a-b.
+  const std::size_t length = word.Length();
+  const DKChar* valueDelimiters = m_valueDelimiters.c_str();
+  std::size_t valueAt = 0;
+  for (; valueAt < length; ++valueAt) {
+    const DKChar ch = text[valueAt];
+    if (IsOneOf(valueDelimiters, ch))
+      break;
+    if (prefix == DK_T('/') && ch == DK_T('/') && valueAt > 0)
+      return DKCommandLineArgument(word, DKString(), NonStandard);
+  }
+  if (valueAt == length)
+    return DKCommandLineArgument(word.SubStr(1), DKString(), Flag);
+  // A prefix that is also a value delimiter opens an empty name.
+  const std::size_t nameLength = valueAt > 0 ? valueAt - 1 : 0;
+  return DKCommandLineArgument(word.SubStr(1, nameLength), word.SubStr(valueAt + 1), Valued);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Look-ups
+
+bool DKCommandLine::NamesEqual(const DKString& a, const DKString& b) const noexcept {
+  if (m_caseSensitive)
+    return a == b;
+  const std::size_t length = a.Length();
+  if (length != b.Length())
+    return false;
+  const DKChar* x = a.c_str();
+  const DKChar* y = b.c_str();
+  for (std::size_t i = 0; i < length; ++i)
+    if (x[i] != y[i] && DKtowupper(x[i]) != DKtowupper(y[i]))
+      return false;
+  return true;
+}
+
+const DKCommandLineArgument* DKCommandLine::FindArgument(const DKString& name) const {
+  for (const DKCommandLineArgument& argument : m_parsedArguments)
+    if (NamesEqual(argument.GetArgument(), name))
+      return &argument;
+  return nullptr;
+}
+
+DKCommandLineArgument DKCommandLine::GetCommandLineArgument(const DKString& name) const {
+  const DKCommandLineArgument* found = FindArgument(name);
+  return found ? *found : DKCommandLineArgument();
+}
+
+bool DKCommandLine::ArgPresent(const DKString& name) const {
+  const DKCommandLineArgument* found = FindArgument(name);
+  return found && found->GetArgType() != Absent;
+}
+
+DKString DKCommandLine::GetArg(const DKString& name, const DKString& defaultValue) const {
+  const DKCommandLineArgument* found = FindArgument(name);
+  return found && found->GetArgType() != Absent ? found->GetValueAsString() : defaultValue;
+}
+
+int DKCommandLine::GetArg(const DKString& name, int defaultValue) const {
+  const DKCommandLineArgument* found = FindArgument(name);
+  return found && found->GetArgType() != Absent ? found->GetValueAsInt() : defaultValue;
+}
+
+double DKCommandLine::GetArg(const DKString& name, double defaultValue) const {
+  const DKCommandLineArgument* found = FindArgument(name);
+  return found && found->GetArgType() != Absent ? found->GetValueAsDouble() : defaultValue;
+}
+
+DKString DKCommandLine::GetFileName(std::size_t index) const {
+  for (const DKCommandLineArgument& argument : m_parsedArguments)
+    if (argument.GetArgType() == NonStandard && index-- == 0)
+      return argument.GetArgument();
+  return DKString();
+}
+
+std::size_t DKCommandLine::GetInvalidArguments(const std::vector<DKString>& validNames,
+                                               std::vector<DKString>& invalid) const {
+  for (const DKCommandLineArgument& argument : m_parsedArguments) {
+    if (argument.GetArgType() != Flag && argument.GetArgType() != Valued)
+      continue;
+    bool valid = false;
+    for (const DKString& name : validNames)
+      if (NamesEqual(argument.GetArgument(), name)) {
+        valid = true;
+        break;
+      }
+    if (!valid)
+      invalid.push_back(argument.GetArgument());
+  }
+  return invalid.size();
+}
+
+std::vector<DKString> DKCommandLine::GetNonStandardArguments() const {
+  std::vector<DKString> words;
+  for (const DKCommandLineArgument& argument : m_parsedArguments)
+    if (argument.GetArgType() != Flag && argument.GetArgType() != Valued)
+      words.push_back(argument.GetArgument());
+  return words;
+}
