@@ -1,3 +1,3 @@
 target_sources(DorvikCore PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}/DKConsole.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKTrace.cpp
 )

@@ -5,4 +5,5 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKMessageSource.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKLibraryMessages.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKException.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKConsole.cpp
 )

@@ -1,8 +1,10 @@
 #include <DorvikCore/DKConsole.h>
 
+#include <atomic>
 #include <iostream>
 #include <mutex>
-#include <shared_mutex>
+#include <thread>
+#include <utility>
 
 namespace {
 
@@ -18,10 +20,17 @@ ConsoleState& Console() {
   return *state;
 }
 
+// One installed provider. Calls in progress are counted so that removing the provider can
+// wait for them without blocking callers of the new one.
+struct TraceLevelProvider {
+  DKTraceLevelProvider function;
+  void* context;
+  std::atomic<int> calls{0};
+};
+
 struct TraceLevelState {
-  std::shared_mutex lock; // shared while a provider runs, exclusive to change it
-  DKTraceLevelProvider provider = nullptr;
-  void* context = nullptr;
+  std::mutex lock; // guards current; held only to read or swap it, never during a call
+  TraceLevelProvider* current = nullptr;
 };
 
 TraceLevelState& TraceLevel() {
@@ -50,14 +59,34 @@ std::ostream* DKLockedCOUT::SetConsoleStream(std::ostream* stream) {
 }
 
 void DKSetTraceLevelProvider(DKTraceLevelProvider provider, void* context) {
+  TraceLevelProvider* replacement = provider ? new TraceLevelProvider{provider, context} : nullptr;
   TraceLevelState& state = TraceLevel();
-  std::unique_lock guard(state.lock);
-  state.provider = provider;
-  state.context = provider ? context : nullptr;
+  TraceLevelProvider* previous;
+  {
+    std::lock_guard guard(state.lock);
+    previous = std::exchange(state.current, replacement);
+  }
+  if (!previous)
+    return;
+  // No new call can reach the previous provider; wait for the ones under way.
+  while (previous->calls.load(std::memory_order_acquire) != 0)
+    std::this_thread::yield();
+  delete previous;
 }
 
 std::uint32_t GlbGetTraceLevel() {
   TraceLevelState& state = TraceLevel();
-  std::shared_lock guard(state.lock);
-  return state.provider ? state.provider(state.context) : 1;
+  TraceLevelProvider* provider;
+  {
+    std::lock_guard guard(state.lock);
+    provider = state.current;
+    if (!provider)
+      return 1;
+    provider->calls.fetch_add(1, std::memory_order_relaxed);
+  }
+  struct CallEnd {
+    TraceLevelProvider* provider;
+    ~CallEnd() { provider->calls.fetch_sub(1, std::memory_order_release); } // the last use of provider
+  } callEnd{provider};
+  return provider->function(provider->context);
 }
