@@ -1,4 +1,5 @@
 // A short tour of DorvikCore's strings and errors.
+#include <DorvikCore/DKCharacter.h>
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKString.h>
@@ -28,9 +29,12 @@ int main() {
   std::cout << "trimmed:   [" << greeting << "]\n";
   std::cout << "original:  [" << copy << "]\n";
 
+  int upper = 0;
+  for (DKChar ch : greeting)
+    upper += DKtowlower(ch) != ch;
   DKString line;
   line.Format(DK_T("%s has %d characters, %.1f%% of them upper case"), greeting.c_str(),
-              static_cast<int>(greeting.Length()), 100.0 * 3 / static_cast<double>(greeting.Length()));
+              static_cast<int>(greeting.Length()), 100.0 * upper / static_cast<double>(greeting.Length()));
   std::cout << "formatted: " << line << "\n";
   std::cout << "upper:     " << DKString(greeting).Upper() << "\n";
   std::cout << "equal ignoring case: " << std::boolalpha
