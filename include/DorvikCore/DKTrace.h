@@ -1,0 +1,150 @@
+// DKTrace: the process-wide trace file, switched on from the environment or from code.
+//
+// Environment variables, read once, at the first query or the first SetTraceSubjects:
+//   DK_TRACE         comma-separated subject codes, e.g. "SO,DB"; absent or empty: tracing off
+//   DK_TRACE_LEVEL   decimal level mask; level 1 is always on, 8 adds hexadecimal dumps
+//   DK_TRACE_DELIM   decimal character code of the field delimiter (1..255, TAB by default)
+//   DK_TRACE_FOLDER  folder of the trace file (created when missing); the executable's folder
+//                    by default, the temporary folder when neither can be used
+// A setting fixed by its setter before the environment is read is never overridden by it.
+//
+// The trace file is "<executable base name>__<process id>.log", opened fresh for every run.
+// Each line is written whole and flushed at once:
+//   2024-03-01;14:05:09.042 <d> thread id <d> source <d> level <d> subject code <d> text
+// where <d> is the delimiter; the caller's format supplies the line end.
+//
+// The check that decides whether a message is written reads a few words without a lock, so a
+// message that is filtered out costs a few comparisons. TraceThisSubject lets a caller skip
+// building expensive arguments. Configuration is meant to be settled (by the environment or at
+// start-up) before threads trace; the setters are nevertheless safe to call at any time.
+#pragma once
+
+#include <DorvikCore/DKTypes.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+
+class DKObjectI;
+class DKString;
+
+// Message levels: a bit mask. A message is written when its level shares a bit with the
+// current level mask; the level is printed as a decimal number in the line.
+enum TracelLevels : int {
+  TL_NORMAL = 0x01, // always enabled
+  TL_DETAIL = 0x02,
+  TL_DATA = 0x04, // data dumps (MsgHex)
+  TL_HEX = 0x08,  // in the level mask: MsgHex adds a hexadecimal block
+};
+
+// Message subjects: a bit mask of ten subjects, each with the code used in DK_TRACE and in the
+// written lines. A value that is not exactly one of them is written as "??".
+enum TracelSubjects : int {
+  TS_SO = 0x001,  // "SO" sockets
+  TS_CO = 0x002,  // "CO" connections
+  TS_BR = 0x004,  // "BR" brokers
+  TS_PE = 0x008,  // "PE" peers
+  TS_DB = 0x010,  // "DB" databases
+  TS_REQ = 0x020, // "REQ" requests
+  TS_DP = 0x040,  // "DP" dispatching
+  TS_SQL = 0x080, // "SQL" SQL statements
+  TS_DK = 0x100,  // "DK" the library itself
+  TS_DL = 0x200,  // "DL" dynamic libraries and plug-ins
+};
+
+constexpr TracelLevels operator|(TracelLevels a, TracelLevels b) noexcept {
+  return static_cast<TracelLevels>(static_cast<int>(a) | static_cast<int>(b));
+}
+constexpr TracelSubjects operator|(TracelSubjects a, TracelSubjects b) noexcept {
+  return static_cast<TracelSubjects>(static_cast<int>(a) | static_cast<int>(b));
+}
+
+class DK_EXPORT DKTrace {
+public:
+  DKTrace() = default;
+  DKTrace(const DKTrace&) = default;
+  // All state is class-wide: there is nothing to copy.
+  DKTrace& operator=(const DKTrace&) noexcept { return *this; }
+
+  // Writes one line when level and subject pass the filters. The format is narrow (UTF-8) and
+  // uses the library's conventions: "%s" takes a char string, "%S" a DKChar string. No line end
+  // is added. A null format writes the line's prefix alone. The filters are checked here, at the
+  // call site, so that a message that is not written costs a few comparisons and no call.
+  template <class... Args>
+  static void Msg(TracelLevels level, TracelSubjects subject, const char* source, const char* format, Args... args) {
+    if (TraceThisSubject(level, subject))
+      WriteMsg(level, subject, source, format, args...);
+  }
+  // Msg with the arguments in a va_list, for functions that pass their own arguments on.
+  static void MsgV(TracelLevels level, TracelSubjects subject, const char* source, const char* format, va_list args);
+
+  // Writes "(nrbytes=<length>): <text>" where text holds the printable bytes (0x20..0x7E) of
+  // the buffer, at most 4095 of them. When the level mask has TL_HEX, a hexadecimal block
+  // follows, 16 bytes a row. A null buffer or a negative length reads no bytes: the line is
+  // written with the given length and no text, and no block follows.
+  static void MsgHex(TracelLevels level, TracelSubjects subject, const char* source, const void* bytes,
+                     std::int32_t length) {
+    if (TraceThisSubject(level, subject))
+      WriteHex(level, subject, source, bytes, length);
+  }
+
+  // Kept as an entry point for objects; it writes nothing.
+  static void MsgObject(TracelLevels, TracelSubjects, const char*, const DKObjectI*) noexcept {}
+
+  // Whether tracing is on. The first query reads the environment.
+  static bool IsTracingEnabled() noexcept {
+    const int enabled = TracingEnabled.load(std::memory_order_relaxed);
+    return enabled > 0 || (enabled < 0 && DecideTracing());
+  }
+
+  // Whether a message of this level and subject would be written.
+  static bool TraceThisSubject(TracelLevels level, TracelSubjects subject) noexcept {
+    const int enabled = TracingEnabled.load(std::memory_order_relaxed);
+    if (enabled <= 0 && (enabled == 0 || !DecideTracing()))
+      return false;
+    return (CurrTraceLevel.load(std::memory_order_relaxed) & level) != 0 &&
+           (CurrTraceSubject.load(std::memory_order_relaxed) & subject) != 0 &&
+           fp.load(std::memory_order_relaxed) != nullptr;
+  }
+
+  // Sets the level mask; level 1 cannot be switched off. Always true.
+  static bool SetTraceLevel(int level);
+  // Sets the field delimiter, a character code 1..255. Out of range: the delimiter goes back to
+  // TAB, a console line says so, and the result is false.
+  static bool SetTraceDelim(int delimiter);
+  // Sets the folder of the trace file (null or empty: the executable's folder), creating it when
+  // missing; a folder that cannot be made falls back to the temporary folder. An open trace file
+  // is reopened there. False when that reopening failed: tracing then writes nothing.
+  static bool SetTraceFolderName(const DKChar* folder);
+  // Parses a comma-separated list of subject codes (white space anywhere is removed; codes are
+  // case-sensitive; unknown ones are ignored) and switches tracing on when a known code is in
+  // it, off otherwise. False when the trace file could not be opened.
+  static bool SetTraceSubjects(const DKChar* subjects);
+
+private:
+  // The writers behind Msg and MsgHex, called once the filters have passed.
+  static void WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format, ...);
+  static void WriteHex(TracelLevels level, TracelSubjects subject, const char* source, const void* bytes,
+                       std::int32_t length);
+  static bool DecideTracing() noexcept;
+  static void InitTracing(bool calledFromSetTraceSubjects);
+  static bool OpenTraceFile();
+  static void CloseTraceFile();
+  static DKString BuildFileName();
+  static DKString BuildFolderName(const DKChar* folder);
+  static DKString GetTempFolder();
+  static DKString RemoveWhiteSpace(const DKChar* text);
+  static const char* GetTraceSubjectDescr(TracelSubjects subject) noexcept;
+
+  // -1 not yet decided (environment not read), 0 off, 1 on.
+  static std::atomic<int> TracingEnabled;
+  // Level mask, bit 1 always set.
+  static std::atomic<int> CurrTraceLevel;
+  // Field delimiter, a character code 1..255.
+  static std::atomic<int> CurrTraceDelim;
+  // Subject mask.
+  static std::atomic<int> CurrTraceSubject;
+  // The open trace file, or null. Replaced only under the writer lock.
+  static std::atomic<std::FILE*> fp;
+};

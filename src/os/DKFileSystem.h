@@ -1,0 +1,26 @@
+// File-system primitives of the operating system (internal), implemented once per platform in
+// src/platform/<os>/DirectoryImpl.cpp. Paths are UTF-8 here; the portable classes (DKDirectory,
+// the trace file) convert from DKString and build their logic on these calls.
+#pragma once
+
+#include <DorvikCore/DKTypes.h>
+
+#include <cstdio>
+#include <string>
+
+class DKFileSystem {
+public:
+  // The separator this platform puts between path components.
+  static DKChar Separator() noexcept;
+  // Whether ch separates path components here (on some systems more than one character does).
+  static bool IsSeparator(DKChar ch) noexcept;
+
+  // Whether path names an existing directory; a symbolic link to one counts.
+  static bool IsDirectory(const std::string& path) noexcept;
+  // Creates one directory whose parent exists. True when it was created.
+  static bool MakeDirectory(const std::string& path) noexcept;
+  // Removes one empty directory. True when it was removed.
+  static bool RemoveDirectory(const std::string& path) noexcept;
+  // Opens a file with a C stdio mode ("w", "rb", ...); null on failure.
+  static std::FILE* OpenFile(const std::string& path, const char* mode) noexcept;
+};

@@ -1,0 +1,30 @@
+// POSIX file-system primitives (os/DKFileSystem.h).
+#include "os/DKFileSystem.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+DKChar DKFileSystem::Separator() noexcept {
+  return DK_T('/');
+}
+
+bool DKFileSystem::IsSeparator(DKChar ch) noexcept {
+  return ch == DK_T('/');
+}
+
+bool DKFileSystem::IsDirectory(const std::string& path) noexcept {
+  struct stat info {};
+  return !path.empty() && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool DKFileSystem::MakeDirectory(const std::string& path) noexcept {
+  return mkdir(path.c_str(), 0777) == 0;
+}
+
+bool DKFileSystem::RemoveDirectory(const std::string& path) noexcept {
+  return rmdir(path.c_str()) == 0;
+}
+
+std::FILE* DKFileSystem::OpenFile(const std::string& path, const char* mode) noexcept {
+  return std::fopen(path.c_str(), mode);
+}

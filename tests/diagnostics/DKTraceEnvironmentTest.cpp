@@ -1,0 +1,212 @@
+// The trace switched on from the environment. The environment is read once per process, so each
+// case runs the trace child program with an environment of its own and checks what it printed and
+// the trace file that appeared.
+#include "TraceTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+const std::string kIllegalDelimiter = "Illegal trace delimiter specified; trace delimiter has been reset to default\n";
+
+// The ten subjects as the child's "filter" arguments.
+const char* const kSubjectValues[] = {"0x1", "0x2", "0x4", "0x8", "0x10", "0x20", "0x40", "0x80", "0x100", "0x200"};
+
+std::vector<std::string> ReadTraceLines(const fs::path& folder, const ChildResult& child) {
+  return SplitLines(ReadWholeFile(folder / TraceFileName(ChildExecutableBase(), child.pid)));
+}
+
+TEST(DKTraceEnvironmentTest, WithoutKnownSubjectsNothingIsTracedAndNoFileAppears) {
+  const struct {
+    const char* label;
+    const char* value; // null: DK_TRACE not defined
+  } cases[] = {
+      {"undefined", nullptr},
+      {"empty", ""},
+      {"blanks", "  \t "},
+      {"lower case", "so,db"},
+      {"junk", "\x01\x02,;;;%s%n%S,,\xff\xfe,SO;DB,\xe2\x82"},
+  };
+  for (const auto& c : cases) {
+    const ScratchFolder folder;
+    std::map<std::string, std::string> env{{"DK_TRACE_FOLDER", folder.Path().string()}};
+    if (c.value)
+      env["DK_TRACE"] = c.value;
+    const ChildResult child = RunTraceChild({"enabled", "filter", "1", "0x3FF", "msg", "1", "1", "hello"}, env);
+    EXPECT_EQ(child.exitCode, 0) << c.label;
+    EXPECT_EQ(child.output, "enabled=0\nfilter=0\n") << c.label;
+    EXPECT_TRUE(FilesIn(folder.Path()).empty()) << c.label;
+  }
+}
+
+TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecutable) {
+  std::vector<std::string> commands{"enabled"};
+  for (const char* subject : kSubjectValues)
+    commands.insert(commands.end(), {"filter", "1", subject});
+  commands.insert(commands.end(), {"msg", "1", "0x1", "socket line", "msg", "1", "0x10", "database line"});
+  const ChildResult child = RunTraceChild(commands, {{"DK_TRACE", " so, SO ,XX"}});
+
+  const fs::path file = fs::canonical(ChildExecutableFolder()) / TraceFileName(ChildExecutableBase(), child.pid);
+  const std::string content = ReadWholeFile(file);
+  std::error_code ignored;
+  fs::remove(file, ignored);
+
+  EXPECT_EQ(child.exitCode, 0);
+  std::string expected = "enabled=1\nfilter=1\n";
+  for (int i = 1; i < 10; ++i)
+    expected += "filter=0\n";
+  EXPECT_EQ(child.output, expected);
+  const auto lines = SplitLines(content);
+  ASSERT_EQ(lines.size(), 1u) << file;
+  TraceLine line;
+  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', line));
+  EXPECT_EQ(line.threadId, std::to_string(child.pid)); // the main thread's id is the process id
+  EXPECT_EQ(line.source + "|" + line.level + "|" + line.subject + "|" + line.text, "child|1|SO|socket line");
+}
+
+TEST(DKTraceEnvironmentTest, TraceLevelIsAMaskWithLevelOneAlwaysOn) {
+  const struct {
+    const char* value;
+    const char* passes; // levels 1, 2, 4 and 8
+  } cases[] = {
+      {"0", "1000"}, {"8", "1001"},   {"6", "1110"},           {"-1", "1111"}, {"junk", "1000"},
+      {"", "1000"},  {" 4x", "1010"}, {"99999999999", "1111"}, // out of range: saturates to the largest int
+  };
+  for (const auto& c : cases) {
+    const ScratchFolder folder;
+    const ChildResult child =
+        RunTraceChild({"filter", "1", "1", "filter", "2", "1", "filter", "4", "1", "filter", "8", "1"},
+                      {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_LEVEL", c.value}});
+    std::string expected;
+    for (const char* p = c.passes; *p; ++p)
+      expected += std::string("filter=") + *p + "\n";
+    EXPECT_EQ(child.output, expected) << "DK_TRACE_LEVEL=" << c.value;
+  }
+}
+
+TEST(DKTraceEnvironmentTest, TraceLevelEightAddsTheHexBlock) {
+  const struct {
+    const char* level;
+    std::size_t lines;
+  } cases[] = {{"8", 3}, {"0", 1}, {"4", 1}};
+  for (const auto& c : cases) {
+    const ScratchFolder folder;
+    const ChildResult child =
+        RunTraceChild({"hex", "1", "20"},
+                      {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_LEVEL", c.level}});
+    const auto lines = ReadTraceLines(folder.Path(), child);
+    ASSERT_EQ(lines.size(), c.lines) << "DK_TRACE_LEVEL=" << c.level;
+    TraceLine summary;
+    ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
+    EXPECT_EQ(summary.text, "(nrbytes=20): ");
+    if (c.lines == 3) {
+      EXPECT_EQ(lines[1], "  0000: 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F ;................");
+      EXPECT_EQ(lines[2], "  0016: 10 11 12 13 " + std::string(36, ' ') + ";....");
+    }
+  }
+}
+
+TEST(DKTraceEnvironmentTest, DelimiterIsACharacterCodeOneTo255) {
+  const struct {
+    const char* value;
+    char used;
+    bool complaint;
+  } cases[] = {
+      {"59", ';', false}, {"255", '\xff', false}, {"0", '\t', true}, {"256", '\t', true},
+      {"-5", '\t', true}, {"abc", '\t', true},    {"", '\t', true},
+  };
+  for (const auto& c : cases) {
+    for (const bool quiet : {false, true}) {
+      const ScratchFolder folder;
+      std::vector<std::string> commands{"enabled", "msg", "1", "1", "text"};
+      if (quiet)
+        commands.insert(commands.begin(), "quiet");
+      const ChildResult child = RunTraceChild(
+          commands, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_DELIM", c.value}});
+      EXPECT_EQ(child.output, (c.complaint && !quiet ? kIllegalDelimiter : "") + "enabled=1\n")
+          << "DK_TRACE_DELIM=" << c.value << (quiet ? " quiet" : "");
+      const auto lines = ReadTraceLines(folder.Path(), child);
+      ASSERT_EQ(lines.size(), 1u);
+      TraceLine line;
+      ASSERT_TRUE(ParseTraceLine(lines[0], c.used, line)) << lines[0];
+      EXPECT_EQ(line.subject + "|" + line.text, "SO|text");
+    }
+  }
+}
+
+TEST(DKTraceEnvironmentTest, MissingFolderIsCreatedWithItsParents) {
+  const ScratchFolder scratch;
+  const fs::path folder = scratch / "one" / "two" / "three";
+  const ChildResult child =
+      RunTraceChild({"enabled", "msg", "1", "1", "text"}, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}});
+  EXPECT_EQ(child.output, "enabled=1\n");
+  EXPECT_EQ(ReadTraceLines(folder, child).size(), 1u);
+}
+
+TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFolder) {
+  const ScratchFolder scratch;
+  const fs::path temp = scratch / "tmp";
+  fs::create_directory(temp);
+  WriteWholeFile(scratch / "file", "in the way");
+  for (const fs::path& folder : {scratch / "file", scratch / "file" / "sub"}) {
+    for (const bool quiet : {false, true}) {
+      std::vector<std::string> commands{"enabled", "msg", "1", "1", "text"};
+      if (quiet)
+        commands.insert(commands.begin(), "quiet");
+      const ChildResult child = RunTraceChild(
+          commands, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}, {"TMPDIR", temp.string() + "/"}});
+      EXPECT_EQ(child.output, (quiet ? "" : "Cannot create folder " + folder.string() + "\n") + "enabled=1\n");
+      EXPECT_EQ(ReadTraceLines(temp, child).size(), 1u) << folder;
+    }
+  }
+  EXPECT_EQ(ReadWholeFile(scratch / "file"), "in the way");
+}
+
+// The file cannot be opened when the environment switches tracing on, so tracing stays off.
+TEST(DKTraceEnvironmentTest, FolderWithoutWriteAccessLeavesTracingOff) {
+  const ChildResult child = RunTraceChild({"enabled", "filter", "1", "1", "msg", "1", "1", "lost", "hex", "1", "20"},
+                                          {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", "/proc"}});
+  EXPECT_EQ(child.exitCode, 0);
+  EXPECT_EQ(child.output, "Cannot open trace file /proc/" + TraceFileName(ChildExecutableBase(), child.pid) +
+                              "\nenabled=0\nfilter=0\n");
+}
+
+TEST(DKTraceEnvironmentTest, SettersBeforeTheFirstQueryWinOverTheEnvironment) {
+  const ScratchFolder envFolder, ownFolder;
+  const ChildResult child = RunTraceChild({"level",    "2",    "delim",  "59", "folder", ownFolder.Path().string(),
+                                           "subjects", "DB",   "filter", "1",  "0x1",    "filter",
+                                           "1",        "0x10", "filter", "8",  "0x10",   "filter",
+                                           "2",        "0x10", "msg",    "2",  "0x10",   "mine"},
+                                          {{"DK_TRACE", "SO"},
+                                           {"DK_TRACE_LEVEL", "8"},
+                                           {"DK_TRACE_DELIM", "44"},
+                                           {"DK_TRACE_FOLDER", (envFolder / "env").string()}});
+  EXPECT_EQ(child.output, "level=1\ndelim=1\nfolder=1\nsubjects=1\nfilter=0\nfilter=1\nfilter=0\nfilter=1\n");
+  EXPECT_FALSE(fs::exists(envFolder / "env"));
+  const auto lines = ReadTraceLines(ownFolder.Path(), child);
+  ASSERT_EQ(lines.size(), 1u);
+  TraceLine line;
+  ASSERT_TRUE(ParseTraceLine(lines[0], ';', line)) << lines[0];
+  EXPECT_EQ(line.level + "|" + line.subject + "|" + line.text, "2|DB|mine");
+}
+
+TEST(DKTraceEnvironmentTest, SubjectSetterAloneStillTakesTheOtherVariables) {
+  const ScratchFolder folder;
+  const ChildResult child =
+      RunTraceChild({"subjects", "DB", "filter", "8", "0x10", "filter", "1", "0x1", "msg", "1", "0x10", "x"},
+                    {{"DK_TRACE", "SO"},
+                     {"DK_TRACE_LEVEL", "8"},
+                     {"DK_TRACE_DELIM", "59"},
+                     {"DK_TRACE_FOLDER", folder.Path().string()}});
+  EXPECT_EQ(child.output, "subjects=1\nfilter=1\nfilter=0\n");
+  const auto lines = ReadTraceLines(folder.Path(), child);
+  ASSERT_EQ(lines.size(), 1u);
+  TraceLine line;
+  EXPECT_TRUE(ParseTraceLine(lines[0], ';', line)) << lines[0];
+}
+
+} // namespace

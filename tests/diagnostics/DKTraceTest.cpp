@@ -1,0 +1,393 @@
+// The trace writers and setters, in this process: every case fixes level, delimiter and folder
+// by their setters first, so the environment of the test run plays no part.
+#include "TraceTestSupport.h"
+
+#include <DorvikCore/DKTrace.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <climits>
+#include <ctime>
+#include <regex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+std::string OwnTraceFileName() {
+  return TraceFileName(fs::canonical("/proc/self/exe").stem().string(), static_cast<long>(getpid()));
+}
+
+std::string LocalStamp(std::chrono::system_clock::time_point when) {
+  const std::time_t t = std::chrono::system_clock::to_time_t(when);
+  std::tm local{};
+  localtime_r(&t, &local);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d;%H:%M:%S", &local);
+  return text;
+}
+
+constexpr TracelSubjects kAllSubjects[] = {TS_SO, TS_CO, TS_BR, TS_PE, TS_DB, TS_REQ, TS_DP, TS_SQL, TS_DK, TS_DL};
+
+// Tracing on for SO and DB at level 1, TAB-delimited, into a fresh folder.
+class DKTraceFileTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    DKTrace::SetTraceLevel(TL_NORMAL);
+    DKTrace::SetTraceDelim(9);
+    ASSERT_TRUE(DKTrace::SetTraceFolderName(ToDK(m_folder.Path().string()).c_str()));
+    ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO,DB")));
+  }
+  void TearDown() override { DKTrace::SetTraceSubjects(nullptr); }
+
+  std::string Content() const { return ReadWholeFile(m_folder / OwnTraceFileName()); }
+  std::vector<std::string> Lines() const { return SplitLines(Content()); }
+  TraceLine ParsedLine(std::size_t index, char delim = '\t') const {
+    const auto lines = Lines();
+    TraceLine line;
+    EXPECT_LT(index, lines.size());
+    if (index < lines.size()) {
+      EXPECT_TRUE(ParseTraceLine(lines[index], delim, line)) << lines[index];
+    }
+    return line;
+  }
+
+  // Each line's fields as `show` puts them; a line that does not parse fails the test.
+  template <class Show> std::vector<std::string> Fields(Show show) const {
+    std::vector<std::string> shown;
+    for (const std::string& text : Lines()) {
+      TraceLine line;
+      if (!ParseTraceLine(text, '\t', line))
+        ADD_FAILURE() << "not a trace line: " << text;
+      shown.push_back(show(line));
+    }
+    return shown;
+  }
+
+  ScratchFolder m_folder;
+};
+
+TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
+  const std::string before = LocalStamp(std::chrono::system_clock::now());
+  DKTrace::Msg(TL_NORMAL, TS_SO, "Socket", "errCode=%d, errMess=%S\n", 10054,
+               DK_T("connexion r\u00e9initialis\u00e9e"));
+  const std::string after = LocalStamp(std::chrono::system_clock::now());
+
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  TraceLine line;
+  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', line));
+  ASSERT_TRUE(std::regex_match(line.stamp, std::regex(R"(\d{4}-\d\d-\d\d;\d\d:\d\d:\d\d\.\d{3})"))) << line.stamp;
+  EXPECT_LE(before, line.stamp.substr(0, 19));
+  EXPECT_GE(after, line.stamp.substr(0, 19));
+  EXPECT_EQ(line.threadId, std::to_string(gettid()));
+  EXPECT_EQ(line.source, "Socket");
+  EXPECT_EQ(line.level, "1");
+  EXPECT_EQ(line.subject, "SO");
+  EXPECT_EQ(line.text, "errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
+                       "e");
+}
+
+TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {
+  ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO,CO,BR,PE,DB,REQ,DP,SQL,DK,DL")));
+  const struct {
+    int subject;
+    const char* code; // null: filtered out
+  } cases[] = {
+      {0x001, "SO"},  {0x002, "CO"}, {0x004, "BR"}, {0x008, "PE"}, {0x010, "DB"}, {0x020, "REQ"},   {0x040, "DP"},
+      {0x080, "SQL"}, {0x100, "DK"}, {0x200, "DL"}, {0x003, "??"}, {0x201, "??"}, {0x400, nullptr}, {0, nullptr},
+  };
+  std::vector<std::string> expected;
+  for (const auto& c : cases) {
+    DKTrace::Msg(TL_NORMAL, static_cast<TracelSubjects>(c.subject), "s", "%d\n", c.subject);
+    if (c.code)
+      expected.push_back(c.code + std::string("\t") + std::to_string(c.subject));
+  }
+  EXPECT_EQ(Fields([](const TraceLine& line) { return line.subject + "\t" + line.text; }), expected);
+}
+
+TEST_F(DKTraceFileTest, SubjectFilterPassesAnySharedBit) {
+  EXPECT_TRUE(DKTrace::TraceThisSubject(TL_NORMAL, TS_SO | TS_CO));
+  EXPECT_TRUE(DKTrace::TraceThisSubject(TL_NORMAL, TS_DB));
+  EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, TS_CO));
+  EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, static_cast<TracelSubjects>(0)));
+}
+
+TEST_F(DKTraceFileTest, LevelMaskKeepsLevelOneAndPrintsTheMessageLevel) {
+  const struct {
+    int mask;
+    int level;
+    bool written;
+  } cases[] = {
+      {0, 1, true},       {0, 2, false},      {0, 4, false},          {TL_DATA, 1, true},  {TL_DATA, 2, false},
+      {TL_DATA, 4, true}, {TL_DATA, 6, true}, {-1, 0x40000000, true}, {TL_DATA, 0, false},
+  };
+  std::vector<std::string> expected;
+  for (const auto& c : cases) {
+    ASSERT_TRUE(DKTrace::SetTraceLevel(c.mask));
+    EXPECT_EQ(DKTrace::TraceThisSubject(static_cast<TracelLevels>(c.level), TS_SO), c.written)
+        << "mask " << c.mask << " level " << c.level;
+    DKTrace::Msg(static_cast<TracelLevels>(c.level), TS_SO, "s", "x\n");
+    if (c.written)
+      expected.push_back(std::to_string(c.level));
+  }
+  EXPECT_EQ(Fields([](const TraceLine& line) { return line.level; }), expected);
+}
+
+TEST_F(DKTraceFileTest, SubjectListDropsBlanksKeepsCaseAndIgnoresUnknownCodes) {
+  const struct {
+    const DKChar* text;
+    int mask;
+  } cases[] = {
+      {DK_T(" so, SO ,XX"), TS_SO},
+      {DK_T("S O"), TS_SO},
+      {DK_T("SO,,DB,,"), TS_SO | TS_DB},
+      {DK_T("\tREQ\r\n,sql,Sql"), TS_REQ},
+      {DK_T("\u00a0DL\u3000,\u2003DK"), TS_DL | TS_DK},
+      {DK_T("SQL,SO,CO,BR,PE,DB,REQ,DP,DK,DL"), 0x3FF},
+      {DK_T("SO;DB"), 0},
+      {DK_T("XX"), 0},
+      {DK_T(",,,"), 0},
+      {DK_T(""), 0},
+      {nullptr, 0},
+  };
+  for (const auto& c : cases) {
+    const std::string label = c.text ? DKString(c.text).AsUTF8() : "(null)";
+    EXPECT_TRUE(DKTrace::SetTraceSubjects(c.text)) << label;
+    EXPECT_EQ(DKTrace::IsTracingEnabled(), c.mask != 0) << label;
+    for (TracelSubjects subject : kAllSubjects)
+      EXPECT_EQ(DKTrace::TraceThisSubject(TL_NORMAL, subject), (c.mask & subject) != 0) << label << " " << subject;
+  }
+}
+
+TEST_F(DKTraceFileTest, SwitchingOffClosesTheFileAndSwitchingOnStartsAFreshOne) {
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "first\n");
+  ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("XX")));
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "while off\n");
+  EXPECT_EQ(Lines().size(), 1u);
+  ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO")));
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "second\n");
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(ParsedLine(0).text, "second");
+}
+
+TEST_F(DKTraceFileTest, DelimiterSetterAcceptsCharacterCodesOneTo255) {
+  const struct {
+    int value;
+    bool accepted;
+    char used;
+  } cases[] = {
+      {59, true, ';'},    {1, true, '\x01'},  {255, true, '\xff'},    {0, false, '\t'},
+      {256, false, '\t'}, {-59, false, '\t'}, {INT_MIN, false, '\t'}, {INT_MAX, false, '\t'},
+  };
+  ConsoleCapture console;
+  for (const auto& c : cases) {
+    ASSERT_TRUE(DKTrace::SetTraceDelim(44));
+    console.Clear();
+    EXPECT_EQ(DKTrace::SetTraceDelim(c.value), c.accepted) << c.value;
+    EXPECT_EQ(console.Text(),
+              c.accepted ? "" : "Illegal trace delimiter specified; trace delimiter has been reset to default\n")
+        << c.value;
+    DKTrace::Msg(TL_NORMAL, TS_SO, "s", "text\n");
+    const std::string last = Lines().back();
+    TraceLine line;
+    ASSERT_TRUE(ParseTraceLine(last, c.used, line)) << c.value;
+    EXPECT_EQ(line.source + "|" + line.level + "|" + line.subject + "|" + line.text, "s|1|SO|text") << c.value;
+  }
+}
+
+TEST_F(DKTraceFileTest, ComplaintsStayOffTheConsoleAtVerbosityZero) {
+  TraceLevelOverride quiet(0);
+  ConsoleCapture console;
+  EXPECT_FALSE(DKTrace::SetTraceDelim(0));
+  ASSERT_TRUE(DKTrace::SetTraceSubjects(nullptr)); // no file to move into the temporary folder
+  const ScratchFolder other;
+  WriteWholeFile(other / "file", "x");
+  EXPECT_TRUE(DKTrace::SetTraceFolderName(ToDK((other / "file" / "sub").string()).c_str()));
+  EXPECT_EQ(console.Text(), "");
+}
+
+TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThere) {
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "before\n");
+  const ScratchFolder other;
+  const fs::path nested = other / "a" / "b";
+  ASSERT_TRUE(DKTrace::SetTraceFolderName(ToDK(nested.string()).c_str()));
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "after\n");
+
+  ASSERT_EQ(Lines().size(), 1u);
+  EXPECT_EQ(ParsedLine(0).text, "before");
+  const auto moved = SplitLines(ReadWholeFile(nested / OwnTraceFileName()));
+  ASSERT_EQ(moved.size(), 1u);
+  TraceLine line;
+  ASSERT_TRUE(ParseTraceLine(moved[0], '\t', line));
+  EXPECT_EQ(line.text, "after");
+}
+
+TEST_F(DKTraceFileTest, FolderThatCannotBeOpenedLeavesTracingOnWithoutOutput) {
+  ConsoleCapture console;
+  EXPECT_FALSE(DKTrace::SetTraceFolderName(DK_T("/proc")));
+  EXPECT_EQ(console.Text(), "Cannot open trace file /proc/" + OwnTraceFileName() + "\n");
+  EXPECT_TRUE(DKTrace::IsTracingEnabled());
+  EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, TS_SO));
+  DKTrace::Msg(TL_NORMAL, TS_SO, "s", "lost\n");
+  DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", "abc", 3);
+}
+
+TEST_F(DKTraceFileTest, NullFormatWritesThePrefixAloneAndNullSourceIsNamed) {
+  DKTrace::Msg(TL_NORMAL, TS_SO, "first", nullptr);
+  DKTrace::Msg(TL_NORMAL, TS_SO, nullptr, "second\n");
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u); // the prefix alone has no line end
+  TraceLine first, second;
+  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', first));
+  ASSERT_TRUE(ParseTraceLine(first.text, '\t', second));
+  EXPECT_EQ(first.source, "first");
+  EXPECT_EQ(second.source, "(null)");
+  EXPECT_EQ(second.text, "second");
+}
+
+// ---- MsgHex ---------------------------------------------------------------------------------
+
+TEST_F(DKTraceFileTest, HexDumpOf20BytesHasAFullRowAndAPaddedRow) {
+  ASSERT_TRUE(DKTrace::SetTraceLevel(TL_DATA | TL_HEX));
+  const unsigned char bytes[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G',  'H',  'I',  'J',
+                                   'K', 'L', 'M', 'N', 'O', 'P', 0x00, 0x7F, 0x20, 0x7E};
+  DKTrace::MsgHex(TL_DATA, TS_SO, "Socket", bytes, 20);
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 3u);
+  TraceLine summary;
+  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
+  EXPECT_EQ(summary.level, "4");
+  EXPECT_EQ(summary.text, "(nrbytes=20): ABCDEFGHIJKLMNOP ~");
+  EXPECT_EQ(lines[1], "  0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ;ABCDEFGHIJKLMNOP");
+  EXPECT_EQ(lines[2], "  0016: 00 7F 20 7E " + std::string(12 * 3, ' ') + ";.. ~");
+}
+
+TEST_F(DKTraceFileTest, HexDumpOf5000BytesKeeps4095CharactersInTheSummary) {
+  ASSERT_TRUE(DKTrace::SetTraceLevel(TL_HEX));
+  std::string bytes(5000, ' ');
+  for (std::size_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = static_cast<char>('a' + i % 26);
+  DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", bytes.data(), 5000);
+
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u + 313u); // 312 full rows and one of 8 bytes
+  TraceLine summary;
+  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
+  EXPECT_EQ(summary.text, "(nrbytes=5000): " + bytes.substr(0, 4095));
+  for (std::size_t row = 0; row < 313; ++row) {
+    char offset[16];
+    std::snprintf(offset, sizeof offset, "  %04zu: ", row * 16);
+    ASSERT_EQ(lines[1 + row].rfind(offset, 0), 0u) << lines[1 + row];
+    ASSERT_EQ(lines[1 + row].size(), row < 312 ? 73u : 65u) << lines[1 + row];
+  }
+  EXPECT_EQ(lines.back(), "  4992: 61 62 63 64 65 66 67 68 " + std::string(8 * 3, ' ') + ";abcdefgh");
+}
+
+TEST_F(DKTraceFileTest, HexBlockNeedsLevelBitEight) {
+  DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", "abc\x01", 4);
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(ParsedLine(0).text, "(nrbytes=4): abc");
+}
+
+TEST_F(DKTraceFileTest, HexDumpWithoutReadableBytesWritesTheSummaryOnly) {
+  ASSERT_TRUE(DKTrace::SetTraceLevel(TL_HEX));
+  const char bytes[] = "payload";
+  const struct {
+    const void* bytes;
+    std::int32_t length;
+  } cases[] = {{nullptr, 10}, {bytes, -5}, {bytes, INT32_MIN}, {bytes, 0}, {nullptr, 0}};
+  std::vector<std::string> expected;
+  for (const auto& c : cases) {
+    DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", c.bytes, c.length);
+    expected.push_back("(nrbytes=" + std::to_string(c.length) + "): ");
+  }
+  EXPECT_EQ(Fields([](const TraceLine& line) { return line.text; }), expected);
+}
+
+// ---- Threads --------------------------------------------------------------------------------
+
+TEST_F(DKTraceFileTest, LinesOfConcurrentThreadsNeverInterleave) {
+  ASSERT_TRUE(DKTrace::SetTraceLevel(TL_HEX));
+  constexpr int kThreads = 6;
+  constexpr int kLines = 800;
+  const std::string payload(300, 'x');
+  const std::string hexBytes = "0123456789abcdefghijklmnopqrstuvwxyzABCD"; // 40 bytes: three rows
+  std::vector<long> threadIds(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      threadIds[t] = gettid();
+      for (int i = 0; i < kLines; ++i) {
+        DKTrace::Msg(TL_NORMAL, TS_SO, "worker", "thread=%d line=%d %s\n", t, i, payload.c_str());
+        if (i % 100 == 0)
+          DKTrace::MsgHex(TL_NORMAL, TS_DB, "worker", hexBytes.data(), 40);
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+
+  const auto lines = Lines();
+  std::vector<int> next(kThreads, 0);
+  const std::regex text(R"(thread=(\d+) line=(\d+) (x+))");
+  int hexDumps = 0;
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    TraceLine line;
+    ASSERT_TRUE(ParseTraceLine(lines[i], '\t', line)) << "line " << i << ": " << lines[i];
+    if (line.subject == "DB") {
+      ASSERT_EQ(line.text, "(nrbytes=40): " + hexBytes);
+      ASSERT_LT(i + 3, lines.size());
+      EXPECT_EQ(lines[i + 1].substr(0, 8), "  0000: ");
+      EXPECT_EQ(lines[i + 2].substr(0, 8), "  0016: ");
+      EXPECT_EQ(lines[i + 3].substr(0, 8), "  0032: ");
+      i += 3;
+      ++hexDumps;
+      continue;
+    }
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line.text, match, text)) << line.text;
+    const int t = std::stoi(match[1]);
+    ASSERT_LT(t, kThreads);
+    EXPECT_EQ(line.threadId, std::to_string(threadIds[t]));
+    EXPECT_EQ(std::stoi(match[2]), next[t]++);
+    EXPECT_EQ(match[3].length(), static_cast<long>(payload.size()));
+  }
+  EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+  EXPECT_EQ(hexDumps, kThreads * kLines / 100);
+}
+
+TEST_F(DKTraceFileTest, SettersMayRunWhileThreadsWrite) {
+  const ScratchFolder second;
+  const DKString folders[] = {ToDK(second.Path().string()), ToDK(m_folder.Path().string())};
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 4; ++t)
+    writers.emplace_back([&, t] {
+      for (int i = 0; !stop.load(); ++i) {
+        DKTrace::Msg(TL_NORMAL, TS_SO, "w", "w%d %d %s\n", t, i, "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy");
+        DKTrace::MsgHex(TL_NORMAL, TS_SO, "w", "zz", 2);
+      }
+    });
+  for (int round = 0; round < 40; ++round) {
+    DKTrace::SetTraceFolderName(folders[round % 2].c_str());
+    DKTrace::SetTraceDelim(9);
+    DKTrace::SetTraceLevel(round % 3 == 0 ? TL_HEX : TL_NORMAL);
+    DKTrace::SetTraceSubjects(round % 5 == 4 ? DK_T("DB") : DK_T("SO,DB"));
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+  }
+  stop = true;
+  for (std::thread& writer : writers)
+    writer.join();
+  DKTrace::SetTraceSubjects(nullptr);
+
+  const std::regex line(R"([^\t]+\t\d+\tw\t1\tSO\t(w\d \d+ y{43}|\(nrbytes=2\): zz)|  0000: 7A 7A {43};zz)");
+  for (const fs::path& folder : {second.Path(), m_folder.Path()})
+    for (const std::string& text : SplitLines(ReadWholeFile(folder / OwnTraceFileName())))
+      ASSERT_TRUE(std::regex_match(text, line)) << text;
+}
+
+} // namespace
