@@ -1,0 +1,34 @@
+// The system clock and the process's local time zone (internal). The functions marked
+// "platform" are implemented once per operating system in src/platform/<os>/ClockImpl.cpp;
+// the others are portable and built on them in src/os/DKClock.cpp.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+// A reading of the system clock: seconds since 1970-01-01 UTC and the milliseconds within.
+struct DKClockReading {
+  std::int64_t seconds = 0;
+  std::int32_t milliseconds = 0;
+};
+
+class DKClock {
+public:
+  // Platform: the system clock now.
+  static DKClockReading Now() noexcept;
+  // Platform: the local zone's offset east of UTC, in seconds, at a UTC second, and whether
+  // daylight saving is in force then. False when the system cannot tell (out of its range).
+  static bool LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept;
+  // Platform: the local zone's standard-time offset east of UTC, in seconds.
+  static int LocalStandardOffset() noexcept;
+  // Platform: the local zone's abbreviation for standard or daylight time, UTF-8.
+  static std::string LocalZoneName(bool daylight);
+  // Platform: reads the zone setting (TZ) again.
+  static void ReloadZone() noexcept;
+
+  // The local offset at a UTC second; the standard offset where the system cannot tell.
+  static int LocalOffsetAt(std::int64_t utcSeconds, bool* daylight = nullptr) noexcept;
+  // The UTC second of a local wall-clock reading (counted as if it were UTC). A repeated
+  // reading gives the earlier instant; a skipped one is moved forward by the gap.
+  static std::int64_t LocalToUtc(std::int64_t wallSeconds) noexcept;
+};
