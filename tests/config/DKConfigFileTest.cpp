@@ -1,1 +1,695 @@
-// placeholder
+#include <DorvikCore/DKConfigFile.h>
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKException.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+const char* const kEofInKey = "unexpected EOF while parsing a key name of a configuration line";
+const char* const kNoOpeningBracket = "expecting a '[' at the beginning of a section";
+const char* const kEofInName = "unexpected EOF while parsing a section name";
+const char* const kAfterClosingBracket = "unexpected character after the closing ']' of a section name";
+
+std::string U8(const DKString& s) { return s.AsUTF8(); }
+
+DKString Dk(const std::string& utf8) {
+  DKString s;
+  s.SetFromUTF8(utf8.c_str(), utf8.size());
+  return s;
+}
+
+std::string Escaped(const DKString& s) {
+  std::string out;
+  for (char c : U8(s))
+    out += c == '\n' ? std::string("\\n") : c == '\r' ? std::string("\\r") : std::string(1, c);
+  return out;
+}
+
+// The tree on one line: each comment as ";text" in front of its item, sections as "[name]",
+// lines as "key=value", items separated by " | ".
+std::string Dump(const DKConfigFile& file) {
+  std::vector<std::string> items;
+  const auto comments = [&](const DKConfigComments& block) {
+    for (const DKString& text : block)
+      items.push_back(";" + Escaped(text));
+  };
+  for (const DKConfigSection& section : file) {
+    comments(section.GetComments());
+    items.push_back("[" + Escaped(section.GetName()) + "]");
+    for (const DKConfigLine& line : section) {
+      comments(line.GetComments());
+      items.push_back(Escaped(line.GetKey()) + "=" + Escaped(line.GetValue()));
+    }
+  }
+  std::string out;
+  for (const std::string& item : items)
+    out += (out.empty() ? "" : " | ") + item;
+  return out;
+}
+
+DKSmartPtr<DKConfigFile> FromBytes(const std::string& bytes) {
+  DKSmartPtr<DKConfigFile> file(new DKConfigFile());
+  EXPECT_TRUE(file->ReloadFromBytes(bytes.data(), bytes.size())) << U8(file->GetLastErrorText());
+  return file;
+}
+
+std::string ToBytes(const DKConfigFile& file) {
+  std::string out;
+  EXPECT_TRUE(file.SaveToBytes(out)) << U8(file.GetLastErrorText());
+  return out;
+}
+
+std::string Utf16(const std::u16string& text, bool little) {
+  std::string out = little ? "\xFF\xFE" : "\xFE\xFF";
+  for (char16_t u : text) {
+    const char hi = static_cast<char>(u >> 8), lo = static_cast<char>(u & 0xFF);
+    out += little ? std::string{lo, hi} : std::string{hi, lo};
+  }
+  return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reading
+
+struct ReadCase {
+  const char* text;
+  const char* tree;
+};
+
+const ReadCase kReadCases[] = {
+    {"", ""},
+    {"[Main]\nk=v\n", "[Main] | k=v"},
+    {"; only\n\n;comments\n", "; only | ; | ;comments | []"},
+    {"k=lost\n[Main]\n", "[Main]"},
+    {";note\nk=lost\n;kept\n[Main]\n", ";kept | [Main]"},
+    {"k=lost\n", ""},
+    {"k=lost\n;end\n", ";end | []"},
+    {"[A]\n  key \t =  \t some value \t \r\n", "[A] | key=some value"},
+    {"[A]\nk=a = b\n", "[A] | k=a = b"},
+    {"[A]\nk=\r a\rb \n", "[A] | k=ab"},
+    {"[A]\nk=\n=v\n", "[A] | k= | =v"},
+    {"[A]\nno equals\nk=v\n", "[A] | no equals\\nk=v"},
+    {"[A]\nab \n=v\n", "[A] | ab=v"},
+    {"  \t[A] \t\r\n", "[A]"},
+    {"[ Spaced ; Name ]\n", "[ Spaced ; Name ]"},
+    {"[A]\n;c1\n\n k=v\n;end\n", "[A] | ;c1 | ; | k=v | ;end | []"},
+    {"[A]\nk=v", "[A] | k=v"},
+    {"[A]\n[B]\n[a]\nk=1\n", "[A] | [B] | [a] | k=1"},
+    {"[]\nk=v\n", "[] | k=v"},
+    {"[A]\r\nk=v\r\n;c\r\n\r\n", "[A] | k=v | ;c | ; | []"},
+    {"[A]\n;c\r\n", "[A] | ;c\\r | []"},
+    {"\xEF\xBB\xBF[Main]\nk=v\n", "[Main] | k=v"},
+    {"[Gr\xC3\xBC\xC3\x9F""e]\nk=\xF0\x9F\x98\x80\n", "[Gr\xC3\xBC\xC3\x9F""e] | k=\xF0\x9F\x98\x80"},
+};
+
+TEST(DKConfigFileReadTest, ParsesTheTreeOfEachText) {
+  for (const ReadCase& c : kReadCases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(Dump(*FromBytes(c.text)), c.tree);
+  }
+}
+
+struct ErrorCase {
+  const char* text;
+  const char* message;
+};
+
+const ErrorCase kErrorCases[] = {
+    {"[Main]", kEofInName},
+    {"[A]\nk=v\n[Main]", kEofInName},
+    {"[Main", kEofInName},
+    {"[", kEofInName},
+    {"[Main] x\n", kAfterClosingBracket},
+    {"[Main]]\n", kAfterClosingBracket},
+    {"[A]\nkey without equals", kEofInKey},
+    {"[A]\nk=v\nlast line\n", kEofInKey},
+};
+
+TEST(DKConfigFileReadTest, SyntaxErrorsThrowTheirTextAndKeepTheTree) {
+  const auto file = FromBytes("[Kept]\nk=v\n");
+  for (const ErrorCase& c : kErrorCases) {
+    SCOPED_TRACE(c.text);
+    try {
+      file->ReloadFromBytes(c.text, std::strlen(c.text));
+      ADD_FAILURE() << "no exception";
+    } catch (const DKConfigStreamException& e) {
+      EXPECT_STREQ(e.what(), c.message);
+    }
+    EXPECT_EQ(Dump(*file), "[Kept] | k=v");
+  }
+}
+
+TEST(DKConfigFileReadTest, UndecodableBytesAreRefusedAndKeepTheTree) {
+  const auto file = FromBytes("[Kept]\n");
+  const std::string bad[] = {"[A]\nk=\xE9t\xE9\n", "\xFF\xFE[\0A"s, "[A]\nk=\xED\xA0\x80\n"};
+  for (const std::string& bytes : bad) {
+    EXPECT_FALSE(file->ReloadFromBytes(bytes.data(), bytes.size()));
+    EXPECT_FALSE(file->GetLastErrorText().IsEmpty());
+    EXPECT_EQ(Dump(*file), "[Kept]");
+  }
+}
+
+TEST(DKConfigFileReadTest, Utf16FilesWithAByteOrderMark) {
+  const std::u16string text = u"[Stra\u00DFe]\r\nk=\U0001F600 \u20AC\r\n";
+  for (const bool little : {true, false}) {
+    const std::string bytes = Utf16(text, little);
+    const auto file = FromBytes(bytes);
+    EXPECT_EQ(file->GetEncoding(), little ? DKConfigFile::Utf16LE : DKConfigFile::Utf16BE);
+    EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
+    EXPECT_EQ(U8(file->GetString(Dk("stra\xC3\x9F""e"), DK_T("K"))), "\xF0\x9F\x98\x80 \xE2\x82\xAC");
+    EXPECT_EQ(ToBytes(*file), bytes);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing
+
+// Files in the canonical form come back byte for byte.
+const char* const kCanonicalFiles[] = {
+    "",
+    "[Main]\nkey=value\n",
+    "; header comment\n\n[Main]\n; about k\nk=v = w\n\n[Other]\n[Empty values]\nk=\n=v\n; the end\n",
+    "[A]\r\nk=v\r\n;c\r\n\r\n",
+    "\xEF\xBB\xBF[Main]\nk=v\n",
+    "; only comments\n\n",
+    "[]\nk=v\n[Named]\n",
+    "[A]\nmulti\nline key=v\n",
+    "[A]\n;c\r\n",
+};
+
+TEST(DKConfigFileWriteTest, CanonicalFilesRoundTripByteForByte) {
+  for (const char* text : kCanonicalFiles) {
+    SCOPED_TRACE(text);
+    EXPECT_EQ(ToBytes(*FromBytes(text)), text);
+  }
+}
+
+struct NormaliseCase {
+  const char* text;
+  const char* saved;
+};
+
+// What a save changes in a file that is not in the canonical form.
+const NormaliseCase kNormaliseCases[] = {
+    {"[A]\n  k  =  v  \n", "[A]\nk=v\n"},
+    {"k=dropped\n[A]\n", "[A]\n"},
+    {"  [A]  \nk=v", "[A]\nk=v\n"},
+    {";\n[A]\n", "\n[A]\n"},
+    {"\t ;c\n[A]\n", ";c\n[A]\n"},
+    {"[A]\r\nk=v\n;c\n", "[A]\r\nk=v\r\n;c\r\n"},
+    {"[A]\nk=v\r\n", "[A]\nk=v\n"},
+    {"[A]\nk=a\rb\n", "[A]\nk=ab\n"},
+    {";c\n[]\n", ";c\n"},
+};
+
+TEST(DKConfigFileWriteTest, SavingNormalisesBlanksLineEndsAndLostLines) {
+  for (const NormaliseCase& c : kNormaliseCases) {
+    SCOPED_TRACE(c.text);
+    const std::string saved = ToBytes(*FromBytes(c.text));
+    EXPECT_EQ(saved, c.saved);
+    EXPECT_EQ(Dump(*FromBytes(saved)), Dump(*FromBytes(c.text)));
+  }
+}
+
+TEST(DKConfigFileWriteTest, ALineEndThatTheTextWouldMimicIsWrittenAsCrLf) {
+  // Read with LF line ends, the comment keeps its CR; once the key line in front is dropped,
+  // the first line would end in CR LF, so the whole file is written with CR LF.
+  const auto file = FromBytes("k=1\n;c\r\n[A]\n");
+  EXPECT_EQ(Dump(*file), ";c\\r | [A]");
+  const std::string saved = ToBytes(*file);
+  EXPECT_EQ(saved, ";c\r\r\n[A]\r\n");
+  EXPECT_EQ(Dump(*FromBytes(saved)), Dump(*file));
+}
+
+TEST(DKConfigFileWriteTest, EncodingAndLineEndsCanBeChanged) {
+  const auto file = FromBytes("[A]\nk=\xC3\xA9\n");
+  file->SetEncoding(DKConfigFile::Utf16BE);
+  file->SetLineEnd(DKConfigFile::LineEndCRLF);
+  EXPECT_EQ(ToBytes(*file), Utf16(u"[A]\r\nk=\u00E9\r\n", false));
+  file->SetEncoding(DKConfigFile::Utf8WithBom);
+  file->SetLineEnd(DKConfigFile::LineEndLF);
+  EXPECT_EQ(ToBytes(*file), "\xEF\xBB\xBF[A]\nk=\xC3\xA9\n");
+}
+
+TEST(DKConfigFileWriteTest, TreesTheFormatCannotCarryAreRefused) {
+  const std::function<void(DKConfigFile&)> edits[] = {
+      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k"), DK_T("two\nlines")); },
+      [](DKConfigFile& f) { f.SetString(DK_T("A]"), DK_T("k"), DK_T("v")); },
+      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k=x"), DK_T("v")); },
+      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T(" ;k"), DK_T("v")); },
+      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("[k"), DK_T("v")); },
+      [](DKConfigFile& f) { f.FindSection(DK_T("A"))->GetComments().AddComment(DK_T("a\nb")); },
+  };
+  for (const auto& edit : edits) {
+    const auto file = FromBytes("[A]\nk=v\n");
+    edit(*file);
+    std::string out = "untouched";
+    EXPECT_FALSE(file->SaveToBytes(out));
+    EXPECT_EQ(out, "untouched");
+    EXPECT_FALSE(file->GetLastErrorText().IsEmpty());
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Editing
+
+TEST(DKConfigFileEditTest, LookUpsIgnoreCaseAndKeepTheStoredSpelling) {
+  const auto file = FromBytes("[Main]\nPort=8080\nName=x\n[main]\nPort=1\n");
+  EXPECT_EQ(U8(file->GetString(DK_T("MAIN"), DK_T("port"))), "8080");
+  EXPECT_EQ(file->GetLong(DK_T("mAiN"), DK_T("PORT"), 5), 8080);
+  EXPECT_EQ(U8(file->GetString(DK_T("Main"), DK_T("missing"), DK_T("dflt"))), "dflt");
+  EXPECT_EQ(file->GetLong(DK_T("Missing"), DK_T("Port"), 5), 5);
+
+  const auto second = file->FindSection(DK_T("MAIN"), file->FindSection(DK_T("main")) + 1);
+  ASSERT_NE(second, file->GetSectionsEnd());
+  EXPECT_EQ(U8(second->GetName()), "main");
+  EXPECT_EQ(file->FindSection(DK_T("main"), second + 1), file->GetSectionsEnd());
+
+  file->SetString(DK_T("MAIN"), DK_T("NAME"), DK_T("y"));
+  EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\n[main]\nPort=1\n");
+}
+
+TEST(DKConfigFileEditTest, SetAddsMissingLinesAndSectionsBeforeTheClosingComments) {
+  const auto file = FromBytes("[A]\nk=v\n; the end\n");
+  file->SetString(DK_T("a"), DK_T("new"), DK_T("1"));
+  file->SetLong(DK_T("B"), DK_T("n"), -42);
+  file->SetString(DK_T("A"), DK_T("K"), DK_T("w"));
+  EXPECT_EQ(ToBytes(*file), "[A]\nk=w\nnew=1\n[B]\nn=-42\n; the end\n");
+  EXPECT_EQ(file->GetLong(DK_T("b"), DK_T("N")), -42);
+}
+
+TEST(DKConfigFileEditTest, NumbersFollowTheStringConversions) {
+  const auto file = FromBytes("[A]\nn=12abc\nx=abc\nd=2.5e3\n");
+  EXPECT_EQ(file->GetLong(DK_T("A"), DK_T("n"), 7), 12);
+  EXPECT_EQ(file->GetLong(DK_T("A"), DK_T("x"), 7), 0);
+  const auto line = file->FindSection(DK_T("A"))->FindLine(DK_T("d"));
+  bool ok = false;
+  EXPECT_EQ(line->GetValueAsDouble(&ok), 2500.0);
+  EXPECT_TRUE(ok);
+  line->GetValueAsLong(&ok);
+  EXPECT_FALSE(ok);
+
+  DKConfigLine l;
+  for (const double value : {0.1, -1e-300, 1.0 / 3.0, 12345678.0}) {
+    l.SetValue(value);
+    EXPECT_EQ(l.GetValueAsDouble(), value) << U8(l.GetValue());
+  }
+  l.SetValue(0.1);
+  EXPECT_EQ(U8(l.GetValue()), "0.1");
+  l.SetValue(-7);
+  EXPECT_EQ(l.GetValueAsLong(), -7);
+}
+
+TEST(DKConfigFileEditTest, SectionsAddFindAndDelete) {
+  DKSmartPtr<DKConfigFile> file(new DKConfigFile());
+  const auto b = file->AddSection(DK_T("B"));
+  EXPECT_EQ(U8(b->GetName()), "B");
+  file->AddSection(DK_T("A"), file->GetSectionsBegin());
+  DKConfigSection c(DK_T("C"));
+  c.AddLine(DK_T("k"), DK_T("v"));
+  file->AddSection(c);
+  EXPECT_EQ(Dump(*file), "[A] | [B] | [C] | k=v");
+
+  EXPECT_TRUE(file->DeleteSection(DK_T("b")));
+  EXPECT_FALSE(file->DeleteSection(DK_T("b")));
+  const auto next = file->DeleteSection(file->GetSectionsBegin());
+  EXPECT_EQ(U8(next->GetName()), "C");
+  EXPECT_EQ(file->GetSectionCount(), 1u);
+  file->Clear();
+  EXPECT_EQ(file->GetSectionCount(), 0u);
+  EXPECT_EQ(ToBytes(*file), "");
+}
+
+TEST(DKConfigFileEditTest, LinesAndCommentsAddFindAndDelete) {
+  DKConfigSection s(DK_T("S"));
+  s.AddLine(DK_T("b"), DK_T("2"));
+  const auto a = s.AddLine(DKConfigLine(DK_T("a"), DK_T("1")), s.GetLinesBegin());
+  a->GetComments().AddComment(DK_T("second"));
+  a->GetComments().AddComment(DK_T("first"), a->GetComments().GetCommentsBegin());
+  s.AddLine(DK_T("B"), DK_T("3"));
+  EXPECT_EQ(U8(s.FindLine(DK_T("B"), s.FindLine(DK_T("b")) + 1)->GetValue()), "3");
+  EXPECT_EQ(s.FindLine(DK_T("z")), s.GetLinesEnd());
+
+  std::ostringstream out;
+  out << s;
+  EXPECT_EQ(out.str(), "[S]\n;first\n;second\na=1\nb=2\nB=3\n");
+
+  EXPECT_TRUE(s.DeleteLine(DK_T("B"), s.GetLinesBegin() + 2));
+  EXPECT_EQ(s.DeleteLine(s.GetLinesBegin())->GetKey(), DKString(DK_T("b")));
+  DKConfigComments& comments = s.GetComments();
+  comments.AddComment(DK_T("x"));
+  comments.DeleteComment(comments.GetCommentsBegin());
+  EXPECT_EQ(comments.GetSize(), 0u);
+  s.Clear();
+  EXPECT_TRUE(s.GetName().IsEmpty());
+  EXPECT_EQ(s.GetLineCount(), 0u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Locking
+
+class CountingOwner : public DKConfigLockableI {
+public:
+  void Lock() const override { ++locks; }
+  void Unlock() const override { ++unlocks; }
+  mutable int locks = 0;
+  mutable int unlocks = 0;
+};
+
+TEST(DKConfigLockTest, ItemsLockThroughTheirOwner) {
+  CountingOwner owner;
+  DKConfigSection section(DK_T("S"));
+  section.SetOwner(&owner);
+  const auto line = section.AddLine(DK_T("k"), DK_T("v"));
+  EXPECT_EQ(line->GetOwner(), &owner);
+  EXPECT_EQ(line->GetComments().GetOwner(), &owner);
+  const int before = owner.locks;
+  line->SetValue(DK_T("w"));
+  line->GetComments().AddComment(DK_T("c"));
+  EXPECT_EQ(owner.locks, before + 2);
+  EXPECT_EQ(owner.locks, owner.unlocks);
+
+  // A copy is on its own; an assignment keeps the target's owner for all it holds.
+  DKConfigSection copy(section);
+  EXPECT_EQ(copy.GetOwner(), nullptr);
+  EXPECT_EQ(copy.GetLinesBegin()->GetOwner(), nullptr);
+  CountingOwner other;
+  DKConfigSection target;
+  target.SetOwner(&other);
+  target = section;
+  EXPECT_EQ(target.GetLinesBegin()->GetOwner(), &other);
+  target = std::move(copy);
+  EXPECT_EQ(target.GetLinesBegin()->GetOwner(), &other);
+  EXPECT_EQ(U8(target.GetName()), "S");
+}
+
+TEST(DKConfigLockTest, EveryItemOfAFileSharesTheFilesLock) {
+  const auto file = FromBytes("[A]\n;c\nk=v\n");
+  const DKConfigLockableI* lock = file.Get();
+  const DKConfigSection& a = *file->GetSectionsBegin();
+  EXPECT_EQ(a.GetOwner(), lock);
+  EXPECT_EQ(a.GetLinesBegin()->GetOwner(), lock);
+  EXPECT_EQ(a.GetLinesBegin()->GetComments().GetOwner(), lock);
+  EXPECT_EQ(file->AddSection(DKConfigSection(DK_T("B")))->GetOwner(), lock);
+  EXPECT_EQ(file->FindSection(DK_T("B"))->AddLine(DK_T("x"), DK_T("y"))->GetOwner(), lock);
+
+  // While one thread holds the file's lock, another cannot change an item.
+  std::atomic<bool> changed{false};
+  std::thread writer;
+  {
+    const DKConfigLockGuard guard(*file);
+    writer = std::thread([&] {
+      file->GetSectionsBegin()->GetLinesBegin()->SetValue(DK_T("w"));
+      changed = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(changed);
+  }
+  writer.join();
+  EXPECT_TRUE(changed);
+}
+
+TEST(DKConfigLockTest, ConcurrentEditsAndReadsOfOneFile) {
+  DKSmartPtr<DKConfigFile> file(new DKConfigFile());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      const DKString section = DKString().Format(DK_T("S%d"), t % 2);
+      for (int i = 0; i < 300; ++i) {
+        file->SetLong(section, DKString().Format(DK_T("k%d_%d"), t, i), i);
+        EXPECT_EQ(file->GetLong(section, DKString().Format(DK_T("k%d_%d"), t, i), -1), i);
+        if (i % 50 == 0) {
+          std::string bytes;
+          EXPECT_TRUE(file->SaveToBytes(bytes));
+        }
+      }
+    });
+  for (std::thread& t : threads)
+    t.join();
+  EXPECT_EQ(file->GetSectionCount(), 2u);
+  EXPECT_EQ(file->FindSection(DK_T("S0"))->GetLineCount() + file->FindSection(DK_T("S1"))->GetLineCount(), 1200u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Streams
+
+TEST(DKConfigStreamTest, NarrowAndWideStreamsReadAndWriteTheSameTree) {
+  const std::string text = "\xEF\xBB\xBF; c\n[Gr\xC3\xBC\xC3\x9F""e]\nk=\xE2\x82\xAC\n; end\n";
+  DKSmartPtr<DKConfigFile> narrow(new DKConfigFile());
+  std::istringstream in(text);
+  in >> *narrow;
+  EXPECT_TRUE(in.eof());
+  EXPECT_EQ(Dump(*narrow), Dump(*FromBytes(text)));
+  std::ostringstream out;
+  out << *narrow;
+  EXPECT_EQ(out.str(), text.substr(3));
+
+  DKSmartPtr<DKConfigFile> wide(new DKConfigFile());
+  std::wistringstream win(L"\uFEFF; c\n[Gr\u00FC\u00DFe]\nk=\u20AC\n; end\n");
+  win >> *wide;
+  EXPECT_EQ(Dump(*wide), Dump(*narrow));
+  std::wostringstream wout;
+  wout << *wide;
+  EXPECT_EQ(wout.str(), L"; c\n[Gr\u00FC\u00DFe]\nk=\u20AC\n; end\n");
+}
+
+TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItem) {
+  std::istringstream in(";about\n[S] \nk = v\n;x\n\nrest=1\n");
+  DKConfigSection section;
+  in >> section;
+  EXPECT_EQ(U8(section.GetName()), "S");
+  EXPECT_EQ(U8(*section.GetComments().GetCommentsBegin()), "about");
+  DKConfigLine line;
+  in >> line;
+  EXPECT_EQ(U8(line.GetKey()) + "=" + U8(line.GetValue()), "k=v");
+  DKConfigComments comments;
+  in >> comments;
+  EXPECT_EQ(comments.GetSize(), 2u);
+  std::string rest;
+  std::getline(in, rest);
+  EXPECT_EQ(rest, "rest=1");
+
+  std::ostringstream out;
+  out << line << comments;
+  EXPECT_EQ(out.str(), "k=v\n;x\n\n");
+}
+
+TEST(DKConfigStreamTest, StreamSyntaxErrors) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"x\n", kNoOpeningBracket}, {"[S]", kEofInName}, {"[S] x\n", kAfterClosingBracket}};
+  for (const auto& [text, message] : cases) {
+    std::istringstream in(text);
+    DKConfigSection section;
+    try {
+      in >> section;
+      ADD_FAILURE() << text;
+    } catch (const DKConfigStreamException& e) {
+      EXPECT_STREQ(e.what(), message);
+    }
+  }
+  std::istringstream in("; only a comment\n");
+  DKConfigLine line;
+  EXPECT_THROW(in >> line, DKConfigStreamException);
+  DKConfigSection empty;
+  std::istringstream end(";c\n");
+  end >> empty;
+  EXPECT_TRUE(empty.GetName().IsEmpty());
+  EXPECT_EQ(empty.GetComments().GetSize(), 1u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files on disk
+
+class DKConfigFileDiskTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "dkconfig-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    m_dir = pattern;
+    fs::permissions(m_dir, fs::perms(0755));
+  }
+  void TearDown() override {
+    std::error_code ignored;
+    fs::permissions(m_dir, fs::perms::owner_all, fs::perm_options::add, ignored);
+    fs::remove_all(m_dir, ignored);
+  }
+
+  std::string Path(const std::string& name) const { return (m_dir / name).string(); }
+  static void Write(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+  }
+  static std::string Read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  std::vector<std::string> Leftovers() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(m_dir))
+      if (entry.path().filename().string().ends_with(".tmp"))
+        names.push_back(entry.path().string());
+    return names;
+  }
+
+  // Runs body in a child process without the privileges that would bypass file permissions;
+  // returns its exit code.
+  static int RunUnprivileged(const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0))
+        ::_exit(99);
+      ::_exit(body());
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  fs::path m_dir;
+};
+
+TEST_F(DKConfigFileDiskTest, LoadSaveAndSave2) {
+  const std::string path = Path("app.ini");
+  Write(path, "\xEF\xBB\xBF[Main]\r\nk=v\r\n");
+  const auto file = DKConfigFile::Load(Dk(path));
+  ASSERT_TRUE(file);
+  EXPECT_EQ(U8(file->GetFileName()), path);
+  EXPECT_EQ(U8(file->GetString(DK_T("main"), DK_T("K"))), "v");
+  file->SetString(DK_T("Main"), DK_T("n"), DK_T("1"));
+  ASSERT_TRUE(file->Save());
+  EXPECT_EQ(Read(path), "\xEF\xBB\xBF[Main]\r\nk=v\r\nn=1\r\n");
+  file->SetString(DK_T("Main"), DK_T("n"), DK_T("2"));
+  ASSERT_TRUE(file->Save2());
+  EXPECT_EQ(Read(path), "\xEF\xBB\xBF[Main]\r\nk=v\r\nn=2\r\n");
+  EXPECT_TRUE(Leftovers().empty());
+  Write(path, "[Other]\n");
+  ASSERT_TRUE(file->Reload());
+  EXPECT_EQ(Dump(*file), "[Other]");
+}
+
+TEST_F(DKConfigFileDiskTest, MissingOrUnreadableFilesGiveFalseOrNull) {
+  EXPECT_FALSE(DKConfigFile::Load(Dk(Path("missing.ini"))));
+  DKConfigFile folder(Dk(m_dir.string()));
+  EXPECT_FALSE(folder.Reload());
+  EXPECT_FALSE(folder.GetLastErrorText().IsEmpty());
+  EXPECT_FALSE(folder.Save());
+  EXPECT_FALSE(folder.Save2());
+
+  const std::string path = Path("secret.ini");
+  Write(path, "[A]\n");
+  ::chmod(path.c_str(), 0);
+  EXPECT_EQ(RunUnprivileged([&] { return DKConfigFile::Load(Dk(path)) ? 1 : 0; }), 0);
+}
+
+TEST_F(DKConfigFileDiskTest, FailedSavesLeaveTheOldFile) {
+  const auto file = FromBytes("[New]\n");
+  for (const std::string& path : {Path("no/such/folder/app.ini"), Path("app.ini/below-a-file.ini")}) {
+    Write(Path("app.ini"), "[Old]\n");
+    file->SetFileName(Dk(path));
+    EXPECT_FALSE(file->Save());
+    EXPECT_FALSE(file->Save2());
+    EXPECT_EQ(Read(Path("app.ini")), "[Old]\n");
+  }
+
+  const std::string locked = Path("locked");
+  fs::create_directory(locked);
+  const std::string path = locked + "/app.ini";
+  Write(path, "[Old]\n");
+  ::chmod(path.c_str(), 0644);
+  ::chmod(locked.c_str(), 0555);
+  file->SetFileName(Dk(path));
+  EXPECT_EQ(RunUnprivileged([&] { return file->Save2() ? 1 : file->Save() ? 2 : 0; }), 0);
+  EXPECT_EQ(Read(path), "[Old]\n");
+  EXPECT_EQ(std::distance(fs::directory_iterator(locked), fs::directory_iterator()), 1) << "a temporary file was left";
+}
+
+TEST_F(DKConfigFileDiskTest, Save2KeepsPermissionsAndSymbolicLinks) {
+  const std::string target = Path("real.ini"), link = Path("link.ini");
+  Write(target, "[A]\n");
+  ::chmod(target.c_str(), 0640);
+  fs::create_symlink(target, link);
+  const auto file = DKConfigFile::Load(Dk(link));
+  ASSERT_TRUE(file);
+  file->SetString(DK_T("A"), DK_T("k"), DK_T("v"));
+  ASSERT_TRUE(file->Save2());
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(Read(target), "[A]\nk=v\n");
+  EXPECT_EQ(fs::status(target).permissions() & fs::perms::all, fs::perms(0640));
+}
+
+// A child saves two different trees in turn without end and is killed at random moments:
+// each time, the file must hold one of the two whole texts.
+TEST_F(DKConfigFileDiskTest, KilledSave2LeavesTheOldOrTheNewFile) {
+  const auto make = [](const char* name) {
+    DKSmartPtr<DKConfigFile> file(new DKConfigFile());
+    for (int s = 0; s < 2000; ++s) {
+      const auto section = file->AddSection(DKString().Format(DK_T("%S%d"), name, s));
+      for (int k = 0; k < 5; ++k)
+        section->AddLine(DKString().Format(DK_T("key%d"), k), DK_T("a value long enough to take some time to write"));
+    }
+    return file;
+  };
+  const std::string path = Path("app.ini");
+  const auto a = make("A"), b = make("B");
+  a->SetFileName(Dk(path));
+  b->SetFileName(Dk(path));
+  const std::string textA = ToBytes(*a), textB = ToBytes(*b);
+  ASSERT_TRUE(a->Save2());
+
+  std::mt19937 random(12345);
+  int sawB = 0;
+  for (int round = 0; round < 40; ++round) {
+    int progress[2];
+    ASSERT_EQ(::pipe(progress), 0);
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::close(progress[0]);
+      for (;;) {
+        const bool ok = b->Save2() && a->Save2();
+        if (!ok || ::write(progress[1], "s", 1) != 1)
+          ::_exit(1);
+      }
+    }
+    ::close(progress[1]);
+    char c = 0;
+    ASSERT_EQ(::read(progress[0], &c, 1), 1) << "the child did not save";
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+    ::close(progress[0]);
+
+    const std::string text = Read(path);
+    ASSERT_TRUE(text == textA || text == textB) << "round " << round << ": " << text.size() << " bytes";
+    sawB += text == textB;
+    const auto reloaded = DKConfigFile::Load(Dk(path));
+    ASSERT_TRUE(reloaded);
+    EXPECT_EQ(ToBytes(*reloaded), text);
+    for (const std::string& leftover : Leftovers())
+      fs::remove(leftover);
+  }
+  RecordProperty("rounds that ended on the second text", sawB);
+}
+
+} // namespace

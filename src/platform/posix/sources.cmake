@@ -1,5 +1,6 @@
 target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/SystemImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/FileImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DirectoryImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ClockImpl.cpp

@@ -1,0 +1,384 @@
+// Sectioned configuration files: an editable tree of sections, key lines and the comment
+// blocks in front of them, read from and written back to disk so that order and comments
+// survive.
+//
+// File format, one item a line:
+//   ; a comment (an empty line is an empty comment)
+//   [Section name]
+//   key=value
+// Comment blocks belong to the key line or section header that follows them; comments after
+// the last item form a final section with an empty name. Key lines in front of the first
+// header are dropped. Names are looked up without regard to case and written as stored. A
+// section without a name is written with the header "[]", unless it only holds the comments
+// that end the file.
+//
+// Threads: every item of a file locks through the file's one lock, and each operation of the
+// file and its items holds it while it runs. Iterators and references into the tree, and copying
+// or assigning items, are only safe while the caller holds the lock (DKConfigLockGuard on the
+// file).
+#pragma once
+
+#include <DorvikCore/DKRefCount.h>
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <cstddef>
+#include <iosfwd>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct DKConfigIO;
+
+// Something that can be locked. The configuration items lock through their owner.
+class DK_EXPORT DKConfigLockableI {
+public:
+  virtual void Lock() const = 0;
+  virtual void Unlock() const = 0;
+
+protected:
+  ~DKConfigLockableI() = default;
+};
+
+// Holds a lockable item locked for one scope.
+class DKConfigLockGuard {
+public:
+  explicit DKConfigLockGuard(const DKConfigLockableI& item) : m_item(item) { m_item.Lock(); }
+  ~DKConfigLockGuard() { m_item.Unlock(); }
+  DKConfigLockGuard(const DKConfigLockGuard&) = delete;
+  DKConfigLockGuard& operator=(const DKConfigLockGuard&) = delete;
+
+private:
+  const DKConfigLockableI& m_item;
+};
+
+// Base of the items of a configuration file. Locking an item locks its owner; an item without
+// an owner (one that is not part of a file) has nothing to lock.
+// A copy starts without an owner. A moved item keeps its owner, so that a file can move its
+// items around; assigning to an item keeps the item's own owner.
+class DK_EXPORT DKConfigLockable : public DKConfigLockableI {
+public:
+  virtual ~DKConfigLockable();
+  void Lock() const override;
+  void Unlock() const override;
+  // Gives this item (and the items it holds) an owner; null leaves it on its own.
+  virtual void SetOwner(const DKConfigLockableI* owner);
+  const DKConfigLockableI* GetOwner() const noexcept { return m_pOwner; }
+
+protected:
+  DKConfigLockable() noexcept = default;
+  DKConfigLockable(const DKConfigLockable&) noexcept : DKConfigLockableI() {}
+  DKConfigLockable(DKConfigLockable&& other) noexcept : DKConfigLockableI(), m_pOwner(other.m_pOwner) {}
+  DKConfigLockable& operator=(const DKConfigLockable&) noexcept { return *this; }
+  DKConfigLockable& operator=(DKConfigLockable&&) noexcept { return *this; }
+
+private:
+  const DKConfigLockableI* m_pOwner = nullptr;
+};
+
+// The look-up interface of configuration sources.
+class DK_EXPORT DKConfigI {
+public:
+  virtual ~DKConfigI();
+  // The value of key in section (both found without regard to case); defaultValue when
+  // either is missing.
+  virtual DKString GetString(const DKString& section, const DKString& key,
+                             const DKString& defaultValue = DKString()) const = 0;
+  // The same value converted as DKString::AsLong converts it.
+  virtual long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const = 0;
+};
+
+// The comment block in front of a line or a section: comment texts without their ";".
+class DK_EXPORT DKConfigComments : public DKConfigLockable {
+public:
+  typedef std::vector<DKString> CommentVector;
+  typedef CommentVector::iterator Iterator;
+  typedef CommentVector::const_iterator ConstIterator;
+
+  DKConfigComments() = default;
+  DKConfigComments(const DKConfigComments&) = default;
+  DKConfigComments(DKConfigComments&&) noexcept = default;
+  DKConfigComments& operator=(const DKConfigComments&) = default;
+  DKConfigComments& operator=(DKConfigComments&&) noexcept = default;
+  ~DKConfigComments() override;
+
+  Iterator GetCommentsBegin() { return m_comments.begin(); }
+  Iterator GetCommentsEnd() { return m_comments.end(); }
+  ConstIterator GetCommentsBegin() const { return m_comments.begin(); }
+  ConstIterator GetCommentsEnd() const { return m_comments.end(); }
+  Iterator begin() { return m_comments.begin(); }
+  Iterator end() { return m_comments.end(); }
+  ConstIterator begin() const { return m_comments.begin(); }
+  ConstIterator end() const { return m_comments.end(); }
+
+  // Inserts a comment before `before` (at the end without it); returns its position. An
+  // empty text is written as an empty line.
+  Iterator AddComment(const DKString& text);
+  Iterator AddComment(const DKString& text, Iterator before);
+  // Removes one comment; returns the position after it.
+  Iterator DeleteComment(Iterator position);
+  std::size_t GetSize() const;
+  bool IsEmpty() const { return GetSize() == 0; }
+  void Clear();
+
+  friend bool operator==(const DKConfigComments& a, const DKConfigComments& b) { return a.m_comments == b.m_comments; }
+
+private:
+  friend struct DKConfigIO;
+  CommentVector m_comments;
+};
+
+// One key line: its comment block, key and value.
+class DK_EXPORT DKConfigLine : public DKConfigLockable {
+public:
+  DKConfigLine() = default;
+  DKConfigLine(const DKString& key, const DKString& value) : m_key(key), m_value(value) {}
+  DKConfigLine(const DKConfigLine&) = default;
+  DKConfigLine(DKConfigLine&&) noexcept = default;
+  DKConfigLine& operator=(const DKConfigLine&) = default;
+  DKConfigLine& operator=(DKConfigLine&&) noexcept = default;
+  ~DKConfigLine() override;
+
+  DKString GetKey() const;
+  void SetKey(const DKString& key);
+  DKString GetValue() const;
+  void SetValue(const DKString& value);
+  void SetValue(const DKChar* value) { SetValue(DKString(value)); }
+  void SetValue(int value) { SetValue(static_cast<long long>(value)); }
+  void SetValue(long value) { SetValue(static_cast<long long>(value)); }
+  void SetValue(long long value);
+  // The shortest text that reads back as the same double ("0.1", "1e+100").
+  void SetValue(double value);
+  // The value converted as DKString::AsLong / AsDouble convert it.
+  long GetValueAsLong(bool* ok = nullptr) const;
+  double GetValueAsDouble(bool* ok = nullptr) const;
+
+  DKConfigComments& GetComments() noexcept { return m_comments; }
+  const DKConfigComments& GetComments() const noexcept { return m_comments; }
+  // Empties the comments, the key and the value.
+  void Clear();
+
+  void SetOwner(const DKConfigLockableI* owner) override;
+
+  friend bool operator==(const DKConfigLine& a, const DKConfigLine& b) {
+    return a.m_key == b.m_key && a.m_value == b.m_value && a.m_comments == b.m_comments;
+  }
+
+private:
+  friend struct DKConfigIO;
+  friend class DKConfigSection;
+  friend class DKConfigFile;
+  DKConfigComments m_comments;
+  DKString m_key;
+  DKString m_value;
+};
+
+// One section: its comment block, its name and its key lines in file order.
+class DK_EXPORT DKConfigSection : public DKConfigLockable {
+public:
+  typedef std::vector<DKConfigLine> LineVector;
+  typedef LineVector::iterator LineIterator;
+  typedef LineVector::const_iterator ConstLineIterator;
+
+  DKConfigSection() = default;
+  explicit DKConfigSection(const DKString& name) : m_name(name) {}
+  DKConfigSection(const DKConfigSection&) = default;
+  DKConfigSection(DKConfigSection&&) noexcept = default;
+  // Assignment keeps this section's owner, and gives it to the lines taken over.
+  DKConfigSection& operator=(const DKConfigSection& other);
+  DKConfigSection& operator=(DKConfigSection&& other) noexcept;
+  ~DKConfigSection() override;
+
+  DKString GetName() const;
+  void SetName(const DKString& name);
+  DKConfigComments& GetComments() noexcept { return m_comments; }
+  const DKConfigComments& GetComments() const noexcept { return m_comments; }
+
+  LineIterator GetLinesBegin() { return m_lines.begin(); }
+  LineIterator GetLinesEnd() { return m_lines.end(); }
+  ConstLineIterator GetLinesBegin() const { return m_lines.begin(); }
+  ConstLineIterator GetLinesEnd() const { return m_lines.end(); }
+  LineIterator begin() { return m_lines.begin(); }
+  LineIterator end() { return m_lines.end(); }
+  ConstLineIterator begin() const { return m_lines.begin(); }
+  ConstLineIterator end() const { return m_lines.end(); }
+  std::size_t GetLineCount() const;
+
+  // The first line at or after `from` (the first line without it) whose key equals key
+  // without regard to case; the end when there is none.
+  LineIterator FindLine(const DKString& key);
+  LineIterator FindLine(const DKString& key, LineIterator from);
+  ConstLineIterator FindLine(const DKString& key) const;
+  ConstLineIterator FindLine(const DKString& key, ConstLineIterator from) const;
+  // Inserts a copy of line, or a new key=value line, before `before` (at the end without it);
+  // returns its position.
+  LineIterator AddLine(const DKConfigLine& line);
+  LineIterator AddLine(const DKConfigLine& line, LineIterator before);
+  LineIterator AddLine(const DKString& key, const DKString& value);
+  LineIterator AddLine(const DKString& key, const DKString& value, LineIterator before);
+  // Removes one line; returns the position after it.
+  LineIterator DeleteLine(LineIterator position);
+  // Removes the first line at or after `from` whose key matches; false when there is none.
+  bool DeleteLine(const DKString& key);
+  bool DeleteLine(const DKString& key, LineIterator from);
+  // Empties the name, the comments and the lines.
+  void Clear();
+
+  void SetOwner(const DKConfigLockableI* owner) override;
+
+  friend bool operator==(const DKConfigSection& a, const DKConfigSection& b) {
+    return a.m_name == b.m_name && a.m_comments == b.m_comments && a.m_lines == b.m_lines;
+  }
+
+private:
+  friend struct DKConfigIO;
+  friend class DKConfigFile;
+  LineIterator InsertLine(LineIterator before, DKConfigLine&& line);
+
+  DKConfigComments m_comments;
+  DKString m_name;
+  LineVector m_lines;
+};
+
+// A configuration file loaded into an editable tree. Counted: hold it in a DKSmartPtr.
+//
+// On disk the file is UTF-8 (with or without a byte-order mark) or UTF-16 with a byte-order
+// mark; its lines end in LF or CR LF. Saving writes the encoding and the line ends the file
+// was read with (UTF-8 without a mark and LF for a new file).
+class DK_EXPORT DKConfigFile : public DKRefCount, public DKConfigI, public DKConfigLockableI {
+public:
+  typedef std::vector<DKConfigSection> SectionVector;
+  typedef SectionVector::iterator SectionIterator;
+  typedef SectionVector::const_iterator ConstSectionIterator;
+
+  enum Encoding { Utf8 = 0, Utf8WithBom = 1, Utf16LE = 2, Utf16BE = 3 };
+  enum LineEnd { LineEndLF = 0, LineEndCRLF = 1 };
+
+  // A file object for path, loaded; null when the file cannot be read. A syntax error in the
+  // file throws DKConfigStreamException.
+  static DKSmartPtr<DKConfigFile> Load(const DKString& path);
+
+  // An empty tree for the file name (nothing is read).
+  explicit DKConfigFile(const DKString& path = DKString());
+  ~DKConfigFile() override;
+  DKConfigFile(const DKConfigFile&) = delete;
+  DKConfigFile& operator=(const DKConfigFile&) = delete;
+
+  // Replaces the tree by the parse of the file. False, with the tree unchanged, when the file
+  // cannot be read or its text is not valid in its encoding (GetLastErrorText says why).
+  // A syntax error throws DKConfigStreamException and also leaves the tree unchanged.
+  bool Reload();
+  // The same from the bytes of a file held in memory.
+  bool ReloadFromBytes(const void* data, std::size_t size);
+
+  // Writes the tree over the file, in place. True when the whole file was written. A failure
+  // part way (a full disk) can leave the file cut short; Save2 cannot.
+  bool Save() const;
+  // Writes the tree to a temporary file beside the file, flushes it to the disk and renames
+  // it over the file: whatever happens, the file holds either the old or the new text. The
+  // folder must be writable. The new file keeps the old one's permissions, and a symbolic link
+  // is followed and stays a link. A save killed part way can leave the hidden temporary file
+  // behind; it is never read.
+  bool Save2() const;
+  // The bytes Save would write.
+  bool SaveToBytes(std::string& out) const;
+  // The three saves refuse, writing nothing, a tree that the file format cannot carry: a line
+  // feed in a comment or a value, "]" in a section name, "=" in a key, or a key that would read
+  // back as a comment or a header.
+
+  // Why the last Reload, ReloadFromBytes, Save, Save2 or SaveToBytes failed; empty after a success.
+  DKString GetLastErrorText() const;
+
+  DKString GetFileName() const;
+  void SetFileName(const DKString& path);
+  Encoding GetEncoding() const;
+  void SetEncoding(Encoding encoding);
+  LineEnd GetLineEnd() const;
+  void SetLineEnd(LineEnd lineEnd);
+
+  SectionIterator GetSectionsBegin() { return m_sections.begin(); }
+  SectionIterator GetSectionsEnd() { return m_sections.end(); }
+  ConstSectionIterator GetSectionsBegin() const { return m_sections.begin(); }
+  ConstSectionIterator GetSectionsEnd() const { return m_sections.end(); }
+  SectionIterator begin() { return m_sections.begin(); }
+  SectionIterator end() { return m_sections.end(); }
+  ConstSectionIterator begin() const { return m_sections.begin(); }
+  ConstSectionIterator end() const { return m_sections.end(); }
+  std::size_t GetSectionCount() const;
+
+  // The first section at or after `from` (the first section without it) whose name equals
+  // name without regard to case; the end when there is none.
+  SectionIterator FindSection(const DKString& name);
+  SectionIterator FindSection(const DKString& name, SectionIterator from);
+  ConstSectionIterator FindSection(const DKString& name) const;
+  ConstSectionIterator FindSection(const DKString& name, ConstSectionIterator from) const;
+  // Inserts a new section, or a copy of section, before `before` (at the end without it);
+  // returns its position.
+  SectionIterator AddSection(const DKString& name);
+  SectionIterator AddSection(const DKString& name, SectionIterator before);
+  SectionIterator AddSection(const DKConfigSection& section);
+  SectionIterator AddSection(const DKConfigSection& section, SectionIterator before);
+  // Removes one section; returns the position after it.
+  SectionIterator DeleteSection(SectionIterator position);
+  // Removes the first section at or after `from` whose name matches; false when there is none.
+  bool DeleteSection(const DKString& name);
+  bool DeleteSection(const DKString& name, SectionIterator from);
+  // Removes every section.
+  void Clear();
+
+  // The value of the first line whose key matches in the first section whose name matches.
+  DKString GetString(const DKString& section, const DKString& key,
+                     const DKString& defaultValue = DKString()) const override;
+  long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const override;
+  // Sets the value of the first matching line. A missing line is added at the end of the
+  // section; a missing section is added after the last section (in front of the comments
+  // that end the file, if any).
+  void SetString(const DKString& section, const DKString& key, const DKString& value);
+  void SetLong(const DKString& section, const DKString& key, long value);
+
+  // The file's lock, shared by all its items. Recursive.
+  void Lock() const override;
+  void Unlock() const override;
+
+private:
+  friend struct DKConfigIO;
+  // Takes over a freshly read tree whose items this file owns already.
+  void Adopt(SectionVector& sections);
+  bool Serialise(std::string& out) const;
+  // Save (in place) and Save2 (atomically).
+  bool WriteToDisk(bool atomically) const;
+  // The value of the first matching line of the first matching section; the lock is held.
+  const DKString* FindValue(const DKString& section, const DKString& key) const;
+  bool Fail(const DKString& reason) const;
+
+  mutable std::recursive_mutex m_criticalSection;
+  DKString m_fileName;
+  SectionVector m_sections;
+  Encoding m_encoding = Utf8;
+  LineEnd m_lineEnd = LineEndLF;
+  mutable DKString m_lastError;
+};
+
+// Stream reading and writing of every item. Narrow streams carry UTF-8 text; wide streams
+// carry wchar_t text (UTF-32 on Linux, UTF-16 on Windows). No line-end translation is done
+// beyond the stream's own. A syntax error throws DKConfigStreamException; reading a whole
+// file replaces the tree only when the whole text was read.
+// Reading a comment block reads the comment and empty lines in front of the next item;
+// reading a line reads its comment block and the key line; reading a section reads its
+// comment block and its header (not its lines: a file is read as a whole).
+DK_EXPORT std::istream& operator>>(std::istream& in, DKConfigComments& comments);
+DK_EXPORT std::istream& operator>>(std::istream& in, DKConfigLine& line);
+DK_EXPORT std::istream& operator>>(std::istream& in, DKConfigSection& section);
+DK_EXPORT std::istream& operator>>(std::istream& in, DKConfigFile& file);
+DK_EXPORT std::wistream& operator>>(std::wistream& in, DKConfigComments& comments);
+DK_EXPORT std::wistream& operator>>(std::wistream& in, DKConfigLine& line);
+DK_EXPORT std::wistream& operator>>(std::wistream& in, DKConfigSection& section);
+DK_EXPORT std::wistream& operator>>(std::wistream& in, DKConfigFile& file);
+DK_EXPORT std::ostream& operator<<(std::ostream& out, const DKConfigComments& comments);
+DK_EXPORT std::ostream& operator<<(std::ostream& out, const DKConfigLine& line);
+DK_EXPORT std::ostream& operator<<(std::ostream& out, const DKConfigSection& section);
+DK_EXPORT std::ostream& operator<<(std::ostream& out, const DKConfigFile& file);
+DK_EXPORT std::wostream& operator<<(std::wostream& out, const DKConfigComments& comments);
+DK_EXPORT std::wostream& operator<<(std::wostream& out, const DKConfigLine& line);
+DK_EXPORT std::wostream& operator<<(std::wostream& out, const DKConfigSection& section);
+DK_EXPORT std::wostream& operator<<(std::wostream& out, const DKConfigFile& file);

@@ -1,0 +1,155 @@
+// POSIX implementation of the file primitives (os/DKFile.h).
+#include "os/DKFile.h"
+
+#include <DorvikCore/DKError.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace {
+
+std::string Native(const DKString& path) { return path.AsUTF8(); }
+
+// Retries a call that a signal interrupted.
+template <class Call>
+auto Retry(Call call) {
+  decltype(call()) result;
+  do
+    result = call();
+  while (result == -1 && errno == EINTR);
+  return result;
+}
+
+int Open(const DKString& path, int flags, std::intptr_t& handle) {
+  const std::string native = Native(path);
+  const int fd = Retry([&] { return ::open(native.c_str(), flags | O_CLOEXEC, 0666); });
+  if (fd < 0)
+    return errno;
+  handle = fd;
+  return 0;
+}
+
+struct FreeDeleter {
+  void operator()(char* p) const noexcept { ::free(p); }
+};
+
+} // namespace
+
+FileImpl::~FileImpl() { Close(); }
+
+int FileImpl::OpenForReading(const DKString& path) {
+  Close();
+  if (const int code = Open(path, O_RDONLY, m_handle))
+    return code;
+  struct stat info {};
+  if (::fstat(static_cast<int>(m_handle), &info) == 0 && S_ISDIR(info.st_mode)) {
+    Close();
+    return EISDIR;
+  }
+  return 0;
+}
+
+int FileImpl::OpenForWriting(const DKString& path) {
+  Close();
+  return Open(path, O_WRONLY | O_CREAT | O_TRUNC, m_handle);
+}
+
+int FileImpl::CreateNew(const DKString& path) {
+  Close();
+  return Open(path, O_WRONLY | O_CREAT | O_EXCL, m_handle);
+}
+
+int FileImpl::ReadAll(std::string& bytes) {
+  const int fd = static_cast<int>(m_handle);
+  struct stat info {};
+  const bool sized = ::fstat(fd, &info) == 0 && info.st_size > 0;
+  // One more byte than the size, so that the end is seen without growing; reads on to the
+  // real end whatever the size said (a file that grows, special files).
+  bytes.resize(sized ? static_cast<std::size_t>(info.st_size) + 1 : 65536);
+  std::size_t used = 0;
+  for (;;) {
+    if (used == bytes.size())
+      bytes.resize(bytes.size() * 2);
+    const ssize_t n = Retry([&] { return ::read(fd, bytes.data() + used, bytes.size() - used); });
+    if (n < 0) {
+      const int code = errno;
+      bytes.clear();
+      return code;
+    }
+    if (n == 0)
+      break;
+    used += static_cast<std::size_t>(n);
+  }
+  bytes.resize(used);
+  return 0;
+}
+
+int FileImpl::WriteAll(const void* data, std::size_t size) {
+  const int fd = static_cast<int>(m_handle);
+  const char* p = static_cast<const char*>(data);
+  while (size) {
+    const ssize_t n = Retry([&] { return ::write(fd, p, size); });
+    if (n < 0)
+      return errno;
+    p += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return 0;
+}
+
+int FileImpl::Flush() { return ::fsync(static_cast<int>(m_handle)) == 0 ? 0 : errno; }
+
+int FileImpl::Close() {
+  if (m_handle < 0)
+    return 0;
+  const int fd = static_cast<int>(m_handle);
+  m_handle = -1;
+  // close is not retried: the descriptor is gone even when it reports EINTR.
+  return ::close(fd) == 0 || errno == EINTR ? 0 : errno;
+}
+
+int FileImpl::CopyPermissionsFrom(const DKString& path) {
+  struct stat info {};
+  if (::stat(Native(path).c_str(), &info) != 0)
+    return errno == ENOENT ? 0 : errno;
+  const int fd = static_cast<int>(m_handle);
+  // Changing the owner needs privileges; without them the file keeps the process's owner.
+  const bool ownerCopied = ::fchown(fd, info.st_uid, info.st_gid) == 0;
+  static_cast<void>(ownerCopied);
+  return ::fchmod(fd, info.st_mode & 07777) == 0 ? 0 : errno;
+}
+
+int FileImpl::Rename(const DKString& from, const DKString& to) {
+  return ::rename(Native(from).c_str(), Native(to).c_str()) == 0 ? 0 : errno;
+}
+
+int FileImpl::Remove(const DKString& path) { return ::unlink(Native(path).c_str()) == 0 ? 0 : errno; }
+
+int FileImpl::FlushFolder(const DKString& folder) {
+  const int fd = Retry([&] { return ::open(Native(folder).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+  if (fd < 0)
+    return errno;
+  const int code = ::fsync(fd) == 0 ? 0 : errno;
+  ::close(fd);
+  return code;
+}
+
+DKString FileImpl::ResolveLinks(const DKString& path) {
+  const std::string native = Native(path);
+  struct stat info {};
+  if (::lstat(native.c_str(), &info) != 0 || !S_ISLNK(info.st_mode))
+    return path;
+  std::unique_ptr<char, FreeDeleter> resolved(::realpath(native.c_str(), nullptr));
+  if (!resolved)
+    return path; // a dangling link: replacing the link itself is all that can be done
+  DKString result;
+  return result.SetFromUTF8(resolved.get()).IsSuccess() ? result : path;
+}
+
+bool FileImpl::IsAlreadyExists(int error) noexcept { return error == EEXIST; }
