@@ -22,8 +22,9 @@
 //              "N", and "F" before s, S, p, n, c, C or a size, are accepted and ignored
 //   conversion d i o u x X e E f F g G a A c C s S p n %
 //
-// Numbers are formatted by the C library's snprintf, so they follow its rules (and the C
-// locale's decimal point). Integer arguments are read as the type the size names: int by
+// Numbers come out exactly as the C library's snprintf writes them, with the decimal point of
+// the locale chosen by setlocale (integers and most f/e/g conversions are written without
+// calling it, to the same text). Integer arguments are read as the type the size names: int by
 // default, long for "l", long long for "ll", "L", "I64" and "j", the size_t width for "z",
 // "t" and "I"; "h" and "hh" then narrow the value to short and char. Floating-point
 // arguments are double, long double with "L".
@@ -91,7 +92,7 @@ public:
   virtual void* NextCountPointer() = 0;           // "%n": consumed, never written through
 };
 
-// Appends the formatted text to out. Format and string arguments must not point into out.
+// Appends the formatted text to out. The format and string arguments may point into out.
 DK_EXPORT void DKFormatAppendV(DKString& out, const DKChar* format, va_list args);
 DK_EXPORT void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgSource& args);
 DK_EXPORT void DKFormatAppendV(std::string& out, const char* format, va_list args);

@@ -1,15 +1,18 @@
 // The printf-style formatting engine: one template over the format's character kind (DKChar
 // formats write a DKString, char formats a std::string). The engine parses each conversion,
-// asks a DKFormatArgSource for exactly the argument the conversion names, formats numbers
-// with snprintf and writes text itself, converting between UTF-8 and UTF-16 where the
-// argument and the output differ in kind.
+// asks a DKFormatArgSource for exactly the argument the conversion names, and writes text
+// and integers itself (converting between UTF-8 and UTF-16 where the argument and the output
+// differ in kind); floating-point values go through std::to_chars or snprintf.
 #include <DorvikCore/DKFormat.h>
 
 #include "text/DKUtf.h"
 
 #include <algorithm>
 #include <charconv>
+#include <cfenv>
 #include <climits>
+#include <cmath>
+#include <clocale>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -115,7 +118,6 @@ public:
   Sink& operator=(const Sink&) = delete;
 
   const String& Out() const noexcept { return m_out; }
-  std::size_t Length() const noexcept { return Traits::Length(m_out) + m_used; }
 
   void Flush() {
     Traits::Append(m_out, m_buffer, m_used);
@@ -154,39 +156,44 @@ public:
 
   // UTF-8 text: copied into narrow output, decoded (invalid bytes become U+FFFD) into wide.
   void WriteUtf8(const char* text, std::size_t n) {
-    if constexpr (std::is_same_v<CharT, char>) {
+    if constexpr (std::is_same_v<CharT, char>)
       Write(text, n);
-    } else {
-      std::size_t i = 0;
-      while (i < n) {
-        if (m_used == kSize)
-          Flush();
-        const std::size_t end = std::min(n, i + (kSize - m_used));
-        for (; i < end; ++i) {
-          const auto byte = static_cast<unsigned char>(text[i]);
-          if (byte >= 0x80) {
-            Flush();
-            dkutf::Utf8ToUtf16(text + i, n - i, m_out, true);
-            return;
-          }
-          m_buffer[m_used++] = byte;
-        }
-      }
-    }
+    else
+      WriteAsciiThen(text, n, [this](const char* rest, std::size_t k) { dkutf::Utf8ToUtf16(rest, k, m_out, true); });
   }
 
-  // UTF-16 text: copied into wide output, encoded as UTF-8 into narrow.
+  // UTF-16 text: copied into wide output, encoded as UTF-8 (unpaired surrogates become
+  // U+FFFD) into narrow.
   void WriteUtf16(const DKChar* text, std::size_t n) {
-    if constexpr (std::is_same_v<CharT, DKChar>) {
+    if constexpr (std::is_same_v<CharT, DKChar>)
       Write(text, n);
-    } else {
-      Flush();
-      dkutf::Utf16ToUtf8(text, n, m_out);
-    }
+    else
+      WriteAsciiThen(text, n, [this](const DKChar* rest, std::size_t k) { dkutf::Utf16ToUtf8(rest, k, m_out); });
   }
 
 private:
   static constexpr std::size_t kSize = 256;
+
+  // Copies text unit by unit while it is ASCII, the same in both encodings; hands the rest
+  // to convert, which appends to the string.
+  template <class TextT, class Convert>
+  void WriteAsciiThen(const TextT* text, std::size_t n, Convert convert) {
+    std::size_t i = 0;
+    while (i < n) {
+      if (m_used == kSize)
+        Flush();
+      const std::size_t end = std::min(n, i + (kSize - m_used));
+      for (; i < end; ++i) {
+        const auto unit = static_cast<std::make_unsigned_t<TextT>>(text[i]);
+        if (unit >= 0x80) {
+          Flush();
+          convert(text + i, n - i);
+          return;
+        }
+        m_buffer[m_used++] = static_cast<CharT>(unit);
+      }
+    }
+  }
 
   String& m_out;
   std::size_t m_used = 0;
@@ -217,6 +224,14 @@ struct Spec {
 template <class CharT>
 bool IsDigit(CharT c) noexcept {
   return c >= '0' && c <= '9';
+}
+
+template <class CharT>
+bool IsOneOf(CharT c, const char* set) noexcept {
+  for (; *set; ++set)
+    if (static_cast<unsigned>(c) == static_cast<unsigned char>(*set))
+      return true;
+  return false;
 }
 
 // Reads a run of digits; values above the limit are clamped and flagged.
@@ -264,8 +279,7 @@ const CharT* ParseSpec(const CharT* p, Spec& spec) noexcept {
     }
   }
   // Old far/near pointer markers. "F" alone is the %F conversion.
-  if (*p == 'N' || (*p == 'F' && p[1] != 0 && std::char_traits<char>::find("sSpncChlw", 9, static_cast<char>(p[1])) &&
-                    p[1] < 0x80))
+  if (*p == 'N' || (*p == 'F' && IsOneOf(p[1], "sSpncChlw")))
     ++p;
   switch (*p) {
   case 'h':
@@ -313,7 +327,7 @@ bool IsConversion(unsigned c) noexcept {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Numbers through snprintf.
+// Floating-point numbers through snprintf.
 
 // Writes the snprintf conversion for `spec` (with the length modifier `modifier` and the
 // conversion letter `conversion`) into out. Returns false if the C library refused.
@@ -339,8 +353,8 @@ bool FormatNumber(Sink<CharT>& sink, const Spec& spec, const char* modifier, cha
   *f++ = conversion;
   *f = 0;
 
-  // Width and precision are bounded, so this is room for any integer and most floating-point
-  // values; the rest (huge %f values, long doubles) take the exact size snprintf reports.
+  // Width and precision are bounded, so this is room for most values; the rest (huge %f
+  // values, long doubles) take the exact size snprintf reports.
   char stackBuffer[512];
   std::size_t size = static_cast<std::size_t>(spec.width + spec.precision) + 64;
   std::unique_ptr<char[]> heapBuffer;
@@ -362,60 +376,6 @@ bool FormatNumber(Sink<CharT>& sink, const Spec& spec, const char* modifier, cha
     return false;
   sink.WriteUtf8(buffer, static_cast<std::size_t>(n));
   return true;
-}
-
-template <class CharT>
-bool FormatSigned(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args) {
-  long long value;
-  switch (spec.size) {
-  case Size::Char: value = static_cast<signed char>(args.NextInt()); break;
-  case Size::Short: value = static_cast<short>(args.NextInt()); break;
-  case Size::Long: value = args.NextLong(); break;
-  case Size::LongLong:
-  case Size::LongDouble:
-  case Size::Int64:
-  case Size::IntMax: value = args.NextLongLong(); break;
-  case Size::PtrSize:
-  case Size::PtrDiff: value = static_cast<std::ptrdiff_t>(args.NextSize()); break;
-  default: value = args.NextInt(); break;
-  }
-  return FormatNumber(sink, spec, "ll", 'd', value);
-}
-
-template <class CharT>
-bool FormatUnsigned(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args, char conversion) {
-  unsigned long long value;
-  switch (spec.size) {
-  case Size::Char: value = static_cast<unsigned char>(args.NextUnsigned()); break;
-  case Size::Short: value = static_cast<unsigned short>(args.NextUnsigned()); break;
-  case Size::Long: value = args.NextUnsignedLong(); break;
-  case Size::LongLong:
-  case Size::LongDouble:
-  case Size::Int64:
-  case Size::IntMax: value = args.NextUnsignedLongLong(); break;
-  case Size::PtrSize:
-  case Size::PtrDiff: value = args.NextSize(); break;
-  default: value = args.NextUnsigned(); break;
-  }
-  return FormatNumber(sink, spec, "ll", conversion, value);
-}
-
-template <class CharT>
-bool FormatFloat(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args, char conversion) {
-  if (spec.size == Size::LongDouble)
-    return FormatNumber(sink, spec, "L", conversion, args.NextLongDouble());
-  return FormatNumber(sink, spec, "", conversion, args.NextDouble());
-}
-
-template <class CharT>
-bool FormatPointer(Sink<CharT>& sink, const Spec& spec, DKFormatArgSource& args) {
-  Spec pointerSpec;
-  pointerSpec.left = spec.left;
-  pointerSpec.width = spec.width;
-  pointerSpec.hasPrecision = true;
-  pointerSpec.precision = 2 * sizeof(void*);
-  const auto value = static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(args.NextPointer()));
-  return FormatNumber(sink, pointerSpec, "ll", 'X', value);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -495,8 +455,7 @@ void WriteText(Sink<CharT>& sink, const Spec& spec, const TextT* text, std::size
       dkutf::Utf8ToUtf16(text, n, converted, true);
     else
       dkutf::Utf16ToUtf8(text, n, converted);
-    Spec same = spec;
-    WriteText(sink, same, converted.c_str(), OutputTraits<CharT>::Length(converted));
+    WriteText(sink, spec, converted.c_str(), OutputTraits<CharT>::Length(converted));
   }
 }
 
@@ -534,9 +493,231 @@ bool TakesWide(const Spec& spec) noexcept {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Numbers written here. Integers follow the C rules for flags, width and precision, which
+// are few and exact; the tests hold them to snprintf's output. Floating-point values go
+// through std::to_chars, defined as printf in the "C" locale, when the C library would use
+// that locale's decimal point and round to nearest, and the "#" form is not asked for;
+// otherwise through snprintf.
+
+void ToUpper(char* begin, char* end) noexcept {
+  for (char* c = begin; c != end; ++c)
+    if (*c >= 'a' && *c <= 'z')
+      *c = static_cast<char>(*c - 'a' + 'A');
+}
+
+// Lays a number out as printf does: blanks, sign, prefix, zeros, digits (the blanks last
+// when left-justified). With zeroFill, zeros rather than blanks make up the width.
+template <class CharT>
+void WriteNumber(Sink<CharT>& sink, const Spec& spec, char sign, const char* prefix, std::size_t zeros,
+                 const char* digits, std::size_t n, bool zeroFill) {
+  const std::size_t prefixLength = std::strlen(prefix);
+  std::size_t length = (sign ? 1 : 0) + prefixLength + zeros + n;
+  const auto width = static_cast<std::size_t>(spec.width);
+  if (zeroFill && width > length) {
+    zeros += width - length;
+    length = width;
+  }
+  const std::size_t pad = width > length ? width - length : 0;
+  if (!spec.left)
+    sink.Fill(' ', pad);
+  if (sign)
+    sink.Put(sign);
+  sink.WriteUtf8(prefix, prefixLength);
+  sink.Fill('0', zeros);
+  sink.WriteUtf8(digits, n);
+  if (spec.left)
+    sink.Fill(' ', pad);
+}
+
+template <class CharT, class T>
+void FormatInteger(Sink<CharT>& sink, const Spec& spec, char conversion, T value) {
+  auto magnitude = static_cast<unsigned long long>(value);
+  char sign = 0;
+  if constexpr (std::is_signed_v<T>) {
+    if (value < 0) {
+      magnitude = 0ULL - magnitude;
+      sign = '-';
+    } else {
+      sign = spec.plus ? '+' : spec.space ? ' ' : 0;
+    }
+  }
+  // Precision 0 writes no digit for the value 0.
+  char digits[24];
+  std::size_t n = 0;
+  if (magnitude != 0 || !spec.hasPrecision || spec.precision != 0) {
+    const int base = conversion == 'o' ? 8 : conversion == 'x' || conversion == 'X' ? 16 : 10;
+    char* const end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
+    if (conversion == 'X')
+      ToUpper(digits, end);
+    n = static_cast<std::size_t>(end - digits);
+  }
+  const auto precision = static_cast<std::size_t>(spec.precision);
+  std::size_t zeros = precision > n ? precision - n : 0;
+  const char* prefix = "";
+  if (spec.alternate) {
+    if (conversion == 'o') {
+      if (zeros == 0 && (n == 0 || digits[0] != '0'))
+        zeros = 1; // the octal form starts with 0
+    } else if ((conversion == 'x' || conversion == 'X') && magnitude != 0) {
+      prefix = conversion == 'x' ? "0x" : "0X";
+    }
+  }
+  WriteNumber(sink, spec, sign, prefix, zeros, digits, n, spec.zero && !spec.left && !spec.hasPrecision);
+}
+
+bool CNumberConventions() noexcept {
+  if (std::fegetround() != FE_TONEAREST)
+    return false;
+  const char* name = std::setlocale(LC_NUMERIC, nullptr);
+  return name && ((name[0] == 'C' && (name[1] == 0 || name[1] == '.')) || std::strcmp(name, "POSIX") == 0);
+}
+
+template <class CharT>
+bool FormatDouble(Sink<CharT>& sink, const Spec& spec, char conversion, double value) {
+  const char lower = static_cast<char>(conversion | 0x20);
+  if (!spec.alternate && lower != 'a' && spec.precision <= 64 && CNumberConventions()) {
+    const auto format = lower == 'f'   ? std::chars_format::fixed
+                        : lower == 'e' ? std::chars_format::scientific
+                                       : std::chars_format::general;
+    char buffer[128];
+    const auto precision = spec.hasPrecision ? static_cast<int>(spec.precision) : 6;
+    const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value, format, precision);
+    if (error == std::errc()) {
+      char* digits = buffer;
+      char sign = spec.plus ? '+' : spec.space ? ' ' : 0;
+      if (*digits == '-') {
+        sign = '-';
+        ++digits;
+      }
+      if (conversion != lower)
+        ToUpper(digits, end);
+      // Infinity and NaN are padded with blanks even with the "0" flag.
+      WriteNumber(sink, spec, sign, "", 0, digits, static_cast<std::size_t>(end - digits),
+                  spec.zero && !spec.left && std::isfinite(value));
+      return true;
+    }
+  }
+  return FormatNumber(sink, spec, "", conversion, value);
+}
+
+// ---------------------------------------------------------------------------------------------
 // The engine.
 
-// Performs one valid conversion; false means it is to be written as it stands.
+// One argument, read as the type its conversion names.
+struct Argument {
+  long long i = 0;
+  unsigned long long u = 0;
+  double d = 0;
+  long double ld = 0;
+  const void* pointer = nullptr;
+  const char* narrow = nullptr;
+  const DKChar* wide = nullptr;
+};
+
+template <class CharT>
+Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
+  Argument arg;
+  switch (spec.conversion) {
+  case 'd':
+  case 'i':
+    switch (spec.size) {
+    case Size::Char: arg.i = static_cast<signed char>(args.NextInt()); break;
+    case Size::Short: arg.i = static_cast<short>(args.NextInt()); break;
+    case Size::Long: arg.i = args.NextLong(); break;
+    case Size::LongLong:
+    case Size::LongDouble:
+    case Size::Int64:
+    case Size::IntMax: arg.i = args.NextLongLong(); break;
+    case Size::PtrSize:
+    case Size::PtrDiff: arg.i = static_cast<std::ptrdiff_t>(args.NextSize()); break;
+    default: arg.i = args.NextInt(); break;
+    }
+    break;
+  case 'o':
+  case 'u':
+  case 'x':
+  case 'X':
+    switch (spec.size) {
+    case Size::Char: arg.u = static_cast<unsigned char>(args.NextUnsigned()); break;
+    case Size::Short: arg.u = static_cast<unsigned short>(args.NextUnsigned()); break;
+    case Size::Long: arg.u = args.NextUnsignedLong(); break;
+    case Size::LongLong:
+    case Size::LongDouble:
+    case Size::Int64:
+    case Size::IntMax: arg.u = args.NextUnsignedLongLong(); break;
+    case Size::PtrSize:
+    case Size::PtrDiff: arg.u = args.NextSize(); break;
+    default: arg.u = args.NextUnsigned(); break;
+    }
+    break;
+  case 'c':
+  case 'C': arg.i = args.NextInt(); break;
+  case 's':
+  case 'S':
+    if (TakesWide<CharT>(spec))
+      arg.wide = args.NextWideString();
+    else
+      arg.narrow = args.NextNarrowString();
+    break;
+  case 'p': arg.pointer = args.NextPointer(); break;
+  case 'n': (void)args.NextCountPointer(); break;
+  default: // floating point
+    if (spec.size == Size::LongDouble)
+      arg.ld = args.NextLongDouble();
+    else
+      arg.d = args.NextDouble();
+    break;
+  }
+  return arg;
+}
+
+// Writes one conversion; false if the C library refused a number (nothing was written then).
+template <class CharT>
+bool Emit(Sink<CharT>& sink, const Spec& spec, const Argument& arg) {
+  const auto conversion = static_cast<char>(spec.conversion);
+  switch (conversion) {
+  case 'd':
+  case 'i': FormatInteger(sink, spec, 'd', arg.i); return true;
+  case 'o':
+  case 'u':
+  case 'x':
+  case 'X': FormatInteger(sink, spec, conversion, arg.u); return true;
+  case 'p': {
+    Spec pointerSpec;
+    pointerSpec.left = spec.left;
+    pointerSpec.width = spec.width;
+    pointerSpec.hasPrecision = true;
+    pointerSpec.precision = 2 * sizeof(void*);
+    const auto address = static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(arg.pointer));
+    FormatInteger(sink, pointerSpec, 'X', address);
+    return true;
+  }
+  case 'n': return true;
+  case 'c':
+  case 'C':
+    if (TakesWide<CharT>(spec)) {
+      const auto ch = static_cast<DKChar>(arg.i);
+      WriteText(sink, spec, &ch, 1);
+    } else {
+      const auto ch = static_cast<char>(arg.i);
+      WriteText(sink, spec, &ch, 1);
+    }
+    return true;
+  case 's':
+  case 'S':
+    if (TakesWide<CharT>(spec))
+      FormatString(sink, spec, arg.wide);
+    else
+      FormatString(sink, spec, arg.narrow);
+    return true;
+  default:
+    if (spec.size == Size::LongDouble)
+      return FormatNumber(sink, spec, "L", conversion, arg.ld);
+    return FormatDouble(sink, spec, conversion, arg.d);
+  }
+}
+
+// Performs one conversion of a known letter; false means it is to be written as it stands.
 template <class CharT>
 bool Convert(Sink<CharT>& sink, Spec& spec, DKFormatArgSource& args) {
   if (spec.conversion == '%') {
@@ -558,47 +739,12 @@ bool Convert(Sink<CharT>& sink, Spec& spec, DKFormatArgSource& args) {
     if (!spec.hasPrecision)
       spec.precision = 0;
   }
-  // A width or precision from the arguments is checked once the conversion's own argument is
-  // consumed, so that the arguments after it keep their places.
-  const bool tooLarge = spec.width > DKFormatMaxWidth || spec.precision > DKFormatMaxWidth;
-  if (tooLarge)
-    spec.width = spec.precision = 0;
-
-  bool ok = true;
-  switch (spec.conversion) {
-  case 'd':
-  case 'i': ok = FormatSigned(sink, spec, args); break;
-  case 'o':
-  case 'u':
-  case 'x':
-  case 'X': ok = FormatUnsigned(sink, spec, args, static_cast<char>(spec.conversion)); break;
-  case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-    if (tooLarge) {
-      (void)(spec.size == Size::LongDouble ? args.NextLongDouble() : args.NextDouble());
-      break;
-    }
-    ok = FormatFloat(sink, spec, args, static_cast<char>(spec.conversion));
-    break;
-  case 'p': ok = FormatPointer(sink, spec, args); break;
-  case 'n': (void)args.NextCountPointer(); break;
-  case 'c':
-  case 'C':
-    if (TakesWide<CharT>(spec)) {
-      const auto ch = static_cast<DKChar>(args.NextInt());
-      WriteText(sink, spec, &ch, 1);
-    } else {
-      const auto ch = static_cast<char>(args.NextInt());
-      WriteText(sink, spec, &ch, 1);
-    }
-    break;
-  default: // 's', 'S'
-    if (TakesWide<CharT>(spec))
-      FormatString(sink, spec, args.NextWideString());
-    else
-      FormatString(sink, spec, args.NextNarrowString());
-    break;
-  }
-  return ok && !tooLarge;
+  // The conversion's own argument is consumed even when a "*" value is refused, so that the
+  // arguments after it keep their places.
+  const Argument arg = ReadArgument<CharT>(spec, args);
+  if (spec.width > DKFormatMaxWidth || spec.precision > DKFormatMaxWidth)
+    return false;
+  return Emit(sink, spec, arg);
 }
 
 template <class CharT>
@@ -619,12 +765,8 @@ void Run(Sink<CharT>& sink, const CharT* format, DKFormatArgSource& args) {
       sink.Write(start, static_cast<std::size_t>(p - start));
       continue;
     }
-    // The numbers may be written before a refusal is known: drop them with the refusal.
-    const std::size_t mark = sink.Length();
-    if (!Convert(sink, spec, args)) {
-      if (sink.Length() == mark)
-        sink.Write(start, static_cast<std::size_t>(p - start));
-    }
+    if (!Convert(sink, spec, args))
+      sink.Write(start, static_cast<std::size_t>(p - start));
   }
 }
 

@@ -1,1 +1,389 @@
-// placeholder
+#include <DorvikCore/DKFormat.h>
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include <cfenv>
+#include <cfloat>
+#include <clocale>
+#include <climits>
+#include <cmath>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace {
+
+// The C library's output for the same format and arguments.
+std::string Ref(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list again;
+  va_copy(again, args);
+  const int n = std::vsnprintf(nullptr, 0, format, args);
+  std::string out(static_cast<std::size_t>(n), '\0');
+  std::vsnprintf(out.data(), out.size() + 1, format, again);
+  va_end(again);
+  va_end(args);
+  return out;
+}
+
+DKStdString Widen(const std::string& ascii) { return DKStdString(ascii.begin(), ascii.end()); }
+
+DKStdString Wide(const DKString& s) { return s.AsStdString(); }
+
+// The wide engine run on the widened form of an ASCII format.
+template <class... Args>
+DKStdString WideOf(const std::string& format, Args... args) {
+  return Wide(DKFormatString(Widen(format).c_str(), args...));
+}
+
+// Checks that both engines write what snprintf writes.
+template <class... Args>
+void ExpectLikeSnprintf(const std::string& format, Args... args) {
+  const std::string expected = Ref(format.c_str(), args...);
+  EXPECT_EQ(DKFormatNarrow(format.c_str(), args...), expected) << "narrow " << format;
+  EXPECT_EQ(WideOf(format, args...), Widen(expected)) << "wide " << format;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(DKFormatNumbers, EveryFlagWidthAndPrecisionMatchesSnprintf) {
+  const char* flagSets[] = {"", "-", "+", " ", "0", "#", "-+", "+0", " 0", "-#", "#0", "+ ", "-0", "-+ 0#"};
+  const char* widths[] = {"", "1", "7", "24"};
+  const char* precisions[] = {"", ".", ".0", ".1", ".5", ".17"};
+  const int ints[] = {0, 1, -1, 42, -42, 65535, INT_MAX, INT_MIN};
+  const unsigned unsigneds[] = {0u, 1u, 8u, 0xABCDu, UINT_MAX};
+  const double doubles[] = {0.0, -0.0, 0.5, 1.0, -2.5, 123.456, 1e-300, 1e300, 0.1, 9.9999999,
+                            INFINITY, -INFINITY, NAN, -NAN};
+  for (const char* flags : flagSets)
+    for (const char* width : widths)
+      for (const char* precision : precisions) {
+        const std::string head = std::string("[%") + flags + width + precision;
+        for (const char* conversion : {"d", "i"})
+          for (int v : ints)
+            ExpectLikeSnprintf(head + conversion + "]", v);
+        for (const char* conversion : {"o", "u", "x", "X"})
+          for (unsigned v : unsigneds)
+            ExpectLikeSnprintf(head + conversion + "]", v);
+        ExpectLikeSnprintf(head + "lld|%" + flags + width + precision + "lli]", LLONG_MIN, LLONG_MAX);
+        ExpectLikeSnprintf(head + "llo|%" + flags + width + precision + "llX]", ULLONG_MAX, ULLONG_MAX);
+        for (const char* conversion : {"e", "E", "f", "F", "g", "G", "a", "A"})
+          for (double v : doubles)
+            ExpectLikeSnprintf(head + conversion + "]", v);
+      }
+}
+
+TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
+  ExpectLikeSnprintf("%lld|%lli|%+lld", LLONG_MIN, LLONG_MAX, LLONG_MAX);
+  ExpectLikeSnprintf("%llu %llx %#llo", ULLONG_MAX, ULLONG_MAX, ULLONG_MAX);
+  ExpectLikeSnprintf("%ld|%lu|%lx", LONG_MIN, ULONG_MAX, ULONG_MAX);
+  ExpectLikeSnprintf("%zu %zx", SIZE_MAX, SIZE_MAX);
+  ExpectLikeSnprintf("%zd|%td", static_cast<std::ptrdiff_t>(PTRDIFF_MIN), static_cast<std::ptrdiff_t>(-5));
+  ExpectLikeSnprintf("%jd|%ju", static_cast<std::intmax_t>(INTMAX_MIN), static_cast<std::uintmax_t>(UINTMAX_MAX));
+  // Narrowing sizes cut the promoted value.
+  ExpectLikeSnprintf("%hd %hu %hx", 70000, 70000, -70000);
+  ExpectLikeSnprintf("%hhd %hhu %hhx %hhd", 300, 300, -1, -129);
+  ExpectLikeSnprintf("%Lf|%Le|%Lg|%La", 1.0L / 3.0L, -1e4000L, LDBL_MIN, 1.0L);
+
+  // The Windows size prefixes read the same widths as their C counterparts.
+  const long long big = LLONG_MIN;
+  EXPECT_EQ(DKFormatNarrow("%I64d", big), Ref("%lld", big));
+  EXPECT_EQ(DKFormatNarrow("%I64u|%I64X", ULLONG_MAX, ULLONG_MAX), Ref("%llu|%llX", ULLONG_MAX, ULLONG_MAX));
+  EXPECT_EQ(DKFormatNarrow("%I32d|%I32x", INT_MIN, -1), Ref("%d|%x", INT_MIN, -1));
+  EXPECT_EQ(DKFormatNarrow("%Id|%Iu", static_cast<std::ptrdiff_t>(-7), SIZE_MAX), Ref("%td|%zu", -7L, SIZE_MAX));
+  EXPECT_EQ(WideOf("%I64d %Iu", big, SIZE_MAX), Widen(Ref("%lld %zu", big, SIZE_MAX)));
+  // "N" and "F" before a conversion are old pointer markers and ignored; "F" alone converts.
+  EXPECT_EQ(DKFormatNarrow("%Ns|%Fs|%F", "a", "b", 1.5), "a|b|1.500000");
+}
+
+TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
+  std::fesetround(FE_UPWARD);
+  const std::string upward = Ref("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
+  const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
+  const DKStdString wide = WideOf("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
+  std::fesetround(FE_TONEAREST);
+  EXPECT_EQ(upward.substr(0, 4), "0.34");
+  EXPECT_EQ(narrow, upward);
+  EXPECT_EQ(wide, Widen(upward));
+
+  const std::string previous = std::setlocale(LC_NUMERIC, nullptr);
+  for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "fr_FR"}) {
+    if (!std::setlocale(LC_NUMERIC, name))
+      continue;
+    const std::string expected = Ref("%.2f|%g", 1.5, 0.25);
+    const std::string actual = DKFormatNarrow("%.2f|%g", 1.5, 0.25);
+    std::setlocale(LC_NUMERIC, previous.c_str());
+    EXPECT_EQ(expected, "1,50|0,25");
+    EXPECT_EQ(actual, expected);
+    return;
+  }
+  std::setlocale(LC_NUMERIC, previous.c_str());
+}
+
+TEST(DKFormatNumbers, StarWidthAndPrecisionComeFromIntArguments) {
+  EXPECT_EQ(DKFormatNarrow("[%*d]", 5, 42), "[   42]");
+  EXPECT_EQ(DKFormatNarrow("[%*d]", -5, 42), "[42   ]");
+  EXPECT_EQ(DKFormatNarrow("[%-*d]", -5, 42), "[42   ]");
+  EXPECT_EQ(DKFormatNarrow("[%0*d]", -5, 42), "[42   ]");
+  EXPECT_EQ(DKFormatNarrow("[%.*f]", -1, 1.5), "[1.500000]");
+  EXPECT_EQ(DKFormatNarrow("[%.*f]", 2, 3.14159), "[3.14]");
+  EXPECT_EQ(DKFormatNarrow("[%*.*f|%d]", 8, 2, 3.14159, 7), "[    3.14|7]");
+  EXPECT_EQ(DKFormatNarrow("[%*s|%.*s]", 4, "ab", 1, "xyz"), "[  ab|x]");
+  EXPECT_EQ(WideOf("[%*.*s]", -4, -1, u"ab"), u"[ab  ]");
+}
+
+TEST(DKFormatNumbers, PointerIsSixteenUppercaseHexDigits) {
+  const void* p = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(0xABCDEF12u));
+  EXPECT_EQ(DKFormatNarrow("%p", p), "00000000ABCDEF12");
+  EXPECT_EQ(DKFormatNarrow("[%20p]", p), "[    00000000ABCDEF12]");
+  EXPECT_EQ(DKFormatNarrow("[%-18p]", p), "[00000000ABCDEF12  ]");
+  EXPECT_EQ(DKFormatNarrow("%p", static_cast<const void*>(nullptr)), "0000000000000000");
+  EXPECT_EQ(Wide(DKFormatString(u"%p", p)), u"00000000ABCDEF12");
+}
+
+TEST(DKFormatNumbers, CountConversionConsumesItsPointerAndWritesNothing) {
+  int count = 7;
+  EXPECT_EQ(DKFormatNarrow("ab%ncd%d", &count, 5), "abcd5");
+  EXPECT_EQ(count, 7);
+  long long wideCount = 9;
+  EXPECT_EQ(Wide(DKFormatString(u"x%llny%s", &wideCount, u"z")), u"xyz");
+  EXPECT_EQ(wideCount, 9);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(DKFormatText, NarrowStringsAndCharactersMatchSnprintf) {
+  for (const char* format : {"[%s]", "[%10s]", "[%-10s]", "[%.2s]", "[%10.2s]", "[%-10.2s]", "[%.0s]", "[%.10s]",
+                             "[%+ #s]", "[%05s]"})
+    for (const char* text : {"", "hello", "h\xC3\xA9llo"})
+      EXPECT_EQ(DKFormatNarrow(format, text), Ref(format, text)) << format << " " << text;
+  for (const char* format : {"[%c]", "[%5c]", "[%-3c]", "[%05c]"})
+    EXPECT_EQ(DKFormatNarrow(format, 'x'), Ref(format, 'x')) << format;
+}
+
+struct KindCase {
+  const char* format;   // ASCII; run as a narrow and as a wide format
+  bool wideArgument;    // which kind of text or character the conversion takes
+};
+
+TEST(DKFormatText, EachConversionTakesTheKindTheWindowsConventionNames) {
+  const KindCase narrowFormats[] = {{"%s", false}, {"%S", true}, {"%ls", true}, {"%ws", true}, {"%hs", false},
+                                    {"%hS", false}, {"%lS", true}};
+  const KindCase wideFormats[] = {{"%s", true}, {"%S", false}, {"%ls", true}, {"%ws", true}, {"%hs", false},
+                                  {"%hS", false}, {"%lS", true}};
+  // "é" and U+1F600 in both encodings.
+  const char* utf8 = "\xC3\xA9-\xF0\x9F\x98\x80";
+  const DKChar* utf16 = u"\u00E9-\U0001F600";
+  for (const KindCase& c : narrowFormats) {
+    const std::string out = c.wideArgument ? DKFormatNarrow(c.format, utf16) : DKFormatNarrow(c.format, utf8);
+    EXPECT_EQ(out, utf8) << "narrow " << c.format;
+  }
+  for (const KindCase& c : wideFormats) {
+    const DKString out = c.wideArgument ? DKFormatString(Widen(c.format).c_str(), utf16)
+                                        : DKFormatString(Widen(c.format).c_str(), utf8);
+    EXPECT_EQ(Wide(out), utf16) << "wide " << c.format;
+  }
+
+  const KindCase narrowChars[] = {{"%c", false}, {"%C", true}, {"%lc", true}, {"%wc", true}, {"%hc", false}};
+  const KindCase wideChars[] = {{"%c", true}, {"%C", false}, {"%lc", true}, {"%wc", true}, {"%hc", false}};
+  for (const KindCase& c : narrowChars)
+    EXPECT_EQ(DKFormatNarrow(c.format, c.wideArgument ? 0xE9 : 'A'), c.wideArgument ? "\xC3\xA9" : "A") << c.format;
+  for (const KindCase& c : wideChars)
+    EXPECT_EQ(Wide(DKFormatString(Widen(c.format).c_str(), c.wideArgument ? 0x20AC : 'A')),
+              c.wideArgument ? u"\u20AC" : u"A")
+        << c.format;
+}
+
+TEST(DKFormatText, ConversionBetweenKindsReplacesWhatIsInvalid) {
+  EXPECT_EQ(Wide(DKFormatString(u"%S|%C", "a\xFF" "b\xE2\x82", 0xC3)), u"a\uFFFDb\uFFFD|\uFFFD");
+  const DKChar lone[] = {u'x', 0xD800, u'y', 0};
+  EXPECT_EQ(DKFormatNarrow("%S|%C", lone, 0xDC00), "x\xEF\xBF\xBDy|\xEF\xBF\xBD");
+}
+
+TEST(DKFormatText, WidthCountsOutputUnitsAndPrecisionSourceUnits) {
+  EXPECT_EQ(DKFormatNarrow("[%5S]", u"\u00E9"), "[   \xC3\xA9]");
+  EXPECT_EQ(DKFormatNarrow("[%-5S]", u"\u00E9"), "[\xC3\xA9   ]");
+  EXPECT_EQ(Wide(DKFormatString(u"[%4S]", "\xC3\xA9")), u"[   \u00E9]");
+  EXPECT_EQ(Wide(DKFormatString(u"[%-4S]", "\xC3\xA9")), u"[\u00E9   ]");
+  EXPECT_EQ(Wide(DKFormatString(u"[%4s]", u"\u00E9")), u"[   \u00E9]");
+  // A character cut by the precision is left out, not replaced.
+  EXPECT_EQ(Wide(DKFormatString(u"[%.1S|%.2S|%.3S]", "\xC3\xA9", "\xC3\xA9", "a\xE2\x82\xACz")), u"[|\u00E9|a]");
+  EXPECT_EQ(DKFormatNarrow("[%.1S|%.2S|%.1S]", u"\U0001F600", u"\U0001F600", u"\u00E9x"),
+            "[|\xF0\x9F\x98\x80|\xC3\xA9]");
+}
+
+TEST(DKFormatText, PrecisionNeverReadsPastItsCount) {
+  // Not terminated: reading one unit more is caught by AddressSanitizer.
+  const char narrow[3] = {'a', 'b', 'c'};
+  const DKChar wide[3] = {u'x', u'y', u'z'};
+  EXPECT_EQ(DKFormatNarrow("%.3s|%.3S|%.2s", narrow, wide, narrow), "abc|xyz|ab");
+  EXPECT_EQ(Wide(DKFormatString(u"%.3s|%.3S", wide, narrow)), u"xyz|abc");
+}
+
+TEST(DKFormatText, NullStringsPrintNull) {
+  const char* nullNarrow = nullptr;
+  const DKChar* nullWide = nullptr;
+  EXPECT_EQ(DKFormatNarrow("%s|%S|%8s|%-8S|%.2s", nullNarrow, nullWide, nullNarrow, nullWide, nullNarrow),
+            "(null)|(null)|  (null)|(null)  |(n");
+  EXPECT_EQ(Wide(DKFormatString(u"%s|%S", nullWide, nullNarrow)), u"(null)|(null)");
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(DKFormatMalformed, BadSpecificationsAreWrittenAsTheyStand) {
+  struct Case {
+    const char* format;
+    const char* expected; // with the arguments 1, 2, 3
+  };
+  const Case cases[] = {
+      {"abc%", "abc%"},
+      {"%", "%"},
+      {"%q%d", "%q1"},           // unknown letter: no argument consumed
+      {"%-08.3q|%d", "%-08.3q|1"},
+      {"%*q%d", "%*q1"},         // not even the "*" argument
+      {"%l", "%l"},
+      {"%5", "%5"},
+      {"%.", "%."},
+      {"%I6d", "%I6d"},
+      {"%'d", "%'d"},
+      {"%%|%5%|%-ll%", "%|%|%"},
+      {"%1000001d|%d", "%1000001d|1"},
+      {"%.1000001f|%d", "%.1000001f|1"},
+      {"%99999999999999999999d|%d", "%99999999999999999999d|1"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(DKFormatNarrow(c.format, 1, 2, 3), c.expected) << c.format;
+    EXPECT_EQ(WideOf(c.format, 1, 2, 3), Widen(c.expected)) << c.format;
+  }
+  // A "*" value over the limit consumes its arguments, so the next conversion keeps its place.
+  EXPECT_EQ(DKFormatNarrow("%*d|%d", 1000001, 1, 2), "%*d|2");
+  EXPECT_EQ(DKFormatNarrow("%*d|%d", INT_MIN, 1, 2), "%*d|2");
+  EXPECT_EQ(DKFormatNarrow("%.*s|%d", 2000000, "x", 2), "%.*s|2");
+  EXPECT_EQ(DKFormatNarrow("%*.*f|%d", 1000001, 1, 1.5, 2), "%*.*f|2");
+
+  EXPECT_EQ(DKFormatNarrow(nullptr), "");
+  EXPECT_TRUE(DKFormatString(nullptr).IsEmpty());
+}
+
+TEST(DKFormatLong, OutputsAreExactWhateverTheirSize) {
+  EXPECT_EQ(DKFormatNarrow("%5000s", "x"), std::string(4999, ' ') + "x");
+  EXPECT_EQ(Wide(DKFormatString(u"%-5000S|", "x")), u"x" + DKStdString(4999, u' ') + u"|");
+
+  const std::string big(100 * 1024, 'q');
+  const DKStdString bigWide(100 * 1024, u'\u00E9');
+  EXPECT_EQ(DKFormatNarrow("<%s>", big.c_str()), "<" + big + ">");
+  EXPECT_EQ(Wide(DKFormatString(u"<%s>", bigWide.c_str())), u"<" + bigWide + u">");
+  std::string bigUtf8;
+  for (std::size_t i = 0; i < bigWide.size(); ++i)
+    bigUtf8 += "\xC3\xA9";
+  EXPECT_EQ(DKFormatNarrow("%S", bigWide.c_str()), bigUtf8);
+  EXPECT_EQ(Wide(DKFormatString(u"%110000S", bigUtf8.c_str())), DKStdString(110000 - bigWide.size(), u' ') + bigWide);
+
+  // Widths and precisions up to the limit, and values longer than any stack buffer.
+  EXPECT_EQ(DKFormatNarrow("%1000000d", 5).size(), 1000000u);
+  EXPECT_EQ(DKFormatString(u"%.1000000f", 1.0).Length(), 1000002u);
+  ExpectLikeSnprintf("%f", DBL_MAX);
+  ExpectLikeSnprintf("%Lf", LDBL_MAX);
+  ExpectLikeSnprintf("%.600e", 1.0 / 3.0);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+// Records which getter the engine calls for each conversion.
+class RecordingSource : public DKFormatArgSource {
+public:
+  std::string calls;
+
+  int NextInt() override { return Note("int", 3); }
+  unsigned int NextUnsigned() override { return Note("unsigned", 4u); }
+  long NextLong() override { return Note("long", 5L); }
+  unsigned long NextUnsignedLong() override { return Note("ulong", 6UL); }
+  long long NextLongLong() override { return Note("llong", 7LL); }
+  unsigned long long NextUnsignedLongLong() override { return Note("ullong", 8ULL); }
+  std::size_t NextSize() override { return Note("size", std::size_t{9}); }
+  double NextDouble() override { return Note("double", 0.5); }
+  long double NextLongDouble() override { return Note("ldouble", 0.25L); }
+  const void* NextPointer() override { return Note("pointer", static_cast<const void*>(nullptr)); }
+  const char* NextNarrowString() override { return Note("narrow", "t"); }
+  const DKChar* NextWideString() override { return Note("wide", u"t"); }
+  void* NextCountPointer() override { return Note("count", static_cast<void*>(nullptr)); }
+
+private:
+  template <class T>
+  T Note(const char* name, T value) {
+    calls += calls.empty() ? name : std::string(" ") + name;
+    return value;
+  }
+};
+
+TEST(DKFormatArgSourceTest, EngineAsksForExactlyTheTypeEachConversionNames) {
+  const char* format = "%d %u %ld %lu %lld %llu %zd %zu %I64d %I64x %I32u %jd %td %hd %hhu %f %Lf %p %s %S %c %C "
+                       "%n %*.*d %q %5k %%";
+  RecordingSource narrow;
+  std::string narrowOut;
+  DKFormatAppend(narrowOut, format, narrow);
+  EXPECT_EQ(narrow.calls, "int unsigned long ulong llong ullong size size llong ullong unsigned llong size int "
+                          "unsigned double ldouble pointer narrow wide int int count int int int");
+  EXPECT_EQ(narrowOut, "3 4 5 6 7 8 9 9 7 8 4 7 9 3 4 0.500000 0.250000 0000000000000000 t t \x03 \x03"
+                       "  003 %q %5k %");
+
+  RecordingSource wide;
+  DKString wideOut(u"kept:");
+  DKFormatAppend(wideOut, Widen(format).c_str(), wide);
+  EXPECT_EQ(wide.calls, "int unsigned long ulong llong ullong size size llong ullong unsigned llong size int "
+                        "unsigned double ldouble pointer wide narrow int int count int int int");
+  EXPECT_EQ(Wide(wideOut), u"kept:" + Widen(narrowOut));
+}
+
+// ---------------------------------------------------------------------------------------------
+
+// The va_list append form, for a DKString with a wide format or a std::string with a narrow one.
+template <class Out, class CharT>
+void AppendF(Out& out, const CharT* format, ...) {
+  va_list args;
+  va_start(args, format);
+  DKFormatAppendV(out, format, args);
+  va_end(args);
+}
+
+TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
+  DKString s(u"old text");
+  EXPECT_EQ(Wide(s.Format(u"%d-%s", 12, u"ab")), u"12-ab");
+
+  // The format and the arguments may be the string's own text.
+  DKString self(DKStdString(1000, u'z'));
+  self.Format(u"%s|%s", self.c_str(), self.c_str());
+  EXPECT_EQ(Wide(self), DKStdString(1000, u'z') + u"|" + DKStdString(1000, u'z'));
+  DKString pattern(u"a%%b%d");
+  pattern.Format(pattern.c_str(), 5);
+  EXPECT_EQ(Wide(pattern), u"a%b5");
+
+  // An empty result leaves the shared empty string.
+  s.Format(u"%s", u"");
+  EXPECT_TRUE(s.IsEmpty());
+  EXPECT_EQ(s.GetData(), DKString::GetEmptyData());
+  s = u"x";
+  s.Format(nullptr);
+  EXPECT_EQ(s.GetData(), DKString::GetEmptyData());
+}
+
+TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutput) {
+  DKString out(DKStdString(600, u'a'));
+  AppendF(out, u"|%s|%5d", out.c_str(), 7);
+  EXPECT_EQ(Wide(out), DKStdString(600, u'a') + u"|" + DKStdString(600, u'a') + u"|    7");
+  DKString again(DKStdString(600, u'b'));
+  AppendF(again, again.c_str());
+  EXPECT_EQ(Wide(again), DKStdString(1200, u'b'));
+
+  std::string narrow(600, 'c');
+  narrow.shrink_to_fit();
+  AppendF(narrow, "|%s", narrow.c_str());
+  EXPECT_EQ(narrow, std::string(600, 'c') + "|" + std::string(600, 'c'));
+  std::string pattern(600, 'd');
+  AppendF(pattern, pattern.c_str());
+  EXPECT_EQ(pattern, std::string(1200, 'd'));
+}
+
+} // namespace
