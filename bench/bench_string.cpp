@@ -3,7 +3,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -32,6 +34,31 @@ void BM_Copy1KiB_StdU16String(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_Copy1KiB_StdU16String);
+
+// The copy alone: 1,000 copies are kept alive and destroyed outside the timed region, as when
+// copies are stored in a container.
+template <class S>
+void CopyBatch(benchmark::State& state, const S& source) {
+  constexpr int kBatch = 1000;
+  std::vector<S> copies;
+  copies.reserve(kBatch);
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kBatch; ++i)
+      copies.emplace_back(source);
+    const auto stop = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(copies.data());
+    state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+    copies.clear();
+  }
+  state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void BM_CopyOnly1KiB_DKString(benchmark::State& state) { CopyBatch(state, DKString(MakeText(512).c_str())); }
+BENCHMARK(BM_CopyOnly1KiB_DKString)->UseManualTime();
+
+void BM_CopyOnly1KiB_StdU16String(benchmark::State& state) { CopyBatch(state, MakeText(512)); }
+BENCHMARK(BM_CopyOnly1KiB_StdU16String)->UseManualTime();
 
 void BM_Append1M_DKString(benchmark::State& state) {
   for (auto _ : state) {
