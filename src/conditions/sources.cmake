@@ -1,0 +1,4 @@
+target_sources(DorvikCore PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/DKCondition.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKRegEx.cpp
+)
