@@ -1,3 +1,7 @@
 target_sources(DorvikCore PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/DKCriticalSection.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKMutex.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKSemaphore.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKThread.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKThreadInfo.cpp
 )

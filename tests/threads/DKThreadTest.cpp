@@ -1,1 +1,491 @@
-// placeholder
+// DKThread: start and join, the registry, flags, priorities, exit functions and exceptions,
+// delete-on-end and reference-counted objects, thread-local slots, the COM model, the thread
+// dump, and the stack size from the environment.
+#include "ThreadsTestSupport.h"
+
+#include <DorvikCore/DKConsole.h>
+#include <DorvikCore/DKException.h>
+#include <DorvikCore/DKThread.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+bool IsRegistered(std::uint32_t id) {
+  const auto infos = DKThread::GetAllThreadsInfo();
+  return std::any_of(infos.begin(), infos.end(), [id](const DKThreadInfo& info) { return info.GetThreadId() == id; });
+}
+
+// Captures the locked console and sets the console verbosity for a scope.
+class ConsoleCapture {
+public:
+  explicit ConsoleCapture(std::uint32_t level) : m_level(level) {
+    m_previous = DKLockedCOUT::SetConsoleStream(&m_stream);
+    DKSetTraceLevelProvider([](void* context) { return *static_cast<std::uint32_t*>(context); }, &m_level);
+  }
+  ~ConsoleCapture() {
+    DKSetTraceLevelProvider(nullptr);
+    DKLockedCOUT::SetConsoleStream(m_previous);
+  }
+  std::string Text() {
+    DKLockedCOUT lock; // the stream is written under the console lock
+    return m_stream.str();
+  }
+
+private:
+  std::uint32_t m_level;
+  std::ostringstream m_stream;
+  std::ostream* m_previous;
+};
+
+// Counts its destructions.
+std::atomic<int> g_destroyed{0};
+class CountedThread : public DKThread {
+public:
+  using DKThread::DKThread;
+  ~CountedThread() override {
+    Join();
+    ++g_destroyed;
+  }
+};
+
+TEST(DKThreadTest, StartRunsTheCallbackOnceAndJoinWaitsForIt) {
+  std::atomic<int> runs{0};
+  DKThread thread(DKMakeCallback([&] { ++runs; }));
+  EXPECT_FALSE(thread.IsStarted());
+  thread.Join(); // never started: returns at once
+  ASSERT_TRUE(thread.Start().Good());
+  EXPECT_TRUE(thread.IsStarted());
+  EXPECT_NE(thread.GetThreadID().m_threadID, 0u);
+  EXPECT_TRUE(thread.Start().Bad()); // started before
+  thread.Join();
+  thread.Join();
+  EXPECT_EQ(runs.load(), 1);
+  EXPECT_FALSE(thread.IsRunning());
+  EXPECT_FALSE(IsRegistered(thread.GetThreadID().m_threadID));
+}
+
+TEST(DKThreadTest, RegistryKnowsTheThreadWhileItRuns) {
+  DKEventSemaphore release;
+  std::atomic<DKThread*> seenSelf{nullptr};
+  std::atomic<std::uint32_t> seenId{0};
+  DKThread thread(DKMakeCallback([&] {
+    seenSelf = DKThread::GetCurrentThreadP();
+    seenId = DKThread::GetCurrentThreadID().m_threadID;
+    release.Wait();
+  }));
+  EXPECT_EQ(DKThread::GetCurrentThreadP(), nullptr); // this thread is not a DKThread
+  ASSERT_TRUE(thread.Start().Good());
+  ASSERT_TRUE(WaitUntil([&] { return seenSelf.load() != nullptr; }));
+  EXPECT_EQ(seenSelf.load(), &thread);
+  EXPECT_EQ(seenId.load(), thread.GetThreadID().m_threadID);
+  EXPECT_TRUE(thread.Exists());
+  EXPECT_TRUE(thread.IsRunning());
+  EXPECT_TRUE(IsRegistered(seenId.load()));
+  release.Post();
+  EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); })); // finished, not yet joined
+  thread.Join();
+  EXPECT_FALSE(IsRegistered(seenId.load()));
+}
+
+TEST(DKThreadTest, WaitForThreadWaitsByIdentityAndRejectsUnknownIds) {
+  DKThread_t unknown;
+  unknown.m_threadID = 0x7FFFFFF0;
+  try {
+    DKThread::WaitForThread(unknown, 10);
+    FAIL() << "no exception";
+  } catch (const DKException& e) {
+    EXPECT_EQ(e.What().AsUTF8(), "Invalid Thread ID");
+  }
+
+  std::atomic<bool> finished{false};
+  DKEventSemaphore release;
+  DKThread thread(DKMakeCallback([&] {
+    release.Wait();
+    finished = true;
+  }));
+  ASSERT_TRUE(thread.Start().Good());
+  const DKThread_t identity = thread.GetThreadID();
+  std::thread poster([&] { release.Post(); });
+  DKThread::WaitForThread(identity, 5); // short polling slices: still returns only at the end
+  EXPECT_TRUE(finished.load());
+  poster.join();
+  EXPECT_THROW(DKThread::WaitForThread(identity, 0), DKException); // gone from the registry
+  thread.Join();                                                   // still fine
+}
+
+TEST(DKThreadTest, ManyThreadsWaitingForOneThreadAllReturn) {
+  DKEventSemaphore release;
+  DKThread thread(DKMakeCallback([&] { release.Wait(); }));
+  ASSERT_TRUE(thread.Start().Good());
+  const DKThread_t identity = thread.GetThreadID();
+  std::atomic<int> returned{0};
+  std::vector<std::thread> waiters;
+  for (const int slice : {3, 0, -9, DK_INFINITE}) // 0 and negative slices mean no limit
+    waiters.emplace_back([&, slice] {
+      try {
+        DKThread::WaitForThread(identity, slice);
+      } catch (const DKException&) { // registered no more when this waiter looked
+      }
+      ++returned;
+    });
+  waiters.emplace_back([&] {
+    thread.Join();
+    ++returned;
+  });
+  release.Post();
+  for (std::thread& waiter : waiters)
+    waiter.join();
+  EXPECT_EQ(returned.load(), 5);
+  EXPECT_FALSE(IsRegistered(identity.m_threadID));
+}
+
+TEST(DKThreadTest, FlagsSetByThreadIdStopAPollingThread) {
+  constexpr int kStop = 0x100;
+  std::atomic<long> polls{0};
+  DKThread thread(DKMakeCallback([&] {
+    DKThread* self = DKThread::GetCurrentThreadP();
+    while (!self->IsFlagSet(kStop)) {
+      ++polls;
+      DKThread::yield();
+    }
+  }));
+  ASSERT_TRUE(thread.Start().Good());
+  const std::uint32_t id = thread.GetThreadID().m_threadID;
+  ASSERT_TRUE(WaitUntil([&] { return polls.load() > 0; }));
+  EXPECT_FALSE(DKThread::IsFlagSet(id, kStop));
+  EXPECT_TRUE(DKThread::SetFlag(id, kStop));
+  EXPECT_TRUE(DKThread::IsFlagSet(id, kStop));
+  EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }));
+  thread.Join();
+  EXPECT_FALSE(DKThread::SetFlag(id, kStop)); // no longer registered
+  EXPECT_FALSE(DKThread::IsFlagSet(id, kStop));
+
+  thread.SetFlag(0x30);
+  EXPECT_TRUE(thread.IsFlagSet(0x10));
+  EXPECT_TRUE(thread.IsFlagSet(0x130));
+  EXPECT_FALSE(thread.IsFlagSet(0x1000));
+}
+
+TEST(DKThreadTest, ExitFunctionsRunInOrderAfterTheCallbackEvenAfterAnException) {
+  const struct {
+    const char* label;
+    bool throws;
+  } cases[] = {{"normal end", false}, {"exception", true}};
+  for (const auto& c : cases) {
+    ConsoleCapture console(0);
+    std::vector<int> order; // written by the thread only; read after Join
+    DKThread thread(DKMakeCallback([&] {
+      order.push_back(0);
+      if (c.throws)
+        throw 42;
+    }));
+    for (int i = 1; i <= 3; ++i)
+      thread.AddExitFunction(DKMakeCallback([&order, i] { order.push_back(i); }));
+    ASSERT_TRUE(thread.Start().Good());
+    thread.Join();
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3})) << c.label;
+    EXPECT_EQ(console.Text(), "") << c.label; // verbosity 0: nothing reported
+  }
+}
+
+TEST(DKThreadTest, ExceptionsNeverLeaveTheThreadAndAreReportedWhileVerbose) {
+  const struct {
+    const char* label;
+    void (*body)();
+    const char* expected;
+  } cases[] = {
+      {"standard", [] { throw std::runtime_error("disk full"); },
+       "std::exception: disk full\nunhandled exception in DKThread\n"},
+      {"other", [] { throw 7; }, "unhandled exception in DKThread\n"},
+      {"none", [] {}, ""},
+  };
+  for (const auto& c : cases) {
+    ConsoleCapture console(1);
+    std::atomic<bool> exitRan{false};
+    DKThread thread(DKMakeCallback(c.body));
+    thread.AddExitFunction(DKMakeCallback([&] { exitRan = true; }));
+    ASSERT_TRUE(thread.Start().Good());
+    thread.Join();
+    EXPECT_EQ(console.Text(), c.expected) << c.label;
+    EXPECT_TRUE(exitRan.load()) << c.label;
+  }
+  {
+    ConsoleCapture console(1);
+    DKThread thread(DKMakeCallback([] { throw DKException(DK_T("library failure###***###shown"), true); }));
+    ASSERT_TRUE(thread.Start().Good());
+    thread.Join();
+    const std::string text = console.Text();
+    EXPECT_NE(text.find("library failure"), std::string::npos) << text;
+    EXPECT_NE(text.find("unhandled exception in DKThread\n"), std::string::npos) << text;
+  }
+}
+
+TEST(DKThreadTest, DeleteOnEndObjectsAreDestroyedByTheirThreads) {
+  constexpr int kThreads = 6;
+  g_destroyed = 0;
+  std::mutex idsLock;
+  std::vector<std::uint32_t> ids;
+  for (int i = 0; i < kThreads; ++i) {
+    auto* thread = new CountedThread(DKMakeCallback([&] {
+      std::lock_guard<std::mutex> guard(idsLock);
+      ids.push_back(DKThread::GetCurrentThreadID().m_threadID);
+    }));
+    thread->SetDeleteOnEnd(true);
+    ASSERT_TRUE(thread->Start().Good()); // the object is the thread's from here on
+  }
+  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kThreads; }));
+  std::lock_guard<std::mutex> guard(idsLock);
+  ASSERT_EQ(ids.size(), std::size_t(kThreads));
+  for (const std::uint32_t id : ids)
+    EXPECT_FALSE(IsRegistered(id));
+}
+
+TEST(DKThreadTest, ACountedThreadOutlivesItsLastOutsideReference) {
+  g_destroyed = 0;
+  DKEventSemaphore release;
+  std::atomic<bool> ranToEnd{false};
+  std::uint32_t id = 0;
+  {
+    DKSmartPtr<CountedThread> thread(new CountedThread(DKMakeCallback([&] {
+      release.Wait();
+      ranToEnd = true;
+    })));
+    ASSERT_TRUE(thread->Start().Good());
+    id = thread->GetThreadID().m_threadID;
+  } // the thread holds the last reference now
+  EXPECT_EQ(g_destroyed.load(), 0);
+  release.Post();
+  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
+  EXPECT_TRUE(ranToEnd.load());
+  EXPECT_TRUE(WaitUntil([&] { return !IsRegistered(id); }));
+}
+
+TEST(DKThreadTest, DestroyingARunningThreadWaitsForIt) {
+  std::atomic<bool> finished{false};
+  DKEventSemaphore running;
+  DKEventSemaphore release;
+  std::thread poster;
+  {
+    DKThread thread(DKMakeCallback([&] {
+      running.Post();
+      release.Wait();
+      finished = true;
+    }));
+    ASSERT_TRUE(thread.Start().Good());
+    ASSERT_EQ(running.Wait(), DK_WAIT_OBJECT_0);
+    poster = std::thread([&] { release.Post(); });
+  } // the destructor joins
+  EXPECT_TRUE(finished.load());
+  poster.join();
+}
+
+TEST(DKThreadTest, AThreadDestroyingItsOwnObjectEndsCleanly) {
+  g_destroyed = 0;
+  std::atomic<bool> exitFunctionRan{false};
+  std::atomic<std::uint32_t> id{0};
+  auto* thread = new CountedThread(DKMakeCallback([&] {
+    id = DKThread::GetCurrentThreadID().m_threadID;
+    delete DKThread::GetCurrentThreadP(); // while its callback runs
+  }));
+  thread->AddExitFunction(DKMakeCallback([&] { exitFunctionRan = true; }));
+  ASSERT_TRUE(thread->Start().Good());
+  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return !IsRegistered(id.load()); }));
+  EXPECT_FALSE(exitFunctionRan.load()); // they went with the object
+}
+
+TEST(DKThreadTest, ARefusedPriorityIsStartsErrorAndTheThreadNeverRuns) {
+  std::atomic<int> runs{0};
+  DKThread thread(DKMakeCallback([&] { ++runs; }));
+  const auto before = DKThread::GetAllThreadsInfo().size();
+  const DKErrorID refused = thread.Start(7); // not a priority the system knows
+  EXPECT_TRUE(refused.Bad());
+  EXPECT_FALSE(refused.AsString().IsEmpty());
+  EXPECT_FALSE(thread.IsStarted());
+  EXPECT_EQ(DKThread::GetAllThreadsInfo().size(), before);
+  EXPECT_EQ(runs.load(), 0);
+  ASSERT_TRUE(thread.Start().Good()); // a failed start can be retried
+  thread.Join();
+  EXPECT_EQ(runs.load(), 1);
+}
+
+TEST(DKThreadTest, PriorityAppliesToTheNewThread) {
+  const struct {
+    int priority;
+    const char* name;
+  } cases[] = {
+      {DK_THREAD_PRIORITY_BELOW_NORMAL, "THREAD_PRIORITY_BELOW_NORMAL"},
+      {DK_THREAD_PRIORITY_LOWEST, "THREAD_PRIORITY_LOWEST"},
+      {DK_THREAD_PRIORITY_IDLE, "THREAD_PRIORITY_IDLE"},
+  };
+  for (const auto& c : cases) {
+    std::atomic<int> inside{DK_THREAD_PRIORITY_ERROR_RETURN};
+    DKEventSemaphore release;
+    DKThread thread(DKMakeCallback([&] {
+      inside = DKThread::GetThreadPriority(DKThread::GetCurrentThreadID());
+      release.Wait();
+    }));
+    ASSERT_TRUE(thread.Start(c.priority).Good()) << c.name; // lowering is always allowed
+    ASSERT_TRUE(WaitUntil([&] { return inside.load() != DK_THREAD_PRIORITY_ERROR_RETURN; }));
+    EXPECT_EQ(inside.load(), c.priority) << c.name;
+    EXPECT_EQ(thread.GetThreadPriority(), c.priority) << c.name;
+    EXPECT_EQ(DKThreadInfo(nullptr, thread.GetThreadID().m_threadID).GetThreadPriorityText().AsUTF8(), c.name);
+    release.Post();
+    thread.Join();
+    EXPECT_EQ(thread.GetThreadPriority(), DK_THREAD_PRIORITY_ERROR_RETURN) << c.name; // gone
+  }
+  DKThread never(nullptr);
+  EXPECT_FALSE(never.SetThreadPriority(DK_THREAD_PRIORITY_LOWEST));
+}
+
+TEST(DKThreadTest, ThreadKeysHoldOneValuePerThread) {
+  DKThreadKey key = DKThread::AllocateThreadKey();
+  ASSERT_NE(key, DK_INVALID_THREAD_KEY);
+  int mine = 1;
+  int theirs = 2;
+  EXPECT_TRUE(DKThread::Set(key, &mine));
+  void* seenThere = &mine;
+  void* keptThere = nullptr;
+  std::thread([&] {
+    seenThere = DKThread::Get(key); // a new thread starts empty
+    DKThread::Set(key, &theirs);
+    keptThere = DKThread::Get(key);
+  }).join();
+  EXPECT_EQ(seenThere, nullptr);
+  EXPECT_EQ(keptThere, &theirs);
+  EXPECT_EQ(DKThread::Get(key), &mine);
+  DKThread::ReleaseThreadKey(key);
+  EXPECT_EQ(key, DK_INVALID_THREAD_KEY);
+  EXPECT_EQ(DKThread::Get(key), nullptr);
+  EXPECT_FALSE(DKThread::Set(key, &mine));
+  DKThread::ReleaseThreadKey(key); // released already: nothing happens
+}
+
+TEST(DKThreadTest, ComModelIsTakenFromTheProcessAtConstruction) {
+  EXPECT_TRUE(DKThread::InitializeCOM(DK_COM_MULTITHREADED));
+  DKThread multithreaded(nullptr);
+  EXPECT_FALSE(DKThread::IsSingleThreadedCOMApartment());
+  EXPECT_TRUE(DKThread::InitializeCOM(DK_COM_APARTMENTTHREADED));
+  DKThread apartment(nullptr);
+  EXPECT_TRUE(DKThread::IsSingleThreadedCOMApartment());
+  EXPECT_FALSE(DKThread::InitializeCOM(16));
+  EXPECT_EQ(multithreaded.GetComModel(), DK_COM_MULTITHREADED);
+  EXPECT_EQ(apartment.GetComModel(), DK_COM_APARTMENTTHREADED);
+  apartment.SetFlag(0x10);
+  EXPECT_EQ(apartment.GetComModel(), DK_COM_APARTMENTTHREADED); // application flags sit above
+  EXPECT_TRUE(DKThread::InitializeCOM(DK_COM_NONE));
+}
+
+TEST(DKThreadInfoTest, FmtTimeSplitsMilliseconds) {
+  const struct {
+    DKInt64 ms;
+    const char* text;
+  } cases[] = {
+      {0, "0:00:00.000"}, {7, "0:00:00.007"}, {61001, "0:01:01.001"}, {3723004, "1:02:03.004"},
+      {90061001, "25:01:01.001"}, {DKInt64(1) << 40, "305419:53:47.776"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(DKThreadInfo::FmtTime(c.ms).AsUTF8(), c.text) << c.ms;
+  EXPECT_EQ(DKThreadInfo::TimeAsMilliSec(123456789), 12345);
+  FILETIME time{};
+  time.dwHighDateTime = 1;
+  EXPECT_EQ(DKThreadInfo::TimeAsMilliSec(time), (DKInt64(1) << 32) / 10000);
+}
+
+TEST(DKThreadInfoTest, DumpWritesTheHeaderAndOneLinePerThread) {
+  const std::vector<DKThreadInfo> infos{
+      DKThreadInfo(4242, DKDateTimeEx(2024, 3, 1, 14, 5, 9), 1500, 3723004, 90061001, DK_NORMAL_PRIORITY_CLASS,
+                   DK_THREAD_PRIORITY_HIGHEST),
+      DKThreadInfo(7, DKDateTimeEx(), 0, 0, 0, DK_IDLE_PRIORITY_CLASS, 3),
+  };
+  std::ostringstream out;
+  DKThreadInfo::WriteThreadsInfo(out, infos);
+  EXPECT_EQ(out.str(),
+            "\n\n****** Writing thread info ******\n\n"
+            "    ThreadId, PriorityClass              , ThreadPriority               , CreationTime       , "
+            "     KernelTime,        UserTime,     ElapsedTime\n"
+            "        4242, NORMAL_PRIORITY_CLASS      , THREAD_PRIORITY_HIGHEST      , 2024/03/01 14:05:09, "
+            "    0:00:01.500,     1:02:03.004,    25:01:01.001\n"
+            "           7, IDLE_PRIORITY_CLASS        , THREAD_PRIORITY(3)           ,                    , "
+            "    0:00:00.000,     0:00:00.000,     0:00:00.000\n"
+            "\n****** Thread info written ******\n\n");
+}
+
+TEST(DKThreadInfoTest, RegisteredThreadsReportTheirSystemTimes) {
+  DKEventSemaphore release;
+  std::atomic<bool> busy{true};
+  DKThread thread(DKMakeCallback([&] {
+    // Works until the system has counted some of its time.
+    const std::uint32_t self = DKThread::GetCurrentThreadID().m_threadID;
+    volatile unsigned long sink = 0;
+    WaitUntil([&] {
+      for (int i = 0; i < 100000; ++i)
+        sink = sink + static_cast<unsigned long>(i);
+      const DKThreadInfo info(nullptr, self);
+      return info.GetUserTime() + info.GetKernelTime() > 0;
+    });
+    busy = false;
+    release.Wait();
+  }));
+  ASSERT_TRUE(thread.Start().Good());
+  ASSERT_TRUE(WaitUntil([&] { return !busy.load(); }));
+  const std::uint32_t id = thread.GetThreadID().m_threadID;
+  const auto infos = DKThread::GetAllThreadsInfo();
+  const auto it = std::find_if(infos.begin(), infos.end(), [id](const DKThreadInfo& i) { return i.GetThreadId() == id; });
+  ASSERT_NE(it, infos.end());
+  EXPECT_GT(it->GetUserTime() + it->GetKernelTime(), 0);
+  EXPECT_FALSE(it->GetCreationTime().IsNull());
+  EXPECT_LE(it->GetCreationTime(), DKDateTimeEx::GetCurrentDateTime());
+  EXPECT_GE(it->GetElapsedTime(), 0);
+  EXPECT_EQ(it->GetThreadPriorityText().AsUTF8().rfind("THREAD_PRIORITY_", 0), 0u);
+  EXPECT_NE(it->GetPriorityClassText().AsUTF8().find("_PRIORITY_CLASS"), std::string::npos);
+
+  std::ostringstream dump;
+  DKThread::DumpAllThreadsInfo(dump);
+  EXPECT_NE(dump.str().find(std::to_string(id) + ", "), std::string::npos) << dump.str();
+  release.Post();
+}
+
+TEST(DKThreadTest, StackSizeComesFromTheEnvironmentOncePerProcess) {
+  EXPECT_EQ(RunHelper("stacksize 1048576", "DK_THREAD_STACKSIZE=1048576"), 0);
+}
+
+TEST(DKThreadTest, AThreadTheSystemCannotCreateMakesStartThrow) {
+#if defined(DK_TEST_SANITIZER)
+  GTEST_SKIP() << "a sanitizer's runtime cannot live under the address-space limit this case sets";
+#endif
+  // A 1.5 GB stack in a process limited to 512 MB of address space.
+  EXPECT_EQ(RunHelper("start-refused", "ulimit -v 524288; DK_THREAD_STACKSIZE=1500000000"), 0);
+}
+
+TEST(DKThreadTest, ThreadsStartedAndJoinedFromManyThreadsAtOnce) {
+  constexpr int kStarters = 4;
+  constexpr int kEach = 40;
+  std::atomic<int> runs{0};
+  const auto callback = DKMakeCallback([&] { ++runs; });
+  std::vector<std::thread> starters;
+  for (int s = 0; s < kStarters; ++s)
+    starters.emplace_back([&] {
+      for (int i = 0; i < kEach; ++i) {
+        DKThread thread(callback);
+        ASSERT_TRUE(thread.Start().Good());
+        if (i % 2)
+          thread.Join();
+      } // the destructor joins the others
+    });
+  for (std::thread& starter : starters)
+    starter.join();
+  EXPECT_EQ(runs.load(), kStarters * kEach);
+}
+
+} // namespace

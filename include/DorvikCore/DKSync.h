@@ -1,0 +1,232 @@
+// Synchronisation objects: critical sections, kernel-style mutexes and events (optionally named
+// and then shared between processes), a counting semaphore and a baton that makes threads take
+// turns in a fixed order.
+//
+// Timeouts are in milliseconds: DK_INFINITE (any negative value) waits without limit, 0 tries
+// once. Lock and unlock exist under two spellings (Lock/lock, Unlock/unlock, ...), so the
+// standard lock guards work with these classes:
+//   DKCriticalSection section;
+//   std::lock_guard<DKCriticalSection> guard(section);
+//
+// Named mutexes and events live in shared memory, one object per name (mutexes and events have
+// names of their own), shared by the processes of one user; the last close removes the object.
+// When a process ends without closing them (a crash), the next open notices it: a named mutex the
+// dead process held reports abandoned at the next Lock, and an object that no living process
+// has open any more is built anew from the opener's initial state, as on a system that closes a
+// dead process's handles.
+#pragma once
+
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+// Wait without limit.
+inline constexpr int DK_INFINITE = -1;
+// The raw results of DKEventSemaphore::Wait.
+inline constexpr std::uint32_t DK_WAIT_OBJECT_0 = 0;
+inline constexpr std::uint32_t DK_WAIT_TIMEOUT = 258;
+
+class DKMutexImpl;
+class DKEventImpl;
+
+// A recursive lock for the threads of one process. The owning thread may enter again; it must
+// leave as many times as it entered. Unlocking a section the caller does not hold does nothing.
+// Entering a free section and leaving it cost one atomic operation each (inline); a thread that
+// finds the section held spins briefly, then sleeps until it is released.
+class DK_EXPORT DKCriticalSection {
+public:
+  // lockNow: enter the section at once.
+  explicit DKCriticalSection(bool lockNow = false);
+  ~DKCriticalSection();
+  DKCriticalSection(const DKCriticalSection&) = delete;
+  DKCriticalSection& operator=(const DKCriticalSection&) = delete;
+
+  void Lock() {
+    const std::thread::id self = std::this_thread::get_id();
+    if (m_owner.load(std::memory_order_relaxed) == self) {
+      ++m_count;
+      return;
+    }
+    std::uint32_t expected = Free;
+    if (!m_state.compare_exchange_strong(expected, Held, std::memory_order_acquire, std::memory_order_relaxed))
+      LockContended();
+    m_owner.store(self, std::memory_order_relaxed);
+    m_count = 1;
+  }
+  void lock() { Lock(); }
+  void obtain() { Lock(); }
+  void Unlock() {
+    if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
+      return;
+    m_owner.store(std::thread::id(), std::memory_order_relaxed);
+    if (m_state.exchange(Free, std::memory_order_release) == HeldWaited)
+      WakeWaiter();
+  }
+  void unlock() { Unlock(); }
+  void release() { Unlock(); }
+  // Enters when the section is free or already held by the caller.
+  bool TryLock();
+  bool try_lock() { return TryLock(); }
+  // Whether the caller could enter now: 0 when another thread holds the section, otherwise the
+  // recursion count the caller had while trying (1 when the section was free, more when the
+  // caller already held it). A non-zero result does not mean the section is held by anyone.
+  unsigned IsLocked();
+
+private:
+  enum : std::uint32_t { Free = 0, Held = 1, HeldWaited = 2 };
+  void LockContended();
+  void WakeWaiter();
+
+  // Free, Held, or HeldWaited: held, and someone may be asleep waiting for it.
+  std::atomic<std::uint32_t> m_state;
+  // Written only by the holder: a thread that finds itself here holds the section.
+  std::atomic<std::thread::id> m_owner;
+  unsigned m_count;
+};
+
+// A recursive mutex with timed locking that notices when its owner died: the next Lock then
+// returns false and leaves the mutex free and usable. A mutex with a name is shared by every
+// process of the user that opens the same name; the last close destroys it.
+// Failures of the system throw DKWindowsLastErrorException.
+class DK_EXPORT DKMutex {
+public:
+  // The empty name: an unnamed mutex.
+  static const DKString defaultValue;
+
+  // initiallyOwned is honoured when the mutex is created, not when a named mutex that already
+  // exists is opened.
+  explicit DKMutex(const DKString& name = DKString(), bool initiallyOwned = false);
+  ~DKMutex();
+  DKMutex(const DKMutex&) = delete;
+  DKMutex& operator=(const DKMutex&) = delete;
+
+  // True when the caller now holds the mutex. False when the timeout passed, or when the
+  // previous owner ended while holding it (the mutex is then made consistent and left free).
+  bool Lock(int timeoutMs = DK_INFINITE);
+  bool lock(int timeoutMs = DK_INFINITE) { return Lock(timeoutMs); }
+  // Locks without limit; returns holding the mutex (an abandoned mutex is taken over).
+  void obtain();
+  // Throws when the caller does not hold the mutex.
+  void Unlock();
+  void unlock() { Unlock(); }
+  void release() { Unlock(); }
+
+  void* GetHandle() const noexcept { return m_handle; }
+
+private:
+  DKMutexImpl* m_handle;
+};
+
+// A manual-reset event: once posted it stays posted, releasing every waiter, until Reset.
+// Pulse releases the threads waiting at that moment and leaves the event reset. A named event
+// is shared by every process of the user that opens the same name; the last close destroys it.
+class DK_EXPORT DKEventSemaphore {
+public:
+  static const DKString defaultValue;
+
+  // initiallyPosted is honoured when the event is created, not when a named event that already
+  // exists is opened. Failures of the system throw DKWindowsLastErrorException.
+  explicit DKEventSemaphore(const DKString& name = DKString(), bool initiallyPosted = false);
+  ~DKEventSemaphore();
+  DKEventSemaphore(const DKEventSemaphore&) = delete;
+  DKEventSemaphore& operator=(const DKEventSemaphore&) = delete;
+
+  void Post();
+  void post() { Post(); }
+  void Reset();
+  void reset() { Reset(); }
+  void Pulse();
+  void pulse() { Pulse(); }
+  // DK_WAIT_OBJECT_0 (0) when the event is or becomes posted (or is pulsed) within the
+  // timeout, DK_WAIT_TIMEOUT (258) otherwise.
+  std::uint32_t Wait(int timeoutMs = DK_INFINITE);
+  std::uint32_t wait(int timeoutMs = DK_INFINITE) { return Wait(timeoutMs); }
+  // Whether the event is posted now (a wait that does not wait).
+  bool Posted();
+  bool posted() { return Posted(); }
+
+  void* GetHandle() const noexcept { return m_handle; }
+
+private:
+  DKEventImpl* m_handle;
+};
+
+// A critical section with an event, for a simple condition wait: one thread waits in
+// UnlockWait, another wakes it with PostUnlock.
+class DK_EXPORT DKSynchronizedCriticalSection : public DKCriticalSection {
+public:
+  DKSynchronizedCriticalSection();
+  ~DKSynchronizedCriticalSection();
+
+  // Posts the event, then leaves the section.
+  void PostUnlock();
+  // Resets the event, leaves the section (once), waits for the event without limit and resets
+  // it again. The section is not entered again on return.
+  void UnlockWait();
+
+private:
+  DKEventSemaphore m_event;
+};
+
+// A counting semaphore built from a mutex: Lock waits, polling every 10 milliseconds, until the
+// count covers the request. Unlock beyond the maximum throws "DKCountingSemaphore overflow".
+class DK_EXPORT DKCountingSemaphore {
+public:
+  static constexpr std::uint32_t DefaultMaximum = 2147483647;
+
+  // Throws "DKCountingSemaphore exception: initial greater than the maximum".
+  explicit DKCountingSemaphore(std::uint32_t initial);
+  DKCountingSemaphore(std::uint32_t initial, std::uint32_t maximum);
+  ~DKCountingSemaphore();
+  DKCountingSemaphore(const DKCountingSemaphore&) = delete;
+  DKCountingSemaphore& operator=(const DKCountingSemaphore&) = delete;
+
+  // Takes n from the count, waiting until it is there. A request above the maximum could never
+  // be met: it throws instead of waiting for ever.
+  void Lock(std::uint32_t n = 1);
+  void wait(std::uint32_t n = 1) { Lock(n); }
+  // Takes n when the count covers it.
+  bool TryLock(std::uint32_t n = 1);
+  // Gives n back; throws "DKCountingSemaphore overflow", the count unchanged, when that would
+  // pass the maximum.
+  void Unlock(std::uint32_t n = 1);
+  void post(std::uint32_t n = 1) { Unlock(n); }
+
+  std::uint32_t GetCount();
+  // The maximum.
+  std::uint32_t GetSize();
+
+private:
+  DKMutexImpl* m_mutex;
+  std::uint32_t m_count;
+  std::uint32_t m_maximum;
+};
+
+// Threads taking turns in a fixed order: the thread of turn k calls Lock(k), does its work and
+// calls Unlock. Lock(k) waits until turn k - 1 has been taken and released, then holds the
+// baton. A turn already reached returns at once without holding anything. Failures of the
+// system are ignored.
+class DK_EXPORT DKBaton {
+public:
+  DKBaton();
+  ~DKBaton();
+  DKBaton(const DKBaton&) = delete;
+  DKBaton& operator=(const DKBaton&) = delete;
+
+  void Lock(std::uint32_t turn);
+  void lock(std::uint32_t turn) { Lock(turn); }
+  // Wakes the threads waiting for their turn and lets go of the baton.
+  void Unlock();
+  void unlock() { Unlock(); }
+
+  // The last turn taken (0 at first).
+  std::uint32_t GetTurn() const noexcept { return m_turn.load(std::memory_order_acquire); }
+
+private:
+  DKMutexImpl* m_mutex;
+  DKEventImpl* m_event;
+  std::atomic<std::uint32_t> m_turn;
+};

@@ -1,0 +1,67 @@
+// DKCriticalSection and DKSynchronizedCriticalSection.
+//
+// The section is a lock word with the owner and the recursion count beside it (the fast paths
+// are inline in the header). A thread that finds it held marks the word "waited for" and sleeps
+// on it until the holder's release wakes one sleeper.
+#include <DorvikCore/DKSync.h>
+
+DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std::thread::id()), m_count(0) {
+  if (lockNow)
+    Lock();
+}
+
+DKCriticalSection::~DKCriticalSection() = default;
+
+void DKCriticalSection::LockContended() {
+  // A short spin first: sections are usually held for a few instructions.
+  for (int i = 0; i < 100; ++i) {
+    std::uint32_t expected = Free;
+    if (m_state.load(std::memory_order_relaxed) == Free &&
+        m_state.compare_exchange_weak(expected, Held, std::memory_order_acquire, std::memory_order_relaxed))
+      return;
+  }
+  // From here on the word says "waited for", so that the release wakes a sleeper.
+  while (m_state.exchange(HeldWaited, std::memory_order_acquire) != Free)
+    m_state.wait(HeldWaited, std::memory_order_relaxed);
+}
+
+void DKCriticalSection::WakeWaiter() { m_state.notify_one(); }
+
+bool DKCriticalSection::TryLock() {
+  const std::thread::id self = std::this_thread::get_id();
+  if (m_owner.load(std::memory_order_relaxed) == self) {
+    ++m_count;
+    return true;
+  }
+  std::uint32_t expected = Free;
+  if (!m_state.compare_exchange_strong(expected, Held, std::memory_order_acquire, std::memory_order_relaxed))
+    return false;
+  m_owner.store(self, std::memory_order_relaxed);
+  m_count = 1;
+  return true;
+}
+
+unsigned DKCriticalSection::IsLocked() {
+  if (!TryLock())
+    return 0;
+  const unsigned count = m_count;
+  Unlock();
+  return count;
+}
+
+DKSynchronizedCriticalSection::DKSynchronizedCriticalSection() = default;
+
+DKSynchronizedCriticalSection::~DKSynchronizedCriticalSection() = default;
+
+void DKSynchronizedCriticalSection::PostUnlock() {
+  m_event.Post();
+  Unlock();
+}
+
+void DKSynchronizedCriticalSection::UnlockWait() {
+  m_event.Reset();
+  Unlock();
+  // A post between Unlock and Wait leaves the event posted, so it is not missed.
+  m_event.Wait(DK_INFINITE);
+  m_event.Reset();
+}

@@ -1,0 +1,66 @@
+// Helpers of the threads suites: waiting on a condition with a generous bound, names unique to
+// this test process, and the helper program that plays the other process.
+#pragma once
+
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKString.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#  define DK_TEST_SANITIZER 1
+#elif defined(__has_feature)
+#  if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#    define DK_TEST_SANITIZER 1
+#  endif
+#endif
+
+// Long enough for a loaded machine under a sanitizer; reached only when something is wrong.
+inline constexpr auto kGenerousBound = std::chrono::seconds(30);
+
+// Polls the condition until it holds or the bound passes; the condition's last answer.
+template <class Condition>
+bool WaitUntil(Condition condition, std::chrono::milliseconds bound = kGenerousBound) {
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= deadline)
+      return condition();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// UTF-8 text as a DKString.
+inline DKString Text(const std::string& utf8) {
+  DKString text;
+  text.SetFromUTF8(utf8.c_str());
+  return text;
+}
+
+// Runs f on a thread of its own and returns its result.
+template <class F>
+auto OnOtherThread(F f) {
+  decltype(f()) result{};
+  std::thread([&] { result = f(); }).join();
+  return result;
+}
+
+// A name for a named object that no other test process uses.
+inline std::string UniqueName(const std::string& base) {
+  return "DKThreadsTest-" + std::to_string(getpid()) + "-" + base;
+}
+
+// Runs the helper program with the arguments and returns its exit code, or -1 when it did not
+// exit normally. shellPrefix goes before the command as a shell reads it: environment
+// assignments, or settings such as "ulimit -v 1000;".
+inline int RunHelper(const std::string& arguments, const std::string& shellPrefix = std::string()) {
+  const std::string command = shellPrefix + " '" DK_THREADS_HELPER_PATH "' " + arguments;
+  const int status = std::system(command.c_str());
+  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
