@@ -9,6 +9,7 @@
 
 class DKMessageSource;
 class DKErrorI;
+class DKDateTime;
 
 // Settings for turning parameter values into text. An empty date-time format means each
 // value's default format.
@@ -50,7 +51,7 @@ public:
     ParamInt = 2,       // int, text "%d"
     ParamLong = 3,      // long, text "%ld"
     ParamDKString = 4,  // DKString, the text itself
-    ParamDKDateTime = 5, // DKDateTime; stored once the date-and-time classes exist
+    ParamDKDateTime = 5,
     ParamDKDouble = 6   // DKDouble, text DKDouble::AsString()
   };
   static constexpr int IUID = 0x444B4552; // "DKER"
@@ -111,6 +112,7 @@ public:
   std::size_t AddParam(const DKString& value);
   std::size_t AddParam(const DKChar* value) { return AddParam(DKString(value)); }
   std::size_t AddParam(const DKDouble& value);
+  std::size_t AddParam(const DKDateTime& value);
 
   // False when the index is out of range or the stored type differs (a double parameter is
   // not read as a DKDouble, nor an int as a long); out is then unchanged.
@@ -119,6 +121,7 @@ public:
   bool GetParam(long& out, std::size_t index) const;
   bool GetParam(DKString& out, std::size_t index) const;
   bool GetParam(DKDouble& out, std::size_t index) const;
+  bool GetParam(DKDateTime& out, std::size_t index) const;
 
   std::size_t GetParameterCount() const override;
   ErrorParamType GetParameterType(std::size_t index) const override;

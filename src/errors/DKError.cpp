@@ -2,8 +2,10 @@
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKMessageSource.h>
 
+#include "errors/DKErrorParamOps.h"
 #include "text/DKUtf.h"
 
+#include <atomic>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -11,8 +13,10 @@
 
 namespace {
 
-// Calls f with a null pointer of the C++ type stored for a parameter type. ParamNone and
-// ParamDKDateTime are never stored, so they call nothing.
+std::atomic<const DKErrorParamOps*> g_dateTimeOps{nullptr};
+
+// Calls f with a null pointer of the C++ type stored for a parameter type. ParamNone is never
+// stored and ParamDKDateTime values go through their installed operations: both call nothing.
 template <class F>
 void VisitParamType(DKErrorI::ErrorParamType type, F&& f) {
   switch (type) {
@@ -38,6 +42,10 @@ void* NewValue(const T& value) {
 }
 
 void FreeValue(const DKErrorWithArgs::Storage& param) noexcept {
+  if (param.type == DKErrorI::ParamDKDateTime) {
+    g_dateTimeOps.load(std::memory_order_acquire)->destroy(param.value);
+    return;
+  }
   VisitParamType(param.type, [&](auto* tag) {
     using T = std::remove_pointer_t<decltype(tag)>;
     static_cast<T*>(param.value)->~T();
@@ -57,6 +65,10 @@ std::vector<DKErrorWithArgs::Storage> CopyParams(const std::vector<DKErrorWithAr
   copy.reserve(source.size());
   try {
     for (const auto& param : source) {
+      if (param.type == DKErrorI::ParamDKDateTime) {
+        copy.push_back({param.type, g_dateTimeOps.load(std::memory_order_acquire)->copy(param.value)});
+        continue;
+      }
       VisitParamType(param.type, [&](auto* tag) {
         using T = std::remove_pointer_t<decltype(tag)>;
         copy.push_back({param.type, NewValue(*static_cast<const T*>(param.value))});
@@ -163,7 +175,7 @@ const void* DKErrorWithArgs::GetParameterValue(std::size_t index) const {
   return index < m_params.size() ? m_params[index].value : nullptr;
 }
 
-DKString DKErrorWithArgs::GetParameterValueAsString(std::size_t index, const DKExecContext&) const {
+DKString DKErrorWithArgs::GetParameterValueAsString(std::size_t index, const DKExecContext& context) const {
   if (index >= m_params.size())
     return DKString();
   const void* value = m_params[index].value;
@@ -173,8 +185,8 @@ DKString DKErrorWithArgs::GetParameterValueAsString(std::size_t index, const DKE
   case ParamLong: return FormatNumber("%ld", *static_cast<const long*>(value));
   case ParamDKString: return *static_cast<const DKString*>(value);
   case ParamDKDouble: return static_cast<const DKDouble*>(value)->AsString();
-  case ParamNone:
-  case ParamDKDateTime: break;
+  case ParamDKDateTime: return g_dateTimeOps.load(std::memory_order_acquire)->text(value, context);
+  case ParamNone: break;
   }
   return DKString();
 }
@@ -200,3 +212,5 @@ DKString DKErrorID::AsString() const {
   m_error->AsString(text, DKFormatContext());
   return text;
 }
+
+void DKInstallDateTimeParamOps(const DKErrorParamOps* ops) noexcept { g_dateTimeOps.store(ops, std::memory_order_release); }

@@ -1,18 +1,130 @@
 // Portable part of the clock and local zone (os/DKClock.h).
+//
+// Asking the system for the local offset of an instant is slow (it walks the zone's rules and
+// names the zone every time), and a conversion asks several times. So each thread learns the
+// changes of offset one span of about a year at a time, once a span is in steady use, and
+// answers from that table: the system is probed once a day across the span, and each change
+// found between two probes is narrowed down to its second. Like the conversion from a
+// reading to an instant, this takes a zone to change its offset at most once in a day.
 #include "os/DKClock.h"
 
 #include <algorithm>
+#include <atomic>
+#include <limits>
+#include <vector>
+
+namespace {
+
+constexpr std::int64_t spanSeconds = std::int64_t{1} << 25; // about 388 days
+constexpr std::int64_t probeStep = 86400;
+constexpr std::size_t spanSlots = 128; // spans each thread keeps: about 136 years
+constexpr int usesBeforeLearning = 4;  // a span touched fewer times is not worth learning
+
+// Bumped when the zone setting is read again: every thread's tables are then stale.
+std::atomic<unsigned> g_generation{1};
+
+struct Offset {
+  int seconds = 0;
+  bool daylight = false;
+  bool operator==(const Offset& other) const noexcept { return seconds == other.seconds && daylight == other.daylight; }
+};
+
+Offset SystemOffset(std::int64_t utcSeconds) noexcept {
+  Offset offset;
+  if (!DKClock::LocalOffset(utcSeconds, offset.seconds, offset.daylight))
+    offset = {DKClock::LocalStandardOffset(), false};
+  return offset;
+}
+
+struct Change {
+  std::int64_t at; // the first second of the new offset
+  Offset offset;
+};
+
+struct Span {
+  std::int64_t index = std::numeric_limits<std::int64_t>::min();
+  unsigned generation = 0;
+  int uses = 0;
+  bool learned = false;
+  Offset first; // at the span's start
+  std::vector<Change> changes;
+
+  void Reset(std::int64_t newIndex, unsigned newGeneration) {
+    index = newIndex;
+    generation = newGeneration;
+    uses = 0;
+    learned = false;
+    changes.clear();
+  }
+
+  void Learn() {
+    changes.clear();
+    const std::int64_t start = index * spanSeconds;
+    const std::int64_t last = start + spanSeconds - 1;
+    first = SystemOffset(start);
+    Offset previous = first;
+    for (std::int64_t before = start, probe = start + probeStep;; before = probe, probe += probeStep) {
+      probe = std::min(probe, last);
+      const Offset now = SystemOffset(probe);
+      if (!(now == previous)) {
+        // The change lies in (before, probe]: narrow it down to its second.
+        std::int64_t low = before, high = probe;
+        while (high - low > 1) {
+          const std::int64_t middle = low + (high - low) / 2;
+          (SystemOffset(middle) == previous ? low : high) = middle;
+        }
+        changes.push_back({high, SystemOffset(high)});
+        previous = changes.back().offset;
+      }
+      if (probe == last)
+        break;
+    }
+    learned = true;
+  }
+
+  Offset At(std::int64_t utcSeconds) const noexcept {
+    Offset offset = first;
+    for (const Change& change : changes) {
+      if (change.at > utcSeconds)
+        break;
+      offset = change.offset;
+    }
+    return offset;
+  }
+};
+
+Offset CachedOffset(std::int64_t utcSeconds) {
+  thread_local std::vector<Span> spans(spanSlots);
+  const std::int64_t index = utcSeconds >= 0 ? utcSeconds / spanSeconds : -((-utcSeconds - 1) / spanSeconds) - 1;
+  Span& span = spans[static_cast<std::size_t>(index) % spanSlots];
+  const unsigned generation = g_generation.load(std::memory_order_relaxed);
+  if (span.index != index || span.generation != generation)
+    span.Reset(index, generation);
+  if (!span.learned) {
+    if (++span.uses < usesBeforeLearning)
+      return SystemOffset(utcSeconds);
+    span.Learn();
+  }
+  return span.At(utcSeconds);
+}
+
+} // namespace
 
 int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
-  int offset = 0;
-  bool dst = false;
-  if (!LocalOffset(utcSeconds, offset, dst)) {
-    offset = LocalStandardOffset();
-    dst = false;
+  Offset offset;
+  try {
+    offset = CachedOffset(utcSeconds);
+  } catch (...) { // no memory for the table: ask the system directly
+    offset = SystemOffset(utcSeconds);
   }
   if (daylight)
-    *daylight = dst;
-  return offset;
+    *daylight = offset.daylight;
+  return offset.seconds;
+}
+
+void DKClock::ReloadZone() noexcept {
+  ReloadSystemZone();
+  g_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
 std::int64_t DKClock::LocalToUtc(std::int64_t wallSeconds) noexcept {

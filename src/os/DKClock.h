@@ -24,8 +24,10 @@ public:
   // Platform: the local zone's abbreviation for standard or daylight time, UTF-8.
   static std::string LocalZoneName(bool daylight);
   // Platform: reads the zone setting (TZ) again.
-  static void ReloadZone() noexcept;
+  static void ReloadSystemZone() noexcept;
 
+  // Reads the zone setting again and forgets what was learned of the old zone.
+  static void ReloadZone() noexcept;
   // The local offset at a UTC second; the standard offset where the system cannot tell.
   static int LocalOffsetAt(std::int64_t utcSeconds, bool* daylight = nullptr) noexcept;
   // The UTC second of a local wall-clock reading (counted as if it were UTC). A repeated

@@ -33,4 +33,4 @@ std::string DKClock::LocalZoneName(bool daylight) {
   return name ? std::string(name) : std::string();
 }
 
-void DKClock::ReloadZone() noexcept { tzset(); }
+void DKClock::ReloadSystemZone() noexcept { tzset(); }

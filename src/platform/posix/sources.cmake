@@ -8,4 +8,7 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/MutexImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SharedMemoryImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ModuleImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SignalImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/EnvironmentImpl.cpp
 )

@@ -1,0 +1,421 @@
+// The "Ex" date and time values: DKDateEx (a packed calendar date), DKTimeEx (a time of day
+// in milliseconds), DKDateTimeEx (both, held in UTC) and DKDateAndTime, the broken-down form
+// they exchange.
+//
+// Text formats use "%" codes, the same for writing and reading:
+//   %Y year in full   %y year mod 100   %m month   %d day   %H hour (00-23)   %M minute
+//   %S second   %L millisecond   %W week of the year   %Z or %z offset from UTC ("Z" or "+02:00")
+// Any other character after "%" stands for itself ("%%" is "%"); other characters are copied.
+// Reading is lenient: fields are numbers separated by anything, a field that does not fit the
+// format is left unset, "%y" below 70 means 20xx and from 70 19xx, and "SYSDATE" is now.
+#pragma once
+
+#include <DorvikCore/DKDurationEx.h>
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKSystemTime.h>
+#include <DorvikCore/DKTimeZone.h>
+
+#include <compare>
+#include <cstdint>
+#include <ctime>
+#include <iosfwd>
+
+class DKDateTime;
+
+// Calendar fields of one moment, and the zone they are expressed in. `flags` marks a part
+// that is absent, so that a record filled field by field holds a date and a time.
+struct DKDateAndTime {
+  enum Flags : std::uint32_t { NoDate = 1, NoTime = 2 };
+  static constexpr std::uint32_t FlagsFor(bool hasDate, bool hasTime) noexcept {
+    return (hasDate ? 0u : std::uint32_t{NoDate}) | (hasTime ? 0u : std::uint32_t{NoTime});
+  }
+
+  DKDateAndTime() = default;
+  // A date and a time in a zone.
+  DKDateAndTime(std::int32_t y, std::uint32_t mo, std::uint32_t d, std::uint32_t h = 0, std::uint32_t mi = 0, std::uint32_t s = 0,
+                std::uint32_t ms = 0, const DKTimeZone& z = DKTimeZone::Local) noexcept
+      : year(y), month(mo), day(d), hour(h), minute(mi), second(s), millisecond(ms), zone(z) {}
+
+  std::int32_t year = 0;
+  std::uint32_t month = 0;
+  std::uint32_t day = 0;
+  std::uint32_t hour = 0;
+  std::uint32_t minute = 0;
+  std::uint32_t second = 0;
+  std::uint32_t millisecond = 0;
+  std::uint32_t flags = 0;
+  DKTimeZone zone;
+};
+
+// A calendar date packed in one signed 32-bit word: day in bits 0-4, month in bits 5-8, the
+// signed year in bits 9-31. Valid words order as dates when compared as integers. The word 0
+// is the null date.
+class DK_EXPORT DKDateEx {
+public:
+  static constexpr std::int32_t minYear = -4194303;
+  static constexpr std::int32_t maxYear = 4194303;
+  static const DKDateEx null;
+  static const DKDateEx minimum; // -4194303-01-01
+  static const DKDateEx maximum; // 4194303-12-31
+  static constexpr const DKChar* defaultFormat = DK_T("%Y/%m/%d");
+
+  constexpr DKDateEx() noexcept : m_date(0) {}
+  // The constructors from parts, text and records throw DKDateExceptionEx when the source is
+  // not a valid date; the From... setters report that by returning false instead.
+  DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day);
+  // An empty format means the default format.
+  explicit DKDateEx(const DKString& text, const DKString& format = DKString());
+  explicit DKDateEx(const SYSTEMTIME& time);
+  explicit DKDateEx(const std::tm& time);
+  // An instant: its date in the zone.
+  explicit DKDateEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  // VT_NULL and VT_EMPTY give the null date; VT_DATE and VT_R8 hold an automation date.
+  explicit DKDateEx(const VARIANT& value);
+  explicit DKDateEx(double variantDate);
+  explicit DKDateEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateEx(const DKDateAndTime& fields);
+
+  static constexpr DKDateEx Pack(std::int32_t year, std::uint32_t month, std::uint32_t day) noexcept {
+    return DKDateEx(RawTag(), static_cast<std::int32_t>(static_cast<std::uint32_t>(year) << 9 | (month & 15u) << 5 | (day & 31u)));
+  }
+
+  // The word as it is, valid or not.
+  constexpr std::int32_t AsInt() const noexcept { return m_date; }
+  void FromInt(std::int32_t word) noexcept { m_date = word; }
+
+  constexpr std::int32_t GetYear() const noexcept { return m_date >> 9; }
+  constexpr std::uint32_t GetMonth() const noexcept { return static_cast<std::uint32_t>(m_date >> 5) & 15u; }
+  constexpr std::uint32_t GetDay() const noexcept { return static_cast<std::uint32_t>(m_date) & 31u; }
+  // False (date unchanged) when the parts are not a valid date in minYear..maxYear.
+  bool SetDate(std::int32_t year, std::uint32_t month, std::uint32_t day) noexcept;
+
+  constexpr bool IsNull() const noexcept { return m_date == 0; }
+  void SetNull() noexcept { m_date = 0; }
+  bool IsValid() const noexcept;
+
+  static int GetDaysInMonth(int year, unsigned month) noexcept;
+  // 0 (Sunday) to 6 (Saturday); 0 for the null date and for every date before 1970.
+  int GetWeekDay() const noexcept;
+  // 1-based day of the year; 0 when not valid.
+  int GetYearDay() const noexcept;
+  // The number of Mondays from 1 January up to and including the date; 0 when not valid.
+  int GetYearWeek() const noexcept;
+
+  // Reads the date part of the text (a time in it is ignored); message 9 and the null date
+  // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
+  // date alone.
+  DKErrorID FromString(const DKString& text, const DKString& format = DKString());
+  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromStructTM(const std::tm& time) noexcept;
+  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const VARIANT& value) noexcept;
+  // The date is set to null first; a value in (-1, 1) leaves it null and succeeds.
+  bool FromVariant(double value) noexcept;
+  bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool SetDateAndTime(const DKDateAndTime& fields) noexcept;
+  // The date fields (flagged NoTime; NoDate too for the null date).
+  void GetDateAndTime(DKDateAndTime& fields) const noexcept;
+
+  // The As... getters fail for a date that is not valid (AsVariant accepts the null date).
+  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsStructTM(std::tm& time) const noexcept;
+  // Midnight at the start of the date in the zone.
+  bool AsFileTime(FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  // The null date gives VT_NULL; otherwise VT_DATE, for years 1601..9999 only.
+  bool AsVariant(VARIANT& value) const noexcept;
+
+  // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString).
+  DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
+  DKString AsString(const DKString& format = DKString()) const;
+
+  static DKDateEx GetCurrentDate(bool local = true);
+
+  friend constexpr bool operator==(DKDateEx a, DKDateEx b) noexcept { return a.m_date == b.m_date; }
+  friend constexpr auto operator<=>(DKDateEx a, DKDateEx b) noexcept { return a.m_date <=> b.m_date; }
+
+  // One day on or back. Leaving minimum..maximum throws DKDateExceptionEx; a date that is not
+  // valid does not move.
+  DKDateEx& operator++();
+  DKDateEx operator++(int);
+  DKDateEx& operator--();
+  DKDateEx operator--(int);
+  // Years, months, weeks and days move the date (the day is clamped to the month's length
+  // after a year or month step); clock units leave it unchanged.
+  DKDateEx& operator+=(const DKDurationEx& duration);
+  DKDateEx& operator-=(const DKDurationEx& duration);
+  DKDateEx& operator+=(long days);
+  DKDateEx& operator-=(long days);
+
+protected:
+  void AddOrSubstract(const DKDurationEx& duration, bool add);
+
+private:
+  struct RawTag {};
+  constexpr DKDateEx(RawTag, std::int32_t word) noexcept : m_date(word) {}
+
+  std::int32_t m_date;
+};
+
+inline constexpr DKDateEx DKDateEx::null{};
+inline constexpr DKDateEx DKDateEx::minimum = DKDateEx::Pack(DKDateEx::minYear, 1, 1);
+inline constexpr DKDateEx DKDateEx::maximum = DKDateEx::Pack(DKDateEx::maxYear, 12, 31);
+
+DK_EXPORT DKDateEx operator+(const DKDateEx& date, const DKDurationEx& duration);
+DK_EXPORT DKDateEx operator-(const DKDateEx& date, const DKDurationEx& duration);
+DK_EXPORT DKDateEx operator+(const DKDateEx& date, long days);
+DK_EXPORT DKDateEx operator-(const DKDateEx& date, long days);
+// The number of days from b to a (in weeks when the days do not fit the count); invalid_
+// when either date is not valid.
+DK_EXPORT DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b);
+
+// A time of day: milliseconds since midnight, 0..86399999, or -1 when not set.
+class DK_EXPORT DKTimeEx {
+public:
+  static constexpr std::int32_t NULL_TIME = -1;
+  static const DKTimeEx null;
+  static const DKTimeEx minimum; // 00:00:00.000
+  static const DKTimeEx maximum; // 23:59:59.999
+  static constexpr std::int32_t msPerDay = 86400000;
+
+  constexpr DKTimeEx() noexcept : m_time(NULL_TIME) {}
+  // The constructors throw DKDateExceptionEx when the source is not a valid time.
+  DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t second = 0, std::uint32_t millisecond = 0);
+  explicit DKTimeEx(const DKString& text, const DKString& format = DKString());
+  explicit DKTimeEx(const SYSTEMTIME& time);
+  explicit DKTimeEx(const std::tm& time);
+  explicit DKTimeEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKTimeEx(const VARIANT& value);
+  explicit DKTimeEx(double variantDate);
+  explicit DKTimeEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKTimeEx(const DKDateAndTime& fields);
+
+  static constexpr DKTimeEx FromMilliseconds(std::int32_t ms) noexcept { return DKTimeEx(RawTag(), ms); }
+
+  constexpr std::int32_t AsMilliseconds() const noexcept { return m_time; }
+  constexpr std::int32_t AsSeconds() const noexcept { return m_time < 0 ? m_time : m_time / 1000; }
+  constexpr std::int32_t AsInt() const noexcept { return m_time; }
+  constexpr std::uint32_t AsUInt() const noexcept { return static_cast<std::uint32_t>(m_time); }
+  // False (time unchanged) unless -1 or 0..86399999.
+  bool FromInt(std::int32_t ms) noexcept;
+
+  // False (time unchanged) when a part is out of range.
+  bool SetTime(std::uint32_t hour, std::uint32_t minute, std::uint32_t second = 0, std::uint32_t millisecond = 0) noexcept;
+  std::uint32_t GetHour() const noexcept { return m_time < 0 ? 0 : static_cast<std::uint32_t>(m_time / 3600000); }
+  std::uint32_t GetMinute() const noexcept { return m_time < 0 ? 0 : static_cast<std::uint32_t>(m_time / 60000 % 60); }
+  std::uint32_t GetSecond() const noexcept { return m_time < 0 ? 0 : static_cast<std::uint32_t>(m_time / 1000 % 60); }
+  std::uint32_t GetMillisecond() const noexcept { return m_time < 0 ? 0 : static_cast<std::uint32_t>(m_time % 1000); }
+
+  constexpr bool IsNull() const noexcept { return m_time == NULL_TIME; }
+  void SetNull() noexcept { m_time = NULL_TIME; }
+  constexpr bool IsValid() const noexcept { return m_time >= 0 && m_time < msPerDay; }
+
+  // Reads the time part of the text (a date in it is ignored); message 9 and the null time
+  // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
+  // time alone, with or without milliseconds.
+  DKErrorID FromString(const DKString& text, const DKString& format = DKString());
+  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromStructTM(const std::tm& time) noexcept;
+  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const VARIANT& value) noexcept;
+  // The time of day of an automation date (its date is dropped).
+  bool FromVariant(double value) noexcept;
+  bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool SetDateAndTime(const DKDateAndTime& fields) noexcept;
+  void GetDateAndTime(DKDateAndTime& fields) const noexcept;
+
+  // The As... getters fail for the null time (AsVariant gives VT_NULL for it). The records get
+  // the date 1899-12-30 (automation) or 1601-01-01 (FILETIME, in UTC) or 1900-01-01 (tm).
+  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsStructTM(std::tm& time) const noexcept;
+  bool AsFileTime(FILETIME& time) const noexcept;
+  bool AsVariant(VARIANT& value) const noexcept;
+
+  DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
+  // The default form is "%H:%M:%S", with ".%L" when the milliseconds are not 0.
+  DKString AsString(const DKString& format = DKString()) const;
+
+  static DKTimeEx GetTheCurrentTime(bool local = true);
+
+  friend constexpr bool operator==(DKTimeEx a, DKTimeEx b) noexcept { return a.m_time == b.m_time; }
+  friend constexpr auto operator<=>(DKTimeEx a, DKTimeEx b) noexcept { return a.m_time <=> b.m_time; }
+
+  // One millisecond on or back, wrapping around midnight; the null time does not move.
+  DKTimeEx& operator++();
+  DKTimeEx operator++(int);
+  DKTimeEx& operator--();
+  DKTimeEx operator--(int);
+  // Hours, minutes, seconds and milliseconds, wrapping around midnight; calendar units and
+  // the null time are left alone.
+  DKTimeEx& operator+=(const DKDurationEx& duration);
+  DKTimeEx& operator-=(const DKDurationEx& duration);
+
+protected:
+  friend class DKDateTimeEx;
+  void AddOrSubstract(const DKDurationEx& duration, bool add);
+  // Moves the time by count units (added or taken away), keeping it within the day; returns
+  // the days carried over (negative backwards). The time must not be null.
+  DKInt64 AddOrSubstractAux(std::int32_t count, DKDurationEx::Unit unit, bool add) noexcept;
+
+private:
+  struct RawTag {};
+  constexpr DKTimeEx(RawTag, std::int32_t ms) noexcept : m_time(ms) {}
+
+  std::int32_t m_time;
+};
+
+inline constexpr DKTimeEx DKTimeEx::null{};
+inline constexpr DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
+inline constexpr DKTimeEx DKTimeEx::maximum = DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1);
+
+DK_EXPORT DKTimeEx operator+(const DKTimeEx& time, const DKDurationEx& duration);
+DK_EXPORT DKTimeEx operator-(const DKTimeEx& time, const DKDurationEx& duration);
+// Milliseconds from b to a; invalid_ when either is null.
+DK_EXPORT DKDurationEx operator-(const DKTimeEx& a, const DKTimeEx& b);
+
+// A date and a time of day, either of which may be absent, held in UTC. Wall-clock fields are
+// read and written in a DKTimeZone (zone 0, the local zone, by default) when both parts are
+// set; a date alone or a time alone is never shifted between zones.
+class DK_EXPORT DKDateTimeEx {
+public:
+  static const DKDateTimeEx null;
+  static const DKDateTimeEx minimum; // -4194303-01-01 00:00:00.000
+  static const DKDateTimeEx maximum; // 4194303-12-31 23:59:59.999
+
+  constexpr DKDateTimeEx() noexcept : m_time(), m_date() {}
+  // The constructors throw DKDateExceptionEx when the source is not a valid value (or falls
+  // outside minimum..maximum once converted to UTC).
+  DKDateTimeEx(std::int32_t year, std::uint32_t month, std::uint32_t day, std::uint32_t hour = 0, std::uint32_t minute = 0,
+               std::uint32_t second = 0, std::uint32_t millisecond = 0, const DKTimeZone& zone = DKTimeZone::Local);
+  // The date and time read in the zone; either may be null.
+  DKDateTimeEx(const DKDateEx& date, const DKTimeEx& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const DKDateEx& date) : DKDateTimeEx(date, DKTimeEx()) {}
+  explicit DKDateTimeEx(const DKTimeEx& time) : DKDateTimeEx(DKDateEx(), time) {}
+  explicit DKDateTimeEx(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const FILETIME& time);
+  explicit DKDateTimeEx(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(double variantDate, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const DKDateTime& time);
+  explicit DKDateTimeEx(const DKDateAndTime& fields);
+
+  static constexpr DKDateTimeEx FromParts(DKDateEx date, DKTimeEx time) noexcept { return DKDateTimeEx(RawTag(), date, time); }
+
+  // The date word in the upper half, the time (as unsigned) in the lower: the order of values.
+  constexpr DKInt64 AsInt64() const noexcept {
+    return static_cast<DKInt64>(static_cast<DKUInt64>(static_cast<std::uint32_t>(m_date.AsInt())) << 32 |
+                                static_cast<std::uint32_t>(m_time.AsInt()));
+  }
+
+  // The parts as held (UTC when both are set).
+  constexpr DKDateEx GetDate() const noexcept { return m_date; }
+  constexpr DKTimeEx GetTime() const noexcept { return m_time; }
+  void SetDate(const DKDateEx& date) noexcept { m_date = date; }
+  void SetTime(const DKTimeEx& time) noexcept { m_time = time; }
+
+  constexpr bool HasDate() const noexcept { return !m_date.IsNull(); }
+  constexpr bool HasTime() const noexcept { return m_time.AsInt() >= 0; }
+  constexpr bool IsDateAndTime() const noexcept { return HasDate() && HasTime(); }
+  constexpr bool IsOnlyDate() const noexcept { return HasDate() && !HasTime(); }
+  constexpr bool IsOnlyTime() const noexcept { return !HasDate() && HasTime(); }
+  constexpr bool IsNull() const noexcept { return !HasDate() && m_time.IsNull(); }
+  // Not null, any date valid, any time within the day.
+  bool IsValid() const noexcept;
+  void SetDateNull() noexcept { m_date.SetNull(); }
+  void SetTimeNull() noexcept { m_time.SetNull(); }
+  void SetNull() noexcept { *this = DKDateTimeEx(); }
+
+  // The fields in the zone (no shift unless both parts are set). False for a value that is
+  // not valid (the null value gives empty fields and true).
+  bool GetDateAndTime(DKDateAndTime& fields, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  // Reads the parts that fields.flags does not mark absent, in fields.zone. False (value
+  // unchanged) when a field is out of range or the moment falls outside minimum..maximum.
+  bool SetDateAndTime(const DKDateAndTime& fields) noexcept;
+
+  // Text. AsString writes into buffer: it stops once size - 5 characters are written or a
+  // code would not fit, and always terminates the text (nothing at all for size 0). A null
+  // format means the default format. It never fails: a null value or a date that is not
+  // valid gives the empty text.
+  DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format, const DKTimeZone& zone = DKTimeZone::Local) const;
+  // An empty format means the default format, with milliseconds when they are not 0.
+  DKString AsString(const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local) const;
+  // Unreadable text gives the library's message 9 ("Invalid date: <text>") and the null value.
+  // An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a date alone or a time alone.
+  DKErrorID FromString(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
+  // The format for the parts this value holds.
+  const DKString& GetDefaultFormat(bool full = false, bool withMilliseconds = false) const;
+
+  bool FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromStructTM(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromFileTime(const FILETIME& time) noexcept;
+  bool FromVariant(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  // An automation date is a wall-clock reading in the zone; a value in (-1, 1) gives a
+  // time-only value.
+  bool FromVariant(double value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromDKDateTime(const DKDateTime& time) noexcept;
+
+  // The As... getters need both parts (AsVariant also takes the null value, as VT_NULL, and
+  // a date alone or a time alone).
+  bool AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsStructTM(std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(FILETIME& time) const noexcept;
+  bool AsVariant(VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  // Whole seconds and milliseconds since 1970-01-01 UTC; false unless both parts are set.
+  bool AsUnixTime(DKInt64& seconds, std::int32_t* milliseconds = nullptr) const noexcept;
+  bool FromUnixTime(DKInt64 seconds, std::int32_t milliseconds = 0) noexcept;
+
+  static DKDateTimeEx GetCurrentDateTime();
+  // Today's date alone, or the time of day alone, in the local zone or in UTC.
+  static DKDateTimeEx GetCurrentDate(bool local = true);
+  static DKDateTimeEx GetTheCurrentTime(bool local = true);
+
+  friend constexpr bool operator==(const DKDateTimeEx& a, const DKDateTimeEx& b) noexcept {
+    return a.AsInt64() == b.AsInt64();
+  }
+  friend constexpr auto operator<=>(const DKDateTimeEx& a, const DKDateTimeEx& b) noexcept {
+    return a.AsInt64() <=> b.AsInt64();
+  }
+
+  // One millisecond on or back (one day for a date alone). Leaving minimum..maximum throws
+  // DKDateExceptionEx.
+  DKDateTimeEx& operator++();
+  DKDateTimeEx operator++(int);
+  DKDateTimeEx& operator--();
+  DKDateTimeEx operator--(int);
+  // Calendar units (year, month, week, day) move the local wall-clock reading, so that adding
+  // days keeps the clock reading across a change of daylight saving; clock units move the
+  // instant. Leaving minimum..maximum throws DKDateExceptionEx.
+  DKDateTimeEx& operator+=(const DKDurationEx& duration);
+  DKDateTimeEx& operator-=(const DKDurationEx& duration);
+
+protected:
+  void AddOrSubstract(const DKDurationEx& duration, bool add);
+
+private:
+  struct RawTag {};
+  constexpr DKDateTimeEx(RawTag, DKDateEx date, DKTimeEx time) noexcept : m_time(time), m_date(date) {}
+
+  DKTimeEx m_time;
+  DKDateEx m_date;
+};
+
+inline constexpr DKDateTimeEx DKDateTimeEx::null{};
+inline constexpr DKDateTimeEx DKDateTimeEx::minimum = DKDateTimeEx::FromParts(DKDateEx::minimum, DKTimeEx::minimum);
+inline constexpr DKDateTimeEx DKDateTimeEx::maximum = DKDateTimeEx::FromParts(DKDateEx::maximum, DKTimeEx::maximum);
+
+DK_EXPORT DKDateTimeEx operator+(const DKDateTimeEx& value, const DKDurationEx& duration);
+DK_EXPORT DKDateTimeEx operator-(const DKDateTimeEx& value, const DKDurationEx& duration);
+// From b to a in the finest unit whose count holds it (milliseconds, else seconds, minutes,
+// hours, days, weeks; the rest is truncated). A missing time counts as midnight; when either
+// lacks a date only the times are compared. invalid_ when either is null or not valid.
+DK_EXPORT DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b);
+
+// Default formats, UTF-8, in the local zone. Extraction reads one word, or a date and a time
+// separated by one space, and sets failbit (value null) for unreadable text.
+DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDateEx& date);
+DK_EXPORT std::istream& operator>>(std::istream& is, DKDateEx& date);
+DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKTimeEx& time);
+DK_EXPORT std::istream& operator>>(std::istream& is, DKTimeEx& time);
+DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDateTimeEx& value);
+DK_EXPORT std::istream& operator>>(std::istream& is, DKDateTimeEx& value);

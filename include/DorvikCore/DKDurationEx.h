@@ -1,0 +1,121 @@
+// DKDurationEx: a signed amount of one calendar unit (3 days, -2 hours, 15 milliseconds).
+#pragma once
+
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <cstdint>
+#include <iosfwd>
+
+class DK_EXPORT DKDurationEx {
+public:
+  enum Unit : std::int32_t {
+    Year = 0,
+    Month = 1,
+    Week = 2,
+    Day = 3,
+    Hour = 4,
+    Minute = 5,
+    Second = 6,
+    Millisecond = 7,
+    Invalid = 8,
+  };
+
+  // The count is kept within these bounds; -2147483648 is never held, so that the sign can
+  // always be flipped.
+  static constexpr std::int32_t maximum_ = 2147483647;
+  static constexpr std::int32_t minimum_ = -2147483647;
+  static const DKDurationEx invalid_; // unit Invalid, count 0
+
+  constexpr DKDurationEx() noexcept : m_unit(Invalid), m_duration(0) {}
+  // A count of seconds. Every count constructor throws DKDurationExceptionEx for a count
+  // outside minimum_..maximum_.
+  explicit DKDurationEx(long count) : DKDurationEx(count, Second) {}
+  DKDurationEx(long count, Unit unit);
+  // The unit by its short name ("y", "mo", "w", "d", "h", "m", "s", "ms"), compared in full
+  // and case-sensitively; an unknown name gives the unit Invalid.
+  DKDurationEx(long count, const DKChar* unitShortName);
+#if !DK_WCHAR_IS_DKCHAR
+  DKDurationEx(long count, const wchar_t* unitShortName);
+#endif
+  // Reads text as FromString does (an unreadable text gives an invalid duration).
+  DKDurationEx(const DKString& text, Unit defaultUnit);
+
+  Unit GetUnit() const noexcept { return m_unit; }
+  void SetUnit(Unit unit) noexcept { m_unit = unit; }
+  std::int32_t GetDuration() const noexcept { return m_duration; }
+  bool IsValid() const noexcept { return m_unit >= Year && m_unit < Invalid; }
+
+  // Unit in the upper half, count in the lower: one number that identifies the value.
+  DKInt64 AsInt64() const noexcept;
+  // The amount in milliseconds; a month counts 30 days and a year 365. 0 when invalid.
+  DKInt64 AsMilliSeconds() const noexcept;
+  // The older duration count: whole seconds, truncated. Throws DKDurationExceptionEx when the
+  // seconds do not fit the count's range.
+  DKDuration AsDKDuration() const;
+
+  // Converts to another unit with the conversion table (a year is 12 months, 52 weeks or 365
+  // days; a month 4 weeks or 30 days). Towards a coarser unit the count is divided; unless
+  // truncate is set, a positive remainder raises the quotient by one. Year and month have no
+  // millisecond form: then false, and nothing changes. Throws DKDurationExceptionEx when the
+  // result leaves the count's range.
+  bool ConvertTo(Unit newUnit, bool truncate = false);
+  // A converted copy (the copy is unchanged where ConvertTo would fail).
+  DKDurationEx As(Unit newUnit, bool truncate = false) const;
+  // Moves to the coarsest unit that holds the same amount exactly (48 hours become 2 days).
+  void Normalize();
+  // True when both are valid and express the same amount in their finer unit (1 month and
+  // 30 days, 2 weeks and 14 days).
+  bool IsEquivalent(const DKDurationEx& other) const noexcept;
+
+  // Text: the short form "3d", "15ms"; the long form "1 day", "-2 hours". 0 of any unit is
+  // "0"; an invalid duration gives the empty text.
+  void AsString(DKString& out, bool longForm = false) const;
+  DKString AsString(bool longForm = false) const;
+  // The amount as elapsed time: "h:mm:ss.mmm", after "<n> days, " when it spans a day or more
+  // ("2 days, 3:04:05.006", "-0:00:01.500"). A month counts 30 days and a year 365.
+  DKString AsElapsedString() const;
+  // "5 days", "90" (the default unit), "3 h", "10ms". False, with the unit Invalid, when the
+  // unit word is unknown; an empty text gives invalid_. Throws DKDurationExceptionEx for a
+  // count below minimum_.
+  bool FromString(const DKString& text, Unit defaultUnit);
+
+  // Scaling; both throw DKDurationExceptionEx when the result leaves the range, and division
+  // by 0 throws too.
+  DKDurationEx operator*(int factor) const;
+  DKDurationEx operator/(int divisor) const;
+  DKDurationEx operator-() const { return DKDurationEx(-static_cast<long>(m_duration), m_unit); }
+  // Sum and difference in the finer of the two units; invalid_ when either is invalid or the
+  // units have no common form (years and milliseconds).
+  friend DK_EXPORT DKDurationEx operator+(const DKDurationEx& a, const DKDurationEx& b);
+  friend DK_EXPORT DKDurationEx operator-(const DKDurationEx& a, const DKDurationEx& b);
+  // Same unit and count.
+  friend bool operator==(const DKDurationEx& a, const DKDurationEx& b) noexcept {
+    return a.m_unit == b.m_unit && a.m_duration == b.m_duration;
+  }
+
+  // The names of a unit; empty for Invalid.
+  static const DKChar* GetLongName(Unit unit) noexcept;
+  static const DKChar* GetShortName(Unit unit) noexcept;
+  // The step from one unit to another in the conversion table: a positive factor, -1 when the
+  // target is coarser, 0 when there is no conversion.
+  static std::int32_t GetConversionStep(Unit from, Unit to) noexcept;
+
+private:
+  friend class DKDurationExceptionEx;
+  struct RawTag {};
+  // Holds any count, -2147483648 included: for the exception that reports it.
+  constexpr DKDurationEx(RawTag, std::int32_t count, Unit unit) noexcept : m_unit(unit), m_duration(count) {}
+  // Stores a count, throwing DKDurationExceptionEx (carrying it) when it leaves the range.
+  void SetDuration(long count);
+  void SetCount(DKInt64 count);
+
+  Unit m_unit;
+  std::int32_t m_duration;
+};
+
+inline constexpr DKDurationEx DKDurationEx::invalid_{};
+
+// The short form, UTF-8; reading takes one word, or a count and a unit word.
+DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDurationEx& duration);
+DK_EXPORT std::istream& operator>>(std::istream& is, DKDurationEx& duration);

@@ -1,0 +1,51 @@
+// DKTimeZone: the zone in which wall-clock fields are read and written. Two zones are
+// predefined: zone 0, the process's local zone from the system's time-zone database
+// (daylight saving included), and zone 1, UTC.
+#pragma once
+
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKSystemTime.h>
+#include <DorvikCore/DKTypes.h>
+
+class DK_EXPORT DKTimeZone {
+public:
+  enum Predefined : int {
+    Local = 0, // the library's default zone
+    UTC = 1,
+  };
+
+  constexpr DKTimeZone() noexcept : m_id(Local) {}
+  constexpr DKTimeZone(Predefined id) noexcept : m_id(id) {}
+
+  constexpr int GetId() const noexcept { return m_id; }
+  constexpr bool IsUTC() const noexcept { return m_id == UTC; }
+  friend constexpr bool operator==(const DKTimeZone& a, const DKTimeZone& b) noexcept { return a.m_id == b.m_id; }
+
+  // Offset of the zone from UTC at a UTC instant (seconds since 1970-01-01), in seconds east
+  // of UTC (Paris in summer: 7200). daylight, when given, tells whether daylight saving is in
+  // force then.
+  int GetOffset(DKInt64 utcSeconds, bool* daylight = nullptr) const noexcept;
+  // The UTC instant of a wall-clock reading in this zone, both as seconds since 1970 (the
+  // reading counted as if it were UTC). A reading that occurs twice (the hour repeated when
+  // daylight saving ends) gives the earlier instant; one that does not occur (the hour
+  // skipped when it starts) is moved forward by the length of the gap, as the clock would be.
+  DKInt64 ToUTC(DKInt64 wallSeconds) const noexcept;
+  // The wall-clock reading of a UTC instant, counted as seconds since 1970.
+  DKInt64 FromUTC(DKInt64 utcSeconds) const noexcept { return utcSeconds + GetOffset(utcSeconds); }
+
+  // SYSTEMTIME between UTC and this zone; false when the record is not valid.
+  bool SystemTimeToZone(const SYSTEMTIME& utc, SYSTEMTIME& zoneTime) const noexcept;
+  bool ZoneToSystemTime(const SYSTEMTIME& zoneTime, SYSTEMTIME& utc) const noexcept;
+
+  // Minutes to add to the zone's standard time to get UTC (Paris: -60, New York: 300).
+  int GetBias() const noexcept;
+  // The zone's name ("CET", "CEST", "UTC"), for standard or daylight time.
+  DKString GetName(bool daylight = false) const;
+
+  // Reads the system's zone setting again (the TZ environment variable): call it after
+  // changing TZ so that zone 0 follows.
+  static void Reload() noexcept;
+
+private:
+  int m_id;
+};

@@ -1,0 +1,161 @@
+// The calendar rules against std::chrono's proleptic Gregorian calendar, over long ranges of
+// days: day counts, dates, leap years, week days and week numbers.
+#include "DateTimeTestSupport.h"
+
+#include <chrono>
+#include <random>
+
+namespace {
+
+using namespace std::chrono;
+
+constexpr sys_days epoch1970{days{0}};
+const DKDateEx dkEpoch(1970, 1, 1);
+
+year_month_day Chrono(const DKDateEx& date) {
+  return year{date.GetYear()} / month{date.GetMonth()} / day{date.GetDay()};
+}
+
+// Every day of years 1..10000 reached from 1970 by adding days, and read back as a day count.
+TEST(CalendarTest, DayCountsMatchChronoForEveryDayOfTenThousandYears) {
+  const int first = (sys_days{year{1} / 1 / 1} - epoch1970).count();
+  const int last = (sys_days{year{10000} / 12 / 31} - epoch1970).count();
+  int mismatches = 0;
+  for (int n = first; n <= last && mismatches < 5; ++n) {
+    const DKDateEx date = dkEpoch + static_cast<long>(n);
+    const year_month_day expected{epoch1970 + days{n}};
+    if (Chrono(date) != expected || (date - dkEpoch).GetDuration() != n) {
+      ADD_FAILURE() << "day " << n << ": got " << date.GetYear() << '-' << date.GetMonth() << '-' << date.GetDay();
+      ++mismatches;
+    }
+  }
+}
+
+// Chrono's whole year range, sampled with a stride prime to the week and month lengths.
+TEST(CalendarTest, DayCountsMatchChronoOverItsWholeRange) {
+  const int first = (sys_days{year{0} / 1 / 1} - epoch1970).count();
+  const int last = (sys_days{year{32767} / 12 / 31} - epoch1970).count();
+  for (int n = first; n <= last; n += 997) {
+    const DKDateEx date = dkEpoch + static_cast<long>(n);
+    ASSERT_EQ(Chrono(date), year_month_day{epoch1970 + days{n}}) << n;
+    ASSERT_EQ((date - dkEpoch).GetDuration(), n);
+  }
+}
+
+// Before year 0 the leap years follow the unsigned rule, which chrono does not know: there the
+// days must still run one after another through every valid date, and back again.
+TEST(CalendarTest, DaysBeforeYearZeroFormAnUnbrokenSequence) {
+  DKDateEx date(-1, 12, 31);
+  long offset = -1;
+  for (int step = 0; step < 5000 * 366; ++step) {
+    const DKDateEx previous = date - DKDurationEx(1, DKDurationEx::Day);
+    const bool monthStart = date.GetDay() == 1;
+    if (monthStart) {
+      ASSERT_EQ(previous.GetDay(), static_cast<unsigned>(DKDateEx::GetDaysInMonth(previous.GetYear(), previous.GetMonth())));
+    } else {
+      ASSERT_EQ(previous.GetDay() + 1, date.GetDay());
+      ASSERT_EQ(previous.GetMonth(), date.GetMonth());
+    }
+    ASSERT_EQ((date - DKDateEx(0, 1, 1)).GetDuration(), offset);
+    ASSERT_EQ(DKDateEx(0, 1, 1) + offset, date);
+    date = previous;
+    --offset;
+  }
+}
+
+TEST(CalendarTest, WholePackedRangeRoundTripsThroughDayCounts) {
+  std::mt19937_64 random(1234);
+  std::uniform_int_distribution<long> anyDay(0, 2L * 4194303 * 366);
+  const DKDateEx low = DKDateEx::minimum;
+  const long span = (DKDateEx::maximum - low).GetDuration(); // in weeks: too many days for 32 bits
+  ASSERT_EQ((DKDateEx::maximum - low).GetUnit(), DKDurationEx::Week);
+  for (int i = 0; i < 200000; ++i) {
+    const long n = anyDay(random) % (span * 7L);
+    const DKDateEx date = low + n;
+    ASSERT_TRUE(date.IsValid());
+    const DKDateEx next = date + 1L;
+    ASSERT_GT(next, date);
+    ASSERT_EQ(next - 1L, date);
+    ASSERT_EQ(date - n, low);
+  }
+  // The weeks are truncated: less than one week is left to the maximum.
+  const DKDurationEx rest = DKDateEx::maximum - (low + span * 7L);
+  EXPECT_EQ(rest.GetUnit(), DKDurationEx::Day);
+  EXPECT_GE(rest.GetDuration(), 0);
+  EXPECT_LT(rest.GetDuration(), 7);
+}
+
+TEST(CalendarTest, LeapYearsMatchChronoAndKeepTheUnsignedRuleBelowZero) {
+  for (int y = 0; y <= 32767; ++y)
+    ASSERT_EQ(DKIsLeapYear(static_cast<unsigned>(y)), year{y}.is_leap()) << y;
+  // A negative year is tested as 2^32 plus the year.
+  EXPECT_TRUE(DKIsLeapYear(static_cast<unsigned>(-4)));
+  EXPECT_TRUE(DKIsLeapYear(static_cast<unsigned>(-100))); // 4294967196 is not a multiple of 100
+  EXPECT_FALSE(DKIsLeapYear(static_cast<unsigned>(-1)));
+  EXPECT_FALSE(DKIsLeapYear(static_cast<unsigned>(-96 - 100))); // 4294967100 is a multiple of 100, not of 400
+  EXPECT_EQ(DKDateEx::GetDaysInMonth(-100, 2), 29);
+  EXPECT_TRUE(DKDateEx(-100, 2, 29).IsValid());
+}
+
+TEST(CalendarTest, WeekDaysMatchChronoFrom1970AndAreZeroBefore) {
+  for (int n = (sys_days{year{1960} / 1 / 1} - epoch1970).count(); n < 60000; ++n) {
+    const DKDateEx date = dkEpoch + static_cast<long>(n);
+    const unsigned expected = n < 0 ? 0 : weekday{epoch1970 + days{n}}.c_encoding();
+    ASSERT_EQ(date.GetWeekDay(), static_cast<int>(expected)) << n;
+  }
+  EXPECT_EQ(DKDateEx(1970, 1, 1).GetWeekDay(), 4);
+  EXPECT_EQ(DKDateEx(1969, 12, 31).GetWeekDay(), 0);
+  EXPECT_EQ(DKDateEx().GetWeekDay(), 0);
+}
+
+// The week number counts the Mondays from 1 January up to the date.
+TEST(CalendarTest, YearWeekCountsMondays) {
+  for (int y = 1970; y <= 2400; ++y) {
+    int mondays = 0;
+    for (sys_days d = year{y} / 1 / 1; d <= sys_days{year{y} / 12 / 31}; d += days{1}) {
+      if (weekday{d} == Monday)
+        ++mondays;
+      const year_month_day ymd{d};
+      const DKDateEx date(static_cast<int>(ymd.year()), static_cast<unsigned>(ymd.month()), static_cast<unsigned>(ymd.day()));
+      ASSERT_EQ(date.GetYearWeek(), mondays) << y << '-' << static_cast<unsigned>(ymd.month()) << '-' << static_cast<unsigned>(ymd.day());
+      ASSERT_EQ(date.GetYearDay(), (d - sys_days{year{y} / 1 / 1}).count() + 1);
+    }
+  }
+  // Before 1970 every day counts as a Sunday: the first "Monday" is never reached in week 1.
+  EXPECT_EQ(DKDateEx(1969, 1, 6).GetYearWeek(), 0);
+  EXPECT_EQ(DKDateEx(1969, 1, 7).GetYearWeek(), 1); // yd 6 >= k 6
+}
+
+// DKDate counts days from 1899-01-01 with the day-count formula on 16-bit fields.
+TEST(CalendarTest, DKDateCountsMatchChrono) {
+  const sys_days origin = year{1899} / 1 / 1;
+  for (int y = 1; y <= 32767; y += (y < 2200 ? 1 : 37)) {
+    for (unsigned m = 1; m <= 12; ++m) {
+      const unsigned last = static_cast<unsigned>(year_month_day_last{year{y} / month{m} / std::chrono::last}.day());
+      for (unsigned d : {1u, 15u, last}) {
+        const DKDate date(d, m, y);
+        ASSERT_EQ(date.GetDays(), (sys_days{year{y} / month{m} / day{d}} - origin).count()) << y << '-' << m << '-' << d;
+        ASSERT_EQ(date.year(), y);
+        ASSERT_EQ(date.month(), m);
+        ASSERT_EQ(date.day(), d);
+        ASSERT_EQ(date.weekday(), static_cast<int>(weekday{sys_days{year{y} / month{m} / day{d}}}.c_encoding()));
+      }
+    }
+  }
+  // Beyond 16-bit years the count goes on from the same origin.
+  EXPECT_EQ(DKDate(1, 1, 70000).GetDays(), (DKDateEx(70000, 1, 1) - DKDateEx(1899, 1, 1)).GetDuration());
+  EXPECT_EQ(DKDate(1, 1, 1899).GetDays(), 0);
+  EXPECT_EQ(DKDate::reference, 693537u);
+  EXPECT_EQ(DKDate::minimum, DKDate(1, 1, 1));
+}
+
+TEST(CalendarTest, FebruaryTwentyNinth) {
+  EXPECT_TRUE(DKDateEx(2000, 2, 29).IsValid());
+  EXPECT_TRUE(DKDateEx(2004, 2, 29).IsValid());
+  EXPECT_FALSE(DKDateEx::Pack(1900, 2, 29).IsValid());
+  EXPECT_THROW(DKDateEx(1900, 2, 29), DKDateExceptionEx);
+  EXPECT_EQ(DKDate::days_in_month(2, 1900), 28);
+  EXPECT_EQ(DKDate::days_in_month(2, 2000), 29);
+}
+
+} // namespace

@@ -1,0 +1,227 @@
+// The older values DKDate and DKDateTime, and the exceptions of the family.
+#include "DateTimeTestSupport.h"
+
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKMemoryPool.h>
+
+#include <sstream>
+
+namespace {
+
+using U = DKDurationEx::Unit;
+
+TEST(DateTest, CountsRangeAndArithmetic) {
+  EXPECT_TRUE(DKDate().IsNull());
+  EXPECT_EQ(DKDate(31, 12, 1899).GetDays(), 364);
+  EXPECT_EQ(DKDate(1, 1, 1).weekday(), 1); // a Monday
+  EXPECT_EQ(DKDate(15, 2, 2024).days_in_month(), 29);
+  EXPECT_EQ(DKDate::maximum.GetDays(), 2147483647);
+  EXPECT_THROW(DKDate(29, 2, 2023), DKDateException);
+  EXPECT_THROW(DKDate(31, 12, 0), DKDateException); // before the minimum
+  DKDate d(31, 1, 2021);
+  EXPECT_EQ(d + DKDurationEx(1, U::Month), DKDate(28, 2, 2021));
+  EXPECT_EQ(d - DKDurationEx(2, U::Week), DKDate(17, 1, 2021));
+  EXPECT_EQ(d + DKDurationEx(5, U::Hour), d);
+  d += 365L;
+  EXPECT_EQ(d, DKDate(31, 1, 2022));
+  EXPECT_EQ(d - DKDate(31, 1, 2021), DKDurationEx(365, U::Day));
+  DKDate last = DKDate::maximum;
+  EXPECT_THROW(++last, DKDateException);
+  EXPECT_EQ(last, DKDate::maximum);
+  DKDate first = DKDate::minimum;
+  EXPECT_THROW(first--, DKDateException);
+  EXPECT_THROW(first -= DKDurationEx(2147483647L, U::Year), DKDateException);
+  EXPECT_THROW(first += 9000000000000000000L, DKDateException);
+  EXPECT_EQ(DKDate::maximum.year(), 5881509);
+}
+
+TEST(DateTest, RecordsAndText) {
+  const DKDate d(5, 1, 2020);
+  EXPECT_EQ(d.AsString(), DK_T("2020/01/05"));
+  EXPECT_EQ(d.AsString(DK_T("%d.%m.%y W%W")), DK_T("05.01.20 W00"));
+  EXPECT_EQ(DKDate::maximum.AsString(), DK_T("5881509/07/12"));
+  DKDate r;
+  EXPECT_TRUE(r.FromString(DK_T("1/2/2003"), DK_T("%d/%m/%Y")).Good());
+  EXPECT_EQ(r, DKDate(1, 2, 2003));
+  EXPECT_EQ(r.FromString(DK_T("0/2/2003"), DK_T("%d/%m/%Y")).GetCode(), DK_MSG_INVALID_DATE);
+  EXPECT_EQ(r, DKDate(1, 2, 2003)); // unchanged
+  DKDateEx ex;
+  ASSERT_TRUE(d.AsDKDateEx(ex));
+  EXPECT_EQ(ex, DKDateEx(2020, 1, 5));
+  EXPECT_EQ(DKDate(ex), d);
+  VARIANT v{};
+  ASSERT_TRUE(d.AsVariant(v));
+  EXPECT_EQ(v.date, 43835.0);
+  EXPECT_EQ(DKDate(v), d);
+  SYSTEMTIME st{};
+  ASSERT_TRUE(d.AsSystemTime(st));
+  EXPECT_EQ(DKDate(st), d);
+  std::tm tm{};
+  ASSERT_TRUE(d.AsStructTM(tm));
+  EXPECT_EQ(DKDate(tm), d);
+  std::ostringstream out;
+  out << d;
+  EXPECT_EQ(out.str(), "2020/01/05");
+  std::istringstream in("2003/02/01");
+  DKDate fromStream;
+  in >> fromStream;
+  EXPECT_EQ(fromStream, DKDate(1, 2, 2003));
+}
+
+TEST(DateTimeLegacyTest, CountsAndRange) {
+  EXPECT_EQ(DKDateTime::maximum.GetTime_t(), 2147397247);
+  EXPECT_EQ(DKDateTime::minimum.GetTime_t(), -2147397248);
+  EXPECT_TRUE(DKDateTime().IsNull());
+  const DKDateTime t(1578219630); // 2020-01-05 10:20:30 UTC
+  EXPECT_EQ(t.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 10:20:30"));
+  EXPECT_EQ(DKDateTime(2020, 1, 5, 10, 20, 30, DKTimeZone::UTC), t);
+  EXPECT_EQ(t.AsDKDateTimeEx(), Utc(2020, 1, 5, 10, 20, 30));
+  EXPECT_EQ(DKDateTime(Utc(2020, 1, 5, 10, 20, 30, 999)), t); // milliseconds are dropped
+  EXPECT_EQ(t + DKDurationEx(1, U::Hour) - t, DKDurationEx(3600, U::Second));
+  EXPECT_THROW(DKDateTime(static_cast<std::time_t>(2147397248)), DKDateException);
+  EXPECT_THROW(DKDateTime(2100, 1, 1), DKDateException);
+
+  DKDateTime last = DKDateTime::maximum;
+  try {
+    ++last;
+    FAIL() << "no exception";
+  } catch (const DKDateException& e) {
+    EXPECT_EQ(e.dateTime(), DKDateTime::maximum);
+  }
+  DKDateTime first = DKDateTime::minimum;
+  try {
+    first -= DKDurationEx(1, U::Second);
+    FAIL() << "no exception";
+  } catch (const DKDateException& e) {
+    EXPECT_EQ(e.dateTime(), DKDateTime::minimum);
+  }
+  try {
+    first -= DKDurationEx(2147483647L, U::Year); // beyond the Ex range too
+    FAIL() << "no exception";
+  } catch (const DKDateException& e) {
+    EXPECT_EQ(e.dateTime(), DKDateTime::minimum);
+  }
+  EXPECT_EQ(first, DKDateTime::minimum);
+}
+
+TEST(DateTimeLegacyTest, TextAndToDate) {
+  const DKDateTime t(1578219630);
+  const struct {
+    const DKChar* text;
+    const DKChar* format;
+    bool ok;
+  } cases[] = {
+      {DK_T("2020/01/05 10:20:30"), DK_T(""), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS')"), DK_T(""), true},
+      {DK_T("  to_date( '05.01.2020 10:20:30' , 'dd.mm.yyyy hh:mi:ss' )"), DK_T(""), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30')"), DK_T(""), true},
+      {DK_T("TO_DATE('05-01-20 10.20.30', 'DD-MM-YY HH24.MI.SS')"), DK_T(""), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS'"), DK_T(""), false}, // unclosed
+      {DK_T("TO_DATE(2020/01/05)"), DK_T(""), false},
+      {DK_T("TO_DATE('2020/01/05 10:20:30') x"), DK_T(""), false},
+      {DK_T("2100/01/01 00:00:00"), DK_T(""), false}, // beyond the count's range
+      {DK_T("1901/12/13 20:45:52"), DK_T(""), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(DKString(c.text).AsUTF8());
+    DKDateTime v(42);
+    const DKErrorID result = v.FromString(c.text, c.format, DKTimeZone::UTC);
+    EXPECT_EQ(result.Good(), c.ok);
+    EXPECT_EQ(v, c.ok ? t : DKDateTime(42));
+    if (!c.ok) {
+      EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_DATE);
+      EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), c.text);
+    }
+  }
+  DKDateTime midnight;
+  ASSERT_TRUE(midnight.FromString(DK_T("TO_DATE('2020-01-05', 'YYYY-MM-DD')"), DKString(), DKTimeZone::UTC).Good());
+  EXPECT_EQ(midnight, DKDateTime(2020, 1, 5, 0, 0, 0, DKTimeZone::UTC));
+  bool ok = false;
+  EXPECT_TRUE(DKString(DK_T("   ")).AsDKDateTime(&ok).IsNull());
+  EXPECT_TRUE(ok);
+}
+
+TEST(DateTimeLegacyTest, LocalZoneAndStreams) {
+  DK_REQUIRE_ZONE("Europe/Paris");
+  ScopedTimeZone tz("Europe/Paris");
+  const DKDateTime t(1578219630);
+  EXPECT_EQ(t.AsString(), DK_T("2020/01/05 11:20:30"));
+  EXPECT_EQ(DKDateTime(2020, 1, 5, 11, 20, 30), t);
+  std::ostringstream out;
+  out << t;
+  EXPECT_EQ(out.str(), "2020/01/05 11:20:30");
+  std::istringstream in("2020/07/05 12:00:00");
+  DKDateTime back;
+  in >> back;
+  EXPECT_EQ(back.GetTime_t(), 1593943200);
+  // Calendar units keep the local clock across the change to summer time.
+  EXPECT_EQ((DKDateTime(2021, 3, 27, 12, 0, 0) + DKDurationEx(1, U::Day)).AsString(), DK_T("2021/03/28 12:00:00"));
+  EXPECT_EQ(DKDateTimeEx(t), Utc(2020, 1, 5, 10, 20, 30));
+  EXPECT_EQ(DKDateEx(t), DKDateEx(2020, 1, 5));
+  EXPECT_EQ(DKTimeEx(t), DKTimeEx(11, 20, 30));
+  EXPECT_EQ(DKTimeEx(t, DKTimeZone::UTC), DKTimeEx(10, 20, 30));
+}
+
+TEST(DateExceptionsTest, MessagesAndValues) {
+  const DKDateExceptionEx range(DKDateTimeEx::maximum);
+  EXPECT_EQ(range.What(), DK_T("Date and time out of range: 4194303/12/31 23:59:59.999 UTC"));
+  EXPECT_EQ(range.dateTime(), DKDateTimeEx::maximum);
+  const DKDateExceptionEx text(DKString(DK_T("Invalid date: x")));
+  EXPECT_TRUE(text.dateTime().IsNull());
+  EXPECT_STREQ(text.what(), "Invalid date: x");
+  const DKDateException old(DKDateTime::minimum);
+  EXPECT_EQ(old.What(), DK_T("Date and time out of range: 1901/12/14 20:45:52 UTC"));
+  const DKDurationExceptionEx duration(DKDurationEx(5, DKDurationEx::Day));
+  EXPECT_EQ(duration.What(), DK_T("Duration out of range: 5 day"));
+  EXPECT_EQ(duration.GetDuration(), DKDurationEx(5, DKDurationEx::Day));
+  const DKDurationExceptionEx overflow(3000000000LL, DKDurationEx::Second);
+  EXPECT_EQ(overflow.GetCount(), 3000000000LL);
+  EXPECT_EQ(overflow.GetDuration().GetDuration(), 2147483647);
+  try {
+    throw DKDateExceptionEx(DKDateTimeEx::minimum);
+  } catch (const DKException& e) { // one family
+    EXPECT_NE(std::string(e.what()).find("-4194303/01/01"), std::string::npos);
+  }
+  // Constructors report text they cannot read with the message of the library's error.
+  try {
+    DKDateTimeEx bad(DKString(DK_T("31/31/31")));
+    FAIL() << "no exception";
+  } catch (const DKDateExceptionEx& e) {
+    EXPECT_EQ(e.What(), DK_T("Invalid date: 31/31/31"));
+  }
+}
+
+} // namespace
+
+namespace {
+
+TEST(DateTimeErrorParamTest, IsCopiedReadAndPrintedInTheContextFormat) {
+  const DKDateTime when(2024, 3, 1, 14, 5, 9);
+  {
+    // Process-wide state made on first use (the message source, zone data) is not a leak.
+    DKSmartPtr<DKErrorWithArgs> warmUp = DKLibraryError(DK_MSG_INVALID_DATE);
+    warmUp->AddParam(when);
+    warmUp->GetParameterValueAsString(0, DKExecContext(DKString(DK_T("%Y-%m"))));
+    DKErrorID(warmUp).AsString();
+  }
+  const std::size_t blocks = DMMemoryPool::GetLiveBlocks();
+  {
+    DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_DATE);
+    EXPECT_EQ(error->AddParam(7), 0u);
+    EXPECT_EQ(error->AddParam(when), 1u);
+    EXPECT_EQ(error->GetParameterType(1), DKErrorI::ParamDKDateTime);
+
+    DKErrorWithArgs copy(*error);
+    error.Clear(); // the copy owns values of its own
+    DKDateTime out;
+    ASSERT_TRUE(copy.GetParam(out, 1));
+    EXPECT_EQ(out.GetTime_t(), when.GetTime_t());
+    EXPECT_FALSE(copy.GetParam(out, 0)); // an int is not a date-time
+    EXPECT_FALSE(copy.GetParam(out, 2));
+    EXPECT_EQ(copy.GetParameterValueAsString(1, DKExecContext()), when.AsString());
+    EXPECT_EQ(copy.GetParameterValueAsString(1, DKExecContext(DKString(DK_T("%Y-%m")))), DKString(DK_T("2024-03")));
+  }
+  EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), blocks);
+}
+
+} // namespace

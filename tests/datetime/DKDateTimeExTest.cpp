@@ -1,0 +1,553 @@
+// DKDateTimeEx and DKTimeZone: layout, zones and daylight saving, arithmetic, records and the
+// "%" text formats. Zone cases run under a fixed TZ (Europe/Paris, America/New_York).
+#include "DateTimeTestSupport.h"
+
+#include <ctime>
+#include <sstream>
+#include <vector>
+
+namespace {
+
+using U = DKDurationEx::Unit;
+constexpr const char* paris = "Europe/Paris";
+constexpr const char* newYork = "America/New_York";
+
+// ---- Layout and predicates ------------------------------------------------------------------------
+
+TEST(DateTimeExTest, PartsPredicatesAndOrder) {
+  const DKDateTimeEx both = Utc(2020, 1, 5, 10, 20, 30);
+  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
+  const DKDateTimeEx time(DKTimeEx(10, 20, 30));
+  const struct {
+    DKDateTimeEx value;
+    bool hasDate, hasTime, both, onlyDate, onlyTime, null, valid;
+  } cases[] = {
+      {DKDateTimeEx(), false, false, false, false, false, true, false},
+      {both, true, true, true, false, false, false, true},
+      {date, true, false, false, true, false, false, true},
+      {time, false, true, false, false, true, false, true},
+      {DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx()), true, false, false, true, false, false, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.value));
+    EXPECT_EQ(c.value.HasDate(), c.hasDate);
+    EXPECT_EQ(c.value.HasTime(), c.hasTime);
+    EXPECT_EQ(c.value.IsDateAndTime(), c.both);
+    EXPECT_EQ(c.value.IsOnlyDate(), c.onlyDate);
+    EXPECT_EQ(c.value.IsOnlyTime(), c.onlyTime);
+    EXPECT_EQ(c.value.IsNull(), c.null);
+    EXPECT_EQ(c.value.IsValid(), c.valid);
+  }
+  EXPECT_EQ(both.AsInt64(), (static_cast<DKInt64>(DKDateEx(2020, 1, 5).AsInt()) << 32) | DKTimeEx(10, 20, 30).AsInt());
+  EXPECT_EQ(DKDateTimeEx::null.AsInt64(), 0xFFFFFFFFLL);
+  EXPECT_LT(Utc(2020, 1, 5, 23, 59), Utc(2020, 1, 6, 0, 0)); // date first, then time
+  EXPECT_LT(Utc(-5, 1, 5, 23, 59), Utc(2020, 1, 5, 0, 0));
+  EXPECT_LT(both, date); // a date alone holds time -1: all ones in the lower half
+  EXPECT_EQ(DKDateTimeEx::minimum, Utc(-4194303, 1, 1));
+  EXPECT_EQ(DKDateTimeEx::maximum, Utc(4194303, 12, 31, 23, 59, 59, 999));
+  DKDateTimeEx v = both;
+  v.SetTimeNull();
+  EXPECT_EQ(v, date);
+  v.SetDateNull();
+  EXPECT_TRUE(v.IsNull());
+}
+
+// ---- Zones --------------------------------------------------------------------------------------
+
+TEST(TimeZoneTest, PredefinedZones) {
+  DK_REQUIRE_ZONE(paris);
+  ScopedTimeZone tz(paris);
+  EXPECT_EQ(DKTimeZone().GetId(), 0);
+  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetId(), 1);
+  EXPECT_EQ(DKTimeZone(), DKTimeZone(DKTimeZone::Local));
+  EXPECT_NE(DKTimeZone(), DKTimeZone(DKTimeZone::UTC));
+  EXPECT_EQ(DKTimeZone().GetBias(), -60);
+  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetBias(), 0);
+  EXPECT_EQ(DKTimeZone().GetName(false), DK_T("CET"));
+  EXPECT_EQ(DKTimeZone().GetName(true), DK_T("CEST"));
+  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetName(), DK_T("UTC"));
+  bool daylight = false;
+  EXPECT_EQ(DKTimeZone().GetOffset(1625140800, &daylight), 7200); // 2021-07-01 12:00 UTC
+  EXPECT_TRUE(daylight);
+  EXPECT_EQ(DKTimeZone().GetOffset(1609502400, &daylight), 3600); // 2021-01-01 12:00 UTC
+  EXPECT_FALSE(daylight);
+  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetOffset(1625140800), 0);
+}
+
+TEST(TimeZoneTest, FollowsTZChanges) {
+  DK_REQUIRE_ZONE(paris);
+  DK_REQUIRE_ZONE(newYork);
+  {
+    ScopedTimeZone tz(paris);
+    EXPECT_EQ(DKTimeZone().GetBias(), -60);
+  }
+  ScopedTimeZone tz(newYork);
+  EXPECT_EQ(DKTimeZone().GetBias(), 300);
+  EXPECT_EQ(DKTimeZone().GetName(), DK_T("EST"));
+}
+
+TEST(TimeZoneTest, SystemTimeBetweenUtcAndZone) {
+  DK_REQUIRE_ZONE(newYork);
+  ScopedTimeZone tz(newYork);
+  const DKSystemTime utc(2021, 7, 0, 4, 16, 30, 0, 5);
+  SYSTEMTIME local{};
+  ASSERT_TRUE(DKTimeZone().SystemTimeToZone(utc, local));
+  EXPECT_EQ(local.wHour, 12);
+  EXPECT_EQ(local.wDay, 4);
+  EXPECT_EQ(local.wDayOfWeek, 0); // 2021-07-04 was a Sunday
+  EXPECT_EQ(local.wMilliseconds, 5);
+  EXPECT_EQ(DKSystemTimeDifference(local, utc), -4 * 3600);
+  SYSTEMTIME back{};
+  ASSERT_TRUE(DKTimeZone().ZoneToSystemTime(local, back));
+  EXPECT_EQ(DKSystemTimeDifference(back, utc), 0);
+  SYSTEMTIME invalid = utc;
+  invalid.wMonth = 13;
+  EXPECT_FALSE(DKTimeZone().SystemTimeToZone(invalid, local));
+  SYSTEMTIME same{};
+  ASSERT_TRUE(DKTimeZone(DKTimeZone::UTC).SystemTimeToZone(utc, same));
+  EXPECT_EQ(DKSystemTimeDifference(same, utc), 0);
+}
+
+// The library learns each year's changes of offset from the system and answers from that
+// table: it must agree with the system at every instant, to the second around each change.
+TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
+  const auto system = [](std::int64_t t) {
+    const time_t value = static_cast<time_t>(t);
+    std::tm tm{};
+    localtime_r(&value, &tm);
+    return static_cast<int>(tm.tm_gmtoff);
+  };
+  for (const char* zone : {paris, newYork, "Australia/Lord_Howe", "Asia/Kolkata"}) {
+    if (!HasZoneInfo(zone))
+      continue;
+    ScopedTimeZone tz(zone);
+    SCOPED_TRACE(zone);
+    const DKTimeZone local;
+    int changes = 0;
+    constexpr std::int64_t step = 6 * 3600;
+    for (std::int64_t t = -2524521600; t < 2524608000; t += step) { // 1890 to 2050
+      ASSERT_EQ(local.GetOffset(t), system(t)) << t;
+      if (system(t - step) == system(t))
+        continue;
+      std::int64_t low = t - step, high = t; // find the change independently, to the second
+      while (high - low > 1)
+        (system(low + (high - low) / 2) == system(low) ? low : high) = low + (high - low) / 2;
+      ASSERT_EQ(local.GetOffset(high - 1), system(high - 1)) << high;
+      ASSERT_EQ(local.GetOffset(high), system(high)) << high;
+      ++changes;
+    }
+    EXPECT_GT(changes, 2);
+  }
+}
+
+struct WallCase {
+  const char* zone;
+  int year;
+  unsigned month, day, hour, minute;
+  DKDateTimeEx utc;
+};
+
+// Readings in the hour skipped when daylight saving starts move forward by the gap; readings
+// in the hour repeated when it ends take the earlier instant.
+TEST(TimeZoneTest, WallClockReadingsAroundChanges) {
+  const WallCase cases[] = {
+      {paris, 2021, 3, 28, 1, 30, Utc(2021, 3, 28, 0, 30)},   {paris, 2021, 3, 28, 2, 30, Utc(2021, 3, 28, 1, 30)},
+      {paris, 2021, 3, 28, 3, 30, Utc(2021, 3, 28, 1, 30)},   {paris, 2021, 10, 31, 2, 30, Utc(2021, 10, 31, 0, 30)},
+      {paris, 2021, 10, 31, 3, 30, Utc(2021, 10, 31, 2, 30)}, {newYork, 2021, 3, 14, 2, 30, Utc(2021, 3, 14, 7, 30)},
+      {newYork, 2021, 11, 7, 1, 30, Utc(2021, 11, 7, 5, 30)}, {newYork, 2021, 11, 7, 2, 30, Utc(2021, 11, 7, 7, 30)},
+  };
+  for (const WallCase& c : cases) {
+    DK_REQUIRE_ZONE(c.zone);
+    ScopedTimeZone tz(c.zone);
+    SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.month << '-' << c.day << ' ' << c.hour << ':' << c.minute);
+    EXPECT_EQ(DKDateTimeEx(c.year, c.month, c.day, c.hour, c.minute), c.utc);
+  }
+}
+
+// ---- Arithmetic --------------------------------------------------------------------------------
+
+struct AddCase {
+  const char* zone;
+  DKDateTimeEx from; // built inside the zone from local fields
+  DKDurationEx by;
+  const DKChar* localResult;
+};
+
+TEST(DateTimeExArithmeticTest, CalendarUnitsKeepTheClockAcrossDaylightSaving) {
+  struct Case {
+    const char* zone;
+    int year;
+    unsigned month, day, hour;
+    DKDurationEx by;
+    const DKChar* local;
+    long hoursElapsed;
+  };
+  const Case cases[] = {
+      {paris, 2021, 3, 27, 12, {1, U::Day}, DK_T("2021/03/28 12:00:00"), 23},
+      {paris, 2021, 3, 27, 12, {24, U::Hour}, DK_T("2021/03/28 13:00:00"), 24},
+      {paris, 2021, 10, 30, 12, {1, U::Day}, DK_T("2021/10/31 12:00:00"), 25},
+      {paris, 2021, 10, 31, 12, {-1, U::Day}, DK_T("2021/10/30 12:00:00"), -25},
+      {paris, 2021, 2, 28, 12, {1, U::Month}, DK_T("2021/03/28 12:00:00"), 28 * 24 - 1},
+      {paris, 2021, 3, 21, 12, {1, U::Week}, DK_T("2021/03/28 12:00:00"), 7 * 24 - 1},
+      {newYork, 2021, 3, 13, 12, {1, U::Day}, DK_T("2021/03/14 12:00:00"), 23},
+      {newYork, 2021, 11, 6, 12, {1, U::Day}, DK_T("2021/11/07 12:00:00"), 25},
+      {newYork, 2021, 11, 6, 12, {24, U::Hour}, DK_T("2021/11/07 11:00:00"), 24},
+      {newYork, 2020, 11, 1, 12, {-1, U::Year}, DK_T("2019/11/01 12:00:00"), -(366 * 24 + 1)},
+  };
+  for (const Case& c : cases) {
+    DK_REQUIRE_ZONE(c.zone);
+    ScopedTimeZone tz(c.zone);
+    SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.by.AsString(true).AsUTF8());
+    const DKDateTimeEx from(c.year, c.month, c.day, c.hour);
+    const DKDateTimeEx to = from + c.by;
+    EXPECT_EQ(to.AsString(), c.local);
+    EXPECT_EQ((to - from).AsMilliSeconds(), c.hoursElapsed * 3600000LL);
+    EXPECT_EQ(to - c.by, from);
+  }
+}
+
+TEST(DateTimeExArithmeticTest, ClockUnitsMoveTheInstantAndCarryDays) {
+  EXPECT_EQ(Utc(2020, 12, 31, 23, 30) + DKDurationEx(2, U::Hour), Utc(2021, 1, 1, 1, 30));
+  EXPECT_EQ(Utc(2021, 3, 1, 0, 30) - DKDurationEx(1, U::Hour), Utc(2021, 2, 28, 23, 30));
+  EXPECT_EQ(Utc(2021, 3, 1) + DKDurationEx(-2147483647L, U::Second), Utc(1953, 2, 10, 20, 45, 53));
+  // A date alone gains a time from a clock unit; a time alone wraps.
+  EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 3, 1)) + DKDurationEx(90, U::Minute), Utc(2021, 3, 1, 1, 30));
+  EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 0)) + DKDurationEx(2, U::Hour), DKDateTimeEx(DKTimeEx(1, 0)));
+  EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 0)) + DKDurationEx(2, U::Day), DKDateTimeEx(DKTimeEx(23, 0)));
+  EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 1, 31)) + DKDurationEx(1, U::Month), DKDateTimeEx(DKDateEx(2021, 2, 28)));
+  DKDateTimeEx null;
+  null += DKDurationEx(1, U::Day);
+  EXPECT_TRUE(null.IsNull());
+  DKDateTimeEx v = Utc(2021, 1, 1, 23, 59, 59, 999);
+  EXPECT_EQ(++v, Utc(2021, 1, 2));
+  DKDateTimeEx d(DKDateEx(2021, 1, 1));
+  EXPECT_EQ(--d, DKDateTimeEx(DKDateEx(2020, 12, 31)));
+}
+
+TEST(DateTimeExArithmeticTest, LeavingTheRangeThrowsWithTheBound) {
+  DK_REQUIRE_ZONE(newYork);
+  ScopedTimeZone tz(newYork);
+  const struct {
+    DKDateTimeEx from;
+    DKDurationEx by;
+    DKDateTimeEx bound;
+  } cases[] = {
+      {DKDateTimeEx::maximum, {1, U::Millisecond}, DKDateTimeEx::maximum},
+      {DKDateTimeEx::maximum, {1, U::Day}, DKDateTimeEx::maximum},
+      {DKDateTimeEx::minimum, {-1, U::Second}, DKDateTimeEx::minimum},
+      {DKDateTimeEx::minimum, {-1, U::Year}, DKDateTimeEx::minimum},
+      {Utc(2000, 1, 1, 12), {2147483647L, U::Year}, DKDateTimeEx::maximum},
+      {Utc(2000, 1, 1, 12), {-2147483647L, U::Month}, DKDateTimeEx::minimum},
+      {DKDateTimeEx(DKDateEx::maximum), {1, U::Day}, DKDateTimeEx::maximum},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.by.AsString(true).AsUTF8());
+    DKDateTimeEx v = c.from;
+    try {
+      v += c.by;
+      ADD_FAILURE() << "no exception";
+    } catch (const DKDateExceptionEx& e) {
+      EXPECT_EQ(e.dateTime(), c.bound);
+    }
+    EXPECT_EQ(v, c.from);
+  }
+  // Near the ends, a local breakdown that passes the last year still comes back into range.
+  EXPECT_EQ(DKDateTimeEx::maximum - DKDurationEx(1, U::Day) + DKDurationEx(1, U::Day), DKDateTimeEx::maximum);
+}
+
+TEST(DateTimeExArithmeticTest, DifferenceUnits) {
+  EXPECT_EQ(Utc(2021, 1, 1, 0, 0, 1) - Utc(2021, 1, 1), DKDurationEx(1000, U::Millisecond));
+  EXPECT_EQ(Utc(2021, 3, 1) - Utc(2021, 1, 1), DKDurationEx(59 * 86400, U::Second)); // too many milliseconds
+  EXPECT_EQ(Utc(2121, 1, 1) - Utc(2021, 1, 1), DKDurationEx(36524 * 1440, U::Minute));
+  EXPECT_EQ(DKDateTimeEx::maximum - DKDateTimeEx::minimum, DKDurationEx((DKDateEx::maximum - DKDateEx::minimum).GetDuration(), U::Week));
+  EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 3, 1)) - DKDateTimeEx(DKDateEx(2021, 1, 1)), DKDurationEx(59, U::Day));
+  EXPECT_EQ(DKDateTimeEx(DKTimeEx(1, 0)) - Utc(2021, 3, 1, 2, 0), DKDurationEx(-3600000, U::Millisecond));
+  EXPECT_EQ(DKDateTimeEx() - Utc(2021, 3, 1), DKDurationEx::invalid_);
+}
+
+// ---- Records ------------------------------------------------------------------------------------
+
+TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
+  DK_REQUIRE_ZONE(paris);
+  ScopedTimeZone tz(paris);
+  const DKDateTimeEx summer = Utc(2021, 7, 1, 10, 0, 0, 123);
+  FILETIME ft{};
+  ASSERT_TRUE(summer.AsFileTime(ft));
+  EXPECT_EQ(DKDateTimeEx(ft), summer);
+  EXPECT_FALSE(DKDateTimeEx(DKDateEx(2021, 7, 1)).AsFileTime(ft));
+  EXPECT_FALSE(Utc(1600, 12, 31, 23).AsFileTime(ft));
+
+  std::tm tm{};
+  ASSERT_TRUE(summer.AsStructTM(tm));
+  EXPECT_EQ(tm.tm_hour, 12);
+  EXPECT_EQ(tm.tm_isdst, 1);
+  EXPECT_EQ(tm.tm_yday, 181);
+  EXPECT_EQ(tm.tm_wday, 4);
+  EXPECT_EQ(DKDateTimeEx(tm), Utc(2021, 7, 1, 10));
+  ASSERT_TRUE(summer.AsStructTM(tm, DKTimeZone::UTC));
+  EXPECT_EQ(tm.tm_hour, 10);
+  EXPECT_EQ(tm.tm_isdst, 0);
+
+  SYSTEMTIME st{};
+  ASSERT_TRUE(summer.AsSystemTime(st));
+  EXPECT_EQ(st.wHour, 12);
+  EXPECT_EQ(st.wMilliseconds, 123);
+  EXPECT_EQ(DKDateTimeEx(st), summer);
+  EXPECT_EQ(DKDateTimeEx(st, DKTimeZone::UTC), Utc(2021, 7, 1, 12, 0, 0, 123));
+
+  VARIANT v{};
+  ASSERT_TRUE(summer.AsVariant(v));
+  EXPECT_EQ(v.vt, VT_DATE);
+  EXPECT_DOUBLE_EQ(v.date, 44378.5); // local noon; milliseconds are dropped
+  EXPECT_EQ(DKDateTimeEx(v), Utc(2021, 7, 1, 10));
+  EXPECT_EQ(DKDateTimeEx(0.25), DKDateTimeEx(DKTimeEx(6, 0)));
+  DKDateTimeEx x;
+  EXPECT_FALSE(x.FromVariant(3e6));
+  EXPECT_TRUE(DKDateTimeEx().AsVariant(v));
+  EXPECT_EQ(v.vt, VT_NULL);
+
+  DKInt64 seconds = 0;
+  std::int32_t ms = 0;
+  ASSERT_TRUE(summer.AsUnixTime(seconds, &ms));
+  EXPECT_EQ(seconds, 1625133600);
+  EXPECT_EQ(ms, 123);
+  ASSERT_TRUE(Utc(1969, 12, 31, 23, 59, 59, 500).AsUnixTime(seconds, &ms));
+  EXPECT_EQ(seconds, -1);
+  EXPECT_EQ(ms, 500);
+}
+
+TEST(DateTimeExRecordsTest, BrokenDownForm) {
+  DK_REQUIRE_ZONE(newYork);
+  ScopedTimeZone tz(newYork);
+  DKDateAndTime fields;
+  ASSERT_TRUE(Utc(2021, 1, 1, 3, 4, 5, 6).GetDateAndTime(fields));
+  EXPECT_EQ(fields.year, 2020);
+  EXPECT_EQ(fields.month, 12u);
+  EXPECT_EQ(fields.day, 31u);
+  EXPECT_EQ(fields.hour, 22u);
+  EXPECT_EQ(fields.millisecond, 6u);
+  EXPECT_EQ(fields.flags, 0u);
+  EXPECT_EQ(DKDateTimeEx(fields), Utc(2021, 1, 1, 3, 4, 5, 6));
+  fields.flags = DKDateAndTime::NoDate;
+  EXPECT_EQ(DKDateTimeEx(fields), DKDateTimeEx(DKTimeEx(22, 4, 5, 6))); // no zone shift for a time alone
+  fields.flags = 0;
+  fields.second = 60;
+  DKDateTimeEx keep = Utc(2000, 1, 1);
+  EXPECT_FALSE(keep.SetDateAndTime(fields));
+  EXPECT_EQ(keep, Utc(2000, 1, 1));
+  EXPECT_TRUE(DKDateTimeEx().GetDateAndTime(fields));
+  EXPECT_EQ(fields.flags, DKDateAndTime::FlagsFor(false, false));
+  EXPECT_FALSE(DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx(1, 0)).GetDateAndTime(fields));
+}
+
+// ---- Text: writing -------------------------------------------------------------------------------
+
+TEST(DateTimeExTextTest, DefaultFormats) {
+  const DKDateTimeEx both = Utc(2020, 1, 5, 1, 2, 3);
+  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
+  const DKDateTimeEx time(DKTimeEx(1, 2, 3));
+  EXPECT_EQ(both.GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S"));
+  EXPECT_EQ(date.GetDefaultFormat(true, false), DK_T("%Y/%m/%d %H:%M:%S"));
+  EXPECT_EQ(both.GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
+  EXPECT_EQ(both.GetDefaultFormat(false, false), DK_T("%Y/%m/%d %H:%M:%S"));
+  EXPECT_EQ(date.GetDefaultFormat(false, true), DK_T("%Y/%m/%d"));
+  EXPECT_EQ(time.GetDefaultFormat(false, true), DK_T("%H:%M:%S.%L"));
+  EXPECT_EQ(time.GetDefaultFormat(false, false), DK_T("%H:%M:%S"));
+  EXPECT_EQ(DKDateTimeEx().GetDefaultFormat(false, true), DK_T(""));
+  EXPECT_EQ(both.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03"));
+  EXPECT_EQ(Utc(2020, 1, 5, 1, 2, 3, 4).AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03.004"));
+  EXPECT_EQ(date.AsString(), DK_T("2020/01/05"));
+  EXPECT_EQ(time.AsString(), DK_T("01:02:03"));
+  EXPECT_EQ(DKDateTimeEx().AsString(), DK_T(""));
+  EXPECT_EQ(DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx(1, 0)).AsString(), DK_T(""));
+}
+
+TEST(DateTimeExTextTest, Codes) {
+  DK_REQUIRE_ZONE(paris);
+  ScopedTimeZone tz(paris);
+  const DKDateTimeEx winter = Utc(2021, 1, 4, 23, 5, 9, 7); // Tuesday 00:05 in Paris
+  const struct {
+    DKDateTimeEx value;
+    const DKChar* format;
+    DKTimeZone zone;
+    const DKChar* text;
+  } cases[] = {
+      {winter, DK_T("%Y-%m-%d %H:%M:%S.%L"), DKTimeZone::Local, DK_T("2021-01-05 00:05:09.007")},
+      {winter, DK_T("%y|%W|%Z|%z|%%|%q|x"), DKTimeZone::Local, DK_T("21|01|+01:00|+01:00|%|q|x")},
+      {winter, DK_T("%d %Z %W"), DKTimeZone::UTC, DK_T("04 Z 01")}, // %W: the week in the local zone
+      {Utc(2021, 7, 1, 12), DK_T("%H %Z"), DKTimeZone::Local, DK_T("14 +02:00")},
+      {Utc(2021, 1, 3, 23, 30), DK_T("%Y/%m/%d %W"), DKTimeZone::UTC, DK_T("2021/01/03 01")},
+      {Utc(2021, 1, 3, 22, 30), DK_T("%Y/%m/%d %W"), DKTimeZone::UTC, DK_T("2021/01/03 00")},
+      {DKDateTimeEx(DKDateEx(1969, 12, 29)), DK_T("%W"), DKTimeZone::Local, DK_T("51")}, // every day a Sunday
+      {DKDateTimeEx(DKDateEx(2021, 1, 5)), DK_T("%Z %H"), DKTimeZone::Local, DK_T("Z 00")},
+      {DKDateTimeEx(DKTimeEx(10, 0)), DK_T("%Y|%y|%m|%d|%W|%Z"), DKTimeZone::Local, DK_T("0|00|00|00|00|Z")},
+      {Utc(-4194303, 1, 1), DK_T("%Y %y"), DKTimeZone::UTC, DK_T("-4194303 03")},
+      {Utc(2021, 1, 4), DK_T("%Y%"), DKTimeZone::UTC, DK_T("2021%")}, // "%" at the end stands for itself
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.value.AsString(c.format, c.zone), c.text) << DKString(c.format).AsUTF8();
+    // The buffer form writes the same text when the buffer is large enough.
+    DKChar buffer[64];
+    EXPECT_TRUE(c.value.AsString(buffer, 64, DKString(c.format).c_str(), c.zone).Good());
+    EXPECT_EQ(DKString(buffer), c.text);
+  }
+}
+
+TEST(DateTimeExTextTest, OffsetsInNewYork) {
+  DK_REQUIRE_ZONE(newYork);
+  ScopedTimeZone tz(newYork);
+  EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));
+  EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("08:00-04:00"));
+  if (HasZoneInfo("Asia/Kolkata")) {
+    ScopedTimeZone india("Asia/Kolkata");
+    EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("17:30+05:30"));
+  }
+}
+
+// Writing stops once size - 5 characters are written; a code is never cut, the text is always
+// terminated and nothing is written past the buffer.
+TEST(DateTimeExTextTest, BufferRule) {
+  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
+  const struct {
+    DKDateTimeEx value;
+    const DKChar* format;
+    unsigned size;
+    const DKChar* text;
+  } cases[] = {
+      {date, DK_T("%Y/%m/%d"), 1, DK_T("")},          {date, DK_T("%Y/%m/%d"), 5, DK_T("")},
+      {date, DK_T("%Y/%m/%d"), 6, DK_T("2020")},      {date, DK_T("%Y/%m/%d"), 10, DK_T("2020/")},
+      {date, DK_T("%Y/%m/%d"), 11, DK_T("2020/01")},  {date, DK_T("%Y/%m/%d"), 13, DK_T("2020/01/")},
+      {date, DK_T("%Y/%m/%d"), 15, DK_T("2020/01/05")}, {Utc(-4194303, 1, 1), DK_T("a%Y"), 9, DK_T("a")},
+      {Utc(-4194303, 1, 1), DK_T("%Y"), 9, DK_T("-4194303")}, {Utc(-4194303, 1, 1), DK_T("%Y%Y"), 12, DK_T("-4194303")},
+      {Utc(2021, 7, 1, 12), DK_T("ab%z"), 7, DK_T("ab")}, {Utc(2021, 7, 1, 12), DK_T("ab%z"), 8, DK_T("abZ")},
+  };
+  for (const auto& c : cases) {
+    std::vector<DKChar> buffer(c.size + 1, DK_T('#'));
+    EXPECT_TRUE(c.value.AsString(buffer.data(), c.size, c.format, DKTimeZone::UTC).Good());
+    EXPECT_EQ(DKString(buffer.data()), c.text) << DKString(c.format).AsUTF8() << " in " << c.size;
+    EXPECT_EQ(buffer[c.size], DK_T('#')) << "written past the buffer";
+  }
+  DKChar untouched = DK_T('#');
+  EXPECT_TRUE(date.AsString(&untouched, 0, DK_T("%Y")).Good());
+  EXPECT_EQ(untouched, DK_T('#'));
+  EXPECT_TRUE(date.AsString(nullptr, 100, DK_T("%Y")).Good());
+}
+
+// ---- Text: reading -------------------------------------------------------------------------------
+
+TEST(DateTimeExTextTest, Reading) {
+  DK_REQUIRE_ZONE(paris);
+  ScopedTimeZone tz(paris);
+  const DKDateTimeEx null;
+  const struct {
+    const DKChar* text;
+    const DKChar* format; // empty: the default
+    DKDateTimeEx value;
+  } cases[] = {
+      {DK_T("12/31/99"), DK_T("%m/%d/%y"), DKDateTimeEx(DKDateEx(1999, 12, 31))},
+      {DK_T("1/1/69"), DK_T("%m/%d/%y"), DKDateTimeEx(DKDateEx(2069, 1, 1))},
+      {DK_T("1/1/70"), DK_T("%m/%d/%y"), DKDateTimeEx(DKDateEx(1970, 1, 1))},
+      {DK_T("1/1/0070"), DK_T("%m/%d/%Y"), DKDateTimeEx(DKDateEx(70, 1, 1))},
+      {DK_T("2020/01/05 10:20:30Z"), DK_T("%Y/%m/%d %H:%M:%S%Z"), Utc(2020, 1, 5, 10, 20, 30)},
+      {DK_T("2020/01/05 10:20:30+02:00"), DK_T("%Y/%m/%d %H:%M:%S%Z"), Utc(2020, 1, 5, 8, 20, 30)},
+      {DK_T("2020/01/05 10:20:30 -05:30"), DK_T("%Y/%m/%d %H:%M:%S %z"), Utc(2020, 1, 5, 15, 50, 30)},
+      {DK_T("2020/01/05 10:20:30"), DK_T(""), Utc(2020, 1, 5, 9, 20, 30)},
+      {DK_T("2020/07/05 10:20:30.250"), DK_T(""), Utc(2020, 7, 5, 8, 20, 30, 250)},
+      {DK_T("2020-01-05T10:20:30"), DK_T("%Y-%m-%dT%H:%M:%S"), Utc(2020, 1, 5, 9, 20, 30)},
+      {DK_T("05.01.2020 10h20"), DK_T("%d.%m.%Y %Hh%M"), Utc(2020, 1, 5, 9, 20)},
+      {DK_T("10:20:30"), DK_T(""), DKDateTimeEx(DKTimeEx(10, 20, 30))},
+      {DK_T("2020/01/05"), DK_T(""), DKDateTimeEx(DKDateEx(2020, 1, 5))},
+      {DK_T("   2020/1/5"), DK_T(""), DKDateTimeEx(DKDateEx(2020, 1, 5))},
+      {DK_T("2020/ 1/ 5"), DK_T("%Y/%m/%d"), DKDateTimeEx(DKDateEx(2020, 1, 5))},
+      {DK_T("2020/01/05"), DK_T("%Y/%m/%d%"), DKDateTimeEx(DKDateEx(2020, 1, 5))},
+      {DK_T("4194303/12/31"), DK_T(""), DKDateTimeEx(DKDateEx::maximum)},
+      {DK_T("-4194303/01/01"), DK_T(""), DKDateTimeEx(DKDateEx::minimum)},
+      {DK_T("4194303/12/31 23:59:59.999Z"), DK_T("%Y/%m/%d %H:%M:%S.%L%Z"), DKDateTimeEx::maximum},
+      {DK_T("4194304/01/01 00:30"), DK_T("%Y/%m/%d %H:%M"), Utc(4194303, 12, 31, 23, 30)}, // local, back in range
+      {DK_T("4194304/01/01 00:59:59.999+01:00"), DK_T("%Y/%m/%d %H:%M:%S.%L%z"), DKDateTimeEx::maximum},
+      {DK_T("-4194304/12/31 23:00-01:00"), DK_T("%Y/%m/%d %H:%M%z"), DKDateTimeEx::minimum},
+      {DK_T(""), DK_T(""), null},
+      {DK_T("      "), DK_T(""), null},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(DKString(c.text).AsUTF8());
+    DKDateTimeEx v = Utc(1999, 1, 1);
+    EXPECT_TRUE(v.FromString(c.text, c.format).Good());
+    EXPECT_EQ(v, c.value);
+  }
+}
+
+TEST(DateTimeExTextTest, UnreadableTextGivesMessageNine) {
+  DK_REQUIRE_ZONE(newYork);
+  ScopedTimeZone tz(newYork);
+  const DKChar* texts[] = {
+      DK_T("2021/02/30"),         DK_T("abc"),           DK_T("2020/01/01 24:00:00"), DK_T("2020/13/01"),
+      DK_T("4194304/01/01"),      DK_T("-4194304/12/31"), DK_T("99999999999999999999/1/1"),
+      DK_T("4194303/12/31 23:59"), /* in New York that is past the maximum in UTC */
+      DK_T("+-+-"),               DK_T("-"),             DK_T("2020/01"),             DK_T("SYSDATE "),
+      DK_T("\t"),
+  };
+  for (const DKChar* text : texts) {
+    SCOPED_TRACE(DKString(text).AsUTF8());
+    DKDateTimeEx v = Utc(1999, 1, 1);
+    const DKErrorID result = v.FromString(text);
+    ASSERT_TRUE(result.Bad());
+    EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_DATE);
+    EXPECT_EQ(result.GetError()->GetParameterCount(), 1u);
+    EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), text);
+    EXPECT_EQ(result.AsString(), DKString(DK_T("Invalid date: ")) + text);
+    EXPECT_TRUE(v.IsNull());
+    EXPECT_THROW(DKDateTimeEx{DKString(text)}, DKDateExceptionEx);
+  }
+}
+
+TEST(DateTimeExTextTest, Sysdate) {
+  const DKDateTimeEx before = DKDateTimeEx::GetCurrentDateTime();
+  DKDateTimeEx v;
+  ASSERT_TRUE(v.FromString(DK_T("SYSDATE"), DK_T("%H")).Good());
+  const DKDateTimeEx after = DKDateTimeEx::GetCurrentDateTime();
+  EXPECT_TRUE(v.IsDateAndTime());
+  EXPECT_LE(before, v);
+  EXPECT_LE(v, after);
+  bool ok = false;
+  EXPECT_TRUE(DKString(DK_T("SYSDATE")).AsDKDateTimeEx(&ok).IsDateAndTime());
+  EXPECT_TRUE(ok);
+}
+
+// Every quarter of an hour of a year, written and read back in the local zone: exact with the
+// offset in the text; without it, only the repeated hour reads as its earlier instant.
+TEST(DateTimeExTextTest, RoundTripsThroughTheYear) {
+  for (const char* zone : {paris, newYork}) {
+    DK_REQUIRE_ZONE(zone);
+    ScopedTimeZone tz(zone);
+    for (DKDateTimeEx v = Utc(2021, 1, 1, 0, 0, 0, 125); v < Utc(2022, 1, 1); v += DKDurationEx(15, U::Minute)) {
+      DKDateTimeEx back;
+      ASSERT_TRUE(back.FromString(v.AsString(DK_T("%Y/%m/%d %H:%M:%S.%L%z")), DK_T("%Y/%m/%d %H:%M:%S.%L%z")).Good());
+      ASSERT_EQ(back, v);
+      ASSERT_TRUE(back.FromString(v.AsString()).Good());
+      const DKDateTimeEx hourEarlier = v - DKDurationEx(1, U::Hour);
+      const bool repeated = hourEarlier.AsString(DK_T("%H")) == v.AsString(DK_T("%H")); // the clock went back
+      ASSERT_EQ(back, repeated ? hourEarlier : v) << testing::PrintToString(v);
+    }
+  }
+}
+
+TEST(DateTimeExTextTest, Streams) {
+  DK_REQUIRE_ZONE(paris);
+  ScopedTimeZone tz(paris);
+  std::ostringstream out;
+  out << Utc(2020, 1, 5, 9, 20, 30) << '|' << DKDateTimeEx(DKTimeEx(1, 2, 3, 4));
+  EXPECT_EQ(out.str(), "2020/01/05 10:20:30|01:02:03.004");
+  std::istringstream in("2020/01/05 10:20:30 rest 2020/01/05 x 10:20 y 2020/02/30");
+  DKDateTimeEx a, b, c, d;
+  std::string word, word2, word3;
+  in >> a >> word >> b >> word2 >> c >> word3;
+  EXPECT_EQ(a, Utc(2020, 1, 5, 9, 20, 30));
+  EXPECT_EQ(word, "rest");
+  EXPECT_EQ(b, DKDateTimeEx(DKDateEx(2020, 1, 5)));
+  EXPECT_EQ(word2, "x");
+  EXPECT_EQ(c, DKDateTimeEx(DKTimeEx(10, 20)));
+  EXPECT_FALSE(in >> d);
+}
+
+} // namespace

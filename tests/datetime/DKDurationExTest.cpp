@@ -1,0 +1,246 @@
+// DKDurationEx: counts, the conversion table, normalisation, arithmetic and text.
+#include "DateTimeTestSupport.h"
+
+#include <sstream>
+
+namespace {
+
+using U = DKDurationEx::Unit;
+
+TEST(DurationExTest, CountRangeAndTheNeverHeldMinimum) {
+  EXPECT_EQ(DKDurationEx(2147483647L, U::Day).GetDuration(), DKDurationEx::maximum_);
+  EXPECT_EQ(DKDurationEx(-2147483647L, U::Day).GetDuration(), DKDurationEx::minimum_);
+  EXPECT_EQ((-DKDurationEx(-2147483647L, U::Day)).GetDuration(), 2147483647);
+  try {
+    DKDurationEx(-2147483648L, U::Hour);
+    FAIL() << "no exception";
+  } catch (const DKDurationExceptionEx& e) {
+    EXPECT_EQ(e.GetCount(), -2147483648LL);
+    EXPECT_EQ(e.GetDuration().GetDuration(), -2147483647 - 1);
+    EXPECT_EQ(e.GetDuration().GetUnit(), U::Hour);
+  }
+  EXPECT_THROW(DKDurationEx(2147483648L, U::Hour), DKDurationExceptionEx);
+  EXPECT_EQ(DKDurationEx::invalid_.GetUnit(), U::Invalid);
+  EXPECT_EQ(DKDurationEx::invalid_.GetDuration(), 0);
+  EXPECT_EQ(DKDurationEx(7).GetUnit(), U::Second);
+}
+
+TEST(DurationExTest, ShortNameConstructor) {
+  const struct {
+    const DKChar* name;
+    U unit;
+  } cases[] = {{DK_T("y"), U::Year},   {DK_T("mo"), U::Month}, {DK_T("w"), U::Week},   {DK_T("d"), U::Day},
+               {DK_T("h"), U::Hour},   {DK_T("m"), U::Minute}, {DK_T("s"), U::Second}, {DK_T("ms"), U::Millisecond},
+               {DK_T("M"), U::Invalid}, {DK_T("mos"), U::Invalid}, {DK_T(""), U::Invalid}, {nullptr, U::Invalid}};
+  for (const auto& c : cases)
+    EXPECT_EQ(DKDurationEx(3, c.name).GetUnit(), c.unit) << (c.name ? DKString(c.name).AsUTF8() : "(null)");
+  EXPECT_EQ(DKDurationEx(3, L"ms").GetUnit(), U::Millisecond);
+  EXPECT_THROW(DKDurationEx(-2147483648L, DK_T("d")), DKDurationExceptionEx);
+}
+
+// Every cell of the table applied to a count of 1 and a count of 7.
+TEST(DurationExTest, ConversionTable) {
+  const long table[8][8] = {
+      {1, 12, 52, 365, 8760, 525600, 31536000, 0},   {-1, 1, 4, 30, 720, 43200, 2592000, 0},
+      {-1, -1, 1, 7, 168, 10080, 604800, 604800000}, {-1, -1, -1, 1, 24, 1440, 86400, 86400000},
+      {-1, -1, -1, -1, 1, 60, 3600, 3600000},        {-1, -1, -1, -1, -1, 1, 60, 60000},
+      {-1, -1, -1, -1, -1, -1, 1, 1000},             {-1, -1, -1, -1, -1, -1, -1, 1},
+  };
+  for (int from = 0; from < 8; ++from) {
+    for (int to = 0; to < 8; ++to) {
+      SCOPED_TRACE(testing::Message() << from << " -> " << to);
+      EXPECT_EQ(DKDurationEx::GetConversionStep(U(from), U(to)), table[from][to]);
+      DKDurationEx d(1, U(from));
+      const bool ok = d.ConvertTo(U(to), true);
+      if (table[from][to] == 0) {
+        EXPECT_FALSE(ok);
+        EXPECT_EQ(d, DKDurationEx(1, U(from)));
+      } else if (table[from][to] > 0) {
+        EXPECT_TRUE(ok);
+        EXPECT_EQ(d, DKDurationEx(table[from][to], U(to)));
+      } else { // 1 of a finer unit truncates to 0, or rounds up to 1
+        const long factor = table[to][from];
+        EXPECT_EQ(ok, factor != 0);
+        if (factor != 0) {
+          EXPECT_EQ(d, DKDurationEx(0, U(to)));
+          EXPECT_EQ(DKDurationEx(1, U(from)).As(U(to)), DKDurationEx(1, U(to)));
+          EXPECT_EQ(DKDurationEx(factor * 3, U(from)).As(U(to)), DKDurationEx(3, U(to)));
+        }
+      }
+    }
+  }
+}
+
+TEST(DurationExTest, RoundingTowardsCoarserUnits) {
+  const struct {
+    long count;
+    bool truncate;
+    long days;
+  } cases[] = {{25, false, 2}, {25, true, 1}, {-25, false, -1}, {-25, true, -1}, {24, false, 1}, {48, false, 2}, {1, false, 1}, {-1, false, 0}};
+  for (const auto& c : cases) {
+    DKDurationEx d(c.count, U::Hour);
+    EXPECT_TRUE(d.ConvertTo(U::Day, c.truncate));
+    EXPECT_EQ(d, DKDurationEx(c.days, U::Day)) << c.count << (c.truncate ? " truncated" : " rounded");
+  }
+}
+
+TEST(DurationExTest, ImpossibleAndDegenerateConversions) {
+  DKDurationEx year(1, U::Year);
+  EXPECT_FALSE(year.ConvertTo(U::Millisecond));
+  EXPECT_EQ(year, DKDurationEx(1, U::Year));
+  DKDurationEx ms(86400000, U::Millisecond);
+  EXPECT_FALSE(ms.ConvertTo(U::Year)); // no factor to divide by
+  EXPECT_FALSE(ms.ConvertTo(U::Month));
+  EXPECT_EQ(ms.GetUnit(), U::Millisecond);
+  DKDurationEx zero(0, U::Year);
+  EXPECT_TRUE(zero.ConvertTo(U::Millisecond)); // 0 converts to anything
+  EXPECT_EQ(zero, DKDurationEx(0, U::Millisecond));
+  DKDurationEx toInvalid(5, U::Day);
+  EXPECT_TRUE(toInvalid.ConvertTo(U::Invalid));
+  EXPECT_EQ(toInvalid, DKDurationEx::invalid_);
+  DKDurationEx same(5, U::Day);
+  EXPECT_TRUE(same.ConvertTo(U::Day));
+  EXPECT_EQ(same.GetDuration(), 5);
+}
+
+TEST(DurationExTest, ConversionOverflowThrowsAndKeepsTheValue) {
+  DKDurationEx big(100, U::Year);
+  EXPECT_THROW(big.ConvertTo(U::Second), DKDurationExceptionEx); // 3153600000 s
+  EXPECT_EQ(big, DKDurationEx(100, U::Year));
+  EXPECT_THROW(DKDurationEx(2147483647L, U::Second) * 2, DKDurationExceptionEx);
+  EXPECT_THROW(DKDurationEx(5, U::Second) / 0, DKDurationExceptionEx);
+  EXPECT_EQ(DKDurationEx(-2147483647L, U::Second) / -1, DKDurationEx(2147483647L, U::Second));
+  EXPECT_THROW(DKDurationEx(-2147483647L, U::Second) - DKDurationEx(1, U::Second), DKDurationExceptionEx);
+}
+
+TEST(DurationExTest, NormalizeToTheCoarsestExactUnit) {
+  const struct {
+    DKDurationEx in;
+    DKDurationEx out;
+  } cases[] = {
+      {{48, U::Hour}, {2, U::Day}},          {{14, U::Day}, {2, U::Week}},        {{60, U::Day}, {2, U::Month}},
+      {{730, U::Day}, {2, U::Year}},         {{25, U::Hour}, {25, U::Hour}},      {{0, U::Hour}, {0, U::Hour}},
+      {{86400000, U::Millisecond}, {1, U::Day}}, {{90, U::Second}, {90, U::Second}}, {{-120, U::Minute}, {-2, U::Hour}},
+      {{28, U::Day}, {4, U::Week}},
+  };
+  for (const auto& c : cases) {
+    DKDurationEx d = c.in;
+    d.Normalize();
+    EXPECT_EQ(d, c.out) << c.in.AsString().AsUTF8();
+  }
+}
+
+TEST(DurationExTest, EquivalenceThroughTheFinerUnit) {
+  EXPECT_TRUE(DKDurationEx(1, U::Month).IsEquivalent(DKDurationEx(30, U::Day)));
+  EXPECT_TRUE(DKDurationEx(2, U::Week).IsEquivalent(DKDurationEx(336, U::Hour)));
+  EXPECT_TRUE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(52, U::Week)));
+  EXPECT_FALSE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(365, U::Day) - DKDurationEx(1, U::Day)));
+  EXPECT_FALSE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(0, U::Millisecond))); // no common unit
+  EXPECT_FALSE(DKDurationEx::invalid_.IsEquivalent(DKDurationEx::invalid_));
+}
+
+TEST(DurationExTest, Arithmetic) {
+  EXPECT_EQ(DKDurationEx(1, U::Day) + DKDurationEx(2, U::Hour), DKDurationEx(26, U::Hour));
+  EXPECT_EQ(DKDurationEx(1, U::Minute) - DKDurationEx(90, U::Second), DKDurationEx(-30, U::Second));
+  EXPECT_EQ(DKDurationEx(1, U::Year) + DKDurationEx(1, U::Millisecond), DKDurationEx::invalid_);
+  EXPECT_EQ(DKDurationEx(3, U::Week) * -2, DKDurationEx(-6, U::Week));
+  EXPECT_EQ(DKDurationEx(7, U::Day) / 2, DKDurationEx(3, U::Day));
+  EXPECT_EQ(DKDurationEx(1, U::Month).AsMilliSeconds(), 2592000000LL);
+  EXPECT_EQ(DKDurationEx(2147483647L, U::Year).AsMilliSeconds(), std::numeric_limits<DKInt64>::max()); // saturates
+  EXPECT_EQ(DKDurationEx(90, U::Minute).AsDKDuration(), 5400);
+  EXPECT_THROW(DKDurationEx(100, U::Year).AsDKDuration(), DKDurationExceptionEx);
+  EXPECT_EQ(DKDurationEx(-2, U::Hour).AsInt64(), (DKInt64{U::Hour} << 32) | 0xFFFFFFFEu);
+}
+
+TEST(DurationExTest, WritesShortAndLongForms) {
+  const struct {
+    DKDurationEx value;
+    const DKChar* shortForm;
+    const DKChar* longForm;
+  } cases[] = {
+      {{3, U::Day}, DK_T("3d"), DK_T("3 days")},          {{15, U::Millisecond}, DK_T("15ms"), DK_T("15 milliseconds")},
+      {{1, U::Day}, DK_T("1d"), DK_T("1 day")},           {{-1, U::Month}, DK_T("-1mo"), DK_T("-1 month")},
+      {{-2, U::Hour}, DK_T("-2h"), DK_T("-2 hours")},     {{0, U::Year}, DK_T("0"), DK_T("0")},
+      {DKDurationEx::invalid_, DK_T(""), DK_T("")},       {{-2147483647L, U::Second}, DK_T("-2147483647s"), DK_T("-2147483647 seconds")},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.value.AsString(false), c.shortForm);
+    EXPECT_EQ(c.value.AsString(true), c.longForm);
+  }
+}
+
+TEST(DurationExTest, ElapsedTime) {
+  EXPECT_EQ(DKDurationEx(0, U::Hour).AsElapsedString(), DK_T("0:00:00.000"));
+  EXPECT_EQ(DKDurationEx(183845006, U::Millisecond).AsElapsedString(), DK_T("2 days, 3:04:05.006"));
+  EXPECT_EQ(DKDurationEx(-1500, U::Millisecond).AsElapsedString(), DK_T("-0:00:01.500"));
+  EXPECT_EQ(DKDurationEx(-25, U::Hour).AsElapsedString(), DK_T("-1 days, 1:00:00.000"));
+  EXPECT_EQ(DKDurationEx(1, U::Year).AsElapsedString(), DK_T("365 days, 0:00:00.000"));
+  EXPECT_EQ(DKDurationEx::invalid_.AsElapsedString(), DK_T("0:00:00.000"));
+}
+
+TEST(DurationExTest, ReadsUnitWords) {
+  const struct {
+    const DKChar* text;
+    U defaultUnit;
+    bool ok;
+    long count;
+    U unit;
+  } cases[] = {
+      {DK_T("5 days"), U::Hour, true, 5, U::Day},       {DK_T("5 days"), U::Minute, true, 5, U::Day},
+      {DK_T("90"), U::Minute, true, 90, U::Minute},     {DK_T("2 mins"), U::Second, false, 2, U::Invalid},
+      {DK_T("10ms"), U::Second, true, 10, U::Millisecond}, {DK_T("3 mos"), U::Day, true, 3, U::Month},
+      {DK_T("-4 h  "), U::Day, true, -4, U::Hour},      {DK_T("1 year"), U::Day, true, 1, U::Year},
+      {DK_T("7 Weeks"), U::Day, false, 7, U::Invalid},  {DK_T("   "), U::Day, true, 0, U::Day},
+      {DK_T("+-+-"), U::Day, true, 0, U::Day},          {DK_T("abc"), U::Day, false, 0, U::Invalid},
+      {DK_T("-2147483647 s"), U::Day, true, -2147483647, U::Second},
+      {DK_T("99999999999 s"), U::Day, true, 2147483647, U::Second}, // the count saturates
+  };
+  for (const auto& c : cases) {
+    DKDurationEx d;
+    EXPECT_EQ(d.FromString(c.text, c.defaultUnit), c.ok) << DKString(c.text).AsUTF8();
+    EXPECT_EQ(d.GetUnit(), c.unit) << DKString(c.text).AsUTF8();
+    EXPECT_EQ(d.GetDuration(), c.count) << DKString(c.text).AsUTF8();
+  }
+  DKDurationEx empty(5, U::Day);
+  EXPECT_FALSE(empty.FromString(DKString(), U::Day));
+  EXPECT_EQ(empty, DKDurationEx::invalid_);
+  EXPECT_THROW(DKDurationEx().FromString(DK_T("-2147483648"), U::Day), DKDurationExceptionEx);
+  EXPECT_THROW(DKDurationEx().FromString(DK_T("-99999999999 d"), U::Day), DKDurationExceptionEx);
+  bool ok = false;
+  EXPECT_EQ(DKString(DK_T("3h")).AsDKDurationEx(&ok), DKDurationEx(3, U::Hour));
+  EXPECT_TRUE(ok);
+  DKString(DK_T("3 parsecs")).AsDKDurationEx(&ok);
+  EXPECT_FALSE(ok);
+}
+
+TEST(DurationExTest, TextRoundTripsInBothForms) {
+  for (int unit = 0; unit < 8; ++unit) {
+    for (long count : {1L, -1L, 2L, -77L, 2147483647L, -2147483647L}) {
+      const DKDurationEx d(count, U(unit));
+      for (bool longForm : {false, true}) {
+        DKDurationEx back;
+        EXPECT_TRUE(back.FromString(d.AsString(longForm), U::Invalid));
+        EXPECT_EQ(back, d) << d.AsString(longForm).AsUTF8();
+      }
+    }
+  }
+}
+
+TEST(DurationExTest, Streams) {
+  std::ostringstream out;
+  out << DKDurationEx(3, U::Day) << ' ' << DKDurationEx(-2, U::Hour);
+  EXPECT_EQ(out.str(), "3d -2h");
+  std::istringstream in("3d 5 days 7 next");
+  DKDurationEx a, b, c;
+  in >> a >> b;
+  EXPECT_EQ(a, DKDurationEx(3, U::Day));
+  EXPECT_EQ(b, DKDurationEx(5, U::Day));
+  in >> c; // "7 next": the unit word is unknown
+  EXPECT_TRUE(in.fail());
+  std::istringstream last("42");
+  DKDurationEx d;
+  EXPECT_TRUE(static_cast<bool>(last >> d));
+  EXPECT_EQ(d, DKDurationEx(42, U::Second));
+}
+
+} // namespace

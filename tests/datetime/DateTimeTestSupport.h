@@ -1,0 +1,58 @@
+// Helpers shared by the date and time tests.
+#pragma once
+
+#include <DorvikCore/DKDateTime.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <string>
+
+// Sets TZ for the scope of a test and restores it, telling the library to read it again.
+class ScopedTimeZone {
+public:
+  explicit ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) {
+      m_had = true;
+      m_old = old;
+    }
+    setenv("TZ", zone, 1);
+    DKTimeZone::Reload();
+  }
+  ~ScopedTimeZone() {
+    if (m_had)
+      setenv("TZ", m_old.c_str(), 1);
+    else
+      unsetenv("TZ");
+    DKTimeZone::Reload();
+  }
+  ScopedTimeZone(const ScopedTimeZone&) = delete;
+  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
+
+private:
+  bool m_had = false;
+  std::string m_old;
+};
+
+inline bool HasZoneInfo(const char* zone) { return std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone); }
+
+// Skips the test when the system's time-zone database lacks the zone (package tzdata).
+#define DK_REQUIRE_ZONE(zone)                                                                         \
+  if (!HasZoneInfo(zone))                                                                             \
+  GTEST_SKIP() << "time-zone data for " << zone << " is missing (install the tzdata package)"
+
+inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 0, unsigned minute = 0, unsigned second = 0,
+                        unsigned ms = 0) {
+  return DKDateTimeEx(year, month, day, hour, minute, second, ms, DKTimeZone::UTC);
+}
+
+inline std::string Narrow(const DKString& text) { return text.AsUTF8(); }
+
+// Readable values in failure messages.
+inline void PrintTo(const DKDateTimeEx& value, std::ostream* os) { *os << value.AsString(DK_T("%Y-%m-%d %H:%M:%S.%L"), DKTimeZone::UTC) << " UTC"; }
+inline void PrintTo(const DKDateEx& value, std::ostream* os) { *os << value.GetYear() << '-' << value.GetMonth() << '-' << value.GetDay(); }
+inline void PrintTo(const DKTimeEx& value, std::ostream* os) { *os << value.AsMilliseconds() << " ms"; }
+inline void PrintTo(const DKDurationEx& value, std::ostream* os) { *os << value.AsString(true).AsUTF8() << " (unit " << value.GetUnit() << ')'; }
+inline void PrintTo(const DKString& value, std::ostream* os) { *os << '"' << value.AsUTF8() << '"'; }
