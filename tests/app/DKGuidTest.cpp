@@ -1,0 +1,84 @@
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKGuid.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+#include <unordered_set>
+
+namespace {
+
+constexpr DKGuid kSample{0x6B29FC40, 0xCA47, 0x1067, {0xB3, 0x1D, 0x00, 0xDD, 0x01, 0x06, 0x62, 0xDA}};
+
+struct ParseCase {
+  const char* text;
+  bool valid;
+};
+
+class DKGuidParseTest : public ::testing::TestWithParam<ParseCase> {};
+
+TEST_P(DKGuidParseTest, ReadsTheTextFormOrRefusesIt) {
+  const ParseCase& c = GetParam();
+  DKGuid narrow = DKGuid::NewGuid();
+  const DKGuid before = narrow;
+  EXPECT_EQ(DKGuid::Parse(c.text, narrow), c.valid);
+  EXPECT_EQ(narrow, c.valid ? kSample : before) << "a refused text leaves the value alone";
+
+  DKString wide;
+  wide.SetFromUTF8(c.text);
+  bool ok = !c.valid;
+  EXPECT_EQ(DKGuid::FromString(wide, &ok), c.valid ? kSample : DKGuid());
+  EXPECT_EQ(ok, c.valid);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, DKGuidParseTest,
+    ::testing::Values(ParseCase{"{6B29FC40-CA47-1067-B31D-00DD010662DA}", true},
+                      ParseCase{"6b29fc40-ca47-1067-b31d-00dd010662da", true},
+                      ParseCase{"  {6B29fc40-CA47-1067-B31D-00DD010662DA}\t\n", true},
+                      ParseCase{"", false}, ParseCase{"{}", false},
+                      ParseCase{"{6B29FC40-CA47-1067-B31D-00DD010662DA", false},
+                      ParseCase{"6B29FC40-CA47-1067-B31D-00DD010662DA}", false},
+                      ParseCase{"(6B29FC40-CA47-1067-B31D-00DD010662DA)", false},
+                      ParseCase{"6B29FC40CA47-1067-B31D-00DD010662DA-", false},
+                      ParseCase{"6B29FC40-CA47-1067-B31D-00DD010662DG", false},
+                      ParseCase{"6B29FC40-CA47-1067-B31D-00DD010662D", false},
+                      ParseCase{"6B29FC40-CA47-1067-B31D-00DD010662DAA", false},
+                      ParseCase{"{6B29FC40 CA47-1067-B31D-00DD010662DA}", false}));
+
+TEST(DKGuidTest, PrintsBracedUpperCaseAndReadsItBack) {
+  EXPECT_EQ(kSample.AsUTF8(), "{6B29FC40-CA47-1067-B31D-00DD010662DA}");
+  EXPECT_EQ(kSample.AsString(), DKString(DK_T("{6B29FC40-CA47-1067-B31D-00DD010662DA}")));
+  std::ostringstream out;
+  out << DKGuid();
+  EXPECT_EQ(out.str(), "{00000000-0000-0000-0000-000000000000}");
+  for (int i = 0; i < 100; ++i) {
+    const DKGuid guid = DKGuid::NewGuid();
+    EXPECT_EQ(DKGuid::FromString(guid.AsString()), guid);
+  }
+}
+
+TEST(DKGuidTest, NewGuidsAreVersion4AndDistinct) {
+  std::unordered_set<DKGuid> seen;
+  for (int i = 0; i < 1000; ++i) {
+    const DKGuid guid = DKGuid::NewGuid();
+    EXPECT_EQ(guid.Data3() >> 12, 4);
+    EXPECT_EQ(guid.Data4()[0] & 0xC0, 0x80);
+    EXPECT_TRUE(seen.insert(guid).second);
+  }
+}
+
+TEST(DKGuidTest, OrdersByTheFieldsOfTheTextForm) {
+  const DKGuid low = DKGuid::FromString("00000001-FFFF-FFFF-FFFF-FFFFFFFFFFFF");
+  const DKGuid high = DKGuid::FromString("00000002-0000-0000-0000-000000000000");
+  const DKGuid lastByte = DKGuid::FromString("00000002-0000-0000-0000-000000000001");
+  EXPECT_LT(low, high);
+  EXPECT_LT(high, lastByte);
+  EXPECT_TRUE(DKGuid().IsNull());
+  EXPECT_FALSE(low.IsNull());
+  std::set<DKGuid> ordered{lastByte, low, high};
+  EXPECT_EQ(*ordered.begin(), low);
+}
+
+} // namespace

@@ -1,0 +1,316 @@
+// Plug-ins made in code: interfaces, counting, adding, dependency order and initialisation,
+// running, unloading. (The host test runs real modules in a child process.)
+#include <DorvikCore/DKApplication.h>
+#include <DorvikCore/DKConsole.h>
+
+#include "AppTestSupport.h"
+
+#include <atomic>
+#include <sstream>
+
+using namespace apptest;
+
+namespace {
+
+constexpr DKGuid Id(std::uint8_t n) { return DKGuid(0xC0DE0000, 0, 0, {0, 0, 0, 0, 0, 0, 0, n}); }
+
+// What the plug-ins did, in order: "Init A", "Run A", "Unload A", "Gone A".
+std::vector<std::string>& Journal() {
+  static std::vector<std::string> journal;
+  return journal;
+}
+
+class Probe : public DKRunPlugIn {
+public:
+  Probe(const char* name, std::uint8_t id, std::vector<PlugInIdEx> dependencies = {}, bool failInit = false)
+      : m_name(name), m_id(Id(id)), m_dependencies(std::move(dependencies)), m_failInit(failInit) {}
+  ~Probe() override { Journal().push_back("Gone " + m_name); }
+  DKString GetName() const override { return Text(m_name); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(m_id, GetName()); }
+  std::vector<PlugInIdEx> GetDependentV() const override { return m_dependencies; }
+  DKUsageInfo GetUsageInfo() const override {
+    DKUsageInfo usage;
+    usage.AddCmdLineArgDesc(Text(m_name), Text("option of " + m_name));
+    return usage;
+  }
+  DKErrorID Init(const DKApplicationWithPlugIns&) override {
+    Journal().push_back("Init " + m_name);
+    if (m_failInit)
+      return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("refused"))));
+    return DKErrorID();
+  }
+  DKErrorID Run() override {
+    Journal().push_back("Run " + m_name);
+    return DKErrorID();
+  }
+  void Unload() override { Journal().push_back("Unload " + m_name); }
+
+private:
+  std::string m_name;
+  DKGuid m_id;
+  std::vector<PlugInIdEx> m_dependencies;
+  bool m_failInit;
+};
+
+class Crate : public DKPlugInContainer {
+public:
+  DKString GetName() const override { return DK_T("Crate"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(50)); }
+  void Unload() override { Journal().push_back("Unload Crate"); }
+};
+
+// Exposes the protected steps.
+class TestApp : public DKApplicationWithPlugIns {
+public:
+  TestApp() : DKApplicationWithPlugIns(DKString(DK_T("host"))) {}
+  using DKApplicationWithPlugIns::AddPlugIn;
+  using DKApplicationWithPlugIns::CheckDependents;
+  using DKApplicationWithPlugIns::GetPlugInHier;
+};
+
+class DKPlugInTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    Journal().clear();
+    m_previous = DKLockedCOUT::SetConsoleStream(&m_console);
+  }
+  void TearDown() override { DKLockedCOUT::SetConsoleStream(m_previous); }
+  std::vector<std::string> ConsoleLines() const { return SplitLines(m_console.str()); }
+  bool ConsoleHas(const std::string& line) const {
+    const auto lines = ConsoleLines();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+
+  std::ostringstream m_console;
+  std::ostream* m_previous = nullptr;
+};
+
+std::vector<std::string> Names(const DKSmartPtrVector<DKPlugIn>& plugIns) {
+  std::vector<std::string> names;
+  for (const auto& plugIn : plugIns)
+    names.push_back(plugIn->GetName().AsUTF8());
+  return names;
+}
+
+TEST_F(DKPlugInTest, EachClassAnswersForItsInterfacesAndItsBases) {
+  struct Threaded : DKThreadedRunPlugIn {
+    DKString GetName() const override { return DK_T("T"); }
+    PlugInIdEx GetId() const override { return PlugInIdEx(Id(60)); }
+    DKErrorID Run() override { return DKErrorID(); }
+    void Stop() override {}
+  };
+  DKSmartPtr<DKPlugIn> run(new Probe("R", 61));
+  DKSmartPtr<DKPlugIn> threaded(new Threaded);
+  DKSmartPtr<DKPlugIn> container(new Crate);
+  struct Case {
+    DKPlugIn* plugIn;
+    int iuid;
+    bool plugInKind, runKind, threadedKind, containerKind;
+  } cases[] = {
+      {run.Get(), DKRunPlugIn::IUID, true, true, false, false},
+      {threaded.Get(), DKThreadedRunPlugIn::IUID, true, true, true, false},
+      {container.Get(), DKPlugInContainer::IUID, true, false, false, true},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.plugIn->GetIUID(), c.iuid);
+    EXPECT_TRUE(c.plugIn->IsKindOf(DKObjectI::IUID));
+    EXPECT_EQ(c.plugIn->IsKindOf(DKPlugIn::IUID), c.plugInKind);
+    EXPECT_EQ(c.plugIn->IsKindOf(DKRunPlugIn::IUID), c.runKind);
+    EXPECT_EQ(c.plugIn->IsRunningPlugIn(), c.runKind);
+    EXPECT_EQ(c.plugIn->IsContainerPlugIn(), c.containerKind);
+    EXPECT_EQ(DKQueryInterface<DKThreadedRunPlugIn>(c.plugIn).Get() != nullptr, c.threadedKind);
+    EXPECT_EQ(DKQueryInterface<DKPlugInContainer>(c.plugIn).Get() != nullptr, c.containerKind);
+    EXPECT_EQ(c.plugIn->GetStatus(), DKPlugIn::NotLoaded);
+    EXPECT_EQ(c.plugIn->GetModuleHandle(), nullptr);
+  }
+  EXPECT_EQ(DKQueryInterface<DKRunPlugIn>(nullptr).Get(), nullptr);
+}
+
+TEST_F(DKPlugInTest, PlugInIsCountedAndDeletesItselfAtZero) {
+  auto* probe = new Probe("Counted", 1);
+  EXPECT_EQ(probe->AddRef(), 1u);
+  EXPECT_EQ(probe->AddRef(), 2u);
+  EXPECT_EQ(probe->Release(), 1u);
+  EXPECT_TRUE(Journal().empty());
+  EXPECT_EQ(probe->Release(), 0u);
+  EXPECT_EQ(Journal(), std::vector<std::string>{"Gone Counted"});
+}
+
+TEST_F(DKPlugInTest, HierarchyPutsDependenciesFirstAndDescribesCycles) {
+  TestApp app;
+  const auto make = [](const char* name, std::uint8_t id, std::vector<std::uint8_t> deps) {
+    std::vector<PlugInIdEx> ids;
+    for (std::uint8_t dep : deps)
+      ids.emplace_back(Id(dep));
+    return DKSmartPtr<DKPlugIn>(new Probe(name, id, ids));
+  };
+  std::vector<DKString> cycles;
+  const DKSmartPtrVector<DKPlugIn> chain{make("A", 1, {2, 99}), make("B", 2, {3}), make("C", 3, {}), make("D", 4, {3})};
+  EXPECT_EQ(Names(app.GetPlugInHier(chain, &cycles)), (std::vector<std::string>{"C", "B", "A", "D"}));
+  EXPECT_TRUE(cycles.empty());
+
+  const DKSmartPtrVector<DKPlugIn> loops{make("A", 1, {2}), make("B", 2, {1}), make("S", 3, {3}), make("E", 4, {})};
+  const DKSmartPtrVector<DKPlugIn> ordered = app.GetPlugInHier(loops, &cycles);
+  EXPECT_EQ(ordered.size(), 4u) << "every plug-in is listed once";
+  ASSERT_EQ(cycles.size(), 2u);
+  EXPECT_EQ(cycles[0], DKString(DK_T("A -> B -> A")));
+  EXPECT_EQ(cycles[1], DKString(DK_T("S -> S")));
+}
+
+TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceAndListsItsOptions) {
+  TestApp app;
+  DKSmartPtr<DKPlugIn> base(new Probe("Base", 1));
+  DKSmartPtr<DKPlugIn> user(new Probe("User", 2, {PlugInIdEx(Id(1), DK_T("Base"))}));
+  const DKErrorID early = app.LoadPlugIn(user);
+  EXPECT_TRUE(early.Bad());
+  EXPECT_EQ(early.AsString().AsUTF8(), "<User> needs <Base> {C0DE0000-0000-0000-0000-000000000001}, which is not loaded");
+  EXPECT_TRUE(ConsoleHas("ERR> *** " + early.AsString().AsUTF8()));
+  EXPECT_TRUE(app.GetLoadedPlugIns().empty());
+
+  EXPECT_TRUE(app.LoadPlugIn(base).Good());
+  EXPECT_TRUE(app.LoadPlugIn(user).Good());
+  EXPECT_TRUE(app.LoadPlugIn(user).Good()) << "loaded already: nothing to do";
+  EXPECT_EQ(Journal(), (std::vector<std::string>{"Init Base", "Init User"}));
+  EXPECT_TRUE(ConsoleHas(">>>> Initializing <Base>... Done."));
+  EXPECT_EQ(user->GetStatus(), DKPlugIn::Initialized);
+  EXPECT_EQ(app.FindPlugIn(Id(2)), user);
+  EXPECT_EQ(app.FindPlugIn(Id(9)), nullptr);
+  ASSERT_EQ(app.GetCustomUsageInfo().size(), 2u);
+  EXPECT_EQ(app.GetCustomUsageInfo()[1].FormatUsage().AsUTF8().find("   /User"), 0u);
+  EXPECT_TRUE(app.CheckDependents(user, true).Good());
+}
+
+TEST_F(DKPlugInTest, SecondPlugInWithATakenIdIsRefused) {
+  TestApp app;
+  DKSmartPtr<DKPlugIn> first(new Probe("First", 1));
+  DKSmartPtr<DKPlugIn> second(new Probe("Second", 1));
+  ASSERT_TRUE(app.LoadPlugIn(first).Good());
+  const DKErrorID refused = app.AddPlugIn(second, false);
+  EXPECT_EQ(refused.GetCode(), DK_MSG_DUPLICATE_PLUGIN_ID);
+  EXPECT_TRUE(ConsoleHas("ERR> *** Duplicate plug-in id Second"));
+  EXPECT_EQ(Names(app.GetLoadedPlugIns()), std::vector<std::string>{"First"});
+  EXPECT_TRUE(app.AddPlugIn(first, false).Good()) << "the same object again is no duplicate";
+  EXPECT_EQ(app.GetLoadedPlugIns().size(), 1u);
+}
+
+TEST_F(DKPlugInTest, ContainerHandsOverItsMembersAndIsDropped) {
+  TestApp app;
+  DKSmartPtr<Crate> crate(new Crate);
+  crate->AddPlugIn(new Probe("Second", 2, {PlugInIdEx(Id(1))}));
+  crate->AddPlugIn(new Probe("First", 1));
+  crate->AddPlugIn(nullptr);
+  EXPECT_TRUE(app.LoadPlugIn(crate).Good());
+  EXPECT_EQ(Names(app.GetLoadedPlugIns()), (std::vector<std::string>{"Second", "First"}));
+  EXPECT_EQ(Journal(), (std::vector<std::string>{"Unload Crate", "Init First", "Init Second"}));
+  EXPECT_EQ(app.FindPlugIn(Id(50)), nullptr);
+}
+
+TEST_F(DKPlugInTest, FailedInitIsNeverRunNorUnloaded) {
+  {
+    TestApp app;
+    ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
+    EXPECT_TRUE(app.LoadPlugIn(new Probe("Bad", 2, {}, true)).Bad());
+    EXPECT_TRUE(ConsoleHas(">>>> Initializing <Bad>...Failed."));
+    EXPECT_TRUE(ConsoleHas("ERR> *** <Bad>: refused"));
+    EXPECT_EQ(app.Run(), 1);
+  }
+  EXPECT_EQ(Journal(), (std::vector<std::string>{"Init Good", "Init Bad", "Run Good", "Unload Good", "Gone Bad",
+                                                 "Gone Good"}));
+  EXPECT_TRUE(ConsoleHas("Exiting application..."));
+}
+
+TEST_F(DKPlugInTest, RunFollowsDependenciesAndShutDownUnloadsInReverse) {
+  {
+    TestApp app;
+    ASSERT_TRUE(app.LoadPlugIn(new Probe("Low", 1)).Good());
+    ASSERT_TRUE(app.LoadPlugIn(new Probe("High", 2, {PlugInIdEx(Id(1))})).Good());
+    app.Run();
+    EXPECT_EQ(app.FindPlugIn(Id(2))->GetStatus(), DKPlugIn::Finished);
+    EXPECT_TRUE(ConsoleHas("RUN> Running <Low>..."));
+  }
+  EXPECT_EQ(Journal(), (std::vector<std::string>{"Init Low", "Init High", "Run Low", "Run High", "Unload High",
+                                                 "Unload Low", "Gone High", "Gone Low"}));
+  const std::vector<std::string> lines = ConsoleLines();
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(lines[lines.size() - 3], ">>>> Unloading <High>...");
+  EXPECT_EQ(lines[lines.size() - 2], ">>>> Unloading <Low>...");
+  EXPECT_EQ(lines.back(), "Exiting application...");
+}
+
+// Works until asked to stop; counts how often it was asked.
+class Patient : public DKThreadedRunPlugIn {
+public:
+  explicit Patient(bool ignoreStop = false) : m_ignoreStop(ignoreStop) {}
+  DKString GetName() const override { return DK_T("Patient"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(70)); }
+  DKErrorID Run() override {
+    while (!m_stop.load())
+      DKThread::Sleep(1);
+    DKThread::Sleep(50); // finishing takes a while: the waiter must wait for it
+    m_finishedRun.store(true);
+    return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("run reports an error"))));
+  }
+  void Stop() override {
+    ++m_stops;
+    if (!m_ignoreStop)
+      m_stop.store(true);
+  }
+  std::atomic<bool> m_stop{false};
+  std::atomic<bool> m_finishedRun{false};
+  std::atomic<int> m_stops{0};
+  bool m_ignoreStop;
+};
+
+TEST_F(DKPlugInTest, ShutDownStopsAThreadedPlugInAndWaitsForItsRunStep) {
+  DKSmartPtr<Patient> patient(new Patient);
+  {
+    TestApp app;
+    ASSERT_TRUE(app.LoadPlugIn(patient).Good());
+    std::thread runner([&app] { app.Run(); });
+    ASSERT_TRUE(WaitUntil([&] { return patient->IsRunning(); }));
+    EXPECT_EQ(patient->GetStatus(), DKPlugIn::Running);
+    EXPECT_TRUE(patient->GetThread());
+    patient->m_stop.store(true); // the run ends by itself; Run's loop then returns
+    runner.join();
+    EXPECT_TRUE(patient->m_finishedRun.load());
+    EXPECT_EQ(patient->GetStatus(), DKPlugIn::Finished) << "finished even though the run reported an error";
+    EXPECT_FALSE(patient->IsRunning());
+  }
+  EXPECT_EQ(patient->m_stops.load(), 0) << "a finished plug-in is not asked to stop";
+
+}
+
+// A quit request ends the run of a second application of the process too: the process
+// announced its exit already, but this application's plug-ins were not asked yet. The exit
+// flag cannot be cleared, so this runs in a child process.
+TEST_F(DKPlugInTest, QuitRequestReachesThePlugInsOfEveryApplication) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        { TestApp first; } // announces the process's exit as it goes
+        DKSmartPtr<Patient> patient(new Patient(true));
+        int failure = 0;
+        {
+          TestApp app;
+          if (app.LoadPlugIn(patient).Bad())
+            std::exit(10);
+          std::thread runner([&app] { app.Run(); });
+          if (!WaitUntil([&] { return patient->IsRunning(); }))
+            failure = 11;
+          DKApplication::PostExitRequest();
+          if (!WaitUntil([&] { return patient->m_stops.load() == 1; }))
+            failure = 12;
+          // The plug-in ignores the request: the run goes on until the plug-in ends by itself.
+          if (!patient->IsRunning() || patient->m_finishedRun.load())
+            failure = 13;
+          patient->m_stop.store(true);
+          runner.join();
+        }
+        if (!patient->m_finishedRun.load() || patient->GetStatus() != DKPlugIn::Finished)
+          failure = 14;
+        std::exit(failure);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+} // namespace
