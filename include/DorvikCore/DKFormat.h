@@ -14,7 +14,7 @@
 // UTF-8 (an invalid byte becomes U+FFFD); wide text written into narrow output is encoded as
 // UTF-8 (an unpaired surrogate becomes U+FFFD). A null string argument prints "(null)".
 //
-// Conversion specifications: %[flags][width][.precision][size]conversion
+// Conversion directives: %[flags][width][.precision][size]conversion
 //   flags      "-" left-justify, "+" sign, " " space for sign, "0" zero padding, "#" alternate form
 //   width      digits or "*" (an int argument; a negative value left-justifies)
 //   precision  "." then digits or "*" (an int argument; a negative value means none)
@@ -44,8 +44,8 @@
 // The engine never writes past its output and never guesses a length: the result is exact for
 // any format. Malformed formats never fail:
 //   - a "%" that ends the format is written as "%";
-//   - a conversion letter that is not in the list above writes the whole specification
-//     ("%" to the letter) as it stands and consumes no argument; so does a specification
+//   - a conversion letter that is not in the list above writes the whole directive
+//     ("%" to the letter) as it stands and consumes no argument; so does a directive
 //     that the end of the format cuts short;
 //   - a width or precision above DKFormatMaxWidth (one million) is invalid and written as it
 //     stands. Written as digits, nothing is consumed; given by "*", the "*" arguments and

@@ -201,11 +201,11 @@ private:
 };
 
 // ---------------------------------------------------------------------------------------------
-// Conversion specifications.
+// Conversion directives.
 
 enum class Size { None, Char, Short, Long, LongLong, LongDouble, Int32, Int64, PtrSize, IntMax, PtrDiff, Wide };
 
-struct Spec {
+struct Directive {
   bool left = false;
   bool plus = false;
   bool space = false;
@@ -218,7 +218,7 @@ struct Spec {
   long long width = 0;
   long long precision = 0;
   Size size = Size::None;
-  unsigned conversion = 0; // 0: the format ended inside the specification
+  unsigned conversion = 0; // 0: the format ended inside the directive
 };
 
 template <class CharT>
@@ -251,31 +251,31 @@ const CharT* ParseNumber(const CharT* p, long long& value, bool& tooLarge) noexc
 // Parses what follows a '%'; returns the position after the conversion letter (or at the
 // terminator when the format ends first). Consumes no argument.
 template <class CharT>
-const CharT* ParseSpec(const CharT* p, Spec& spec) noexcept {
+const CharT* ParseDirective(const CharT* p, Directive& dir) noexcept {
   for (;; ++p) {
     switch (*p) {
-    case '-': spec.left = true; continue;
-    case '+': spec.plus = true; continue;
-    case ' ': spec.space = true; continue;
-    case '0': spec.zero = true; continue;
-    case '#': spec.alternate = true; continue;
+    case '-': dir.left = true; continue;
+    case '+': dir.plus = true; continue;
+    case ' ': dir.space = true; continue;
+    case '0': dir.zero = true; continue;
+    case '#': dir.alternate = true; continue;
     default: break;
     }
     break;
   }
   if (*p == '*') {
-    spec.widthFromArg = true;
+    dir.widthFromArg = true;
     ++p;
   } else {
-    p = ParseNumber(p, spec.width, spec.tooLarge);
+    p = ParseNumber(p, dir.width, dir.tooLarge);
   }
   if (*p == '.') {
-    spec.hasPrecision = true;
+    dir.hasPrecision = true;
     if (*++p == '*') {
-      spec.precisionFromArg = true;
+      dir.precisionFromArg = true;
       ++p;
     } else {
-      p = ParseNumber(p, spec.precision, spec.tooLarge);
+      p = ParseNumber(p, dir.precision, dir.tooLarge);
     }
   }
   // Old far/near pointer markers. "F" alone is the %F conversion.
@@ -283,33 +283,33 @@ const CharT* ParseSpec(const CharT* p, Spec& spec) noexcept {
     ++p;
   switch (*p) {
   case 'h':
-    spec.size = p[1] == 'h' ? Size::Char : Size::Short;
-    p += spec.size == Size::Char ? 2 : 1;
+    dir.size = p[1] == 'h' ? Size::Char : Size::Short;
+    p += dir.size == Size::Char ? 2 : 1;
     break;
   case 'l':
-    spec.size = p[1] == 'l' ? Size::LongLong : Size::Long;
-    p += spec.size == Size::LongLong ? 2 : 1;
+    dir.size = p[1] == 'l' ? Size::LongLong : Size::Long;
+    p += dir.size == Size::LongLong ? 2 : 1;
     break;
-  case 'L': spec.size = Size::LongDouble; ++p; break;
-  case 'w': spec.size = Size::Wide; ++p; break;
-  case 'z': spec.size = Size::PtrSize; ++p; break;
-  case 't': spec.size = Size::PtrDiff; ++p; break;
-  case 'j': spec.size = Size::IntMax; ++p; break;
+  case 'L': dir.size = Size::LongDouble; ++p; break;
+  case 'w': dir.size = Size::Wide; ++p; break;
+  case 'z': dir.size = Size::PtrSize; ++p; break;
+  case 't': dir.size = Size::PtrDiff; ++p; break;
+  case 'j': dir.size = Size::IntMax; ++p; break;
   case 'I':
     if (p[1] == '6' && p[2] == '4') {
-      spec.size = Size::Int64;
+      dir.size = Size::Int64;
       p += 3;
     } else if (p[1] == '3' && p[2] == '2') {
-      spec.size = Size::Int32;
+      dir.size = Size::Int32;
       p += 3;
     } else {
-      spec.size = Size::PtrSize;
+      dir.size = Size::PtrSize;
       ++p;
     }
     break;
   default: break;
   }
-  spec.conversion = static_cast<unsigned>(*p);
+  dir.conversion = static_cast<unsigned>(*p);
   if (*p)
     ++p;
   return p;
@@ -329,24 +329,24 @@ bool IsConversion(unsigned c) noexcept {
 // ---------------------------------------------------------------------------------------------
 // Floating-point numbers through snprintf.
 
-// Writes the snprintf conversion for `spec` (with the length modifier `modifier` and the
+// Writes the snprintf conversion for `dir` (with the length modifier `modifier` and the
 // conversion letter `conversion`) into out. Returns false if the C library refused.
 template <class CharT, class T>
-bool FormatNumber(Sink<CharT>& sink, const Spec& spec, const char* modifier, char conversion, T value) {
+bool FormatNumber(Sink<CharT>& sink, const Directive& dir, const char* modifier, char conversion, T value) {
   char format[48];
   char* f = format;
   *f++ = '%';
-  if (spec.left) *f++ = '-';
-  if (spec.plus) *f++ = '+';
-  if (spec.space) *f++ = ' ';
-  if (spec.zero) *f++ = '0';
-  if (spec.alternate) *f++ = '#';
+  if (dir.left) *f++ = '-';
+  if (dir.plus) *f++ = '+';
+  if (dir.space) *f++ = ' ';
+  if (dir.zero) *f++ = '0';
+  if (dir.alternate) *f++ = '#';
   char* const formatEnd = format + sizeof format;
-  if (spec.width > 0)
-    f = std::to_chars(f, formatEnd, spec.width).ptr;
-  if (spec.hasPrecision) {
+  if (dir.width > 0)
+    f = std::to_chars(f, formatEnd, dir.width).ptr;
+  if (dir.hasPrecision) {
     *f++ = '.';
-    f = std::to_chars(f, formatEnd, spec.precision).ptr;
+    f = std::to_chars(f, formatEnd, dir.precision).ptr;
   }
   while (*modifier)
     *f++ = *modifier++;
@@ -356,7 +356,7 @@ bool FormatNumber(Sink<CharT>& sink, const Spec& spec, const char* modifier, cha
   // Width and precision are bounded, so this is room for most values; the rest (huge %f
   // values, long doubles) take the exact size snprintf reports.
   char stackBuffer[512];
-  std::size_t size = static_cast<std::size_t>(spec.width + spec.precision) + 64;
+  std::size_t size = static_cast<std::size_t>(dir.width + dir.precision) + 64;
   std::unique_ptr<char[]> heapBuffer;
   char* buffer = stackBuffer;
   if (size > sizeof stackBuffer) {
@@ -423,29 +423,29 @@ void WriteConverted(Sink<CharT>& sink, const DKChar* text, std::size_t n) {
 
 // Writes n units of text (either kind) padded to the width.
 template <class CharT, class TextT>
-void WriteText(Sink<CharT>& sink, const Spec& spec, const TextT* text, std::size_t n) {
-  const auto width = static_cast<std::size_t>(spec.width);
+void WriteText(Sink<CharT>& sink, const Directive& dir, const TextT* text, std::size_t n) {
+  const auto width = static_cast<std::size_t>(dir.width);
   if constexpr (std::is_same_v<CharT, TextT>) {
     if (PointsInto<CharT>(text, sink.Out())) {
       // The argument lives in the output, which may move while it is copied.
       const std::basic_string<CharT> copy(text, n);
-      WriteText(sink, spec, copy.c_str(), n);
+      WriteText(sink, dir, copy.c_str(), n);
       return;
     }
     const std::size_t pad = width > n ? width - n : 0;
-    if (!spec.left)
+    if (!dir.left)
       sink.Fill(' ', pad);
     sink.Write(text, n);
-    if (spec.left)
+    if (dir.left)
       sink.Fill(' ', pad);
   } else {
     if (width == 0 || IsAscii(text, n)) {
       // One output unit per input unit.
       const std::size_t pad = width > n ? width - n : 0;
-      if (!spec.left)
+      if (!dir.left)
         sink.Fill(' ', pad);
       WriteConverted(sink, text, n);
-      if (spec.left)
+      if (dir.left)
         sink.Fill(' ', pad);
       return;
     }
@@ -455,40 +455,40 @@ void WriteText(Sink<CharT>& sink, const Spec& spec, const TextT* text, std::size
       dkutf::Utf8ToUtf16(text, n, converted, true);
     else
       dkutf::Utf16ToUtf8(text, n, converted);
-    WriteText(sink, spec, converted.c_str(), OutputTraits<CharT>::Length(converted));
+    WriteText(sink, dir, converted.c_str(), OutputTraits<CharT>::Length(converted));
   }
 }
 
 template <class CharT, class TextT>
-void FormatString(Sink<CharT>& sink, const Spec& spec, const TextT* text) {
+void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text) {
   if (!text) {
     static constexpr char null[] = "(null)";
-    const std::size_t n = spec.hasPrecision ? std::min<std::size_t>(6, spec.precision) : 6;
-    WriteText(sink, spec, null, n);
+    const std::size_t n = dir.hasPrecision ? std::min<std::size_t>(6, dir.precision) : 6;
+    WriteText(sink, dir, null, n);
     return;
   }
   std::size_t n;
-  if (spec.hasPrecision) {
-    n = BoundedLength(text, static_cast<std::size_t>(spec.precision));
+  if (dir.hasPrecision) {
+    n = BoundedLength(text, static_cast<std::size_t>(dir.precision));
     if constexpr (!std::is_same_v<CharT, TextT>) {
-      if (n == static_cast<std::size_t>(spec.precision))
+      if (n == static_cast<std::size_t>(dir.precision))
         n = WholeCharacters(text, n);
     }
   } else {
     n = std::char_traits<TextT>::length(text);
   }
-  WriteText(sink, spec, text, n);
+  WriteText(sink, dir, text, n);
 }
 
 // Which kind of text a s/S/c/C conversion takes: the format's own kind for the lower-case
 // letter, the other kind for the upper-case one, unless the size names the kind.
 template <class CharT>
-bool TakesWide(const Spec& spec) noexcept {
-  if (spec.size == Size::Short)
+bool TakesWide(const Directive& dir) noexcept {
+  if (dir.size == Size::Short)
     return false;
-  if (spec.size == Size::Long || spec.size == Size::Wide)
+  if (dir.size == Size::Long || dir.size == Size::Wide)
     return true;
-  const bool ownKind = spec.conversion == 's' || spec.conversion == 'c';
+  const bool ownKind = dir.conversion == 's' || dir.conversion == 'c';
   return ownKind == std::is_same_v<CharT, DKChar>;
 }
 
@@ -508,29 +508,29 @@ void ToUpper(char* begin, char* end) noexcept {
 // Lays a number out as printf does: blanks, sign, prefix, zeros, digits (the blanks last
 // when left-justified). With zeroFill, zeros rather than blanks make up the width.
 template <class CharT>
-void WriteNumber(Sink<CharT>& sink, const Spec& spec, char sign, const char* prefix, std::size_t zeros,
+void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, const char* prefix, std::size_t zeros,
                  const char* digits, std::size_t n, bool zeroFill) {
   const std::size_t prefixLength = std::strlen(prefix);
   std::size_t length = (sign ? 1 : 0) + prefixLength + zeros + n;
-  const auto width = static_cast<std::size_t>(spec.width);
+  const auto width = static_cast<std::size_t>(dir.width);
   if (zeroFill && width > length) {
     zeros += width - length;
     length = width;
   }
   const std::size_t pad = width > length ? width - length : 0;
-  if (!spec.left)
+  if (!dir.left)
     sink.Fill(' ', pad);
   if (sign)
     sink.Put(sign);
   sink.WriteUtf8(prefix, prefixLength);
   sink.Fill('0', zeros);
   sink.WriteUtf8(digits, n);
-  if (spec.left)
+  if (dir.left)
     sink.Fill(' ', pad);
 }
 
 template <class CharT, class T>
-void FormatInteger(Sink<CharT>& sink, const Spec& spec, char conversion, T value) {
+void FormatInteger(Sink<CharT>& sink, const Directive& dir, char conversion, T value) {
   auto magnitude = static_cast<unsigned long long>(value);
   char sign = 0;
   if constexpr (std::is_signed_v<T>) {
@@ -538,23 +538,23 @@ void FormatInteger(Sink<CharT>& sink, const Spec& spec, char conversion, T value
       magnitude = 0ULL - magnitude;
       sign = '-';
     } else {
-      sign = spec.plus ? '+' : spec.space ? ' ' : 0;
+      sign = dir.plus ? '+' : dir.space ? ' ' : 0;
     }
   }
   // Precision 0 writes no digit for the value 0.
   char digits[24];
   std::size_t n = 0;
-  if (magnitude != 0 || !spec.hasPrecision || spec.precision != 0) {
+  if (magnitude != 0 || !dir.hasPrecision || dir.precision != 0) {
     const int base = conversion == 'o' ? 8 : conversion == 'x' || conversion == 'X' ? 16 : 10;
     char* const end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
     if (conversion == 'X')
       ToUpper(digits, end);
     n = static_cast<std::size_t>(end - digits);
   }
-  const auto precision = static_cast<std::size_t>(spec.precision);
+  const auto precision = static_cast<std::size_t>(dir.precision);
   std::size_t zeros = precision > n ? precision - n : 0;
   const char* prefix = "";
-  if (spec.alternate) {
+  if (dir.alternate) {
     if (conversion == 'o') {
       if (zeros == 0 && (n == 0 || digits[0] != '0'))
         zeros = 1; // the octal form starts with 0
@@ -562,7 +562,7 @@ void FormatInteger(Sink<CharT>& sink, const Spec& spec, char conversion, T value
       prefix = conversion == 'x' ? "0x" : "0X";
     }
   }
-  WriteNumber(sink, spec, sign, prefix, zeros, digits, n, spec.zero && !spec.left && !spec.hasPrecision);
+  WriteNumber(sink, dir, sign, prefix, zeros, digits, n, dir.zero && !dir.left && !dir.hasPrecision);
 }
 
 bool CNumberConventions() noexcept {
@@ -573,18 +573,18 @@ bool CNumberConventions() noexcept {
 }
 
 template <class CharT>
-bool FormatDouble(Sink<CharT>& sink, const Spec& spec, char conversion, double value) {
+bool FormatDouble(Sink<CharT>& sink, const Directive& dir, char conversion, double value) {
   const char lower = static_cast<char>(conversion | 0x20);
-  if (!spec.alternate && lower != 'a' && spec.precision <= 64 && CNumberConventions()) {
+  if (!dir.alternate && lower != 'a' && dir.precision <= 64 && CNumberConventions()) {
     const auto format = lower == 'f'   ? std::chars_format::fixed
                         : lower == 'e' ? std::chars_format::scientific
                                        : std::chars_format::general;
     char buffer[128];
-    const auto precision = spec.hasPrecision ? static_cast<int>(spec.precision) : 6;
+    const auto precision = dir.hasPrecision ? static_cast<int>(dir.precision) : 6;
     const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value, format, precision);
     if (error == std::errc()) {
       char* digits = buffer;
-      char sign = spec.plus ? '+' : spec.space ? ' ' : 0;
+      char sign = dir.plus ? '+' : dir.space ? ' ' : 0;
       if (*digits == '-') {
         sign = '-';
         ++digits;
@@ -592,12 +592,12 @@ bool FormatDouble(Sink<CharT>& sink, const Spec& spec, char conversion, double v
       if (conversion != lower)
         ToUpper(digits, end);
       // Infinity and NaN are padded with blanks even with the "0" flag.
-      WriteNumber(sink, spec, sign, "", 0, digits, static_cast<std::size_t>(end - digits),
-                  spec.zero && !spec.left && std::isfinite(value));
+      WriteNumber(sink, dir, sign, "", 0, digits, static_cast<std::size_t>(end - digits),
+                  dir.zero && !dir.left && std::isfinite(value));
       return true;
     }
   }
-  return FormatNumber(sink, spec, "", conversion, value);
+  return FormatNumber(sink, dir, "", conversion, value);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -615,12 +615,12 @@ struct Argument {
 };
 
 template <class CharT>
-Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
+Argument ReadArgument(const Directive& dir, DKFormatArgSource& args) {
   Argument arg;
-  switch (spec.conversion) {
+  switch (dir.conversion) {
   case 'd':
   case 'i':
-    switch (spec.size) {
+    switch (dir.size) {
     case Size::Char: arg.i = static_cast<signed char>(args.NextInt()); break;
     case Size::Short: arg.i = static_cast<short>(args.NextInt()); break;
     case Size::Long: arg.i = args.NextLong(); break;
@@ -637,7 +637,7 @@ Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
   case 'u':
   case 'x':
   case 'X':
-    switch (spec.size) {
+    switch (dir.size) {
     case Size::Char: arg.u = static_cast<unsigned char>(args.NextUnsigned()); break;
     case Size::Short: arg.u = static_cast<unsigned short>(args.NextUnsigned()); break;
     case Size::Long: arg.u = args.NextUnsignedLong(); break;
@@ -654,7 +654,7 @@ Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
   case 'C': arg.i = args.NextInt(); break;
   case 's':
   case 'S':
-    if (TakesWide<CharT>(spec))
+    if (TakesWide<CharT>(dir))
       arg.wide = args.NextWideString();
     else
       arg.narrow = args.NextNarrowString();
@@ -662,7 +662,7 @@ Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
   case 'p': arg.pointer = args.NextPointer(); break;
   case 'n': (void)args.NextCountPointer(); break;
   default: // floating point
-    if (spec.size == Size::LongDouble)
+    if (dir.size == Size::LongDouble)
       arg.ld = args.NextLongDouble();
     else
       arg.d = args.NextDouble();
@@ -673,19 +673,19 @@ Argument ReadArgument(const Spec& spec, DKFormatArgSource& args) {
 
 // Writes one conversion; false if the C library refused a number (nothing was written then).
 template <class CharT>
-bool Emit(Sink<CharT>& sink, const Spec& spec, const Argument& arg) {
-  const auto conversion = static_cast<char>(spec.conversion);
+bool Emit(Sink<CharT>& sink, const Directive& dir, const Argument& arg) {
+  const auto conversion = static_cast<char>(dir.conversion);
   switch (conversion) {
   case 'd':
-  case 'i': FormatInteger(sink, spec, 'd', arg.i); return true;
+  case 'i': FormatInteger(sink, dir, 'd', arg.i); return true;
   case 'o':
   case 'u':
   case 'x':
-  case 'X': FormatInteger(sink, spec, conversion, arg.u); return true;
+  case 'X': FormatInteger(sink, dir, conversion, arg.u); return true;
   case 'p': {
-    Spec pointerSpec;
-    pointerSpec.left = spec.left;
-    pointerSpec.width = spec.width;
+    Directive pointerSpec;
+    pointerSpec.left = dir.left;
+    pointerSpec.width = dir.width;
     pointerSpec.hasPrecision = true;
     pointerSpec.precision = 2 * sizeof(void*);
     const auto address = static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(arg.pointer));
@@ -695,56 +695,56 @@ bool Emit(Sink<CharT>& sink, const Spec& spec, const Argument& arg) {
   case 'n': return true;
   case 'c':
   case 'C':
-    if (TakesWide<CharT>(spec)) {
+    if (TakesWide<CharT>(dir)) {
       const auto ch = static_cast<DKChar>(arg.i);
-      WriteText(sink, spec, &ch, 1);
+      WriteText(sink, dir, &ch, 1);
     } else {
       const auto ch = static_cast<char>(arg.i);
-      WriteText(sink, spec, &ch, 1);
+      WriteText(sink, dir, &ch, 1);
     }
     return true;
   case 's':
   case 'S':
-    if (TakesWide<CharT>(spec))
-      FormatString(sink, spec, arg.wide);
+    if (TakesWide<CharT>(dir))
+      FormatString(sink, dir, arg.wide);
     else
-      FormatString(sink, spec, arg.narrow);
+      FormatString(sink, dir, arg.narrow);
     return true;
   default:
-    if (spec.size == Size::LongDouble)
-      return FormatNumber(sink, spec, "L", conversion, arg.ld);
-    return FormatDouble(sink, spec, conversion, arg.d);
+    if (dir.size == Size::LongDouble)
+      return FormatNumber(sink, dir, "L", conversion, arg.ld);
+    return FormatDouble(sink, dir, conversion, arg.d);
   }
 }
 
 // Performs one conversion of a known letter; false means it is to be written as it stands.
 template <class CharT>
-bool Convert(Sink<CharT>& sink, Spec& spec, DKFormatArgSource& args) {
-  if (spec.conversion == '%') {
+bool Convert(Sink<CharT>& sink, Directive& dir, DKFormatArgSource& args) {
+  if (dir.conversion == '%') {
     sink.Put('%');
     return true;
   }
-  if (spec.tooLarge)
+  if (dir.tooLarge)
     return false;
-  if (spec.widthFromArg) {
-    spec.width = args.NextInt();
-    if (spec.width < 0) {
-      spec.left = true;
-      spec.width = -spec.width;
+  if (dir.widthFromArg) {
+    dir.width = args.NextInt();
+    if (dir.width < 0) {
+      dir.left = true;
+      dir.width = -dir.width;
     }
   }
-  if (spec.precisionFromArg) {
-    spec.precision = args.NextInt();
-    spec.hasPrecision = spec.precision >= 0;
-    if (!spec.hasPrecision)
-      spec.precision = 0;
+  if (dir.precisionFromArg) {
+    dir.precision = args.NextInt();
+    dir.hasPrecision = dir.precision >= 0;
+    if (!dir.hasPrecision)
+      dir.precision = 0;
   }
   // The conversion's own argument is consumed even when a "*" value is refused, so that the
   // arguments after it keep their places.
-  const Argument arg = ReadArgument<CharT>(spec, args);
-  if (spec.width > DKFormatMaxWidth || spec.precision > DKFormatMaxWidth)
+  const Argument arg = ReadArgument<CharT>(dir, args);
+  if (dir.width > DKFormatMaxWidth || dir.precision > DKFormatMaxWidth)
     return false;
-  return Emit(sink, spec, arg);
+  return Emit(sink, dir, arg);
 }
 
 template <class CharT>
@@ -758,14 +758,14 @@ void Run(Sink<CharT>& sink, const CharT* format, DKFormatArgSource& args) {
     if (!*p)
       return;
     const CharT* start = p;
-    Spec spec;
-    p = ParseSpec(p + 1, spec);
-    if (!IsConversion(spec.conversion)) {
-      // Unknown letter, or the format ended inside the specification: write it as it stands.
+    Directive dir;
+    p = ParseDirective(p + 1, dir);
+    if (!IsConversion(dir.conversion)) {
+      // Unknown letter, or the format ended inside the directive: write it as it stands.
       sink.Write(start, static_cast<std::size_t>(p - start));
       continue;
     }
-    if (!Convert(sink, spec, args))
+    if (!Convert(sink, dir, args))
       sink.Write(start, static_cast<std::size_t>(p - start));
   }
 }
