@@ -1,1 +1,947 @@
-// placeholder
+// Conditions: storage, the comparison and link operators, evaluation, the readable and native
+// text forms and the reader. A link word takes the whole rest of the text as its condition, so
+// "a AND b OR c" reads as a AND (b OR c), while conditions linked in code (a && b || c)
+// evaluate strictly left to right; ToString puts parentheses where the two differ.
+#include <DorvikCore/DKCondition.h>
+
+#include <DorvikCore/DKConsole.h>
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <limits>
+#include <ostream>
+
+DKConditionParams::~DKConditionParams() = default;
+
+namespace {
+
+// Nesting of FromString calls on this thread: each parenthesis, link and rest of a text adds
+// one. Conditions parse into children of their own class, so the count cannot be passed down.
+thread_local unsigned tlsParseDepth = 0;
+
+class ParseDepthGuard {
+public:
+  ParseDepthGuard() noexcept : m_ok(++tlsParseDepth <= DKCondition::maxParseDepth) {}
+  ~ParseDepthGuard() { --tlsParseDepth; }
+  ParseDepthGuard(const ParseDepthGuard&) = delete;
+  ParseDepthGuard& operator=(const ParseDepthGuard&) = delete;
+  bool Ok() const noexcept { return m_ok; }
+
+private:
+  bool m_ok;
+};
+
+constexpr bool IsBlank(DKChar c) noexcept { return c == ' ' || c == '\t'; }
+
+std::size_t SkipBlanks(const DKString& text, std::size_t pos) noexcept {
+  while (pos < text.Length() && IsBlank(text[pos]))
+    ++pos;
+  return pos;
+}
+
+std::size_t WordEnd(const DKString& text, std::size_t pos) noexcept {
+  while (pos < text.Length() && !IsBlank(text[pos]))
+    ++pos;
+  return pos;
+}
+
+bool IsBlankFrom(const DKString& text, std::size_t pos) noexcept { return SkipBlanks(text, pos) >= text.Length(); }
+
+bool ContainsNoCase(const DKString& text, const DKChar* what) {
+  DKString upper = text;
+  upper.Upper();
+  return upper.Find(what) != DKString::npos;
+}
+
+// The position of the ")" that closes the "(" at open, or npos. Double-quoted values are
+// skipped, so that a parenthesis inside one does not count.
+std::size_t MatchingParenthesis(const DKString& text, std::size_t open) noexcept {
+  std::size_t depth = 0;
+  for (std::size_t i = open; i < text.Length(); ++i) {
+    const DKChar c = text[i];
+    if (c == '"') {
+      i = text.Find(DK_T('"'), i + 1);
+      if (i == DKString::npos)
+        return DKString::npos;
+    } else if (c == '(') {
+      ++depth;
+    } else if (c == ')' && --depth == 0) {
+      return i;
+    }
+  }
+  return DKString::npos;
+}
+
+// True when every ")" closes an earlier "(" and none stays open.
+bool ParenthesesPair(const DKString& text) noexcept {
+  std::size_t depth = 0;
+  for (const DKChar c : text) {
+    if (c == '(')
+      ++depth;
+    else if (c == ')' && depth-- == 0)
+      return false;
+  }
+  return depth == 0;
+}
+
+bool IsLinkWord(const DKString& word, bool& isAnd) {
+  isAnd = word.IsEqual(DK_T("AND"), DKString::IgnoreCase);
+  return isAnd || word.IsEqual(DK_T("OR"), DKString::IgnoreCase);
+}
+
+void ConsoleLine(const char* line) { DKLockedCOUT() << line << std::endl; }
+
+// Digits with at most one decimal point, and at least one digit.
+bool IsPlainNumber(const DKString& text) noexcept {
+  bool digit = false, point = false;
+  for (const DKChar c : text) {
+    if (c >= '0' && c <= '9')
+      digit = true;
+    else if (c == '.' && !point)
+      point = true;
+    else
+      return false;
+  }
+  return digit;
+}
+
+// An optional sign and decimal digits whose value fits 64 bits.
+bool ReadExactInt64(const DKString& text, DKInt64& out) noexcept {
+  std::size_t i = 0;
+  const bool negative = text.Length() > 0 && text[0] == '-';
+  if (text.Length() > 0 && (text[0] == '-' || text[0] == '+'))
+    ++i;
+  if (i >= text.Length())
+    return false;
+  const DKUInt64 limit = negative ? DKUInt64{1} << 63 : (DKUInt64{1} << 63) - 1;
+  DKUInt64 value = 0;
+  for (; i < text.Length(); ++i) {
+    const DKChar c = text[i];
+    if (c < '0' || c > '9')
+      return false;
+    const unsigned d = static_cast<unsigned>(c - '0');
+    if (value > (limit - d) / 10)
+      return false;
+    value = value * 10 + d;
+  }
+  out = negative ? static_cast<DKInt64>(0 - value) : static_cast<DKInt64>(value);
+  return true;
+}
+
+// Toward zero, saturating at the 64-bit range (0 for NaN).
+DKInt64 TruncateToInt64(double value) noexcept {
+  constexpr double two63 = 9223372036854775808.0;
+  if (std::isnan(value))
+    return 0;
+  if (value >= two63)
+    return std::numeric_limits<DKInt64>::max();
+  if (value <= -two63)
+    return std::numeric_limits<DKInt64>::min();
+  return static_cast<DKInt64>(value);
+}
+
+DKString DecimalText(DKInt64 value) {
+  DKString text;
+  text.Format(DK_T("%lld"), static_cast<long long>(value));
+  return text;
+}
+
+// The native form's escapes inside field and value texts: "%" as "%25", "@" (the separator) as
+// "%40" and the null character (the tokens' terminator) as "%00".
+void AppendEscaped(DKString& out, const DKString& text) {
+  for (const DKChar c : text) {
+    if (c == '%')
+      out += DK_T("%25");
+    else if (c == '@')
+      out += DK_T("%40");
+    else if (c == 0)
+      out += DK_T("%00");
+    else
+      out += c;
+  }
+}
+
+bool Unescape(const DKChar* token, DKString& out) {
+  out.Clear();
+  for (const DKChar* p = token; *p; ++p) {
+    if (*p != '%') {
+      out += *p;
+      continue;
+    }
+    if (p[1] == '2' && p[2] == '5')
+      out += DK_T('%');
+    else if (p[1] == '4' && p[2] == '0')
+      out += DK_T('@');
+    else if (p[1] == '0' && p[2] == '0')
+      out += DKChar(0);
+    else
+      return false;
+    p += 2;
+  }
+  return true;
+}
+
+// A decimal count of at most nine digits.
+bool ReadCount(const DKChar* token, std::size_t& out) noexcept {
+  out = 0;
+  std::size_t digits = 0;
+  for (const DKChar* p = token; *p; ++p, ++digits) {
+    if (*p < '0' || *p > '9' || digits == 9)
+      return false;
+    out = out * 10 + static_cast<std::size_t>(*p - '0');
+  }
+  return digits > 0;
+}
+
+constexpr const DKChar* oracleDateTimeFormat = DK_T("YYYY/MM/DD HH24:MI:SS");
+
+// A date-time text in the default format, or TO_DATE(...) with a format of its own.
+bool ReadDateTime(const DKString& text, DKDateTime& out) {
+  try {
+    return out.FromString(text, DKCondition::dateTimeFormat).Good();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// A link that is written in readable text: a condition linked with AND or OR.
+bool IsWritten(const LinkedCond& link) noexcept {
+  return link.m_condition && (link.m_linkKind == LinkedCond::AND || link.m_linkKind == LinkedCond::OR);
+}
+
+} // namespace
+
+// ---- Construction and copies ------------------------------------------------------------------------
+
+DKCondition::DKCondition() = default;
+
+DKCondition::DKCondition(const DKString& text) { FromString(text); }
+
+DKCondition::DKCondition(const DKCondition& other) : DKRefCount() { LocalCopy(other); }
+
+DKCondition& DKCondition::operator=(const DKCondition& other) {
+  LocalCopy(other);
+  return *this;
+}
+
+DKCondition::~DKCondition() = default;
+
+void DKCondition::CopyFields(const DKCondition& other) {
+  m_fieldName = other.m_fieldName;
+  m_operator = other.m_operator;
+  m_valueKind = other.m_valueKind;
+  m_valueText = other.m_valueText;
+  m_doubleValue = other.m_doubleValue;
+  m_int64Value = other.m_int64Value;
+  m_exactInteger = other.m_exactInteger;
+  m_regEx = other.m_regEx;
+}
+
+void DKCondition::LocalCopy(const DKCondition& other) {
+  if (&other == this)
+    return;
+  CopyFields(other);
+  std::vector<LinkedCond> copies;
+  copies.reserve(other.m_subConditions.size());
+  for (const LinkedCond& link : other.m_subConditions) {
+    DKSmartPtr<DKCondition> copy;
+    if (link.m_condition) {
+      copy = link.m_condition->NewChild();
+      if (copy)
+        copy->LocalCopy(*link.m_condition);
+    }
+    copies.push_back({link.m_linkKind, copy});
+  }
+  m_subConditions.swap(copies);
+}
+
+DKSmartPtr<DKCondition> DKCondition::NewChild() const { return DKSmartPtr<DKCondition>(new DKCondition()); }
+
+// ---- Field, operator and value ----------------------------------------------------------------------
+
+void DKCondition::GetFieldName(DKString& out) const { out = m_fieldName; }
+
+DKString DKCondition::GetFieldName() const {
+  DKString out;
+  GetFieldName(out);
+  return out;
+}
+
+bool DKCondition::AssignFieldName(const DKString& name) {
+  if (IsNativeFormat(name))
+    return false; // a text starting with it would read as the native form
+  m_fieldName = name;
+  return true;
+}
+
+bool DKCondition::AssignOperatorFromStr(bool& isRegEx, const DKString& text) {
+  struct Entry {
+    const DKChar* text;
+    std::int32_t code;
+    bool regEx;
+  };
+  static constexpr Entry operators[] = {
+      {DK_T("<"), opLess, false},       {DK_T("<="), opLessOrEqual, false}, {DK_T("="), opEqual, false},
+      {DK_T("%"), opEqual, true},       {DK_T("!="), opNotEqual, false},    {DK_T("/="), opNotEqual, true},
+      {DK_T(">="), opGreaterOrEqual, false}, {DK_T(">"), opGreater, false},
+  };
+  isRegEx = false;
+  m_operator = opNone;
+  for (const Entry& e : operators)
+    if (text == e.text) {
+      m_operator = e.code;
+      isRegEx = e.regEx;
+      break;
+    }
+  return m_operator != opNone;
+}
+
+void DKCondition::GetOperator(DKString& out) const {
+  const bool regEx = m_valueKind == kindRegEx;
+  switch (m_operator) {
+  case opLess: out = DK_T(" < "); break;
+  case opLessOrEqual: out = DK_T(" <= "); break;
+  case opEqual: out = regEx ? DK_T(" % ") : DK_T(" = "); break;
+  case opNotEqual: out = regEx ? DK_T(" /= ") : DK_T(" != "); break;
+  case opGreaterOrEqual: out = DK_T(" >= "); break;
+  case opGreater: out = DK_T(" > "); break;
+  default: out.Clear(); break;
+  }
+}
+
+DKString DKCondition::GetOperator() const {
+  DKString out;
+  GetOperator(out);
+  return out;
+}
+
+void DKCondition::GetSuppliedValue(DKString& out) const {
+  // A pattern is quoted when the reader would not take it back as one word: with blanks (an
+  // unquoted value ends at the first one), with "TO_DATE" (read up to the next ")"), or with
+  // parentheses that do not pair (they would upset the search for the end of an enclosing
+  // parenthesis). A word is quoted for the last two reasons, and reads back as a text. A value
+  // holding a double quote cannot be quoted: only the native form keeps it whole.
+  const bool quote = m_valueKind == kindText ||
+                     (m_valueKind == kindRegEx && (m_valueText.IsEmpty() || m_valueText.FindFirstOf(DK_T(" \t")) != DKString::npos)) ||
+                     ((m_valueKind == kindRegEx || m_valueKind == kindWord) && m_valueText.Find(DK_T('"')) == DKString::npos &&
+                      (!ParenthesesPair(m_valueText) || ContainsNoCase(m_valueText, DK_T("TO_DATE"))));
+  out.Clear();
+  if (quote)
+    out += DK_T('"');
+  out += m_valueText;
+  if (quote)
+    out += DK_T('"');
+}
+
+DKString DKCondition::GetSuppliedValue() const {
+  DKString out;
+  GetSuppliedValue(out);
+  return out;
+}
+
+bool DKCondition::PostAssignSuppliedValue() { return true; }
+
+void DKCondition::SetNumber(double value, DKInt64 asInteger, const DKString& text, bool exactInteger) {
+  m_valueKind = kindNumber;
+  m_exactInteger = exactInteger;
+  m_valueText = text;
+  m_doubleValue = DKDouble::Adjust(value);
+  m_int64Value = asInteger;
+  m_regEx.Clear();
+}
+
+bool DKCondition::AssignInt(int value, bool post) {
+  SetNumber(value, value, DecimalText(value), true);
+  return !post || PostAssignSuppliedValue();
+}
+
+bool DKCondition::AssignInt64(DKInt64 value, bool post) {
+  SetNumber(static_cast<double>(value), value, DecimalText(value), true);
+  return !post || PostAssignSuppliedValue();
+}
+
+bool DKCondition::AssignDouble(const DKDouble& value, bool post) {
+  SetNumber(value.GetValue(), TruncateToInt64(value.GetValue()), value.AsString(), false);
+  return !post || PostAssignSuppliedValue();
+}
+
+bool DKCondition::AssignDKString(const DKString& value, bool post) {
+  m_valueKind = kindText;
+  m_valueText = value;
+  m_doubleValue = 0.0;
+  m_int64Value = 0;
+  m_regEx.Clear();
+  return !post || PostAssignSuppliedValue();
+}
+
+bool DKCondition::AssignDKDateTime(const DKDateTime& value, bool post) {
+  m_valueKind = kindDateTime;
+  m_valueText = DKString(DK_T("TO_DATE('")) + value.AsString(dateTimeFormat) + DK_T("', '") + oracleDateTimeFormat +
+                DK_T("')");
+  m_int64Value = static_cast<DKInt64>(value.GetTime_t());
+  m_doubleValue = static_cast<double>(m_int64Value);
+  m_regEx.Clear();
+  return !post || PostAssignSuppliedValue();
+}
+
+DKDateTime DKCondition::GetValueAsDateTime() const noexcept {
+  const DKInt64 lo = DKDateTime::minimum.GetTime_t(), hi = DKDateTime::maximum.GetTime_t();
+  return DKDateTime::FromCount(static_cast<std::int32_t>(std::clamp(m_int64Value, lo, hi)));
+}
+
+bool DKCondition::AssignSuppliedValueFromStr(bool isRegEx, const DKString& text) {
+  DKString value = text;
+  value.Trim();
+  if (value.IsEmpty())
+    return false;
+  const bool quoted = value[0] == '"';
+  if (IsPlainNumber(value)) {
+    bool ok = false;
+    const double number = value.AsDouble(&ok);
+    if (!ok)
+      return false;
+    DKInt64 integer = 0;
+    const bool exact = value.Find(DK_T('.')) == DKString::npos && ReadExactInt64(value, integer);
+    SetNumber(number, exact ? integer : TruncateToInt64(number), value, exact);
+  } else if (quoted || !ContainsNoCase(value, DK_T("TO_DATE("))) {
+    if (quoted) {
+      if (value.Length() < 2 || value[value.Length() - 1] != '"')
+        return false;
+      value = value.SubStr(1, value.Length() - 2);
+    }
+    m_valueText = value;
+    m_doubleValue = 0.0;
+    m_int64Value = 0;
+    if (isRegEx) {
+      m_valueKind = kindRegEx;
+      if (!AsRegExp())
+        return false;
+    } else {
+      m_valueKind = quoted ? kindText : kindWord;
+      m_regEx.Clear();
+    }
+  } else {
+    m_valueKind = kindDateTime;
+    m_valueText = value;
+    m_doubleValue = 0.0;
+    m_int64Value = 0;
+    m_regEx.Clear();
+    DKDateTime moment;
+    if (!ReadDateTime(value, moment)) {
+      ConsoleLine("ERROR: DKCondition fails in DKDateTime::FromString()");
+      return false;
+    }
+    m_int64Value = static_cast<DKInt64>(moment.GetTime_t());
+    m_doubleValue = static_cast<double>(m_int64Value);
+  }
+  return PostAssignSuppliedValue();
+}
+
+bool DKCondition::AsRegExp() { return m_regEx.Compile(m_valueText).Good(); }
+
+bool DKCondition::MatchRexExp(const DKString& text) const { return m_regEx.Match(text); }
+
+// ---- Comparison and link operators ------------------------------------------------------------------
+
+DKCondition& DKCondition::Compare(std::int32_t op, int value) {
+  m_operator = op;
+  AssignInt(value);
+  return *this;
+}
+DKCondition& DKCondition::Compare(std::int32_t op, DKInt64 value) {
+  m_operator = op;
+  AssignInt64(value);
+  return *this;
+}
+DKCondition& DKCondition::Compare(std::int32_t op, const DKDouble& value) {
+  m_operator = op;
+  AssignDouble(value);
+  return *this;
+}
+DKCondition& DKCondition::Compare(std::int32_t op, const DKString& value) {
+  m_operator = op;
+  AssignDKString(value);
+  return *this;
+}
+DKCondition& DKCondition::Compare(std::int32_t op, const DKDateTime& value) {
+  m_operator = op;
+  AssignDKDateTime(value);
+  return *this;
+}
+
+DKCondition& DKCondition::operator==(int value) { return Compare(opEqual, value); }
+DKCondition& DKCondition::operator!=(int value) { return Compare(opNotEqual, value); }
+DKCondition& DKCondition::operator<(int value) { return Compare(opLess, value); }
+DKCondition& DKCondition::operator<=(int value) { return Compare(opLessOrEqual, value); }
+DKCondition& DKCondition::operator>(int value) { return Compare(opGreater, value); }
+DKCondition& DKCondition::operator>=(int value) { return Compare(opGreaterOrEqual, value); }
+DKCondition& DKCondition::operator==(DKInt64 value) { return Compare(opEqual, value); }
+DKCondition& DKCondition::operator!=(DKInt64 value) { return Compare(opNotEqual, value); }
+DKCondition& DKCondition::operator<(DKInt64 value) { return Compare(opLess, value); }
+DKCondition& DKCondition::operator<=(DKInt64 value) { return Compare(opLessOrEqual, value); }
+DKCondition& DKCondition::operator>(DKInt64 value) { return Compare(opGreater, value); }
+DKCondition& DKCondition::operator>=(DKInt64 value) { return Compare(opGreaterOrEqual, value); }
+DKCondition& DKCondition::operator==(const DKDouble& value) { return Compare(opEqual, value); }
+DKCondition& DKCondition::operator!=(const DKDouble& value) { return Compare(opNotEqual, value); }
+DKCondition& DKCondition::operator<(const DKDouble& value) { return Compare(opLess, value); }
+DKCondition& DKCondition::operator<=(const DKDouble& value) { return Compare(opLessOrEqual, value); }
+DKCondition& DKCondition::operator>(const DKDouble& value) { return Compare(opGreater, value); }
+DKCondition& DKCondition::operator>=(const DKDouble& value) { return Compare(opGreaterOrEqual, value); }
+DKCondition& DKCondition::operator==(const DKString& value) { return Compare(opEqual, value); }
+DKCondition& DKCondition::operator!=(const DKString& value) { return Compare(opNotEqual, value); }
+DKCondition& DKCondition::operator<(const DKString& value) { return Compare(opLess, value); }
+DKCondition& DKCondition::operator<=(const DKString& value) { return Compare(opLessOrEqual, value); }
+DKCondition& DKCondition::operator>(const DKString& value) { return Compare(opGreater, value); }
+DKCondition& DKCondition::operator>=(const DKString& value) { return Compare(opGreaterOrEqual, value); }
+DKCondition& DKCondition::operator==(const DKDateTime& value) { return Compare(opEqual, value); }
+DKCondition& DKCondition::operator!=(const DKDateTime& value) { return Compare(opNotEqual, value); }
+DKCondition& DKCondition::operator<(const DKDateTime& value) { return Compare(opLess, value); }
+DKCondition& DKCondition::operator<=(const DKDateTime& value) { return Compare(opLessOrEqual, value); }
+DKCondition& DKCondition::operator>(const DKDateTime& value) { return Compare(opGreater, value); }
+DKCondition& DKCondition::operator>=(const DKDateTime& value) { return Compare(opGreaterOrEqual, value); }
+
+DKCondition& DKCondition::operator%(const DKString& pattern) {
+  m_operator = opEqual;
+  m_valueKind = kindRegEx;
+  m_valueText = pattern;
+  m_doubleValue = 0.0;
+  m_int64Value = 0;
+  AsRegExp();
+  PostAssignSuppliedValue();
+  return *this;
+}
+
+DKCondition& DKCondition::operator/=(const DKString& pattern) {
+  *this % pattern;
+  m_operator = opNotEqual;
+  return *this;
+}
+
+DKCondition& DKCondition::Link(std::uint32_t kind, const DKCondition& other) {
+  DKSmartPtr<DKCondition> child = NewChild();
+  if (child) {
+    child->LocalCopy(other);
+    m_subConditions.push_back({kind, child});
+  }
+  return *this;
+}
+
+DKCondition& DKCondition::operator&&(const DKCondition& other) { return Link(LinkedCond::AND, other); }
+DKCondition& DKCondition::operator||(const DKCondition& other) { return Link(LinkedCond::OR, other); }
+
+bool DKCondition::HasOr() const noexcept {
+  for (const LinkedCond& link : m_subConditions)
+    if (link.m_linkKind == LinkedCond::OR)
+      return true;
+  return false;
+}
+
+bool DKCondition::HasAnd() const noexcept {
+  for (const LinkedCond& link : m_subConditions)
+    if (link.m_linkKind == LinkedCond::AND)
+      return true;
+  return false;
+}
+
+bool DKCondition::IsNull() const noexcept {
+  return m_operator == opNone && m_valueKind == kindNone && m_fieldName.IsEmpty() && m_subConditions.empty();
+}
+
+// ---- Evaluation -------------------------------------------------------------------------------------
+
+bool DKCondition::Evaluate(const DKConditionParams& params) const {
+  bool result = true;
+  if (m_operator == opNone)
+    result = !HasOr();
+  else
+    result = OnEvaluate(params);
+  for (const LinkedCond& link : m_subConditions) {
+    if (!link.m_condition)
+      continue;
+    if (link.m_linkKind == LinkedCond::OR) {
+      if (!result)
+        result = link.m_condition->Evaluate(params);
+    } else if (link.m_linkKind == LinkedCond::AND) {
+      if (result)
+        result = link.m_condition->Evaluate(params);
+    }
+  }
+  return result;
+}
+
+bool DKCondition::OnEvaluate(const DKConditionParams&) const { return false; }
+
+bool DKCondition::ApplyOperator(int comparison) const noexcept {
+  switch (m_operator) {
+  case opLess: return comparison < 0;
+  case opLessOrEqual: return comparison <= 0;
+  case opEqual: return comparison == 0;
+  case opNotEqual: return comparison != 0;
+  case opGreaterOrEqual: return comparison >= 0;
+  case opGreater: return comparison > 0;
+  default: return false;
+  }
+}
+
+bool DKCondition::EvaluateValue(double fieldValue) const {
+  switch (m_valueKind) {
+  case kindNumber:
+  case kindDateTime: {
+    const double supplied = m_valueKind == kindNumber ? m_doubleValue : static_cast<double>(m_int64Value);
+    if (std::isnan(fieldValue) || std::isnan(supplied))
+      return m_operator == opNotEqual;
+    const double difference = fieldValue - supplied;
+    const int comparison = std::fabs(difference) < DKDouble::thePrecision.load(std::memory_order_relaxed) ? 0
+                           : difference < 0                                                           ? -1
+                                                                                                      : 1;
+    return ApplyOperator(comparison);
+  }
+  case kindNone: return false;
+  default: return EvaluateValue(DKDouble(fieldValue).AsString());
+  }
+}
+
+bool DKCondition::EvaluateValue(DKInt64 fieldValue) const {
+  switch (m_valueKind) {
+  case kindNumber:
+    // A value given as an integer compares exactly; any other as a double.
+    if (!m_exactInteger)
+      return EvaluateValue(static_cast<double>(fieldValue));
+    [[fallthrough]];
+  case kindDateTime: return ApplyOperator(fieldValue < m_int64Value ? -1 : fieldValue > m_int64Value ? 1 : 0);
+  case kindNone: return false;
+  default: return EvaluateValue(DecimalText(fieldValue));
+  }
+}
+
+bool DKCondition::EvaluateValue(const DKDateTime& fieldValue) const {
+  switch (m_valueKind) {
+  case kindNumber:
+  case kindDateTime: return EvaluateValue(static_cast<DKInt64>(fieldValue.GetTime_t()));
+  case kindNone: return false;
+  default: return EvaluateValue(fieldValue.AsString(dateTimeFormat));
+  }
+}
+
+bool DKCondition::EvaluateValue(const DKString& fieldValue) const {
+  switch (m_valueKind) {
+  case kindText:
+  case kindWord: return ApplyOperator(fieldValue.Compare(m_valueText));
+  case kindRegEx: {
+    if (!m_regEx.IsCompiled())
+      return false;
+    const bool match = m_regEx.Match(fieldValue);
+    return m_operator == opEqual ? match : m_operator == opNotEqual ? !match : false;
+  }
+  case kindNumber: {
+    DKString trimmed = fieldValue;
+    trimmed.Trim();
+    bool ok = false;
+    const double number = trimmed.AsDouble(&ok);
+    return ok && !trimmed.IsEmpty() && EvaluateValue(number);
+  }
+  case kindDateTime: {
+    DKDateTime moment;
+    return ReadDateTime(fieldValue, moment) && EvaluateValue(static_cast<DKInt64>(moment.GetTime_t()));
+  }
+  default: return false;
+  }
+}
+
+// ---- Text forms -------------------------------------------------------------------------------------
+
+bool DKCondition::IsNativeFormat(const DKString& text) {
+  return text.Length() >= 2 && text[0] == '@' && text[1] == '@';
+}
+
+DKString DKCondition::ToString(bool nativeFormat) const {
+  DKString out;
+  if (nativeFormat) {
+    out = DK_T("@@1");
+    AppendNative(out);
+  } else {
+    AppendReadable(out);
+  }
+  return out;
+}
+
+// True when the readable text of this condition, followed by more links of the kind, reads as
+// this condition linked to them. The reader hands those links to the last linked condition, so
+// this holds when the last link is of the kind and its condition has a comparison and, if it
+// has links, the same property; earlier links end in parentheses wherever the kind changes.
+bool DKCondition::IsRunOf(std::uint32_t kind) const noexcept {
+  for (const DKCondition* c = this;;) {
+    if (c->m_operator == opNone)
+      return false;
+    const LinkedCond* last = nullptr;
+    for (const LinkedCond& link : c->m_subConditions)
+      if (IsWritten(link))
+        last = &link;
+    if (!last)
+      return true;
+    if (last->m_linkKind != kind)
+      return false;
+    c = last->m_condition.Get();
+  }
+}
+
+// Links apply left to right, but the reader gives a link the whole rest of the text, so that
+// "a AND b OR c" reads as a AND (b OR c). Both agree while the links are all AND or all OR;
+// where the kind changes, the text so far goes in parentheses. A linked condition with links of
+// another kind needs parentheses unless nothing follows it in its parentheses. After a linked
+// condition without a comparison (a grouping node) the parentheses close too: followed by more
+// links, it would read as a grouping node whose start depends on those links. An empty linked
+// condition is written "()".
+void DKCondition::AppendReadable(DKString& out) const {
+  std::vector<const LinkedCond*> links;
+  for (const LinkedCond& link : m_subConditions)
+    if (IsWritten(link))
+      links.push_back(&link);
+  DKString text = GetFieldName() + GetOperator() + GetSuppliedValue();
+  bool closeBefore = false;
+  for (std::size_t i = 0; i < links.size(); ++i) {
+    const LinkedCond& link = *links[i];
+    const DKCondition& linked = *link.m_condition;
+    const bool grouping = linked.m_operator == opNone;
+    const bool closeAfter = i + 1 < links.size() && (links[i + 1]->m_linkKind != link.m_linkKind || grouping);
+    DKString child;
+    linked.AppendReadable(child);
+    if (child.IsEmpty() || (i + 1 < links.size() && !closeAfter && !linked.IsRunOf(link.m_linkKind)))
+      child = DK_T("(") + child + DK_T(")");
+    const DKChar* word = link.m_linkKind == LinkedCond::AND ? DK_T("AND ") : DK_T("OR ");
+    if (text.IsEmpty())
+      text = word + child;
+    else
+      text = (closeBefore ? DK_T("(") + text + DK_T(")") : text) + DK_T(" ") + word + child;
+    closeBefore = closeAfter;
+  }
+  out += text;
+}
+
+// Pre-order, with an explicit stack: each condition's head, then each link kind followed by the
+// linked condition.
+void DKCondition::AppendNative(DKString& out) const {
+  auto appendHead = [&out](const DKCondition& c) {
+    std::size_t links = 0;
+    for (const LinkedCond& link : c.m_subConditions)
+      links += link.m_condition ? 1 : 0;
+    out += DK_T('@');
+    AppendEscaped(out, c.m_fieldName);
+    out += DKString().Format(DK_T("@%d@%d@"), static_cast<int>(c.m_operator), static_cast<int>(c.m_valueKind));
+    AppendEscaped(out, c.m_valueText);
+    out += DK_T('@');
+    if (c.m_valueKind == kindDateTime)
+      out += DecimalText(c.m_int64Value);
+    out += DKString().Format(DK_T("@%zu"), links);
+  };
+  struct Frame {
+    const DKCondition* condition;
+    std::size_t next;
+  };
+  appendHead(*this);
+  std::vector<Frame> stack{{this, 0}};
+  while (!stack.empty()) {
+    Frame& top = stack.back();
+    if (top.next >= top.condition->m_subConditions.size()) {
+      stack.pop_back();
+      continue;
+    }
+    const LinkedCond& link = top.condition->m_subConditions[top.next++];
+    if (!link.m_condition)
+      continue;
+    out += DKString().Format(DK_T("@%u"), static_cast<unsigned>(link.m_linkKind));
+    appendHead(*link.m_condition);
+    stack.push_back({link.m_condition.Get(), 0});
+  }
+}
+
+bool DKCondition::FromNativeString(const DKPointerVector<DKChar>& tokens) {
+  constexpr std::size_t headTokens = 6;
+  if (tokens.size() < 1 || DKString(tokens[0]) != DK_T("1"))
+    return false;
+  std::size_t pos = 1;
+
+  // Reads one condition's head into c; count receives its number of links.
+  auto readHead = [&](DKCondition& c, std::size_t& count) {
+    if (tokens.size() - pos < headTokens)
+      return false;
+    DKString field, value;
+    std::size_t op = 0, kind = 0;
+    if (!Unescape(tokens[pos], field) || !ReadCount(tokens[pos + 1], op) || !ReadCount(tokens[pos + 2], kind) ||
+        !Unescape(tokens[pos + 3], value) || !ReadCount(tokens[pos + 5], count))
+      return false;
+    const DKString seconds(tokens[pos + 4]);
+    pos += headTokens;
+    if (op > opGreater || kind > kindWord || (kind == kindRegEx && op != opEqual && op != opNotEqual) ||
+        (kind != kindDateTime && !seconds.IsEmpty()) || (kind == kindNone && !value.IsEmpty()) ||
+        count > (tokens.size() - pos) / (headTokens + 1))
+      return false;
+    c.m_fieldName.Clear();
+    if (!field.IsEmpty() && !c.AssignFieldName(field))
+      return false;
+    c.m_operator = static_cast<std::int32_t>(op);
+    c.m_valueKind = static_cast<std::int32_t>(kind);
+    c.m_valueText = value;
+    c.m_doubleValue = 0.0;
+    c.m_int64Value = 0;
+    c.m_regEx.Clear();
+    switch (kind) {
+    case kindNone: return true;
+    case kindNumber: {
+      DKInt64 integer = 0;
+      if (ReadExactInt64(value, integer)) {
+        c.SetNumber(static_cast<double>(integer), integer, value, true);
+      } else {
+        bool ok = false;
+        const double number = value.AsDouble(&ok);
+        if (!ok || value.IsEmpty())
+          return false;
+        c.SetNumber(number, TruncateToInt64(number), value, false);
+      }
+      break;
+    }
+    case kindDateTime: {
+      DKInt64 count64 = 0;
+      if (!ReadExactInt64(seconds, count64) || count64 < DKDateTime::minimum.GetTime_t() ||
+          count64 > DKDateTime::maximum.GetTime_t())
+        return false;
+      c.m_int64Value = count64;
+      c.m_doubleValue = static_cast<double>(count64);
+      break;
+    }
+    case kindRegEx:
+      if (!c.AsRegExp())
+        return false;
+      break;
+    default: break;
+    }
+    return c.PostAssignSuppliedValue();
+  };
+
+  m_subConditions.clear();
+  std::size_t count = 0;
+  if (!readHead(*this, count))
+    return false;
+  struct Frame {
+    DKCondition* condition;
+    std::size_t remaining;
+  };
+  std::vector<Frame> stack{{this, count}};
+  while (!stack.empty()) {
+    if (stack.back().remaining == 0) {
+      stack.pop_back();
+      continue;
+    }
+    --stack.back().remaining;
+    DKCondition& parent = *stack.back().condition;
+    std::size_t link = 0;
+    if (stack.size() >= maxParseDepth || pos >= tokens.size() || !ReadCount(tokens[pos++], link) || link > LinkedCond::AND)
+      return false;
+    DKSmartPtr<DKCondition> child = parent.NewChild();
+    if (!child)
+      return false;
+    parent.m_subConditions.push_back({static_cast<std::uint32_t>(link), child});
+    if (!readHead(*child, count))
+      return false;
+    stack.push_back({child.Get(), count});
+  }
+  return pos == tokens.size();
+}
+
+bool DKCondition::FromString(const DKString& text) {
+  const ParseDepthGuard depth;
+  if (!depth.Ok())
+    return false;
+  try {
+    return ParseText(text);
+  } catch (...) {
+    return false; // nothing a derived class's hook or an allocation throws leaves the parser
+  }
+}
+
+bool DKCondition::ParseText(const DKString& text) {
+  if (IsNativeFormat(text)) {
+    std::vector<DKChar> buffer(text.begin() + 2, text.end());
+    buffer.push_back(0);
+    DKTokenizer tokenizer;
+    tokenizer.SetSeparators(DK_T("@"));
+    tokenizer.AllowEmptyTokens(true);
+    DKPointerVector<DKChar> tokens;
+    tokenizer.Tokenize(buffer.data(), tokens);
+    return FromNativeString(tokens);
+  }
+
+  std::size_t pos = SkipBlanks(text, 0);
+  if (pos >= text.Length())
+    return true;
+  std::size_t last; // the last character read
+  if (text[pos] == '(') {
+    // Refuse a run of parentheses deeper than the bound before scanning for their ends.
+    std::size_t opened = 0;
+    for (std::size_t p = pos; p < text.Length() && (text[p] == '(' || IsBlank(text[p])); ++p)
+      opened += text[p] == '(' ? 1 : 0;
+    if (tlsParseDepth + opened > maxParseDepth)
+      return false;
+    last = MatchingParenthesis(text, pos);
+    if (last == DKString::npos)
+      return false;
+    DKSmartPtr<DKCondition> child = NewChild();
+    if (!child || !child->FromString(text.SubStr(pos + 1, last - pos - 1)))
+      return false;
+    LocalCopy(*child);
+  } else {
+    std::size_t end = WordEnd(text, pos);
+    const DKString word = text.SubStr(pos, end - pos);
+    bool isAnd = false;
+    if (IsLinkWord(word, isAnd)) {
+      // The whole rest is the linked condition; a link word needs one.
+      if (IsBlankFrom(text, end))
+        return false;
+      DKSmartPtr<DKCondition> child = NewChild();
+      if (!child)
+        return false;
+      const bool ok = child->FromString(text.SubStr(end));
+      m_subConditions.push_back({isAnd ? LinkedCond::AND : LinkedCond::OR, child});
+      if (!isAnd)
+        ConsoleLine("OR Parsing not implemented!");
+      return ok;
+    }
+    if (!AssignFieldName(word))
+      return false;
+
+    pos = SkipBlanks(text, end);
+    end = WordEnd(text, pos);
+    bool isRegEx = false;
+    if (!AssignOperatorFromStr(isRegEx, text.SubStr(pos, end - pos)))
+      return false;
+
+    pos = SkipBlanks(text, end);
+    end = WordEnd(text, pos);
+    if (pos >= text.Length())
+      return false;
+    if (text[pos] == '"') { // read whole, blanks included, whatever it says
+      end = text.Find(DK_T('"'), pos + 1);
+      if (end == DKString::npos)
+        return false;
+      ++end;
+    } else if (ContainsNoCase(text.SubStr(pos, end - pos), DK_T("TO_DATE"))) {
+      end = text.Find(DK_T(')'), pos);
+      if (end == DKString::npos)
+        return false;
+      ++end;
+    }
+    if (!AssignSuppliedValueFromStr(isRegEx, text.SubStr(pos, end - pos)))
+      return false;
+    last = end - 1;
+  }
+
+  // What follows must be a link: "AND ..." or "OR ...", read by FromString into this condition.
+  if (IsBlankFrom(text, last + 1))
+    return true;
+  const std::size_t next = SkipBlanks(text, last + 1);
+  bool isAnd = false;
+  if (!IsLinkWord(text.SubStr(next, WordEnd(text, next) - next), isAnd))
+    return false;
+  return FromString(text.SubStr(last + 1));
+}

@@ -1,1 +1,636 @@
-// placeholder
+#include <DorvikCore/DKCondition.h>
+#include <DorvikCore/DKConsole.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+DKString U(const std::string& utf8) {
+  DKString s;
+  s.SetFromUTF8(utf8.c_str());
+  return s;
+}
+std::string N(const DKString& s) { return s.AsUTF8(); }
+
+// Truth values per field name, and the order in which fields were asked for.
+struct TruthParams : DKConditionParams {
+  std::map<std::string, bool> values;
+  mutable std::vector<std::string> asked;
+};
+
+// A derived condition: its comparison is the field's truth value; it counts value assignments.
+class TruthCondition : public DKCondition {
+public:
+  using DKCondition::DKCondition;
+  using DKCondition::GetFieldName;
+  explicit TruthCondition(const DKString& text) { FromString(text); }
+  DKSmartPtr<DKCondition> NewChild() const override { return DKSmartPtr<DKCondition>(new TruthCondition()); }
+  bool OnEvaluate(const DKConditionParams& params) const override {
+    const auto& p = static_cast<const TruthParams&>(params);
+    const std::string name = N(GetFieldName());
+    p.asked.push_back(name);
+    const auto it = p.values.find(name);
+    return it != p.values.end() && it->second;
+  }
+  bool AssignFieldName(const DKString& name) override {
+    return name != DK_T("forbidden") && DKCondition::AssignFieldName(name);
+  }
+  bool PostAssignSuppliedValue() override {
+    ++posts;
+    return GetValueText() != DK_T("refused");
+  }
+  int posts = 0;
+};
+
+// Captures the console for the lines the conditions write.
+class ConditionTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    m_previous = DKLockedCOUT::SetConsoleStream(&m_console);
+    m_zero = DKDouble::zeroValueOnAssign.load();
+  }
+  void TearDown() override {
+    DKLockedCOUT::SetConsoleStream(m_previous);
+    DKDouble::zeroValueOnAssign = m_zero;
+  }
+  std::string Console() { return std::exchange(m_console, std::ostringstream()).str(); }
+
+  std::ostringstream m_console;
+  std::ostream* m_previous = nullptr;
+  bool m_zero = false;
+};
+
+int CountOf(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (std::size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1))
+    ++n;
+  return n;
+}
+
+// ---- Operators ---------------------------------------------------------------------------------
+
+struct OperatorCase {
+  const char* text;
+  bool ok;
+  std::int32_t code;
+  bool regEx;
+  const char* written; // with a text value; with a pattern "%" and "/=" are written instead
+};
+
+const OperatorCase operatorCases[] = {
+    {"<", true, 1, false, " < "},   {"<=", true, 2, false, " <= "}, {"=", true, 3, false, " = "},
+    {"%", true, 3, true, " = "},    {"!=", true, 4, false, " != "}, {"/=", true, 4, true, " != "},
+    {">=", true, 5, false, " >= "}, {">", true, 6, false, " > "},   {"=>", false, 0, false, ""},
+    {"==", false, 0, false, ""},    {"", false, 0, false, ""},      {"<>", false, 0, false, ""},
+    {" =", false, 0, false, ""},    {"%=", false, 0, false, ""},
+};
+
+TEST_F(ConditionTest, OperatorTexts) {
+  for (const OperatorCase& c : operatorCases) {
+    DKCondition cond;
+    bool isRegEx = !c.regEx; // must be overwritten
+    EXPECT_EQ(cond.AssignOperatorFromStr(isRegEx, U(c.text)), c.ok) << c.text;
+    EXPECT_EQ(isRegEx, c.regEx) << c.text;
+    EXPECT_EQ(cond.GetOperatorCode(), c.code) << c.text;
+    EXPECT_EQ(N(cond.GetOperator()), c.written) << c.text;
+  }
+  DKCondition match, mismatch;
+  match % DK_T("a.*");
+  mismatch /= DK_T("a.*");
+  EXPECT_EQ(N(match.GetOperator()), " % ");
+  EXPECT_EQ(N(mismatch.GetOperator()), " /= ");
+  EXPECT_EQ(mismatch.GetOperatorCode(), DKCondition::opNotEqual);
+}
+
+// ---- Values --------------------------------------------------------------------------------------
+
+struct ValueCase {
+  const char* text;
+  bool isRegEx;
+  bool ok;
+  std::int32_t kind;
+  const char* valueText;
+  double number;
+  DKInt64 integer;
+};
+
+const ValueCase valueCases[] = {
+    {"10", false, true, 2, "10", 10.0, 10},
+    {" 10.75 ", false, true, 2, "10.75", 10.75, 10},
+    {"007", false, true, 2, "007", 7.0, 7},
+    {".5", false, true, 2, ".5", 0.5, 0},
+    {"9007199254740993", false, true, 2, "9007199254740993", 9007199254740992.0, 9007199254740993},
+    {"99999999999999999999", false, true, 2, "99999999999999999999", 1e20, INT64_MAX},
+    {"123", true, true, 2, "123", 123.0, 123}, // digits are a number even after "%"
+    {"1.2.3", false, true, 5, "1.2.3", 0, 0},
+    {"-5", false, true, 5, "-5", 0, 0},
+    {"1e5", false, true, 5, "1e5", 0, 0},
+    {"abc", false, true, 5, "abc", 0, 0},
+    {"\"hello world\"", false, true, 1, "hello world", 0, 0},
+    {"\"10\"", false, true, 1, "10", 0, 0},
+    {"\"\"", false, true, 1, "", 0, 0},
+    {"\"a\"b\"", false, true, 1, "a\"b", 0, 0},
+    {"A.*", true, true, 4, "A.*", 0, 0},
+    {"\"A B.*\"", true, true, 4, "A B.*", 0, 0},
+    {"(ab", true, false, 4, "(ab", 0, 0},
+    {"\"abc", false, false, 0, "", 0, 0},
+    {"\"", false, false, 0, "", 0, 0},
+    {"", false, false, 0, "", 0, 0},
+    {" \t ", false, false, 0, "", 0, 0},
+};
+
+TEST_F(ConditionTest, SuppliedValueKinds) {
+  for (const ValueCase& c : valueCases) {
+    TruthCondition cond;
+    EXPECT_EQ(cond.AssignSuppliedValueFromStr(c.isRegEx, U(c.text)), c.ok) << c.text;
+    EXPECT_EQ(cond.GetValueKind(), c.kind) << c.text;
+    EXPECT_EQ(N(cond.GetValueText()), c.valueText) << c.text;
+    EXPECT_EQ(cond.GetValueAsDouble(), c.number) << c.text;
+    EXPECT_EQ(cond.GetValueAsInt64(), c.integer) << c.text;
+    EXPECT_EQ(cond.IsRegularExpression(), c.kind == 4) << c.text;
+    EXPECT_EQ(cond.GetRegEx().IsCompiled(), c.kind == 4 && c.ok) << c.text;
+    EXPECT_EQ(cond.posts, c.ok ? 1 : 0) << c.text;
+  }
+  TruthCondition refused;
+  EXPECT_FALSE(refused.AssignSuppliedValueFromStr(false, DK_T("refused")));
+  EXPECT_EQ(refused.posts, 1);
+}
+
+TEST_F(ConditionTest, DateTimeValues) {
+  const DKDateTime expected(2020, 1, 5, 10, 20, 30);
+  const char* texts[] = {"TO_DATE('2020/01/05 10:20:30')", "TO_DATE('05.01.2020 10:20:30', 'DD.MM.YYYY HH24:MI:SS')",
+                         "to_date('2020/01/05 10:20:30')"};
+  for (const char* text : texts) {
+    DKCondition cond;
+    ASSERT_TRUE(cond.AssignSuppliedValueFromStr(false, U(text))) << text;
+    EXPECT_EQ(cond.GetValueKind(), DKCondition::kindDateTime);
+    EXPECT_EQ(N(cond.GetValueText()), text);
+    EXPECT_EQ(cond.GetValueAsDateTime(), expected) << text;
+    EXPECT_EQ(cond.GetValueAsInt64(), static_cast<DKInt64>(expected.GetTime_t()));
+  }
+  EXPECT_EQ(Console(), "");
+
+  for (const char* bad : {"TO_DATE('2020/13/45 10:20:30')", "TO_DATE('soon')", "TO_DATE(", "xTO_DATE('2020/01/05 10:20:30')"}) {
+    DKCondition cond;
+    EXPECT_FALSE(cond.AssignSuppliedValueFromStr(false, U(bad))) << bad;
+    EXPECT_EQ(Console(), "ERROR: DKCondition fails in DKDateTime::FromString()\n") << bad;
+  }
+}
+
+TEST_F(ConditionTest, NumericSettersStoreDoubleAndTruncatedInteger) {
+  DKCondition c;
+  EXPECT_EQ(&(c == 42), &c);
+  EXPECT_EQ(c.GetValueKind(), DKCondition::kindNumber);
+  EXPECT_EQ(N(c.GetValueText()), "42");
+  EXPECT_EQ(c.GetValueAsDouble(), 42.0);
+  EXPECT_EQ(c.GetValueAsInt64(), 42);
+
+  c < DKInt64{-9007199254740993};
+  EXPECT_EQ(c.GetOperatorCode(), DKCondition::opLess);
+  EXPECT_EQ(N(c.GetValueText()), "-9007199254740993");
+  EXPECT_EQ(c.GetValueAsInt64(), -9007199254740993);
+
+  c >= DKDouble(-2.75);
+  EXPECT_EQ(N(c.GetValueText()), "-2.75");
+  EXPECT_EQ(c.GetValueAsDouble(), -2.75);
+  EXPECT_EQ(c.GetValueAsInt64(), -2); // toward zero
+
+  c != 2.5; // a double literal is a number, not an int
+  EXPECT_EQ(c.GetValueAsDouble(), 2.5);
+  c <= 7u;
+  EXPECT_EQ(c.GetValueAsInt64(), 7);
+  c > 1e300;
+  EXPECT_EQ(c.GetValueAsInt64(), INT64_MAX);
+
+  c == DK_T("text");
+  EXPECT_EQ(c.GetValueKind(), DKCondition::kindText);
+  EXPECT_EQ(N(c.GetSuppliedValue()), "\"text\"");
+
+  const DKDateTime moment(2021, 6, 30, 23, 59, 58);
+  c > moment;
+  EXPECT_EQ(c.GetValueKind(), DKCondition::kindDateTime);
+  EXPECT_EQ(N(c.GetValueText()), "TO_DATE('2021/06/30 23:59:58', 'YYYY/MM/DD HH24:MI:SS')");
+  EXPECT_EQ(c.GetValueAsDateTime(), moment);
+}
+
+TEST_F(ConditionTest, TinyNumbersBecomeZeroOnlyWhileTheSwitchIsSet) {
+  const DKDouble tiny(1e-07); // stored before the switch is set
+  for (const bool zero : {false, true}) {
+    DKDouble::zeroValueOnAssign = zero;
+    const double expected = zero ? 0.0 : 1e-07;
+    DKCondition c;
+    c == tiny;
+    EXPECT_EQ(c.GetValueAsDouble(), expected);
+    EXPECT_EQ(N(c.GetValueText()), "1e-07"); // the text is the value supplied
+    c == 1e-07;
+    EXPECT_EQ(c.GetValueAsDouble(), expected);
+    ASSERT_TRUE(c.FromString(DK_T("x = 0.0000001")));
+    EXPECT_EQ(c.GetValueAsDouble(), expected);
+    c == -5e-07;
+    EXPECT_EQ(c.GetValueAsDouble(), zero ? 0.0 : -5e-07);
+    c == 2e-06; // above the precision: kept
+    EXPECT_EQ(c.GetValueAsDouble(), 2e-06);
+    c == 0;
+    EXPECT_EQ(c.GetValueAsDouble(), 0.0);
+  }
+}
+
+TEST_F(ConditionTest, RegularExpressionValues) {
+  DKCondition c;
+  c % DK_T("[A-Z][a-z]+");
+  EXPECT_TRUE(c.IsRegularExpression());
+  EXPECT_TRUE(c.MatchRexExp(DK_T("Hello")));
+  EXPECT_FALSE(c.MatchRexExp(DK_T("hello")));
+  EXPECT_TRUE(c.GetRegExError().Good());
+
+  c /= DK_T("[a-");
+  EXPECT_TRUE(c.IsRegularExpression());
+  EXPECT_FALSE(c.GetRegEx().IsCompiled());
+  EXPECT_EQ(c.GetRegExError().GetCode(), DK_MSG_INVALID_ARGUMENT);
+  EXPECT_NE(N(c.GetRegExError().AsString()).find("missing ']'"), std::string::npos);
+  EXPECT_FALSE(c.MatchRexExp(DK_T("[a-")));
+  EXPECT_FALSE(c.FromString(DK_T("name % (unclosed")));
+
+  c == 5; // a new value drops the pattern
+  EXPECT_FALSE(c.IsRegularExpression());
+  EXPECT_FALSE(c.GetRegEx().IsCompiled());
+}
+
+// ---- Linking and evaluation ---------------------------------------------------------------------
+
+TruthCondition Field(const char* name) {
+  TruthCondition c;
+  c.AssignFieldName(U(name));
+  c == 1;
+  return c;
+}
+
+TEST_F(ConditionTest, LinkingCopiesIntoChildrenOfTheSameClass) {
+  TruthCondition a = Field("a");
+  TruthCondition b = Field("b");
+  const TruthCondition c = Field("c");
+  EXPECT_EQ(&((a && b) || c), &a);
+  b.AssignFieldName(DK_T("changed")); // the link holds a copy
+  ASSERT_EQ(a.GetSubCondCount(), 2u);
+  EXPECT_EQ(a.GetSubConditionV()[0].m_linkKind, LinkedCond::AND);
+  EXPECT_EQ(a.GetSubConditionV()[1].m_linkKind, LinkedCond::OR);
+  EXPECT_EQ(N(a.GetSubConditionV()[0].m_condition->GetFieldName()), "b");
+  EXPECT_NE(dynamic_cast<TruthCondition*>(a.GetSubConditionV()[0].m_condition.Get()), nullptr);
+  EXPECT_TRUE(a.HasAnd());
+  EXPECT_TRUE(a.HasOr());
+  EXPECT_EQ(N(a.ToString()), "(a = 1 AND b = 1) OR c = 1");
+
+  TruthCondition copy(a); // deep
+  a.GetSubConditionVR()[0].m_condition->AssignFieldName(DK_T("x"));
+  EXPECT_EQ(N(copy.GetSubConditionV()[0].m_condition->GetFieldName()), "b");
+  copy.LocalCopy(copy); // a copy of itself keeps everything
+  EXPECT_EQ(copy.GetSubCondCount(), 2u);
+  a && a; // linking a condition to itself links a copy of it as it was
+  EXPECT_EQ(a.GetSubCondCount(), 3u);
+  EXPECT_EQ(a.GetSubConditionV()[2].m_condition->GetSubCondCount(), 2u);
+
+  a.ClearSubCondV();
+  EXPECT_EQ(a.GetSubCondCount(), 0u);
+  EXPECT_FALSE(a.HasAnd());
+  EXPECT_FALSE(a.HasOr());
+}
+
+struct EvaluationCase {
+  const char* text;
+  std::map<std::string, bool> values;
+  bool result;
+  std::vector<std::string> asked;
+};
+
+const EvaluationCase evaluationCases[] = {
+    // Built left to right in code: ((a AND b) OR c).
+    {"(a = 1 AND b = 1) OR c = 1", {{"a", false}, {"c", true}}, true, {"a", "c"}},
+    {"(a = 1 AND b = 1) OR c = 1", {{"a", true}, {"b", true}}, true, {"a", "b"}},
+    // The reader gives a link the rest of the text: a AND (b OR c).
+    {"a = 1 AND b = 1 OR c = 1", {{"a", false}, {"c", true}}, false, {"a"}},
+    {"a = 1 AND b = 1 OR c = 1", {{"a", true}, {"c", true}}, true, {"a", "b", "c"}},
+    {"a = 1 OR b = 1 AND c = 1", {{"a", true}}, true, {"a"}},
+    {"(a = 1 OR b = 1) AND c = 1", {{"a", true}}, false, {"a", "c"}},
+    // Grouping nodes: only AND links start from true, any OR link from false.
+    {"AND a = 1", {{"a", true}}, true, {"a"}},
+    {"OR a = 1", {{"a", false}}, false, {"a"}},
+    {"(AND a = 1) OR b = 1", {{"a", true}, {"b", true}}, true, {"b"}},
+    {"(OR a = 1) AND b = 1", {{"b", true}}, false, {"a"}},
+    {"", {}, true, {}},
+    {"()", {}, true, {}},
+};
+
+TEST_F(ConditionTest, EvaluatesStrictlyLeftToRight) {
+  for (const EvaluationCase& c : evaluationCases) {
+    TruthCondition cond;
+    ASSERT_TRUE(cond.FromString(U(c.text))) << c.text;
+    TruthParams params;
+    params.values = c.values;
+    EXPECT_EQ(cond.Evaluate(params), c.result) << c.text;
+    EXPECT_EQ(params.asked, c.asked) << c.text;
+  }
+  // Linked in code, without text.
+  TruthCondition group;
+  group && Field("a");
+  group && Field("b");
+  TruthParams params;
+  params.values = {{"a", true}, {"b", true}};
+  EXPECT_TRUE(group.Evaluate(params));
+  group || Field("c"); // now it starts from false: the AND links are skipped
+  params.asked.clear();
+  EXPECT_FALSE(group.Evaluate(params));
+  EXPECT_EQ(params.asked, std::vector<std::string>{"c"});
+  params.values["c"] = true;
+  EXPECT_TRUE(group.Evaluate(params));
+}
+
+// ---- Parsing and printing -----------------------------------------------------------------------
+
+struct ParseCase {
+  const char* text;
+  const char* printed; // ToString() afterwards
+  int orLines;
+};
+
+const ParseCase parseCases[] = {
+    {"qty >= 10", "qty >= 10", 0},
+    {"  qty\t>=\t10  ", "qty >= 10", 0},
+    {"qty >= 10 AND name % A.*", "qty >= 10 AND name % A.*", 0},
+    {"a = 1 and b != x", "a = 1 AND b != x", 0},
+    {"a = 1 OR b = 2", "a = 1 OR b = 2", 1},
+    {"a = 1 or b = 2 OR c = 3", "a = 1 OR b = 2 OR c = 3", 2},
+    {"a = 1 AND b = 2 OR c = 3", "a = 1 AND b = 2 OR c = 3", 1},
+    {"a = 1 AND (b = 2 OR c = 3) AND d = 4", "a = 1 AND (b = 2 OR c = 3) AND d = 4", 1},
+    {"OR a = 1 AND b = 2", "OR a = 1 AND b = 2", 1},
+    {"a = 1 AND (OR b = 2)", "a = 1 AND OR b = 2", 1},
+    {"(a = 1 OR OR b = 2) AND c = 3", "(a = 1 OR OR b = 2) AND c = 3", 2},
+    {"a = f( AND b % x\\( AND c = g(x)", "a = \"f(\" AND b % \"x\\(\" AND c = g(x)", 0},
+    {"a = \"TO_DATE(x\" AND b = xTO_DATEx)", "a = \"TO_DATE(x\" AND b = \"xTO_DATEx)\"", 0},
+    {"(a = 1 OR b = 2) AND c = 3", "(a = 1 OR b = 2) AND c = 3", 1},
+    {"((a = 1))", "a = 1", 0},
+    {"name = \"John Smith\" AND x = 1", "name = \"John Smith\" AND x = 1", 0},
+    {"name = \"(a)\" AND (b = \")\")", "name = \"(a)\" AND b = \")\"", 0},
+    {"x % abc", "x % abc", 0},
+    {"x /= abc", "x /= abc", 0},
+    {"x % \"a b\"", "x % \"a b\"", 0},
+    {"x < -5", "x < -5", 0},
+    {"d >= TO_DATE('2020/01/05 10:20:30') AND x = 1", "d >= TO_DATE('2020/01/05 10:20:30') AND x = 1", 0},
+    {"d < TO_DATE('05.01.2020', 'DD.MM.YYYY')", "d < TO_DATE('05.01.2020', 'DD.MM.YYYY')", 0},
+    {"AND a = 1", "AND a = 1", 0},
+    {"a = 1 AND ()", "a = 1 AND ()", 0},
+    {"", "", 0},
+    {" \t ", "", 0},
+};
+
+TEST_F(ConditionTest, ParsesAndPrints) {
+  for (const ParseCase& c : parseCases) {
+    DKCondition cond;
+    ASSERT_TRUE(cond.FromString(U(c.text))) << c.text;
+    EXPECT_EQ(N(cond.ToString()), c.printed) << c.text;
+    EXPECT_EQ(CountOf(Console(), "OR Parsing not implemented!\n"), c.orLines) << c.text;
+  }
+  DKCondition parsed(DK_T("qty >= 10 AND name % A.*"));
+  EXPECT_EQ(N(parsed.GetFieldName()), "qty");
+  EXPECT_EQ(parsed.GetOperatorCode(), DKCondition::opGreaterOrEqual);
+  EXPECT_EQ(parsed.GetValueKind(), DKCondition::kindNumber);
+  ASSERT_EQ(parsed.GetSubCondCount(), 1u);
+  const DKCondition& name = *parsed.GetSubConditionV()[0].m_condition;
+  EXPECT_EQ(name.GetOperatorCode(), DKCondition::opEqual);
+  EXPECT_EQ(name.GetValueKind(), DKCondition::kindRegEx);
+  EXPECT_TRUE(name.MatchRexExp(DK_T("Apple")));
+
+  EXPECT_TRUE(DKCondition(DK_T("")).IsNull());
+  EXPECT_FALSE(DKCondition(DK_T("AND a = 1")).IsNull());
+}
+
+const char* const badTexts[] = {
+    "a => 1",                         // unknown operator
+    "a",                              // no operator
+    "a =",                            // no value
+    "a = \"open",                     // quote never closed
+    "d = TO_DATE('2020/01/05'",       // TO_DATE( without ")"
+    "(a = 1",                         // unbalanced
+    "(a = 1 AND (b = 2)",             //
+    "(a = \")\"",                     // the quoted parenthesis does not close
+    "()) = 1",                        // ")" where a link must follow
+    "a = 1 AND",                      // empty operand
+    "AND",                            //
+    "a = 1 OR  \t",                   //
+    "a = 1 b = 2",                    // no link between comparisons
+    "(a = 1) (b = 2)",                //
+    "forbidden = 1",                  // refused by the derived class
+    "a = refused",                    //
+    "a % [z-a]",                      // pattern that does not compile
+    "@@",                             // native form without tokens
+};
+
+TEST_F(ConditionTest, RefusesBadText) {
+  for (const char* text : badTexts) {
+    TruthCondition cond;
+    EXPECT_FALSE(cond.FromString(U(text))) << text;
+  }
+  // What was read before the failure stays.
+  DKCondition partial;
+  EXPECT_FALSE(partial.FromString(DK_T("qty >= 10 AND name => x")));
+  EXPECT_EQ(N(partial.GetFieldName()), "qty");
+  ASSERT_EQ(partial.GetSubCondCount(), 1u);
+  EXPECT_EQ(N(partial.GetSubConditionV()[0].m_condition->GetFieldName()), "name");
+  Console();
+}
+
+TEST_F(ConditionTest, NestingIsBoundedNotOverflowingTheStack) {
+  const std::size_t huge = 100000;
+  DKCondition c;
+  EXPECT_FALSE(c.FromString(DKString(DK_T('('), huge)));
+  EXPECT_FALSE(c.FromString(DKString(DK_T('('), huge) + DK_T("a = 1") + DKString(DK_T(')'), huge)));
+
+  // Within the bound.
+  EXPECT_TRUE(c.FromString(DKString(DK_T('('), 300) + DK_T("a = 1") + DKString(DK_T(')'), 300)));
+  EXPECT_EQ(N(c.ToString()), "a = 1");
+  DKString chain(DK_T("f = 0"));
+  for (int i = 1; i < 400; ++i)
+    chain += DKString().Format(DK_T(" AND f = %d"), i);
+  EXPECT_TRUE(c.FromString(chain));
+  EXPECT_EQ(c.ToString(), chain);
+  // Beyond it: every link nests the rest of the text one level deeper.
+  for (int i = 400; i < 1000; ++i)
+    chain += DKString().Format(DK_T(" AND f = %d"), i);
+  EXPECT_FALSE(c.FromString(chain));
+  // The bound is per call: parsing works again afterwards.
+  EXPECT_TRUE(c.FromString(DK_T("(a = 1)")));
+}
+
+// Structure and stored values of two conditions, recursively.
+bool SameCondition(const DKCondition& a, const DKCondition& b) {
+  if (a.GetFieldName() != b.GetFieldName() || a.GetOperatorCode() != b.GetOperatorCode() ||
+      a.GetValueKind() != b.GetValueKind() || a.GetValueText() != b.GetValueText() ||
+      a.GetValueAsInt64() != b.GetValueAsInt64() || a.GetSubCondCount() != b.GetSubCondCount() ||
+      !(a.GetValueAsDouble() == b.GetValueAsDouble() ||
+        (std::isnan(a.GetValueAsDouble()) && std::isnan(b.GetValueAsDouble()))))
+    return false;
+  for (std::size_t i = 0; i < a.GetSubCondCount(); ++i) {
+    const LinkedCond& x = a.GetSubConditionV()[i];
+    const LinkedCond& y = b.GetSubConditionV()[i];
+    if (x.m_linkKind != y.m_linkKind || !SameCondition(*x.m_condition, *y.m_condition))
+      return false;
+  }
+  return true;
+}
+
+TEST_F(ConditionTest, NativeFormRoundTrips) {
+  DKCondition odd;
+  odd.AssignFieldName(DK_T("a@b%c"));
+  odd == DK_T("50% @ \"quoted\" (x) AND y") + DKString(DK_T("\0%00"), 4);
+  DKCondition date;
+  date.AssignFieldName(DK_T("when"));
+  date <= DKDateTime(2020, 3, 29, 2, 30, 0);
+  DKCondition pattern;
+  pattern.AssignFieldName(DK_T("p"));
+  pattern /= DK_T("a@b%c\\d+ x");
+  DKCondition grouping;
+  grouping || odd;
+  grouping && pattern;
+
+  DKCondition all = Field("n");
+  all == DKInt64{-9007199254740993};
+  all && odd;
+  all || date;
+  all && grouping;
+  all || DKCondition();
+  all && (Field("m") >= DKDouble(0.1));
+
+  for (const DKCondition* c : {&odd, &date, &pattern, &grouping, &all}) {
+    const DKString native = c->ToString(true);
+    EXPECT_TRUE(DKCondition::IsNativeFormat(native));
+    DKCondition back;
+    ASSERT_TRUE(back.FromString(native)) << N(native);
+    EXPECT_TRUE(SameCondition(*c, back)) << N(native);
+    EXPECT_EQ(back.ToString(true), native);
+  }
+  EXPECT_EQ(N(DKCondition().ToString(true)), "@@1@@0@0@@@0");
+  EXPECT_EQ(N(Field("f").ToString(true)), "@@1@f@3@2@1@@0");
+  EXPECT_EQ(Console(), "");
+}
+
+const char* const badNativeTexts[] = {
+    "@@1",                      // no condition
+    "@@2@f@3@2@1@@0",           // unknown version
+    "@@1@f@3@2@1@@",            // no count
+    "@@1@f@3@2@1@@0@",          // a token too many
+    "@@1@f@7@2@1@@0",           // operator out of range
+    "@@1@f@3@6@1@@0",           // kind out of range
+    "@@1@f@1@4@a@@0",           // pattern with "<"
+    "@@1@f@3@4@(a@@0",          // pattern that does not compile
+    "@@1@f@3@2@x@@0",           // number that is not one
+    "@@1@f@3@1@x@5@0",          // seconds for a text
+    "@@1@f@3@3@x@@0",           // date without seconds
+    "@@1@f@3@3@x@99999999999@0", // seconds out of range
+    "@@1@f@0@0@x@@0",           // value without a kind
+    "@@1@%4x@3@1@x@@0",         // bad escape
+    "@@1@f@3@1@x@@1",           // a link announced but missing
+    "@@1@f@3@1@x@@1@2@g@3@1@y@@0", // link kind out of range
+    "@@1@f@3@1@x@@-1",          // negative count
+    "@@1@forbidden@3@1@x@@0",   // refused by the derived class
+};
+
+TEST_F(ConditionTest, RefusesBadNativeText) {
+  for (const char* text : badNativeTexts) {
+    TruthCondition cond;
+    EXPECT_FALSE(cond.FromString(U(text))) << text;
+  }
+  // Nested deeper than the bound.
+  DKString deep(DK_T("@@1@f@3@1@x@@1"));
+  for (unsigned i = 0; i < DKCondition::maxParseDepth + 5; ++i)
+    deep += DK_T("@1@f@3@1@x@@1");
+  deep += DK_T("@1@f@3@1@x@@0");
+  DKCondition c;
+  EXPECT_FALSE(c.FromString(deep));
+}
+
+// Random link structures: the readable text read back evaluates like the original for every
+// assignment of truth values, and so does the text of what was read back.
+TEST_F(ConditionTest, ReadableFormReadsBackToTheSameEvaluation) {
+  std::mt19937 rng(42);
+  auto randomCondition = [&rng](auto& self, int depth) -> TruthCondition {
+    TruthCondition c;
+    if (rng() % 4 != 0)
+      c = Field(("f" + std::to_string(rng() % 4)).c_str());
+    const int links = static_cast<int>(rng() % 4);
+    for (int i = 0; i < links; ++i) {
+      const TruthCondition child = depth < 2 && rng() % 3 == 0 ? self(self, depth + 1)
+                                                               : Field(("f" + std::to_string(rng() % 4)).c_str());
+      if (rng() % 2)
+        c && child;
+      else
+        c || child;
+    }
+    return c;
+  };
+  for (int n = 0; n < 500; ++n) {
+    const TruthCondition original = randomCondition(randomCondition, 0);
+    const DKString text = original.ToString();
+    TruthCondition back, again;
+    ASSERT_TRUE(back.FromString(text)) << N(text);
+    const DKString backText = back.ToString();
+    ASSERT_TRUE(again.FromString(backText)) << N(backText);
+    for (int bits = 0; bits < 16; ++bits) {
+      TruthParams params;
+      for (int f = 0; f < 4; ++f)
+        params.values["f" + std::to_string(f)] = (bits >> f) & 1;
+      const bool expected = original.Evaluate(params);
+      ASSERT_EQ(back.Evaluate(params), expected) << N(text) << " with " << bits;
+      ASSERT_EQ(again.Evaluate(params), expected) << N(backText) << " with " << bits;
+    }
+  }
+  Console();
+}
+
+// ---- Helpers for OnEvaluate ------------------------------------------------------------------------
+
+TEST_F(ConditionTest, EvaluateValueComparesByKind) {
+  DKCondition c;
+  c >= 10;
+  EXPECT_TRUE(c.EvaluateValue(10));
+  EXPECT_TRUE(c.EvaluateValue(10.5));
+  EXPECT_FALSE(c.EvaluateValue(9.9999));
+  EXPECT_TRUE(c.EvaluateValue(9.9999999)); // within the precision: equal
+  EXPECT_TRUE(c.EvaluateValue(DK_T(" 12 ")));
+  EXPECT_FALSE(c.EvaluateValue(DK_T("twelve")));
+  EXPECT_FALSE(c.EvaluateValue(std::nan("")));
+
+  c == DKInt64{9007199254740993};
+  EXPECT_TRUE(c.EvaluateValue(DKInt64{9007199254740993}));
+  EXPECT_FALSE(c.EvaluateValue(DKInt64{9007199254740992})); // exact, not through a double
+
+  c < DK_T("m");
+  EXPECT_TRUE(c.EvaluateValue(DK_T("apple")));
+  EXPECT_FALSE(c.EvaluateValue(DK_T("zebra")));
+  EXPECT_TRUE(c.EvaluateValue(5)); // "5" < "m"
+
+  c % DK_T("A.*");
+  EXPECT_TRUE(c.EvaluateValue(DK_T("Apple")));
+  EXPECT_FALSE(c.EvaluateValue(DK_T("apple")));
+  c /= DK_T("A.*");
+  EXPECT_FALSE(c.EvaluateValue(DK_T("Apple")));
+  EXPECT_TRUE(c.EvaluateValue(DK_T("apple")));
+
+  const DKDateTime moment(2020, 1, 5, 10, 20, 30);
+  c > moment;
+  EXPECT_TRUE(c.EvaluateValue(DKDateTime(2020, 1, 5, 10, 20, 31)));
+  EXPECT_FALSE(c.EvaluateValue(moment));
+  EXPECT_TRUE(c.EvaluateValue(DK_T("2021/01/01 00:00:00")));
+  EXPECT_FALSE(c.EvaluateValue(DK_T("not a date")));
+
+  EXPECT_FALSE(DKCondition().EvaluateValue(DK_T("x")));
+  DKCondition base(DK_T("a = 1"));
+  EXPECT_FALSE(base.Evaluate(DKConditionParams())); // the base has no field values
+}
+
+} // namespace

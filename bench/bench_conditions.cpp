@@ -1,0 +1,225 @@
+// Conditions and their regular expressions, against the standard library in the same run:
+// - whole-text match of "[A-Z][a-z]+[0-9]*" on 64-character texts: DKRegEx::Match on UTF-16
+//   against std::regex_match (ECMAScript) on the same texts as std::string;
+// - "(a+)+b" on texts of n "a": DKRegEx up to n = 10,000; std::regex, which backtracks, only
+//   on short texts, where its time doubles with every "a";
+// - compiling the pattern: DKRegEx::Compile against constructing a std::regex;
+// - evaluating a parsed condition of three links through a derived class that reads typed
+//   row values, against a hand-written std::function chain doing the same comparisons with
+//   std::regex_match; and parsing that condition.
+#include <DorvikCore/DKCondition.h>
+#include <DorvikCore/DKRegEx.h>
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+DKString FromUtf8(const std::string& text) {
+  DKString s;
+  s.SetFromUTF8(text.c_str());
+  return s;
+}
+
+// 64-character texts: a capitalised word with digits (matching) and variants that fail early,
+// late, or in the middle.
+std::vector<std::string> SimpleTexts() {
+  const std::string lower = "abcdefghijklmnopqrstuvwxyz";
+  std::vector<std::string> texts;
+  for (int i = 0; i < 16; ++i) {
+    std::string t(1, static_cast<char>('A' + i));
+    while (t.size() < 48)
+      t += lower[(t.size() * 7 + i) % 26];
+    while (t.size() < 64)
+      t += static_cast<char>('0' + t.size() % 10);
+    switch (i % 4) {
+    case 1: t[63] = 'x'; break;  // fails at the end
+    case 2: t[30] = '_'; break;  // fails in the middle
+    case 3: t[0] = 'a'; break;   // fails at once
+    default: break;              // matches
+    }
+    texts.push_back(t);
+  }
+  return texts;
+}
+
+constexpr const char* simplePattern = "[A-Z][a-z]+[0-9]*";
+
+// Matches the 64-character texts in turn.
+void MatchTexts(benchmark::State& state, const DKRegEx& re) {
+  std::vector<DKString> texts;
+  for (const std::string& t : SimpleTexts())
+    texts.push_back(FromUtf8(t));
+  std::size_t i = 0, matches = 0;
+  for (auto _ : state) {
+    matches += re.Match(texts[i++ % texts.size()]);
+    benchmark::DoNotOptimize(matches);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * 64 * 2);
+}
+
+void BM_DKRegEx_Match64(benchmark::State& state) { MatchTexts(state, DKRegEx(FromUtf8(simplePattern))); }
+BENCHMARK(BM_DKRegEx_Match64);
+
+void BM_StdRegex_Match64(benchmark::State& state) {
+  const std::regex re(simplePattern, std::regex::ECMAScript);
+  const std::vector<std::string> texts = SimpleTexts();
+  std::size_t i = 0, matches = 0;
+  for (auto _ : state) {
+    matches += std::regex_match(texts[i++ % texts.size()], re);
+    benchmark::DoNotOptimize(matches);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * 64);
+}
+BENCHMARK(BM_StdRegex_Match64);
+
+// The same texts without the cache of automaton states: the plain automaton simulation.
+void BM_DKRegEx_Match64_Uncached(benchmark::State& state) {
+  DKRegEx re;
+  re.Compile(FromUtf8(simplePattern), 0);
+  MatchTexts(state, re);
+}
+BENCHMARK(BM_DKRegEx_Match64_Uncached);
+
+void BM_DKRegEx_NestedPlus(benchmark::State& state) {
+  const DKRegEx re(DK_T("(a+)+b"));
+  const DKString text(DK_T('a'), static_cast<std::size_t>(state.range(0)));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(re.Match(text));
+  state.SetComplexityN(state.range(0));
+}
+BENCHMARK(BM_DKRegEx_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_StdRegex_NestedPlus(benchmark::State& state) {
+  const std::regex re("(a+)+b", std::regex::ECMAScript);
+  const std::string text(static_cast<std::size_t>(state.range(0)), 'a');
+  for (auto _ : state)
+    benchmark::DoNotOptimize(std::regex_match(text, re));
+}
+BENCHMARK(BM_StdRegex_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Unit(benchmark::kMicrosecond);
+
+void BM_DKRegEx_Compile(benchmark::State& state) {
+  const DKString pattern = FromUtf8(simplePattern);
+  for (auto _ : state) {
+    DKRegEx re(pattern);
+    benchmark::DoNotOptimize(re.IsCompiled());
+  }
+}
+BENCHMARK(BM_DKRegEx_Compile);
+
+void BM_StdRegex_Compile(benchmark::State& state) {
+  for (auto _ : state) {
+    std::regex re(simplePattern, std::regex::ECMAScript);
+    benchmark::DoNotOptimize(re.mark_count());
+  }
+}
+BENCHMARK(BM_StdRegex_Compile);
+
+// ---- Conditions ----------------------------------------------------------------------------------
+
+struct Row {
+  int qty;
+  double price;
+  DKString name;
+  std::string nameUtf8;
+};
+
+struct RowParams : DKConditionParams {
+  const Row* row = nullptr;
+};
+
+// Resolves the field name once, when it is assigned; OnEvaluate then reads the typed value.
+class RowCondition : public DKCondition {
+public:
+  enum Field { None, Qty, Price, Name };
+
+  DKSmartPtr<DKCondition> NewChild() const override { return DKSmartPtr<DKCondition>(new RowCondition()); }
+  bool AssignFieldName(const DKString& name) override {
+    m_field = name == DK_T("qty") ? Qty : name == DK_T("price") ? Price : name == DK_T("name") ? Name : None;
+    return m_field != None && DKCondition::AssignFieldName(name);
+  }
+  void LocalCopy(const DKCondition& other) override {
+    DKCondition::LocalCopy(other);
+    if (const auto* row = dynamic_cast<const RowCondition*>(&other))
+      m_field = row->m_field;
+  }
+  bool OnEvaluate(const DKConditionParams& params) const override {
+    const Row& row = *static_cast<const RowParams&>(params).row;
+    switch (m_field) {
+    case Qty: return EvaluateValue(row.qty);
+    case Price: return EvaluateValue(row.price);
+    case Name: return EvaluateValue(row.name);
+    default: return false;
+    }
+  }
+
+private:
+  Field m_field = None;
+};
+
+constexpr const DKChar* conditionText = DK_T("qty >= 10 AND price < 2.5 AND name % [A-M][a-z]+ AND qty != 99");
+
+std::vector<Row> Rows() {
+  std::vector<Row> rows;
+  const char* names[] = {"Apple", "Banana", "Mango", "Pineapple", "Kiwi", "Zucchini", "Lemon", "Cherry"};
+  for (int i = 0; i < 8; ++i)
+    rows.push_back({i * 7, 0.5 + i * 0.4, FromUtf8(names[i]), names[i]});
+  return rows;
+}
+
+void BM_DKCondition_Evaluate3Links(benchmark::State& state) {
+  RowCondition condition;
+  if (!condition.FromString(conditionText)) {
+    state.SkipWithError("the condition does not parse");
+    return;
+  }
+  const std::vector<Row> rows = Rows();
+  RowParams params;
+  std::size_t i = 0, hits = 0;
+  for (auto _ : state) {
+    params.row = &rows[i++ % rows.size()];
+    hits += condition.Evaluate(params);
+    benchmark::DoNotOptimize(hits);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(BM_DKCondition_Evaluate3Links);
+
+void BM_StdFunction_Evaluate3Links(benchmark::State& state) {
+  const std::regex name("[A-M][a-z]+", std::regex::ECMAScript);
+  const std::vector<std::function<bool(const Row&)>> tests = {
+      [](const Row& r) { return r.qty >= 10; },
+      [](const Row& r) { return r.price < 2.5; },
+      [&name](const Row& r) { return std::regex_match(r.nameUtf8, name); },
+      [](const Row& r) { return r.qty != 99; },
+  };
+  const std::vector<Row> rows = Rows();
+  std::size_t i = 0, hits = 0;
+  for (auto _ : state) {
+    const Row& row = rows[i++ % rows.size()];
+    bool result = true;
+    for (const auto& test : tests)
+      if (result)
+        result = test(row);
+    hits += result;
+    benchmark::DoNotOptimize(hits);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(BM_StdFunction_Evaluate3Links);
+
+void BM_DKCondition_Parse3Links(benchmark::State& state) {
+  for (auto _ : state) {
+    RowCondition condition;
+    benchmark::DoNotOptimize(condition.FromString(conditionText));
+  }
+}
+BENCHMARK(BM_DKCondition_Parse3Links);
+
+} // namespace

@@ -1,0 +1,279 @@
+// DKCondition: a counted "field operator value" condition to which further conditions are linked
+// with AND and OR, built in code or parsed from text, printed, and evaluated left to right
+// through a hook that a derived class supplies.
+#pragma once
+
+#include <DorvikCore/DKDate.h>
+#include <DorvikCore/DKDouble.h>
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKPointerVector.h>
+#include <DorvikCore/DKRefCount.h>
+#include <DorvikCore/DKRegEx.h>
+#include <DorvikCore/DKString.h>
+#include <DorvikCore/DKTypes.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <vector>
+
+// The values a condition is evaluated against. Empty: callers derive from it and OnEvaluate
+// casts back to their own type.
+class DK_EXPORT DKConditionParams {
+public:
+  DKConditionParams() noexcept = default;
+  DKConditionParams(const DKConditionParams&) noexcept = default;
+  DKConditionParams& operator=(const DKConditionParams&) noexcept = default;
+  virtual ~DKConditionParams();
+};
+
+class DKCondition;
+
+// One linked condition: the link kind (0 OR, 1 AND) and the condition.
+struct LinkedCond {
+  enum LinkKind : std::uint32_t { OR = 0, AND = 1 };
+  std::uint32_t m_linkKind = OR;
+  DKSmartPtr<DKCondition> m_condition;
+};
+
+class DK_EXPORT DKCondition : public DKRefCount {
+public:
+  // Operator codes.
+  enum Operator : std::int32_t {
+    opNone = 0,           // no comparison (an empty condition or a grouping node)
+    opLess = 1,           // "<"
+    opLessOrEqual = 2,    // "<="
+    opEqual = 3,          // "=", or "%" with a regular expression
+    opNotEqual = 4,       // "!=", or "/=" with a regular expression
+    opGreaterOrEqual = 5, // ">="
+    opGreater = 6,        // ">"
+  };
+  // Kinds of the supplied value.
+  enum ValueKind : std::int32_t {
+    kindNone = 0,
+    kindText = 1,     // a DKString, or a quoted value in text
+    kindNumber = 2,   // an int, 64-bit integer or double, or an unquoted number in text
+    kindDateTime = 3, // a DKDateTime, or a TO_DATE(...) value in text
+    kindRegEx = 4,    // a pattern after "%" or "/="
+    kindWord = 5,     // an unquoted word in text that is neither a number nor a date
+  };
+  // How deep conditions may nest when read from text: parentheses, AND/OR links and the
+  // native form's sub-conditions each count. Deeper text is refused (FromString is false)
+  // rather than exhausting the stack.
+  static constexpr unsigned maxParseDepth = 1000;
+  // The date-time format of TO_DATE values without a format of their own.
+  static constexpr const DKChar* dateTimeFormat = DK_T("%Y/%m/%d %H:%M:%S");
+
+  DKCondition();
+  // Parses the text with FromString. A derived class that parses into its own kind of
+  // children calls FromString from its own constructor, as virtual calls made here reach only
+  // this class.
+  explicit DKCondition(const DKString& text);
+  // A deep copy: the linked conditions are copied too.
+  DKCondition(const DKCondition& other);
+  // LocalCopy(other).
+  DKCondition& operator=(const DKCondition& other);
+
+  // The virtual operations, in this order.
+  ~DKCondition() override;
+  // A derived class that overrides one GetFieldName, GetOperator or GetSuppliedValue brings the
+  // value-returning form back with "using DKCondition::GetFieldName;".
+  virtual void GetFieldName(DKString& out) const;
+  // A new empty condition of the same class: parsing and linking create children with it.
+  virtual DKSmartPtr<DKCondition> NewChild() const;
+  // Stores the field name; false for a name beginning with "@@" (the native form's mark). A
+  // derived class may refuse other names (parsing then fails).
+  virtual bool AssignFieldName(const DKString& name);
+  // Reads the condition in the text into this one. False when the text cannot be read; what
+  // was assigned before the failure stays. No exception leaves it. Blanks are space and tab.
+  //   "@@..."            the native form (FromNativeString)
+  //   ( condition )      read into a child (NewChild), then copied here (LocalCopy)
+  //   field op value     AssignFieldName, AssignOperatorFromStr, AssignSuppliedValueFromStr; the
+  //                      value is one word, or a double-quoted text read whole, or a word with
+  //                      TO_DATE read up to the first ")"
+  //   then "AND rest" or "OR rest" (any case): the whole rest is read into a child, linked with
+  //   AND or OR. So "a = 1 AND b = 2 OR c = 3" reads as a AND (b OR c). Reading an OR link
+  //   writes "OR Parsing not implemented!" on the console. An empty text is an empty condition.
+  virtual bool FromString(const DKString& text);
+  // The comparison of this condition alone. The base has no field values and returns false.
+  virtual bool OnEvaluate(const DKConditionParams& params) const;
+  // Sets the operator from its text: "<", "<=", "=", "%", "!=", "/=", ">=", ">". isRegEx is set
+  // for "%" and "/=" only. False (operator 0) for any other text.
+  virtual bool AssignOperatorFromStr(bool& isRegEx, const DKString& text);
+  // Sets the value from its (trimmed) text: digits with at most one decimal point are a
+  // number; a double-quoted text is a text, or a pattern with isRegEx (without its quotes
+  // either way); an unquoted text with TO_DATE( is a date-time; any other word is a word, or
+  // a pattern with isRegEx. Patterns are compiled. False when the text is empty, a quote is
+  // not closed, the date cannot be read (the console then says so) or the pattern does not
+  // compile.
+  virtual bool AssignSuppliedValueFromStr(bool isRegEx, const DKString& text);
+  // Called after every value assignment; a derived class may prepare or refuse the value.
+  virtual bool PostAssignSuppliedValue();
+  // The operator as written between field and value (" >= ", " % ", ...); empty for none.
+  virtual void GetOperator(DKString& out) const;
+  // The value as written in condition text: a text in double quotes, a pattern with blanks in
+  // double quotes, others as they are.
+  virtual void GetSuppliedValue(DKString& out) const;
+  // Makes this condition a copy of other: its own fields, and copies of the linked conditions.
+  virtual void LocalCopy(const DKCondition& other);
+
+  DKString GetFieldName() const;
+  DKString GetOperator() const;
+  DKString GetSuppliedValue() const;
+
+  // Comparisons: set the operator and the value, then call PostAssignSuppliedValue.
+  DKCondition& operator==(int value);
+  DKCondition& operator!=(int value);
+  DKCondition& operator<(int value);
+  DKCondition& operator<=(int value);
+  DKCondition& operator>(int value);
+  DKCondition& operator>=(int value);
+  DKCondition& operator==(DKInt64 value);
+  DKCondition& operator!=(DKInt64 value);
+  DKCondition& operator<(DKInt64 value);
+  DKCondition& operator<=(DKInt64 value);
+  DKCondition& operator>(DKInt64 value);
+  DKCondition& operator>=(DKInt64 value);
+  DKCondition& operator==(const DKDouble& value);
+  DKCondition& operator!=(const DKDouble& value);
+  DKCondition& operator<(const DKDouble& value);
+  DKCondition& operator<=(const DKDouble& value);
+  DKCondition& operator>(const DKDouble& value);
+  DKCondition& operator>=(const DKDouble& value);
+  DKCondition& operator==(const DKString& value);
+  DKCondition& operator!=(const DKString& value);
+  DKCondition& operator<(const DKString& value);
+  DKCondition& operator<=(const DKString& value);
+  DKCondition& operator>(const DKString& value);
+  DKCondition& operator>=(const DKString& value);
+  DKCondition& operator==(const DKDateTime& value);
+  DKCondition& operator!=(const DKDateTime& value);
+  DKCondition& operator<(const DKDateTime& value);
+  DKCondition& operator<=(const DKDateTime& value);
+  DKCondition& operator>(const DKDateTime& value);
+  DKCondition& operator>=(const DKDateTime& value);
+  // A double literal is a number, not an int; other integer types are 64-bit integers.
+  DKCondition& operator==(double value) { return *this == DKDouble(value); }
+  DKCondition& operator!=(double value) { return *this != DKDouble(value); }
+  DKCondition& operator<(double value) { return *this < DKDouble(value); }
+  DKCondition& operator<=(double value) { return *this <= DKDouble(value); }
+  DKCondition& operator>(double value) { return *this > DKDouble(value); }
+  DKCondition& operator>=(double value) { return *this >= DKDouble(value); }
+  template <class T>
+  using OtherInteger = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, int> && !std::is_same_v<T, DKInt64>, int>;
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator==(T value) { return *this == static_cast<DKInt64>(value); }
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator!=(T value) { return *this != static_cast<DKInt64>(value); }
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator<(T value) { return *this < static_cast<DKInt64>(value); }
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator<=(T value) { return *this <= static_cast<DKInt64>(value); }
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator>(T value) { return *this > static_cast<DKInt64>(value); }
+  template <class T, OtherInteger<T> = 0>
+  DKCondition& operator>=(T value) { return *this >= static_cast<DKInt64>(value); }
+  // Regular-expression match and mismatch: the pattern is compiled at once. A pattern that
+  // does not compile leaves the condition without a program (it matches nothing);
+  // GetRegExError() tells why.
+  DKCondition& operator%(const DKString& pattern);
+  DKCondition& operator/=(const DKString& pattern);
+
+  // Linking: a copy of other (made with NewChild and LocalCopy) is appended with AND or OR.
+  DKCondition& operator&&(const DKCondition& other);
+  DKCondition& operator||(const DKCondition& other);
+
+  const std::vector<LinkedCond>& GetSubConditionV() const noexcept { return m_subConditions; }
+  std::vector<LinkedCond>& GetSubConditionVR() noexcept { return m_subConditions; }
+  std::size_t GetSubCondCount() const noexcept { return m_subConditions.size(); }
+  void ClearSubCondV() noexcept { m_subConditions.clear(); }
+  bool HasOr() const noexcept;
+  bool HasAnd() const noexcept;
+
+  // True for an empty condition: no field, operator, value or linked condition.
+  bool IsNull() const noexcept;
+  bool IsRegularExpression() const noexcept { return m_valueKind == kindRegEx; }
+
+  // The condition as text. Readable form: field, operator and value, then each link as
+  // " AND " or " OR " and the linked condition, with parentheses where needed so that
+  // FromString reads back a condition that evaluates alike. Native form (nativeFormat true):
+  // the "@@" text that FromString reads back to an identical condition.
+  DKString ToString(bool nativeFormat = false) const;
+
+  // The result of this condition and its links, strictly left to right: a grouping node
+  // (operator 0) starts from true, or from false when it has an OR link; any other node from
+  // OnEvaluate. An OR link is evaluated only while the result is false, an AND link only while
+  // it is true, each giving the new result.
+  bool Evaluate(const DKConditionParams& params) const;
+
+  // True for text in the native form: it begins with "@@".
+  static bool IsNativeFormat(const DKString& text);
+  // Reads the native form's "@"-separated tokens, those after the leading "@@": a version "1",
+  // then one condition as field, operator code, value kind, value text, date-time seconds
+  // (for kind 3; empty otherwise) and the number of linked conditions, each of those preceded
+  // by its link kind (0 OR, 1 AND) and written the same way. In field and value texts "%"
+  // stands as "%25", "@" as "%40" and the null character as "%00".
+  bool FromNativeString(const DKPointerVector<DKChar>& tokens);
+
+  // The stored comparison.
+  std::int32_t GetOperatorCode() const noexcept { return m_operator; }
+  std::int32_t GetValueKind() const noexcept { return m_valueKind; }
+  const DKString& GetValueText() const noexcept { return m_valueText; }
+  double GetValueAsDouble() const noexcept { return m_doubleValue; }
+  DKInt64 GetValueAsInt64() const noexcept { return m_int64Value; }
+  DKDateTime GetValueAsDateTime() const noexcept;
+  const DKRegEx& GetRegEx() const noexcept { return m_regEx; }
+  const DKErrorID& GetRegExError() const noexcept { return m_regEx.GetError(); }
+
+  // Compiles the value text as the condition's pattern; false (with GetRegExError) when it
+  // does not compile.
+  bool AsRegExp();
+  // True when the whole text matches the compiled pattern.
+  bool MatchRexExp(const DKString& text) const;
+
+  // Helpers for OnEvaluate: the operator applied to a field's value and the supplied value.
+  // A text is compared by kind: as text with a text or word, by the pattern with a regular
+  // expression, as a number or a date-time when it reads as one (false otherwise). Numbers are
+  // equal within DKDouble::thePrecision. False for operator 0.
+  bool EvaluateValue(const DKString& fieldValue) const;
+  bool EvaluateValue(double fieldValue) const;
+  bool EvaluateValue(DKInt64 fieldValue) const;
+  bool EvaluateValue(int fieldValue) const { return EvaluateValue(static_cast<DKInt64>(fieldValue)); }
+  bool EvaluateValue(const DKDateTime& fieldValue) const;
+
+protected:
+  // Value assigners: each sets the value (the operator stays) and, when post is true, calls
+  // PostAssignSuppliedValue and returns its result.
+  bool AssignInt(int value, bool post = true);
+  bool AssignInt64(DKInt64 value, bool post = true);
+  bool AssignDouble(const DKDouble& value, bool post = true);
+  bool AssignDKString(const DKString& value, bool post = true);
+  bool AssignDKDateTime(const DKDateTime& value, bool post = true);
+
+  void SetOperatorCode(std::int32_t code) noexcept { m_operator = code; }
+
+private:
+  DKCondition& Compare(std::int32_t op, int value);
+  DKCondition& Compare(std::int32_t op, DKInt64 value);
+  DKCondition& Compare(std::int32_t op, const DKDouble& value);
+  DKCondition& Compare(std::int32_t op, const DKString& value);
+  DKCondition& Compare(std::int32_t op, const DKDateTime& value);
+  DKCondition& Link(std::uint32_t kind, const DKCondition& other);
+  void SetNumber(double value, DKInt64 asInteger, const DKString& text, bool exactInteger);
+  void CopyFields(const DKCondition& other);
+  bool ApplyOperator(int comparison) const noexcept;
+  bool ParseText(const DKString& text);
+  bool IsRunOf(std::uint32_t kind) const noexcept;
+  void AppendReadable(DKString& out) const;
+  void AppendNative(DKString& out) const;
+
+  DKString m_fieldName;
+  std::int32_t m_operator = opNone;
+  std::int32_t m_valueKind = kindNone;
+  DKString m_valueText;
+  double m_doubleValue = 0.0;
+  DKInt64 m_int64Value = 0;
+  bool m_exactInteger = false; // the number was given as an integer: compared exactly
+  DKRegEx m_regEx;
+  std::vector<LinkedCond> m_subConditions;
+};
