@@ -3,15 +3,19 @@
 // long enough).
 #pragma once
 
+#include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKError.h>
+#include <DorvikCore/DKLog.h>
 #include <DorvikCore/DKString.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -92,6 +96,44 @@ inline std::vector<std::string> SplitLines(const std::string& text) {
     lines.push_back(line);
   return lines;
 }
+
+// Keeps every piece it is given, with its level.
+class Recorder : public DKLogSubscriberI {
+public:
+  void Write(std::uint32_t, std::uint32_t level, std::string_view text) override {
+    std::lock_guard guard(m_lock);
+    m_pieces.emplace_back(level, std::string(text));
+  }
+  std::vector<std::pair<std::uint32_t, std::string>> Pieces() const {
+    std::lock_guard guard(m_lock);
+    return m_pieces;
+  }
+  std::string Text() const {
+    std::string all;
+    for (const auto& piece : Pieces())
+      all += piece.second;
+    return all;
+  }
+
+private:
+  mutable std::mutex m_lock;
+  std::vector<std::pair<std::uint32_t, std::string>> m_pieces;
+};
+
+// Captures the console for the length of a test.
+class ConsoleTest : public ::testing::Test {
+protected:
+  void SetUp() override { m_previous = DKLockedCOUT::SetConsoleStream(&m_console); }
+  void TearDown() override { DKLockedCOUT::SetConsoleStream(m_previous); }
+  std::string Console() const { return m_console.str(); }
+  bool ConsoleHas(const std::string& line) const {
+    const auto lines = SplitLines(m_console.str());
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+
+  std::ostringstream m_console;
+  std::ostream* m_previous = nullptr;
+};
 
 // A program run with its standard output and error on one pipe.
 class Child {

@@ -73,23 +73,17 @@ protected:
   }
 };
 
-TEST_F(DKCppObjectFactoryTest, CreatesThroughTheRegisteredCreator) {
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0);
-  DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeFirst);
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 1);
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOtherClass)), 0);
-  DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeSecond);
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 2);
-}
-
-TEST_F(DKCppObjectFactoryTest, ProxyMadeBeforeItsCreatorFollowsEveryChange) {
+TEST_F(DKCppObjectFactoryTest, CreatorAndProxyMadeBeforeItFollowEveryChange) {
   DKCppObjectGenericCreatorProxy proxy(kOrderClass);
   EXPECT_EQ(MakerOf(proxy.CreateObject()), 0);
+  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0);
   DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeFirst);
   EXPECT_EQ(MakerOf(proxy.CreateObject()), 1);
   EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(proxy)), 1);
+  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOtherClass)), 0);
   DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeSecond);
   EXPECT_EQ(MakerOf(proxy.CreateObject()), 2);
+  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 2);
 
   // The creator given to UnregisterCreator is not compared with the registered one.
   DKCppObjectFactory::UnregisterCreator(kOrderClass, &MakeFirst);

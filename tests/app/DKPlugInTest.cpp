@@ -1,12 +1,10 @@
 // Plug-ins made in code: interfaces, counting, adding, dependency order and initialisation,
 // running, unloading. (The host test runs real modules in a child process.)
 #include <DorvikCore/DKApplication.h>
-#include <DorvikCore/DKConsole.h>
 
 #include "AppTestSupport.h"
 
 #include <atomic>
-#include <sstream>
 
 using namespace apptest;
 
@@ -68,21 +66,12 @@ public:
   using DKApplicationWithPlugIns::GetPlugInHier;
 };
 
-class DKPlugInTest : public ::testing::Test {
+class DKPlugInTest : public ConsoleTest {
 protected:
   void SetUp() override {
     Journal().clear();
-    m_previous = DKLockedCOUT::SetConsoleStream(&m_console);
+    ConsoleTest::SetUp();
   }
-  void TearDown() override { DKLockedCOUT::SetConsoleStream(m_previous); }
-  std::vector<std::string> ConsoleLines() const { return SplitLines(m_console.str()); }
-  bool ConsoleHas(const std::string& line) const {
-    const auto lines = ConsoleLines();
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-  }
-
-  std::ostringstream m_console;
-  std::ostream* m_previous = nullptr;
 };
 
 std::vector<std::string> Names(const DKSmartPtrVector<DKPlugIn>& plugIns) {
@@ -92,36 +81,52 @@ std::vector<std::string> Names(const DKSmartPtrVector<DKPlugIn>& plugIns) {
   return names;
 }
 
+// Works until asked to stop; counts how often it was asked.
+class Patient : public DKThreadedRunPlugIn {
+public:
+  explicit Patient(bool ignoreStop = false) : m_ignoreStop(ignoreStop) {}
+  DKString GetName() const override { return DK_T("Patient"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(70)); }
+  DKErrorID Run() override {
+    while (!m_stop.load())
+      DKThread::Sleep(1);
+    DKThread::Sleep(50); // finishing takes a while: the waiter must wait for it
+    m_finishedRun.store(true);
+    return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("run reports an error"))));
+  }
+  void Stop() override {
+    ++m_stops;
+    if (!m_ignoreStop)
+      m_stop.store(true);
+  }
+  std::atomic<bool> m_stop{false};
+  std::atomic<bool> m_finishedRun{false};
+  std::atomic<int> m_stops{0};
+  bool m_ignoreStop;
+};
+
 TEST_F(DKPlugInTest, EachClassAnswersForItsInterfacesAndItsBases) {
-  struct Threaded : DKThreadedRunPlugIn {
-    DKString GetName() const override { return DK_T("T"); }
-    PlugInIdEx GetId() const override { return PlugInIdEx(Id(60)); }
-    DKErrorID Run() override { return DKErrorID(); }
-    void Stop() override {}
-  };
   DKSmartPtr<DKPlugIn> run(new Probe("R", 61));
-  DKSmartPtr<DKPlugIn> threaded(new Threaded);
+  DKSmartPtr<DKPlugIn> threaded(new Patient);
   DKSmartPtr<DKPlugIn> container(new Crate);
   struct Case {
     DKPlugIn* plugIn;
     int iuid;
-    bool plugInKind, runKind, threadedKind, containerKind;
+    bool runKind, threadedKind, containerKind;
   } cases[] = {
-      {run.Get(), DKRunPlugIn::IUID, true, true, false, false},
-      {threaded.Get(), DKThreadedRunPlugIn::IUID, true, true, true, false},
-      {container.Get(), DKPlugInContainer::IUID, true, false, false, true},
+      {run.Get(), DKRunPlugIn::IUID, true, false, false},
+      {threaded.Get(), DKThreadedRunPlugIn::IUID, true, true, false},
+      {container.Get(), DKPlugInContainer::IUID, false, false, true},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(c.plugIn->GetIUID(), c.iuid);
     EXPECT_TRUE(c.plugIn->IsKindOf(DKObjectI::IUID));
-    EXPECT_EQ(c.plugIn->IsKindOf(DKPlugIn::IUID), c.plugInKind);
+    EXPECT_TRUE(c.plugIn->IsKindOf(DKPlugIn::IUID));
     EXPECT_EQ(c.plugIn->IsKindOf(DKRunPlugIn::IUID), c.runKind);
     EXPECT_EQ(c.plugIn->IsRunningPlugIn(), c.runKind);
     EXPECT_EQ(c.plugIn->IsContainerPlugIn(), c.containerKind);
     EXPECT_EQ(DKQueryInterface<DKThreadedRunPlugIn>(c.plugIn).Get() != nullptr, c.threadedKind);
     EXPECT_EQ(DKQueryInterface<DKPlugInContainer>(c.plugIn).Get() != nullptr, c.containerKind);
-    EXPECT_EQ(c.plugIn->GetStatus(), DKPlugIn::NotLoaded);
-    EXPECT_EQ(c.plugIn->GetModuleHandle(), nullptr);
   }
   EXPECT_EQ(DKQueryInterface<DKRunPlugIn>(nullptr).Get(), nullptr);
 }
@@ -219,48 +224,6 @@ TEST_F(DKPlugInTest, FailedInitIsNeverRunNorUnloaded) {
   EXPECT_TRUE(ConsoleHas("Exiting application..."));
 }
 
-TEST_F(DKPlugInTest, RunFollowsDependenciesAndShutDownUnloadsInReverse) {
-  {
-    TestApp app;
-    ASSERT_TRUE(app.LoadPlugIn(new Probe("Low", 1)).Good());
-    ASSERT_TRUE(app.LoadPlugIn(new Probe("High", 2, {PlugInIdEx(Id(1))})).Good());
-    app.Run();
-    EXPECT_EQ(app.FindPlugIn(Id(2))->GetStatus(), DKPlugIn::Finished);
-    EXPECT_TRUE(ConsoleHas("RUN> Running <Low>..."));
-  }
-  EXPECT_EQ(Journal(), (std::vector<std::string>{"Init Low", "Init High", "Run Low", "Run High", "Unload High",
-                                                 "Unload Low", "Gone High", "Gone Low"}));
-  const std::vector<std::string> lines = ConsoleLines();
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines[lines.size() - 3], ">>>> Unloading <High>...");
-  EXPECT_EQ(lines[lines.size() - 2], ">>>> Unloading <Low>...");
-  EXPECT_EQ(lines.back(), "Exiting application...");
-}
-
-// Works until asked to stop; counts how often it was asked.
-class Patient : public DKThreadedRunPlugIn {
-public:
-  explicit Patient(bool ignoreStop = false) : m_ignoreStop(ignoreStop) {}
-  DKString GetName() const override { return DK_T("Patient"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(Id(70)); }
-  DKErrorID Run() override {
-    while (!m_stop.load())
-      DKThread::Sleep(1);
-    DKThread::Sleep(50); // finishing takes a while: the waiter must wait for it
-    m_finishedRun.store(true);
-    return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("run reports an error"))));
-  }
-  void Stop() override {
-    ++m_stops;
-    if (!m_ignoreStop)
-      m_stop.store(true);
-  }
-  std::atomic<bool> m_stop{false};
-  std::atomic<bool> m_finishedRun{false};
-  std::atomic<int> m_stops{0};
-  bool m_ignoreStop;
-};
-
 TEST_F(DKPlugInTest, ShutDownStopsAThreadedPlugInAndWaitsForItsRunStep) {
   DKSmartPtr<Patient> patient(new Patient);
   {
@@ -277,7 +240,6 @@ TEST_F(DKPlugInTest, ShutDownStopsAThreadedPlugInAndWaitsForItsRunStep) {
     EXPECT_FALSE(patient->IsRunning());
   }
   EXPECT_EQ(patient->m_stops.load(), 0) << "a finished plug-in is not asked to stop";
-
 }
 
 // A quit request ends the run of a second application of the process too: the process

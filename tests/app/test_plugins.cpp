@@ -5,7 +5,10 @@
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKException.h>
 
+#include <functional>
+#include <map>
 #include <stdexcept>
+#include <string>
 
 namespace {
 
@@ -31,16 +34,6 @@ private:
   DKString m_name;
   DKGuid m_id;
   std::vector<PlugInIdEx> m_dependencies;
-};
-
-class Good : public Reporter {
-public:
-  Good() : Reporter(DK_T("Good"), TestId(1)) {}
-  DKUsageInfo GetUsageInfo() const override {
-    DKUsageInfo usage;
-    usage.AddCmdLineArgDesc("good:{value}", "An option of the Good plug-in.");
-    return usage;
-  }
 };
 
 class InitFail : public Reporter {
@@ -111,36 +104,25 @@ public:
 } // namespace
 
 DKPlugIn* DKTestMakePlugIn(const char* kind) {
-  const std::string k = kind;
-  if (k == "good")
-    return new Good;
-  if (k == "duplicate")
-    return new Reporter(DK_T("Duplicate"), TestId(1));
-  if (k == "initfail")
-    return new InitFail;
-  if (k == "runthrows")
-    return new RunThrows;
-  if (k == "box")
-    return new Box;
-  if (k == "chain_a")
-    return new Reporter(DK_T("ChainA"), TestId(10), {PlugInIdEx(TestId(11), DK_T("ChainB"))});
-  if (k == "chain_b")
-    return new Reporter(DK_T("ChainB"), TestId(11), {PlugInIdEx(TestId(12), DK_T("ChainC"))});
-  if (k == "chain_c")
-    return new Reporter(DK_T("ChainC"), TestId(12));
-  if (k == "cycle_a")
-    return new Reporter(DK_T("CycleA"), TestId(13), {PlugInIdEx(TestId(14))});
-  if (k == "cycle_b")
-    return new Reporter(DK_T("CycleB"), TestId(14), {PlugInIdEx(TestId(13))});
-  if (k == "missingdep")
-    return new Reporter(DK_T("MissingDep"), TestId(15), {PlugInIdEx(TestId(99), DK_T("Absent"))});
-  if (k == "worker")
-    return new Worker(DK_T("Worker"), TestId(16));
-  if (k == "worker2")
-    return new Worker(DK_T("Worker2"), TestId(17));
-  if (k == "threadthrows")
-    return new ThreadThrows;
-  if (k == "entrythrows")
-    throw std::runtime_error("the plug-in cannot be made");
-  return nullptr;
+  using Dependencies = std::vector<PlugInIdEx>;
+  static const std::map<std::string, std::function<DKPlugIn*()>> makers{
+      {"good", [] { return new Reporter(DK_T("Good"), TestId(1)); }},
+      {"duplicate", [] { return new Reporter(DK_T("Duplicate"), TestId(1)); }},
+      {"initfail", [] { return new InitFail; }},
+      {"runthrows", [] { return new RunThrows; }},
+      {"box", [] { return new Box; }},
+      {"chain_a", [] { return new Reporter(DK_T("ChainA"), TestId(10), Dependencies{{TestId(11), DK_T("ChainB")}}); }},
+      {"chain_b", [] { return new Reporter(DK_T("ChainB"), TestId(11), Dependencies{{TestId(12), DK_T("ChainC")}}); }},
+      {"chain_c", [] { return new Reporter(DK_T("ChainC"), TestId(12)); }},
+      {"cycle_a", [] { return new Reporter(DK_T("CycleA"), TestId(13), Dependencies{PlugInIdEx(TestId(14))}); }},
+      {"cycle_b", [] { return new Reporter(DK_T("CycleB"), TestId(14), Dependencies{PlugInIdEx(TestId(13))}); }},
+      {"missingdep",
+       [] { return new Reporter(DK_T("MissingDep"), TestId(15), Dependencies{{TestId(99), DK_T("Absent")}}); }},
+      {"worker", [] { return new Worker(DK_T("Worker"), TestId(16)); }},
+      {"worker2", [] { return new Worker(DK_T("Worker2"), TestId(17)); }},
+      {"threadthrows", [] { return new ThreadThrows; }},
+      {"entrythrows", []() -> DKPlugIn* { throw std::runtime_error("the plug-in cannot be made"); }},
+  };
+  const auto maker = makers.find(kind);
+  return maker == makers.end() ? nullptr : maker->second();
 }

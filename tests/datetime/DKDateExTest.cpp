@@ -2,7 +2,6 @@
 #include "DateTimeTestSupport.h"
 
 #include <random>
-#include <sstream>
 #include <tuple>
 
 namespace {
@@ -11,21 +10,17 @@ using U = DKDurationEx::Unit;
 
 // ---- DKDateEx: the packed word ------------------------------------------------------------------
 
-TEST(DateExTest, PackedWordLayout) {
+TEST(DateExTest, PackedWordLayoutAndValidity) {
   EXPECT_EQ(DKDateEx(2020, 1, 5).AsInt(), (2020 << 9) | (1 << 5) | 5);
   EXPECT_EQ(DKDateEx(-1, 12, 31).AsInt(), static_cast<std::int32_t>(0xFFFFFE00u | (12 << 5) | 31));
   EXPECT_EQ(DKDateEx::maximum.AsInt(), 2147483551);
   EXPECT_EQ(DKDateEx::minimum.AsInt(), -2147483103);
-  EXPECT_EQ(DKDateEx::null.AsInt(), 0);
   EXPECT_TRUE(DKDateEx().IsNull());
   DKDateEx d;
   d.FromInt(DKDateEx(1999, 12, 31).AsInt());
   EXPECT_EQ(d.GetYear(), 1999);
   EXPECT_EQ(d.GetMonth(), 12u);
   EXPECT_EQ(d.GetDay(), 31u);
-}
-
-TEST(DateExTest, ValidityRules) {
   const struct {
     std::int32_t word;
     bool valid;
@@ -38,7 +33,6 @@ TEST(DateExTest, ValidityRules) {
       {DKDateEx::maximum.AsInt(), true},           {DKDateEx::Pack(-4194304, 6, 1).AsInt(), false}, // below minimum
   };
   for (const auto& c : cases) {
-    DKDateEx d;
     d.FromInt(c.word);
     EXPECT_EQ(d.IsValid(), c.valid) << c.word;
   }
@@ -47,6 +41,8 @@ TEST(DateExTest, ValidityRules) {
   DKDateEx keep(2000, 1, 1);
   EXPECT_FALSE(keep.SetDate(2000, 2, 30));
   EXPECT_EQ(keep, DKDateEx(2000, 1, 1));
+  EXPECT_EQ(DKDateEx().GetYearDay(), 0);
+  EXPECT_EQ(DKDateEx::Pack(2021, 2, 30).GetYearWeek(), 0);
 }
 
 TEST(DateExTest, ValidWordsOrderAsDates) {
@@ -62,15 +58,6 @@ TEST(DateExTest, ValidWordsOrderAsDates) {
   }
 }
 
-TEST(DateExTest, YearDay) {
-  EXPECT_EQ(DKDateEx(2021, 1, 1).GetYearDay(), 1);
-  EXPECT_EQ(DKDateEx(2021, 12, 31).GetYearDay(), 365);
-  EXPECT_EQ(DKDateEx(2020, 12, 31).GetYearDay(), 366);
-  EXPECT_EQ(DKDateEx(2020, 3, 1).GetYearDay(), 61);
-  EXPECT_EQ(DKDateEx().GetYearDay(), 0);
-  EXPECT_EQ(DKDateEx::Pack(2021, 2, 30).GetYearWeek(), 0);
-}
-
 // ---- DKDateEx: arithmetic -----------------------------------------------------------------------
 
 TEST(DateExTest, CalendarArithmetic) {
@@ -84,9 +71,7 @@ TEST(DateExTest, CalendarArithmetic) {
       {{2020, 1, 15}, {-13, U::Month}, {2018, 12, 15}}, {{2020, 12, 15}, {-12, U::Month}, {2019, 12, 15}},
       {{2020, 2, 29}, {1, U::Year}, {2021, 2, 28}},     {{2020, 2, 29}, {4, U::Year}, {2024, 2, 29}},
       {{2020, 12, 25}, {2, U::Week}, {2021, 1, 8}},     {{2021, 1, 3}, {-5, U::Day}, {2020, 12, 29}},
-      {{2021, 3, 1}, {-1, U::Day}, {2021, 2, 28}},      {{2020, 1, 1}, {366, U::Day}, {2021, 1, 1}},
-      {{2020, 1, 1}, {100000, U::Day}, {2293, 10, 16}}, {{2020, 1, 1}, {25, U::Hour}, {2020, 1, 1}},
-      {{2020, 1, 1}, {1, U::Millisecond}, {2020, 1, 1}}, {{0, 1, 1}, {-1, U::Day}, {-1, 12, 31}},
+      {{2020, 1, 1}, {25, U::Hour}, {2020, 1, 1}},      {{2020, 1, 1}, {1, U::Millisecond}, {2020, 1, 1}},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.from + c.by, c.to) << c.by.AsString(true).AsUTF8();
@@ -95,6 +80,11 @@ TEST(DateExTest, CalendarArithmetic) {
     }
   }
   EXPECT_THROW(DKDateEx(2020, 1, 1) + DKDurationEx(2147483647L, U::Day), DKDateExceptionEx);
+  EXPECT_EQ(DKDateEx() - DKDateEx(2021, 3, 1), DKDurationEx::invalid_);
+  DKDateEx d(2020, 2, 28);
+  EXPECT_EQ(d++, DKDateEx(2020, 2, 28));
+  EXPECT_EQ(d, DKDateEx(2020, 2, 29));
+  EXPECT_EQ(--d, DKDateEx(2020, 2, 28));
 }
 
 TEST(DateExTest, LeavingTheRangeThrowsWithTheBound) {
@@ -125,17 +115,6 @@ TEST(DateExTest, LeavingTheRangeThrowsWithTheBound) {
   DKDateEx null;
   null += 5L;
   EXPECT_TRUE(null.IsNull());
-}
-
-TEST(DateExTest, DifferenceInDays) {
-  EXPECT_EQ(DKDateEx(2021, 3, 1) - DKDateEx(2020, 3, 1), DKDurationEx(365, U::Day));
-  EXPECT_EQ(DKDateEx(2020, 3, 1) - DKDateEx(2021, 3, 1), DKDurationEx(-365, U::Day));
-  EXPECT_EQ(DKDateEx() - DKDateEx(2021, 3, 1), DKDurationEx::invalid_);
-  EXPECT_EQ((DKDateEx::maximum - DKDateEx::minimum).GetUnit(), U::Week);
-  DKDateEx d(2020, 2, 28);
-  EXPECT_EQ(d++, DKDateEx(2020, 2, 28));
-  EXPECT_EQ(d, DKDateEx(2020, 2, 29));
-  EXPECT_EQ(--d, DKDateEx(2020, 2, 28));
 }
 
 // ---- DKDateEx: records -------------------------------------------------------------------------
@@ -237,17 +216,6 @@ TEST(DateExTest, Text) {
   EXPECT_TRUE(ok);
   DKString(DK_T("1999/13/31")).AsDKDateEx(&ok);
   EXPECT_FALSE(ok);
-
-  std::ostringstream out;
-  out << DKDateEx(2020, 1, 5);
-  EXPECT_EQ(out.str(), "2020/01/05");
-  std::istringstream in("1999/12/31 x 2000/02/30");
-  DKDateEx a, b;
-  std::string word;
-  in >> a >> word >> b;
-  EXPECT_EQ(a, DKDateEx(1999, 12, 31));
-  EXPECT_EQ(word, "x");
-  EXPECT_TRUE(in.fail());
 }
 
 // ---- DKTimeEx ------------------------------------------------------------------------------------
@@ -256,14 +224,11 @@ TEST(TimeExTest, PartsAndValidity) {
   const DKTimeEx t(13, 45, 30, 250);
   EXPECT_EQ(t.AsMilliseconds(), 49530250);
   EXPECT_EQ(t.AsSeconds(), 49530);
-  EXPECT_EQ(t.AsUInt(), 49530250u);
   EXPECT_EQ(t.GetHour(), 13u);
   EXPECT_EQ(t.GetMinute(), 45u);
   EXPECT_EQ(t.GetSecond(), 30u);
   EXPECT_EQ(t.GetMillisecond(), 250u);
-  EXPECT_EQ(DKTimeEx::null.AsInt(), DKTimeEx::NULL_TIME);
   EXPECT_EQ(DKTimeEx::maximum.AsInt(), 86399999);
-  EXPECT_EQ(DKTimeEx::minimum.AsInt(), 0);
   EXPECT_THROW(DKTimeEx(24, 0), DKDateExceptionEx);
   EXPECT_THROW(DKTimeEx(0, 60), DKDateExceptionEx);
   EXPECT_THROW(DKTimeEx(0, 0, 0, 1000), DKDateExceptionEx);

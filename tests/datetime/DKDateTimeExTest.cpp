@@ -54,41 +54,30 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
 
 // ---- Zones --------------------------------------------------------------------------------------
 
-TEST(TimeZoneTest, PredefinedZones) {
-  DK_REQUIRE_ZONE(paris);
-  ScopedTimeZone tz(paris);
-  EXPECT_EQ(DKTimeZone().GetId(), 0);
-  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetId(), 1);
-  EXPECT_EQ(DKTimeZone(), DKTimeZone(DKTimeZone::Local));
-  EXPECT_NE(DKTimeZone(), DKTimeZone(DKTimeZone::UTC));
-  EXPECT_EQ(DKTimeZone().GetBias(), -60);
-  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetBias(), 0);
-  EXPECT_EQ(DKTimeZone().GetName(false), DK_T("CET"));
-  EXPECT_EQ(DKTimeZone().GetName(true), DK_T("CEST"));
-  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetName(), DK_T("UTC"));
-  bool daylight = false;
-  EXPECT_EQ(DKTimeZone().GetOffset(1625140800, &daylight), 7200); // 2021-07-01 12:00 UTC
-  EXPECT_TRUE(daylight);
-  EXPECT_EQ(DKTimeZone().GetOffset(1609502400, &daylight), 3600); // 2021-01-01 12:00 UTC
-  EXPECT_FALSE(daylight);
-  EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetOffset(1625140800), 0);
-}
-
-TEST(TimeZoneTest, FollowsTZChanges) {
-  DK_REQUIRE_ZONE(paris);
-  DK_REQUIRE_ZONE(newYork);
+TEST(TimeZoneTest, PredefinedZonesFollowTZ) {
   {
-    ScopedTimeZone tz(paris);
+    DK_IN_ZONE(paris);
+    EXPECT_EQ(DKTimeZone(), DKTimeZone(DKTimeZone::Local));
+    EXPECT_NE(DKTimeZone(), DKTimeZone(DKTimeZone::UTC));
     EXPECT_EQ(DKTimeZone().GetBias(), -60);
+    EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetBias(), 0);
+    EXPECT_EQ(DKTimeZone().GetName(false), DK_T("CET"));
+    EXPECT_EQ(DKTimeZone().GetName(true), DK_T("CEST"));
+    EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetName(), DK_T("UTC"));
+    bool daylight = false;
+    EXPECT_EQ(DKTimeZone().GetOffset(1625140800, &daylight), 7200); // 2021-07-01 12:00 UTC
+    EXPECT_TRUE(daylight);
+    EXPECT_EQ(DKTimeZone().GetOffset(1609502400, &daylight), 3600); // 2021-01-01 12:00 UTC
+    EXPECT_FALSE(daylight);
+    EXPECT_EQ(DKTimeZone(DKTimeZone::UTC).GetOffset(1625140800), 0);
   }
-  ScopedTimeZone tz(newYork);
+  DK_IN_ZONE(newYork);
   EXPECT_EQ(DKTimeZone().GetBias(), 300);
   EXPECT_EQ(DKTimeZone().GetName(), DK_T("EST"));
 }
 
 TEST(TimeZoneTest, SystemTimeBetweenUtcAndZone) {
-  DK_REQUIRE_ZONE(newYork);
-  ScopedTimeZone tz(newYork);
+  DK_IN_ZONE(newYork);
   const DKSystemTime utc(2021, 7, 0, 4, 16, 30, 0, 5);
   SYSTEMTIME local{};
   ASSERT_TRUE(DKTimeZone().SystemTimeToZone(utc, local));
@@ -157,21 +146,13 @@ TEST(TimeZoneTest, WallClockReadingsAroundChanges) {
       {newYork, 2021, 11, 7, 1, 30, Utc(2021, 11, 7, 5, 30)}, {newYork, 2021, 11, 7, 2, 30, Utc(2021, 11, 7, 7, 30)},
   };
   for (const WallCase& c : cases) {
-    DK_REQUIRE_ZONE(c.zone);
-    ScopedTimeZone tz(c.zone);
+    DK_IN_ZONE(c.zone);
     SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.month << '-' << c.day << ' ' << c.hour << ':' << c.minute);
     EXPECT_EQ(DKDateTimeEx(c.year, c.month, c.day, c.hour, c.minute), c.utc);
   }
 }
 
 // ---- Arithmetic --------------------------------------------------------------------------------
-
-struct AddCase {
-  const char* zone;
-  DKDateTimeEx from; // built inside the zone from local fields
-  DKDurationEx by;
-  const DKChar* localResult;
-};
 
 TEST(DateTimeExArithmeticTest, CalendarUnitsKeepTheClockAcrossDaylightSaving) {
   struct Case {
@@ -195,8 +176,7 @@ TEST(DateTimeExArithmeticTest, CalendarUnitsKeepTheClockAcrossDaylightSaving) {
       {newYork, 2020, 11, 1, 12, {-1, U::Year}, DK_T("2019/11/01 12:00:00"), -(366 * 24 + 1)},
   };
   for (const Case& c : cases) {
-    DK_REQUIRE_ZONE(c.zone);
-    ScopedTimeZone tz(c.zone);
+    DK_IN_ZONE(c.zone);
     SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.by.AsString(true).AsUTF8());
     const DKDateTimeEx from(c.year, c.month, c.day, c.hour);
     const DKDateTimeEx to = from + c.by;
@@ -225,8 +205,7 @@ TEST(DateTimeExArithmeticTest, ClockUnitsMoveTheInstantAndCarryDays) {
 }
 
 TEST(DateTimeExArithmeticTest, LeavingTheRangeThrowsWithTheBound) {
-  DK_REQUIRE_ZONE(newYork);
-  ScopedTimeZone tz(newYork);
+  DK_IN_ZONE(newYork);
   const struct {
     DKDateTimeEx from;
     DKDurationEx by;
@@ -268,8 +247,7 @@ TEST(DateTimeExArithmeticTest, DifferenceUnits) {
 // ---- Records ------------------------------------------------------------------------------------
 
 TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
-  DK_REQUIRE_ZONE(paris);
-  ScopedTimeZone tz(paris);
+  DK_IN_ZONE(paris);
   const DKDateTimeEx summer = Utc(2021, 7, 1, 10, 0, 0, 123);
   FILETIME ft{};
   ASSERT_TRUE(summer.AsFileTime(ft));
@@ -317,8 +295,7 @@ TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
 }
 
 TEST(DateTimeExRecordsTest, BrokenDownForm) {
-  DK_REQUIRE_ZONE(newYork);
-  ScopedTimeZone tz(newYork);
+  DK_IN_ZONE(newYork);
   DKDateAndTime fields;
   ASSERT_TRUE(Utc(2021, 1, 1, 3, 4, 5, 6).GetDateAndTime(fields));
   EXPECT_EQ(fields.year, 2020);
@@ -346,14 +323,9 @@ TEST(DateTimeExTextTest, DefaultFormats) {
   const DKDateTimeEx both = Utc(2020, 1, 5, 1, 2, 3);
   const DKDateTimeEx date(DKDateEx(2020, 1, 5));
   const DKDateTimeEx time(DKTimeEx(1, 2, 3));
-  EXPECT_EQ(both.GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S"));
-  EXPECT_EQ(date.GetDefaultFormat(true, false), DK_T("%Y/%m/%d %H:%M:%S"));
+  EXPECT_EQ(date.GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S")); // full: whatever the value holds
   EXPECT_EQ(both.GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
-  EXPECT_EQ(both.GetDefaultFormat(false, false), DK_T("%Y/%m/%d %H:%M:%S"));
-  EXPECT_EQ(date.GetDefaultFormat(false, true), DK_T("%Y/%m/%d"));
   EXPECT_EQ(time.GetDefaultFormat(false, true), DK_T("%H:%M:%S.%L"));
-  EXPECT_EQ(time.GetDefaultFormat(false, false), DK_T("%H:%M:%S"));
-  EXPECT_EQ(DKDateTimeEx().GetDefaultFormat(false, true), DK_T(""));
   EXPECT_EQ(both.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03"));
   EXPECT_EQ(Utc(2020, 1, 5, 1, 2, 3, 4).AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03.004"));
   EXPECT_EQ(date.AsString(), DK_T("2020/01/05"));
@@ -363,8 +335,7 @@ TEST(DateTimeExTextTest, DefaultFormats) {
 }
 
 TEST(DateTimeExTextTest, Codes) {
-  DK_REQUIRE_ZONE(paris);
-  ScopedTimeZone tz(paris);
+  DK_IN_ZONE(paris);
   const DKDateTimeEx winter = Utc(2021, 1, 4, 23, 5, 9, 7); // Tuesday 00:05 in Paris
   const struct {
     DKDateTimeEx value;
@@ -391,13 +362,11 @@ TEST(DateTimeExTextTest, Codes) {
     EXPECT_TRUE(c.value.AsString(buffer, 64, DKString(c.format).c_str(), c.zone).Good());
     EXPECT_EQ(DKString(buffer), c.text);
   }
-}
-
-TEST(DateTimeExTextTest, OffsetsInNewYork) {
-  DK_REQUIRE_ZONE(newYork);
-  ScopedTimeZone tz(newYork);
-  EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));
-  EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("08:00-04:00"));
+  if (HasZoneInfo(newYork)) { // negative offsets
+    ScopedTimeZone america(newYork);
+    EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));
+    EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("08:00-04:00"));
+  }
   if (HasZoneInfo("Asia/Kolkata")) {
     ScopedTimeZone india("Asia/Kolkata");
     EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("17:30+05:30"));
@@ -436,8 +405,7 @@ TEST(DateTimeExTextTest, BufferRule) {
 // ---- Text: reading -------------------------------------------------------------------------------
 
 TEST(DateTimeExTextTest, Reading) {
-  DK_REQUIRE_ZONE(paris);
-  ScopedTimeZone tz(paris);
+  DK_IN_ZONE(paris);
   const DKDateTimeEx null;
   const struct {
     const DKChar* text;
@@ -478,8 +446,7 @@ TEST(DateTimeExTextTest, Reading) {
 }
 
 TEST(DateTimeExTextTest, UnreadableTextGivesMessageNine) {
-  DK_REQUIRE_ZONE(newYork);
-  ScopedTimeZone tz(newYork);
+  DK_IN_ZONE(newYork);
   const DKChar* texts[] = {
       DK_T("2021/02/30"),         DK_T("abc"),           DK_T("2020/01/01 24:00:00"), DK_T("2020/13/01"),
       DK_T("4194304/01/01"),      DK_T("-4194304/12/31"), DK_T("99999999999999999999/1/1"),
@@ -518,8 +485,7 @@ TEST(DateTimeExTextTest, Sysdate) {
 // offset in the text; without it, only the repeated hour reads as its earlier instant.
 TEST(DateTimeExTextTest, RoundTripsThroughTheYear) {
   for (const char* zone : {paris, newYork}) {
-    DK_REQUIRE_ZONE(zone);
-    ScopedTimeZone tz(zone);
+    DK_IN_ZONE(zone);
     for (DKDateTimeEx v = Utc(2021, 1, 1, 0, 0, 0, 125); v < Utc(2022, 1, 1); v += DKDurationEx(15, U::Minute)) {
       DKDateTimeEx back;
       ASSERT_TRUE(back.FromString(v.AsString(DK_T("%Y/%m/%d %H:%M:%S.%L%z")), DK_T("%Y/%m/%d %H:%M:%S.%L%z")).Good());
@@ -533,8 +499,7 @@ TEST(DateTimeExTextTest, RoundTripsThroughTheYear) {
 }
 
 TEST(DateTimeExTextTest, Streams) {
-  DK_REQUIRE_ZONE(paris);
-  ScopedTimeZone tz(paris);
+  DK_IN_ZONE(paris);
   std::ostringstream out;
   out << Utc(2020, 1, 5, 9, 20, 30) << '|' << DKDateTimeEx(DKTimeEx(1, 2, 3, 4));
   EXPECT_EQ(out.str(), "2020/01/05 10:20:30|01:02:03.004");

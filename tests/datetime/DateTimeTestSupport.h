@@ -38,10 +38,12 @@ private:
 
 inline bool HasZoneInfo(const char* zone) { return std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone); }
 
-// Skips the test when the system's time-zone database lacks the zone (package tzdata).
-#define DK_REQUIRE_ZONE(zone)                                                                         \
+// Runs the rest of the scope under TZ=zone, or skips the test when the system's time-zone database
+// lacks the zone (package tzdata).
+#define DK_IN_ZONE(zone)                                                                              \
   if (!HasZoneInfo(zone))                                                                             \
-  GTEST_SKIP() << "time-zone data for " << zone << " is missing (install the tzdata package)"
+    GTEST_SKIP() << "time-zone data for " << zone << " is missing (install the tzdata package)";      \
+  const ScopedTimeZone dkZoneScope(zone)
 
 inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 0, unsigned minute = 0, unsigned second = 0,
                         unsigned ms = 0) {

@@ -11,29 +11,47 @@
 
 namespace {
 
+using Environment = std::map<std::string, std::string>;
+
 const std::string kIllegalDelimiter = "Illegal trace delimiter specified; trace delimiter has been reset to default\n";
 
-// The ten subjects as the child's "filter" arguments.
-const char* const kSubjectValues[] = {"0x1", "0x2", "0x4", "0x8", "0x10", "0x20", "0x40", "0x80", "0x100", "0x200"};
+struct TracedRun {
+  ChildResult child;
+  Texts lines; // of its trace file
+  bool folderMade = false;
+};
 
-std::vector<std::string> ReadTraceLines(const fs::path& folder, const ChildResult& child) {
-  return SplitLines(ReadWholeFile(folder / TraceFileName(ChildExecutableBase(), child.pid)));
+// Runs the child with DK_TRACE=SO and a trace folder that does not exist yet, so every case also
+// checks that the folder is made with its parents; `env` adds variables or replaces these.
+TracedRun RunTracing(const Texts& commands, Environment env = {}) {
+  const ScratchFolder scratch;
+  const fs::path folder = scratch / "one" / "two";
+  env.emplace("DK_TRACE", "SO");
+  env.emplace("DK_TRACE_FOLDER", folder.string());
+  TracedRun run{RunTraceChild(commands, env), {}};
+  run.lines = ChildTraceLines(folder, run.child);
+  run.folderMade = fs::exists(folder);
+  return run;
+}
+
+Texts Quietly(bool quiet, Texts commands) {
+  if (quiet)
+    commands.insert(commands.begin(), "quiet");
+  return commands;
 }
 
 TEST(DKTraceEnvironmentTest, WithoutKnownSubjectsNothingIsTracedAndNoFileAppears) {
   const struct {
     const char* label;
     const char* value; // null: DK_TRACE not defined
-  } cases[] = {
-      {"undefined", nullptr},
-      {"empty", ""},
-      {"blanks", "  \t "},
-      {"lower case", "so,db"},
-      {"junk", "\x01\x02,;;;%s%n%S,,\xff\xfe,SO;DB,\xe2\x82"},
-  };
+  } cases[] = {{"undefined", nullptr},
+               {"empty", ""},
+               {"blanks", "  \t "},
+               {"lower case", "so,db"},
+               {"junk", "\x01\x02,;;;%s%n%S,,\xff\xfe,SO;DB,\xe2\x82"}};
   for (const auto& c : cases) {
     const ScratchFolder folder;
-    std::map<std::string, std::string> env{{"DK_TRACE_FOLDER", folder.Path().string()}};
+    Environment env{{"DK_TRACE_FOLDER", folder.Path().string()}};
     if (c.value)
       env["DK_TRACE"] = c.value;
     const ChildResult child = RunTraceChild({"enabled", "filter", "1", "0x3FF", "msg", "1", "1", "hello"}, env);
@@ -44,14 +62,15 @@ TEST(DKTraceEnvironmentTest, WithoutKnownSubjectsNothingIsTracedAndNoFileAppears
 }
 
 TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecutable) {
-  std::vector<std::string> commands{"enabled"};
-  for (const char* subject : kSubjectValues)
+  Texts commands{"enabled"};
+  for (const char* subject : {"0x1", "0x2", "0x4", "0x8", "0x10", "0x20", "0x40", "0x80", "0x100", "0x200"})
     commands.insert(commands.end(), {"filter", "1", subject});
   commands.insert(commands.end(), {"msg", "1", "0x1", "socket line", "msg", "1", "0x10", "database line"});
   const ChildResult child = RunTraceChild(commands, {{"DK_TRACE", " so, SO ,XX"}});
 
-  const fs::path file = fs::canonical(ChildExecutableFolder()) / TraceFileName(ChildExecutableBase(), child.pid);
-  const std::string content = ReadWholeFile(file);
+  const fs::path file =
+      TraceFile(fs::canonical(fs::path(DK_TRACE_CHILD_PATH).parent_path()), ChildExecutableBase(), child.pid);
+  const Texts lines = SplitLines(ReadWholeFile(file));
   std::error_code ignored;
   fs::remove(file, ignored);
 
@@ -60,14 +79,12 @@ TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecuta
   for (int i = 1; i < 10; ++i)
     expected += "filter=0\n";
   EXPECT_EQ(child.output, expected);
-  const auto lines = SplitLines(content);
   ASSERT_EQ(lines.size(), 1u) << file;
-  TraceLine line;
-  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', line));
-  EXPECT_EQ(line.threadId, std::to_string(child.pid)); // the main thread's id is the process id
-  EXPECT_EQ(line.source + "|" + line.level + "|" + line.subject + "|" + line.text, "child|1|SO|socket line");
+  EXPECT_EQ(Parsed(lines[0]).threadId, std::to_string(child.pid)); // the main thread's id is the process id
+  EXPECT_EQ(Digests(lines), Texts{"child|1|SO|socket line"});
 }
 
+// Level 1 always passes; the hex block needs bit 8.
 TEST(DKTraceEnvironmentTest, TraceLevelIsAMaskWithLevelOneAlwaysOn) {
   const struct {
     const char* value;
@@ -77,35 +94,19 @@ TEST(DKTraceEnvironmentTest, TraceLevelIsAMaskWithLevelOneAlwaysOn) {
       {"", "1000"},  {" 4x", "1010"}, {"99999999999", "1111"}, // out of range: saturates to the largest int
   };
   for (const auto& c : cases) {
-    const ScratchFolder folder;
-    const ChildResult child =
-        RunTraceChild({"filter", "1", "1", "filter", "2", "1", "filter", "4", "1", "filter", "8", "1"},
-                      {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_LEVEL", c.value}});
+    const TracedRun run =
+        RunTracing({"filter", "1", "1", "filter", "2", "1", "filter", "4", "1", "filter", "8", "1", "hex", "1", "20"},
+                   {{"DK_TRACE_LEVEL", c.value}});
     std::string expected;
     for (const char* p = c.passes; *p; ++p)
       expected += std::string("filter=") + *p + "\n";
-    EXPECT_EQ(child.output, expected) << "DK_TRACE_LEVEL=" << c.value;
-  }
-}
-
-TEST(DKTraceEnvironmentTest, TraceLevelEightAddsTheHexBlock) {
-  const struct {
-    const char* level;
-    std::size_t lines;
-  } cases[] = {{"8", 3}, {"0", 1}, {"4", 1}};
-  for (const auto& c : cases) {
-    const ScratchFolder folder;
-    const ChildResult child =
-        RunTraceChild({"hex", "1", "20"},
-                      {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_LEVEL", c.level}});
-    const auto lines = ReadTraceLines(folder.Path(), child);
-    ASSERT_EQ(lines.size(), c.lines) << "DK_TRACE_LEVEL=" << c.level;
-    TraceLine summary;
-    ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
-    EXPECT_EQ(summary.text, "(nrbytes=20): ");
-    if (c.lines == 3) {
-      EXPECT_EQ(lines[1], "  0000: 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F ;................");
-      EXPECT_EQ(lines[2], "  0016: 10 11 12 13 " + std::string(36, ' ') + ";....");
+    EXPECT_EQ(run.child.output, expected) << "DK_TRACE_LEVEL=" << c.value;
+    const bool hex = c.passes[3] == '1';
+    ASSERT_EQ(run.lines.size(), hex ? 3u : 1u) << "DK_TRACE_LEVEL=" << c.value;
+    EXPECT_EQ(Parsed(run.lines[0]).text, "(nrbytes=20): ");
+    if (hex) {
+      EXPECT_EQ(run.lines[1], "  0000: 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F ;................");
+      EXPECT_EQ(run.lines[2], "  0016: 10 11 12 13 " + std::string(36, ' ') + ";....");
     }
   }
 }
@@ -121,30 +122,13 @@ TEST(DKTraceEnvironmentTest, DelimiterIsACharacterCodeOneTo255) {
   };
   for (const auto& c : cases) {
     for (const bool quiet : {false, true}) {
-      const ScratchFolder folder;
-      std::vector<std::string> commands{"enabled", "msg", "1", "1", "text"};
-      if (quiet)
-        commands.insert(commands.begin(), "quiet");
-      const ChildResult child = RunTraceChild(
-          commands, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.Path().string()}, {"DK_TRACE_DELIM", c.value}});
-      EXPECT_EQ(child.output, (c.complaint && !quiet ? kIllegalDelimiter : "") + "enabled=1\n")
+      const TracedRun run =
+          RunTracing(Quietly(quiet, {"enabled", "msg", "1", "1", "text"}), {{"DK_TRACE_DELIM", c.value}});
+      EXPECT_EQ(run.child.output, (c.complaint && !quiet ? kIllegalDelimiter : "") + "enabled=1\n")
           << "DK_TRACE_DELIM=" << c.value << (quiet ? " quiet" : "");
-      const auto lines = ReadTraceLines(folder.Path(), child);
-      ASSERT_EQ(lines.size(), 1u);
-      TraceLine line;
-      ASSERT_TRUE(ParseTraceLine(lines[0], c.used, line)) << lines[0];
-      EXPECT_EQ(line.subject + "|" + line.text, "SO|text");
+      EXPECT_EQ(Digests(run.lines, c.used), Texts{"child|1|SO|text"}) << "DK_TRACE_DELIM=" << c.value;
     }
   }
-}
-
-TEST(DKTraceEnvironmentTest, MissingFolderIsCreatedWithItsParents) {
-  const ScratchFolder scratch;
-  const fs::path folder = scratch / "one" / "two" / "three";
-  const ChildResult child =
-      RunTraceChild({"enabled", "msg", "1", "1", "text"}, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}});
-  EXPECT_EQ(child.output, "enabled=1\n");
-  EXPECT_EQ(ReadTraceLines(folder, child).size(), 1u);
 }
 
 TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFolder) {
@@ -154,13 +138,11 @@ TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFol
   WriteWholeFile(scratch / "file", "in the way");
   for (const fs::path& folder : {scratch / "file", scratch / "file" / "sub"}) {
     for (const bool quiet : {false, true}) {
-      std::vector<std::string> commands{"enabled", "msg", "1", "1", "text"};
-      if (quiet)
-        commands.insert(commands.begin(), "quiet");
-      const ChildResult child = RunTraceChild(
-          commands, {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}, {"TMPDIR", temp.string() + "/"}});
+      const ChildResult child =
+          RunTraceChild(Quietly(quiet, {"enabled", "msg", "1", "1", "text"}),
+                        {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}, {"TMPDIR", temp.string() + "/"}});
       EXPECT_EQ(child.output, (quiet ? "" : "Cannot create folder " + folder.string() + "\n") + "enabled=1\n");
-      EXPECT_EQ(ReadTraceLines(temp, child).size(), 1u) << folder;
+      EXPECT_EQ(ChildTraceLines(temp, child).size(), 1u) << folder;
     }
   }
   EXPECT_EQ(ReadWholeFile(scratch / "file"), "in the way");
@@ -168,45 +150,32 @@ TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFol
 
 // The file cannot be opened when the environment switches tracing on, so tracing stays off.
 TEST(DKTraceEnvironmentTest, FolderWithoutWriteAccessLeavesTracingOff) {
-  const ChildResult child = RunTraceChild({"enabled", "filter", "1", "1", "msg", "1", "1", "lost", "hex", "1", "20"},
-                                          {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", "/proc"}});
-  EXPECT_EQ(child.exitCode, 0);
-  EXPECT_EQ(child.output, "Cannot open trace file /proc/" + TraceFileName(ChildExecutableBase(), child.pid) +
-                              "\nenabled=0\nfilter=0\n");
+  const TracedRun run = RunTracing({"enabled", "filter", "1", "1", "msg", "1", "1", "lost", "hex", "1", "20"},
+                                   {{"DK_TRACE_FOLDER", "/proc"}});
+  EXPECT_EQ(run.child.exitCode, 0);
+  EXPECT_EQ(run.child.output, "Cannot open trace file " +
+                                  TraceFile("/proc", ChildExecutableBase(), run.child.pid).string() +
+                                  "\nenabled=0\nfilter=0\n");
 }
 
 TEST(DKTraceEnvironmentTest, SettersBeforeTheFirstQueryWinOverTheEnvironment) {
-  const ScratchFolder envFolder, ownFolder;
-  const ChildResult child = RunTraceChild({"level",    "2",    "delim",  "59", "folder", ownFolder.Path().string(),
-                                           "subjects", "DB",   "filter", "1",  "0x1",    "filter",
-                                           "1",        "0x10", "filter", "8",  "0x10",   "filter",
-                                           "2",        "0x10", "msg",    "2",  "0x10",   "mine"},
-                                          {{"DK_TRACE", "SO"},
-                                           {"DK_TRACE_LEVEL", "8"},
-                                           {"DK_TRACE_DELIM", "44"},
-                                           {"DK_TRACE_FOLDER", (envFolder / "env").string()}});
-  EXPECT_EQ(child.output, "level=1\ndelim=1\nfolder=1\nsubjects=1\nfilter=0\nfilter=1\nfilter=0\nfilter=1\n");
-  EXPECT_FALSE(fs::exists(envFolder / "env"));
-  const auto lines = ReadTraceLines(ownFolder.Path(), child);
-  ASSERT_EQ(lines.size(), 1u);
-  TraceLine line;
-  ASSERT_TRUE(ParseTraceLine(lines[0], ';', line)) << lines[0];
-  EXPECT_EQ(line.level + "|" + line.subject + "|" + line.text, "2|DB|mine");
+  const ScratchFolder ownFolder;
+  const TracedRun run = RunTracing({"level",    "2",    "delim",  "59", "folder", ownFolder.Path().string(),
+                                    "subjects", "DB",   "filter", "1",  "0x1",    "filter",
+                                    "1",        "0x10", "filter", "8",  "0x10",   "filter",
+                                    "2",        "0x10", "msg",    "2",  "0x10",   "mine"},
+                                   {{"DK_TRACE_LEVEL", "8"}, {"DK_TRACE_DELIM", "44"}});
+  EXPECT_EQ(run.child.output, "level=1\ndelim=1\nfolder=1\nsubjects=1\nfilter=0\nfilter=1\nfilter=0\nfilter=1\n");
+  EXPECT_FALSE(run.folderMade);
+  EXPECT_EQ(Digests(ChildTraceLines(ownFolder.Path(), run.child), ';'), Texts{"child|2|DB|mine"});
 }
 
 TEST(DKTraceEnvironmentTest, SubjectSetterAloneStillTakesTheOtherVariables) {
-  const ScratchFolder folder;
-  const ChildResult child =
-      RunTraceChild({"subjects", "DB", "filter", "8", "0x10", "filter", "1", "0x1", "msg", "1", "0x10", "x"},
-                    {{"DK_TRACE", "SO"},
-                     {"DK_TRACE_LEVEL", "8"},
-                     {"DK_TRACE_DELIM", "59"},
-                     {"DK_TRACE_FOLDER", folder.Path().string()}});
-  EXPECT_EQ(child.output, "subjects=1\nfilter=1\nfilter=0\n");
-  const auto lines = ReadTraceLines(folder.Path(), child);
-  ASSERT_EQ(lines.size(), 1u);
-  TraceLine line;
-  EXPECT_TRUE(ParseTraceLine(lines[0], ';', line)) << lines[0];
+  const TracedRun run =
+      RunTracing({"subjects", "DB", "filter", "8", "0x10", "filter", "1", "0x1", "msg", "1", "0x10", "x"},
+                 {{"DK_TRACE_LEVEL", "8"}, {"DK_TRACE_DELIM", "59"}});
+  EXPECT_EQ(run.child.output, "subjects=1\nfilter=1\nfilter=0\n");
+  EXPECT_EQ(Digests(run.lines, ';'), Texts{"child|1|DB|x"});
 }
 
 } // namespace

@@ -15,8 +15,8 @@
 
 namespace {
 
-std::string OwnTraceFileName() {
-  return TraceFileName(fs::canonical("/proc/self/exe").stem().string(), static_cast<long>(getpid()));
+fs::path OwnTraceFile(const fs::path& folder) {
+  return TraceFile(folder, fs::canonical("/proc/self/exe").stem().string(), static_cast<long>(getpid()));
 }
 
 std::string LocalStamp(std::chrono::system_clock::time_point when) {
@@ -28,8 +28,6 @@ std::string LocalStamp(std::chrono::system_clock::time_point when) {
   return text;
 }
 
-constexpr TracelSubjects kAllSubjects[] = {TS_SO, TS_CO, TS_BR, TS_PE, TS_DB, TS_REQ, TS_DP, TS_SQL, TS_DK, TS_DL};
-
 // Tracing on for SO and DB at level 1, TAB-delimited, into a fresh folder.
 class DKTraceFileTest : public ::testing::Test {
 protected:
@@ -40,30 +38,8 @@ protected:
     ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO,DB")));
   }
   void TearDown() override { DKTrace::SetTraceSubjects(nullptr); }
-
-  std::string Content() const { return ReadWholeFile(m_folder / OwnTraceFileName()); }
-  std::vector<std::string> Lines() const { return SplitLines(Content()); }
-  TraceLine ParsedLine(std::size_t index, char delim = '\t') const {
-    const auto lines = Lines();
-    TraceLine line;
-    EXPECT_LT(index, lines.size());
-    if (index < lines.size()) {
-      EXPECT_TRUE(ParseTraceLine(lines[index], delim, line)) << lines[index];
-    }
-    return line;
-  }
-
-  // Each line's fields as `show` puts them; a line that does not parse fails the test.
-  template <class Show> std::vector<std::string> Fields(Show show) const {
-    std::vector<std::string> shown;
-    for (const std::string& text : Lines()) {
-      TraceLine line;
-      if (!ParseTraceLine(text, '\t', line))
-        ADD_FAILURE() << "not a trace line: " << text;
-      shown.push_back(show(line));
-    }
-    return shown;
-  }
+  Texts Lines(const fs::path& folder) const { return SplitLines(ReadWholeFile(OwnTraceFile(folder))); }
+  Texts Lines() const { return Lines(m_folder.Path()); }
 
   ScratchFolder m_folder;
 };
@@ -73,20 +49,15 @@ TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   DKTrace::Msg(TL_NORMAL, TS_SO, "Socket", "errCode=%d, errMess=%S\n", 10054,
                DK_T("connexion r\u00e9initialis\u00e9e"));
   const std::string after = LocalStamp(std::chrono::system_clock::now());
-
-  const auto lines = Lines();
+  const Texts lines = Lines();
   ASSERT_EQ(lines.size(), 1u);
-  TraceLine line;
-  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', line));
-  ASSERT_TRUE(std::regex_match(line.stamp, std::regex(R"(\d{4}-\d\d-\d\d;\d\d:\d\d:\d\d\.\d{3})"))) << line.stamp;
+  const TraceLine line = Parsed(lines[0]);
+  EXPECT_TRUE(std::regex_match(line.stamp, std::regex(R"(\d{4}-\d\d-\d\d;\d\d:\d\d:\d\d\.\d{3})"))) << line.stamp;
   EXPECT_LE(before, line.stamp.substr(0, 19));
   EXPECT_GE(after, line.stamp.substr(0, 19));
   EXPECT_EQ(line.threadId, std::to_string(gettid()));
-  EXPECT_EQ(line.source, "Socket");
-  EXPECT_EQ(line.level, "1");
-  EXPECT_EQ(line.subject, "SO");
-  EXPECT_EQ(line.text, "errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
-                       "e");
+  EXPECT_EQ(Digest(line), "Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
+                          "e");
 }
 
 TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {
@@ -98,20 +69,39 @@ TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestion
       {0x001, "SO"},  {0x002, "CO"}, {0x004, "BR"}, {0x008, "PE"}, {0x010, "DB"}, {0x020, "REQ"},   {0x040, "DP"},
       {0x080, "SQL"}, {0x100, "DK"}, {0x200, "DL"}, {0x003, "??"}, {0x201, "??"}, {0x400, nullptr}, {0, nullptr},
   };
-  std::vector<std::string> expected;
+  Texts expected;
   for (const auto& c : cases) {
     DKTrace::Msg(TL_NORMAL, static_cast<TracelSubjects>(c.subject), "s", "%d\n", c.subject);
     if (c.code)
-      expected.push_back(c.code + std::string("\t") + std::to_string(c.subject));
+      expected.push_back("s|1|" + std::string(c.code) + "|" + std::to_string(c.subject));
   }
-  EXPECT_EQ(Fields([](const TraceLine& line) { return line.subject + "\t" + line.text; }), expected);
+  EXPECT_EQ(Digests(Lines()), expected);
 }
 
-TEST_F(DKTraceFileTest, SubjectFilterPassesAnySharedBit) {
-  EXPECT_TRUE(DKTrace::TraceThisSubject(TL_NORMAL, TS_SO | TS_CO));
-  EXPECT_TRUE(DKTrace::TraceThisSubject(TL_NORMAL, TS_DB));
-  EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, TS_CO));
-  EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, static_cast<TracelSubjects>(0)));
+// The filter passes a subject that shares any bit with the list (0x003: SO and CO, 0x120: REQ and DK).
+TEST_F(DKTraceFileTest, SubjectListDropsBlanksKeepsCaseAndIgnoresUnknownCodes) {
+  const struct {
+    const DKChar* text;
+    int mask;
+  } cases[] = {{DK_T(" so, SO ,XX"), TS_SO},
+               {DK_T("S O"), TS_SO},
+               {DK_T("SO,,DB,,"), TS_SO | TS_DB},
+               {DK_T("\tREQ\r\n,sql,Sql"), TS_REQ},
+               {DK_T("\u00a0DL\u3000,\u2003DK"), TS_DL | TS_DK},
+               {DK_T("SQL,SO,CO,BR,PE,DB,REQ,DP,DK,DL"), 0x3FF},
+               {DK_T("SO;DB"), 0},
+               {DK_T("XX"), 0},
+               {DK_T(",,,"), 0},
+               {DK_T(""), 0},
+               {nullptr, 0}};
+  for (const auto& c : cases) {
+    const std::string label = c.text ? DKString(c.text).AsUTF8() : "(null)";
+    EXPECT_TRUE(DKTrace::SetTraceSubjects(c.text)) << label;
+    EXPECT_EQ(DKTrace::IsTracingEnabled(), c.mask != 0) << label;
+    for (int subject : {1, 2, 4, 8, 0x10, 0x20, 0x40, 0x80, 0x100, 0x200, 0x003, 0x120, 0})
+      EXPECT_EQ(DKTrace::TraceThisSubject(TL_NORMAL, static_cast<TracelSubjects>(subject)), (c.mask & subject) != 0)
+          << label << " " << subject;
+  }
 }
 
 TEST_F(DKTraceFileTest, LevelMaskKeepsLevelOneAndPrintsTheMessageLevel) {
@@ -123,54 +113,26 @@ TEST_F(DKTraceFileTest, LevelMaskKeepsLevelOneAndPrintsTheMessageLevel) {
       {0, 1, true},       {0, 2, false},      {0, 4, false},          {TL_DATA, 1, true},  {TL_DATA, 2, false},
       {TL_DATA, 4, true}, {TL_DATA, 6, true}, {-1, 0x40000000, true}, {TL_DATA, 0, false},
   };
-  std::vector<std::string> expected;
+  Texts expected;
   for (const auto& c : cases) {
     ASSERT_TRUE(DKTrace::SetTraceLevel(c.mask));
     EXPECT_EQ(DKTrace::TraceThisSubject(static_cast<TracelLevels>(c.level), TS_SO), c.written)
         << "mask " << c.mask << " level " << c.level;
     DKTrace::Msg(static_cast<TracelLevels>(c.level), TS_SO, "s", "x\n");
     if (c.written)
-      expected.push_back(std::to_string(c.level));
+      expected.push_back("s|" + std::to_string(c.level) + "|SO|x");
   }
-  EXPECT_EQ(Fields([](const TraceLine& line) { return line.level; }), expected);
-}
-
-TEST_F(DKTraceFileTest, SubjectListDropsBlanksKeepsCaseAndIgnoresUnknownCodes) {
-  const struct {
-    const DKChar* text;
-    int mask;
-  } cases[] = {
-      {DK_T(" so, SO ,XX"), TS_SO},
-      {DK_T("S O"), TS_SO},
-      {DK_T("SO,,DB,,"), TS_SO | TS_DB},
-      {DK_T("\tREQ\r\n,sql,Sql"), TS_REQ},
-      {DK_T("\u00a0DL\u3000,\u2003DK"), TS_DL | TS_DK},
-      {DK_T("SQL,SO,CO,BR,PE,DB,REQ,DP,DK,DL"), 0x3FF},
-      {DK_T("SO;DB"), 0},
-      {DK_T("XX"), 0},
-      {DK_T(",,,"), 0},
-      {DK_T(""), 0},
-      {nullptr, 0},
-  };
-  for (const auto& c : cases) {
-    const std::string label = c.text ? DKString(c.text).AsUTF8() : "(null)";
-    EXPECT_TRUE(DKTrace::SetTraceSubjects(c.text)) << label;
-    EXPECT_EQ(DKTrace::IsTracingEnabled(), c.mask != 0) << label;
-    for (TracelSubjects subject : kAllSubjects)
-      EXPECT_EQ(DKTrace::TraceThisSubject(TL_NORMAL, subject), (c.mask & subject) != 0) << label << " " << subject;
-  }
+  EXPECT_EQ(Digests(Lines()), expected);
 }
 
 TEST_F(DKTraceFileTest, SwitchingOffClosesTheFileAndSwitchingOnStartsAFreshOne) {
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "first\n");
   ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("XX")));
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "while off\n");
-  EXPECT_EQ(Lines().size(), 1u);
+  EXPECT_EQ(Digests(Lines()), Texts{"s|1|SO|first"});
   ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO")));
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "second\n");
-  const auto lines = Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(ParsedLine(0).text, "second");
+  EXPECT_EQ(Digests(Lines()), Texts{"s|1|SO|second"});
 }
 
 TEST_F(DKTraceFileTest, DelimiterSetterAcceptsCharacterCodesOneTo255) {
@@ -191,10 +153,7 @@ TEST_F(DKTraceFileTest, DelimiterSetterAcceptsCharacterCodesOneTo255) {
               c.accepted ? "" : "Illegal trace delimiter specified; trace delimiter has been reset to default\n")
         << c.value;
     DKTrace::Msg(TL_NORMAL, TS_SO, "s", "text\n");
-    const std::string last = Lines().back();
-    TraceLine line;
-    ASSERT_TRUE(ParseTraceLine(last, c.used, line)) << c.value;
-    EXPECT_EQ(line.source + "|" + line.level + "|" + line.subject + "|" + line.text, "s|1|SO|text") << c.value;
+    EXPECT_EQ(Digests({Lines().back()}, c.used), Texts{"s|1|SO|text"}) << c.value;
   }
 }
 
@@ -209,58 +168,46 @@ TEST_F(DKTraceFileTest, ComplaintsStayOffTheConsoleAtVerbosityZero) {
   EXPECT_EQ(console.Text(), "");
 }
 
-TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThere) {
+TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThereOrLosesOutputWhenItCannot) {
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "before\n");
   const ScratchFolder other;
   const fs::path nested = other / "a" / "b";
   ASSERT_TRUE(DKTrace::SetTraceFolderName(ToDK(nested.string()).c_str()));
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "after\n");
+  EXPECT_EQ(Digests(Lines()), Texts{"s|1|SO|before"});
+  EXPECT_EQ(Digests(Lines(nested)), Texts{"s|1|SO|after"});
 
-  ASSERT_EQ(Lines().size(), 1u);
-  EXPECT_EQ(ParsedLine(0).text, "before");
-  const auto moved = SplitLines(ReadWholeFile(nested / OwnTraceFileName()));
-  ASSERT_EQ(moved.size(), 1u);
-  TraceLine line;
-  ASSERT_TRUE(ParseTraceLine(moved[0], '\t', line));
-  EXPECT_EQ(line.text, "after");
-}
-
-TEST_F(DKTraceFileTest, FolderThatCannotBeOpenedLeavesTracingOnWithoutOutput) {
   ConsoleCapture console;
   EXPECT_FALSE(DKTrace::SetTraceFolderName(DK_T("/proc")));
-  EXPECT_EQ(console.Text(), "Cannot open trace file /proc/" + OwnTraceFileName() + "\n");
+  EXPECT_EQ(console.Text(), "Cannot open trace file " + OwnTraceFile("/proc").string() + "\n");
   EXPECT_TRUE(DKTrace::IsTracingEnabled());
   EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, TS_SO));
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "lost\n");
   DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", "abc", 3);
+  EXPECT_EQ(Lines(nested).size(), 1u);
 }
 
 TEST_F(DKTraceFileTest, NullFormatWritesThePrefixAloneAndNullSourceIsNamed) {
   DKTrace::Msg(TL_NORMAL, TS_SO, "first", nullptr);
   DKTrace::Msg(TL_NORMAL, TS_SO, nullptr, "second\n");
-  const auto lines = Lines();
+  const Texts lines = Lines();
   ASSERT_EQ(lines.size(), 1u); // the prefix alone has no line end
-  TraceLine first, second;
-  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', first));
-  ASSERT_TRUE(ParseTraceLine(first.text, '\t', second));
+  const TraceLine first = Parsed(lines[0]);
   EXPECT_EQ(first.source, "first");
-  EXPECT_EQ(second.source, "(null)");
-  EXPECT_EQ(second.text, "second");
+  EXPECT_EQ(Digests({first.text}), Texts{"(null)|1|SO|second"});
 }
 
 // ---- MsgHex ---------------------------------------------------------------------------------
 
+// The summary keeps the printable bytes only; the rows show 16 bytes each.
 TEST_F(DKTraceFileTest, HexDumpOf20BytesHasAFullRowAndAPaddedRow) {
   ASSERT_TRUE(DKTrace::SetTraceLevel(TL_DATA | TL_HEX));
   const unsigned char bytes[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G',  'H',  'I',  'J',
                                    'K', 'L', 'M', 'N', 'O', 'P', 0x00, 0x7F, 0x20, 0x7E};
   DKTrace::MsgHex(TL_DATA, TS_SO, "Socket", bytes, 20);
-  const auto lines = Lines();
+  const Texts lines = Lines();
   ASSERT_EQ(lines.size(), 3u);
-  TraceLine summary;
-  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
-  EXPECT_EQ(summary.level, "4");
-  EXPECT_EQ(summary.text, "(nrbytes=20): ABCDEFGHIJKLMNOP ~");
+  EXPECT_EQ(Digests({lines[0]}), Texts{"Socket|4|SO|(nrbytes=20): ABCDEFGHIJKLMNOP ~"});
   EXPECT_EQ(lines[1], "  0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ;ABCDEFGHIJKLMNOP");
   EXPECT_EQ(lines[2], "  0016: 00 7F 20 7E " + std::string(12 * 3, ' ') + ";.. ~");
 }
@@ -272,11 +219,9 @@ TEST_F(DKTraceFileTest, HexDumpOf5000BytesKeeps4095CharactersInTheSummary) {
     bytes[i] = static_cast<char>('a' + i % 26);
   DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", bytes.data(), 5000);
 
-  const auto lines = Lines();
+  const Texts lines = Lines();
   ASSERT_EQ(lines.size(), 1u + 313u); // 312 full rows and one of 8 bytes
-  TraceLine summary;
-  ASSERT_TRUE(ParseTraceLine(lines[0], '\t', summary));
-  EXPECT_EQ(summary.text, "(nrbytes=5000): " + bytes.substr(0, 4095));
+  EXPECT_EQ(Parsed(lines[0]).text, "(nrbytes=5000): " + bytes.substr(0, 4095));
   for (std::size_t row = 0; row < 313; ++row) {
     char offset[16];
     std::snprintf(offset, sizeof offset, "  %04zu: ", row * 16);
@@ -286,13 +231,6 @@ TEST_F(DKTraceFileTest, HexDumpOf5000BytesKeeps4095CharactersInTheSummary) {
   EXPECT_EQ(lines.back(), "  4992: 61 62 63 64 65 66 67 68 " + std::string(8 * 3, ' ') + ";abcdefgh");
 }
 
-TEST_F(DKTraceFileTest, HexBlockNeedsLevelBitEight) {
-  DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", "abc\x01", 4);
-  const auto lines = Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(ParsedLine(0).text, "(nrbytes=4): abc");
-}
-
 TEST_F(DKTraceFileTest, HexDumpWithoutReadableBytesWritesTheSummaryOnly) {
   ASSERT_TRUE(DKTrace::SetTraceLevel(TL_HEX));
   const char bytes[] = "payload";
@@ -300,12 +238,12 @@ TEST_F(DKTraceFileTest, HexDumpWithoutReadableBytesWritesTheSummaryOnly) {
     const void* bytes;
     std::int32_t length;
   } cases[] = {{nullptr, 10}, {bytes, -5}, {bytes, INT32_MIN}, {bytes, 0}, {nullptr, 0}};
-  std::vector<std::string> expected;
+  Texts expected;
   for (const auto& c : cases) {
     DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", c.bytes, c.length);
-    expected.push_back("(nrbytes=" + std::to_string(c.length) + "): ");
+    expected.push_back("s|1|SO|(nrbytes=" + std::to_string(c.length) + "): ");
   }
-  EXPECT_EQ(Fields([](const TraceLine& line) { return line.text; }), expected);
+  EXPECT_EQ(Digests(Lines()), expected);
 }
 
 // ---- Threads --------------------------------------------------------------------------------
@@ -331,7 +269,7 @@ TEST_F(DKTraceFileTest, LinesOfConcurrentThreadsNeverInterleave) {
   for (std::thread& thread : threads)
     thread.join();
 
-  const auto lines = Lines();
+  const Texts lines = Lines();
   std::vector<int> next(kThreads, 0);
   const std::regex text(R"(thread=(\d+) line=(\d+) (x+))");
   int hexDumps = 0;
@@ -341,10 +279,8 @@ TEST_F(DKTraceFileTest, LinesOfConcurrentThreadsNeverInterleave) {
     if (line.subject == "DB") {
       ASSERT_EQ(line.text, "(nrbytes=40): " + hexBytes);
       ASSERT_LT(i + 3, lines.size());
-      EXPECT_EQ(lines[i + 1].substr(0, 8), "  0000: ");
-      EXPECT_EQ(lines[i + 2].substr(0, 8), "  0016: ");
-      EXPECT_EQ(lines[i + 3].substr(0, 8), "  0032: ");
-      i += 3;
+      for (const char* offset : {"  0000: ", "  0016: ", "  0032: "})
+        EXPECT_EQ(lines[++i].substr(0, 8), offset);
       ++hexDumps;
       continue;
     }
@@ -386,7 +322,7 @@ TEST_F(DKTraceFileTest, SettersMayRunWhileThreadsWrite) {
 
   const std::regex line(R"([^\t]+\t\d+\tw\t1\tSO\t(w\d \d+ y{43}|\(nrbytes=2\): zz)|  0000: 7A 7A {43};zz)");
   for (const fs::path& folder : {second.Path(), m_folder.Path()})
-    for (const std::string& text : SplitLines(ReadWholeFile(folder / OwnTraceFileName())))
+    for (const std::string& text : Lines(folder))
       ASSERT_TRUE(std::regex_match(text, line)) << text;
 }
 

@@ -2,21 +2,20 @@
 // process that runs a trace scenario with an environment of its own.
 #pragma once
 
-#include "../errors/ErrorsTestSupport.h"
+#include "support/DKTestSupport.h"
 
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstring>
-#include <fcntl.h>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <spawn.h>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,11 +29,8 @@ namespace fs = std::filesystem;
 class ScratchFolder {
 public:
   ScratchFolder() {
-    static std::atomic<int> counter{0};
-    m_path = fs::temp_directory_path() /
-             ("dk_trace_test_" + std::to_string(getpid()) + "_" + std::to_string(counter.fetch_add(1)));
-    fs::remove_all(m_path);
-    fs::create_directories(m_path);
+    std::string pattern = (fs::temp_directory_path() / "dk_trace_test_XXXXXX").string();
+    m_path = mkdtemp(pattern.data()) ? pattern : throw std::runtime_error("cannot make " + pattern);
   }
   ~ScratchFolder() {
     std::error_code ignored;
@@ -42,7 +38,6 @@ public:
   }
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;
-
   const fs::path& Path() const { return m_path; }
   fs::path operator/(const std::string& name) const { return m_path / name; }
 
@@ -57,9 +52,8 @@ inline DKString ToDK(const std::string& utf8) {
 }
 
 inline std::string ReadWholeFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -75,9 +69,9 @@ inline std::vector<std::string> FilesIn(const fs::path& folder) {
   return names;
 }
 
-// The trace file name a process gets: "<executable base name>__<pid>.log".
-inline std::string TraceFileName(const std::string& executableBase, long pid) {
-  return executableBase + "__" + std::to_string(pid) + ".log";
+// The trace file a process gets in `folder`: "<executable base name>__<pid>.log".
+inline fs::path TraceFile(const fs::path& folder, const std::string& executableBase, long pid) {
+  return folder / (executableBase + "__" + std::to_string(pid) + ".log");
 }
 
 // The fields of one trace line.
@@ -92,9 +86,8 @@ inline bool ParseTraceLine(const std::string& line, char delim, TraceLine& out) 
   if (line.size() <= kStampLength || line[kStampLength] != delim)
     return false;
   out.stamp = line.substr(0, kStampLength);
-  std::string* fields[] = {&out.threadId, &out.source, &out.level, &out.subject};
   std::size_t start = kStampLength + 1;
-  for (std::string* field : fields) {
+  for (std::string* field : {&out.threadId, &out.source, &out.level, &out.subject}) {
     const std::size_t end = line.find(delim, start);
     if (end == std::string::npos)
       return false;
@@ -105,6 +98,28 @@ inline bool ParseTraceLine(const std::string& line, char delim, TraceLine& out) 
   return true;
 }
 
+// The line parsed; a line that does not parse fails the test.
+inline TraceLine Parsed(const std::string& text, char delim = '\t') {
+  TraceLine line;
+  EXPECT_TRUE(ParseTraceLine(text, delim, line)) << "not a trace line: " << text;
+  return line;
+}
+
+// A line as "source|level|subject|text".
+inline std::string Digest(const TraceLine& line) {
+  return line.source + "|" + line.level + "|" + line.subject + "|" + line.text;
+}
+
+// Each line's digest; a line that does not parse fails the test.
+inline std::vector<std::string> Digests(const std::vector<std::string>& lines, char delim = '\t') {
+  std::vector<std::string> digests;
+  for (const std::string& text : lines)
+    digests.push_back(Digest(Parsed(text, delim)));
+  return digests;
+}
+
+using Texts = std::vector<std::string>;
+
 // ---- Child processes ------------------------------------------------------------------------
 
 struct ChildResult {
@@ -113,69 +128,58 @@ struct ChildResult {
   long pid = 0;
 };
 
-// The environment of a child: this process's, without any DK_TRACE* variable, with `set` added
-// (or replacing what is there).
-inline std::vector<std::string> ChildEnvironment(const std::map<std::string, std::string>& set) {
-  std::vector<std::string> env;
+inline std::string ChildExecutableBase() {
+  return fs::path(DK_TRACE_CHILD_PATH).filename().string();
+}
+
+// Runs the trace child program with the given commands and waits for it. Its environment is this
+// process's without any DK_TRACE* variable, with `set` added (or replacing what is there).
+inline ChildResult RunTraceChild(const std::vector<std::string>& commands,
+                                 const std::map<std::string, std::string>& set = {}) {
+  Texts args{DK_TRACE_CHILD_PATH}, env;
+  args.insert(args.end(), commands.begin(), commands.end());
   for (char** p = environ; *p; ++p) {
-    const std::string entry = *p;
-    const std::string name = entry.substr(0, entry.find('='));
-    if (name.rfind("DK_TRACE", 0) == 0 || set.count(name))
-      continue;
-    env.push_back(entry);
+    const std::string entry = *p, name = entry.substr(0, entry.find('='));
+    if (name.rfind("DK_TRACE", 0) != 0 && !set.count(name))
+      env.push_back(entry);
   }
   for (const auto& [name, value] : set)
     env.push_back(name + "=" + value);
-  return env;
-}
+  const auto pointers = [](Texts& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+      pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+  };
+  std::vector<char*> argv = pointers(args), envp = pointers(env);
 
-// Runs the trace child program with the given commands and environment, and waits for it.
-inline ChildResult RunTraceChild(const std::vector<std::string>& commands,
-                                 const std::map<std::string, std::string>& environment = {}) {
   ChildResult result;
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0)
+  int fds[2];
+  if (pipe(fds) != 0)
     return result;
-
-  std::vector<std::string> argStore{DK_TRACE_CHILD_PATH};
-  argStore.insert(argStore.end(), commands.begin(), commands.end());
-  std::vector<char*> argv;
-  for (std::string& arg : argStore)
-    argv.push_back(arg.data());
-  argv.push_back(nullptr);
-  std::vector<std::string> envStore = ChildEnvironment(environment);
-  std::vector<char*> envp;
-  for (std::string& entry : envStore)
-    envp.push_back(entry.data());
-  envp.push_back(nullptr);
-
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-  posix_spawn_file_actions_addclose(&actions, pipeFds[1]);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, fds[0]);
+  posix_spawn_file_actions_addclose(&actions, fds[1]);
   pid_t pid = 0;
   const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
-  close(pipeFds[1]);
-  if (spawned != 0) {
-    close(pipeFds[0]);
-    return result;
-  }
+  close(fds[1]);
   char buffer[4096];
-  for (ssize_t n; (n = read(pipeFds[0], buffer, sizeof buffer)) > 0;)
+  for (ssize_t n; spawned == 0 && (n = read(fds[0], buffer, sizeof buffer)) > 0;)
     result.output.append(buffer, static_cast<std::size_t>(n));
-  close(pipeFds[0]);
+  close(fds[0]);
   int status = 0;
-  waitpid(pid, &status, 0);
+  if (spawned != 0 || waitpid(pid, &status, 0) != pid)
+    return result;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.pid = pid;
   return result;
 }
 
-inline std::string ChildExecutableBase() {
-  return fs::path(DK_TRACE_CHILD_PATH).filename().string();
-}
-inline fs::path ChildExecutableFolder() {
-  return fs::path(DK_TRACE_CHILD_PATH).parent_path();
+// The lines of the child's trace file in `folder`.
+inline std::vector<std::string> ChildTraceLines(const fs::path& folder, const ChildResult& child) {
+  return SplitLines(ReadWholeFile(TraceFile(folder, ChildExecutableBase(), child.pid)));
 }

@@ -18,6 +18,7 @@
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTrace.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -30,13 +31,7 @@ int Number(const char* text) {
   return static_cast<int>(std::strtol(text, nullptr, 0));
 }
 
-DKString Text(const char* utf8) {
-  DKString text;
-  text.SetFromUTF8(utf8);
-  return text;
-}
-
-void Print(const char* name, bool value) {
+void Print(const std::string& name, bool value) {
   DKLockedCOUT() << name << '=' << (value ? 1 : 0) << std::endl;
 }
 
@@ -49,49 +44,43 @@ std::uint32_t Silent(void*) {
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string command = argv[i];
+    // The n-th argument of the command; the arguments are skipped once taken.
+    int taken = 0;
     const auto argument = [&](int n) -> const char* {
       if (i + n >= argc) {
         std::cerr << "missing argument for " << command << '\n';
         std::exit(2);
       }
+      taken = std::max(taken, n);
       return argv[i + n];
     };
+    const auto level = [&] { return static_cast<TracelLevels>(Number(argument(1))); };
     if (command == "enabled") {
-      Print("enabled", DKTrace::IsTracingEnabled());
+      Print(command, DKTrace::IsTracingEnabled());
     } else if (command == "filter") {
-      Print("filter", DKTrace::TraceThisSubject(static_cast<TracelLevels>(Number(argument(1))),
-                                                static_cast<TracelSubjects>(Number(argument(2)))));
-      i += 2;
+      Print(command, DKTrace::TraceThisSubject(level(), static_cast<TracelSubjects>(Number(argument(2)))));
     } else if (command == "msg") {
-      DKTrace::Msg(static_cast<TracelLevels>(Number(argument(1))), static_cast<TracelSubjects>(Number(argument(2))),
-                   "child", "%s\n", argument(3));
-      i += 3;
+      DKTrace::Msg(level(), static_cast<TracelSubjects>(Number(argument(2))), "child", "%s\n", argument(3));
     } else if (command == "hex") {
       std::vector<unsigned char> bytes(static_cast<std::size_t>(Number(argument(2))));
       for (std::size_t b = 0; b < bytes.size(); ++b)
         bytes[b] = static_cast<unsigned char>(b);
-      DKTrace::MsgHex(static_cast<TracelLevels>(Number(argument(1))), TS_SO, "child", bytes.data(),
-                      static_cast<std::int32_t>(bytes.size()));
-      i += 2;
-    } else if (command == "level") {
-      Print("level", DKTrace::SetTraceLevel(Number(argument(1))));
-      i += 1;
-    } else if (command == "delim") {
-      Print("delim", DKTrace::SetTraceDelim(Number(argument(1))));
-      i += 1;
+      DKTrace::MsgHex(level(), TS_SO, "child", bytes.data(), static_cast<std::int32_t>(bytes.size()));
+    } else if (command == "level" || command == "delim") {
+      const int value = Number(argument(1));
+      Print(command, command == "level" ? DKTrace::SetTraceLevel(value) : DKTrace::SetTraceDelim(value));
     } else if (command == "folder" || command == "subjects") {
-      const bool null = std::strcmp(argument(1), "-") == 0;
-      const DKString text = Text(argument(1));
-      const DKChar* value = null ? nullptr : text.c_str();
-      Print(command.c_str(),
-            command == "folder" ? DKTrace::SetTraceFolderName(value) : DKTrace::SetTraceSubjects(value));
-      i += 1;
+      DKString text;
+      text.SetFromUTF8(argument(1));
+      const DKChar* value = std::strcmp(argument(1), "-") == 0 ? nullptr : text.c_str();
+      Print(command, command == "folder" ? DKTrace::SetTraceFolderName(value) : DKTrace::SetTraceSubjects(value));
     } else if (command == "quiet") {
       DKSetTraceLevelProvider(&Silent);
     } else {
       std::cerr << "unknown command " << command << '\n';
       return 2;
     }
+    i += taken;
   }
   return 0;
 }

@@ -1,89 +1,193 @@
+#include <DorvikCore/DKDouble.h>
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKMessageSource.h>
+#include <DorvikCore/DKRefCount.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
 
-DKSmartPtr<DKMemoryMessageSource> TestSource() {
-  return DKSmartPtr<DKMemoryMessageSource>(new DKMemoryMessageSource{
-      {100, DK_T("Value %0:s")},
-      {101, DK_T("%0:d of %1:d")},
-  });
-}
-
-// ---- DKErrorID -----------------------------------------------------------------------------
-
-struct ErrorIdCase {
-  const char* name;
-  DKErrorID id;
-  bool success;
-  int asInt;
-  const DKChar* text;
+// Counts its own destructions, and may hold another counted object.
+struct Probe : DKRefCount {
+  explicit Probe(std::atomic<int>* destroyed) : m_destroyed(destroyed) {}
+  ~Probe() override { m_destroyed->fetch_add(1); }
+  DKSmartPtr<Probe> child;
+  std::atomic<int>* m_destroyed;
 };
 
+TEST(DKRefCountTest, CountsFromZeroDeletesOnLastReleaseAndCopiesStartTheirOwnCount) {
+  std::atomic<int> destroyed{0};
+  Probe* p = new Probe(&destroyed);
+  EXPECT_EQ(p->NbRef(), 0u);
+  EXPECT_EQ(p->AddRef(), 1u);
+  EXPECT_EQ(p->AddRef(), 2u);
+  {
+    DKSmartPtr<Probe> copy(new Probe(*p));
+    EXPECT_EQ(copy->NbRef(), 1u);
+    *copy = *p; // assignment leaves both counts alone
+    EXPECT_EQ(copy->NbRef(), 1u);
+    EXPECT_EQ(p->NbRef(), 2u);
+  }
+  EXPECT_EQ(p->Release(), 1u);
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(p->Release(), 0u);
+  EXPECT_EQ(destroyed, 2);
+}
+
+TEST(DKSmartPtrTest, CopyMoveClearNullAndConstPointers) {
+  std::atomic<int> destroyed{0};
+  DKSmartPtr<Probe> a(new Probe(&destroyed));
+  {
+    DKSmartPtr<Probe> b = a;
+    EXPECT_TRUE(a == b);
+    DKSmartPtr<Probe> c = std::move(b);
+    EXPECT_TRUE(b.IsNull());
+    EXPECT_EQ(a->NbRef(), 2u);
+    DKSmartPtrToConst<Probe> constant(c), assigned;
+    assigned = a;
+    EXPECT_EQ(constant.Get(), a.Get());
+    EXPECT_EQ(a->NbRef(), 4u);
+    c = nullptr;
+    constant.Clear();
+    EXPECT_EQ(a->NbRef(), 2u);
+  }
+  EXPECT_EQ(a->NbRef(), 1u);
+  a.Clear();
+  EXPECT_FALSE(a);
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(DKSmartPtrTest, AssignmentTakesTheNewObjectBeforeReleasingTheOld) {
+  std::atomic<int> destroyed{0};
+  DKSmartPtr<Probe> holder(new Probe(&destroyed));
+  holder->child = new Probe(&destroyed);
+  holder = holder->child.Get(); // the child lives only through the parent that this releases
+  EXPECT_EQ(destroyed, 1);
+  ASSERT_FALSE(holder.IsNull());
+  EXPECT_EQ(holder->NbRef(), 1u);
+  const DKSmartPtr<Probe>& same = holder;
+  holder = same; // self-assignment keeps the object
+  holder = holder.Get();
+  EXPECT_EQ(destroyed, 1);
+  holder.Clear();
+  EXPECT_EQ(destroyed, 2);
+}
+
+TEST(DKDoubleTest, TinyValuesAreZeroOnlyWhileTheSwitchIsSetAndEqualityUsesThePrecision) {
+  const std::tuple<bool, double, double, double> cases[] = {// switch, precision, value, stored value
+                                                            {false, 1e-06, 5e-07, 5e-07}, {true, 1e-06, 5e-07, 0.0},
+                                                            {true, 1e-06, -5e-07, 0.0},   {true, 1e-06, 1e-06, 1e-06},
+                                                            {true, 1e-06, 2e-06, 2e-06},  {true, 1e-03, 5e-04, 0.0},
+                                                            {true, 1e-03, -2e-03, -2e-03}};
+  for (const auto& [zeroOnAssign, precision, value, stored] : cases) {
+    DKDouble::zeroValueOnAssign = zeroOnAssign;
+    DKDouble::thePrecision = precision;
+    DKDouble assigned;
+    assigned = value;
+    EXPECT_EQ(DKDouble(value).GetValue(), stored) << value << " switch " << zeroOnAssign;
+    EXPECT_EQ(assigned.GetValue(), stored) << value << " switch " << zeroOnAssign;
+  }
+  DKDouble::zeroValueOnAssign = false;
+  const DKDouble tiny(5e-07);
+  DKDouble::zeroValueOnAssign = true;
+  const DKDouble copy(tiny); // a copy keeps the value as stored
+  EXPECT_EQ(copy.GetValue(), 5e-07);
+  EXPECT_TRUE(copy.IsZero());
+  DKDouble::zeroValueOnAssign = false; // the switches are process-wide: restore them
+  DKDouble::thePrecision = 1e-06;
+  EXPECT_TRUE(DKDouble(1.0).IsEqual(1.0 + 5e-07));
+  EXPECT_FALSE(DKDouble(1.0).IsEqual(1.0 + 5e-06));
+  EXPECT_FALSE(DKDouble(std::nan("")).IsEqual(std::nan("")));
+}
+
+TEST(DKDoubleTest, TextIsTheShortestFormThatReadsBack) {
+  const double inf = std::numeric_limits<double>::infinity();
+  for (const auto& [value, text] :
+       std::initializer_list<std::pair<double, std::string>>{{0.0, "0"},
+                                                             {0.1, "0.1"},
+                                                             {-250.0, "-250"},
+                                                             {1e-07, "1e-07"},
+                                                             {1e300, "1e+300"},
+                                                             {123456789.125, "123456789.125"},
+                                                             {inf, "inf"},
+                                                             {-inf, "-inf"},
+                                                             {std::nan(""), "nan"}}) {
+    EXPECT_EQ(DKDouble(value).AsUTF8(), text);
+    EXPECT_EQ(DKDouble(value).AsString().AsUTF8(), text);
+  }
+  std::mt19937_64 random(42);
+  for (int i = 0; i < 2000; ++i) {
+    const std::uint64_t bits = random();
+    double value;
+    std::memcpy(&value, &bits, sizeof value);
+    if (!std::isfinite(value))
+      continue;
+    EXPECT_EQ(std::strtod(DKDouble(value).AsUTF8().c_str(), nullptr), value) << DKDouble(value).AsUTF8();
+  }
+}
+
+DKSmartPtr<DKErrorString> ErrorString(const DKChar* text, int code) {
+  return new DKErrorString(text, code);
+}
+
 TEST(DKErrorIDTest, SuccessFailureCodeAndText) {
-  const ErrorIdCase cases[] = {
-      {"default", DKErrorID(), true, 0, DK_T("SUCCESS")},
-      {"constant", DKErrorID(DKErrorID::SUCCESS), true, 0, DK_T("SUCCESS")},
-      {"null pointer", DKErrorID(static_cast<const DKErrorI*>(nullptr)), true, 0, DK_T("SUCCESS")},
-      {"code 0", DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("fine"), 0))), true, 0, DK_T("fine")},
-      {"code 42", DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("broken"), 42))), false, 42, DK_T("broken")},
-      {"negative", DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("neg")))), false, -1, DK_T("neg")},
+  const struct {
+    DKErrorID id;
+    bool success;
+    int code;
+    const DKChar* text;
+  } cases[] = {
+      {DKErrorID(), true, 0, DK_T("SUCCESS")},
+      {DKErrorID(static_cast<const DKErrorI*>(nullptr)), true, 0, DK_T("SUCCESS")},
+      {DKErrorID(ErrorString(DK_T("fine"), 0)), true, 0, DK_T("fine")},
+      {DKErrorID(ErrorString(DK_T("broken"), 42)), false, 42, DK_T("broken")},
+      {DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("neg")))), false, -1, DK_T("neg")},
   };
-  for (const ErrorIdCase& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.id.AsString().AsUTF8());
     EXPECT_EQ(c.id.IsSuccess(), c.success);
-    EXPECT_EQ(c.id.Good(), c.success);
-    EXPECT_EQ(c.id.Bad(), !c.success);
-    EXPECT_EQ(static_cast<int>(c.id), c.asInt);
-    EXPECT_EQ(c.id.GetCode(), c.asInt);
+    EXPECT_EQ(static_cast<int>(c.id), c.code);
+    EXPECT_EQ(c.id.GetCode(), c.code);
     EXPECT_EQ(c.id.AsString(), c.text);
   }
 }
 
-TEST(DKErrorIDTest, CopiesShareTheErrorObject) {
-  DKSmartPtr<DKErrorString> error(new DKErrorString(DK_T("x"), 3));
-  DKErrorID a(error);
-  EXPECT_EQ(error->NbRef(), 2u);
-  {
-    DKErrorID b = a;
-    DKErrorID c;
-    c = b;
-    EXPECT_EQ(error->NbRef(), 4u);
-    EXPECT_EQ(c.GetError().Get(), error.Get());
-  }
-  EXPECT_EQ(error->NbRef(), 2u);
-}
-
-TEST(DKErrorIDTest, CopiesOnManyThreadsReleaseTheErrorOnce) {
+// Also the check that smart pointers count atomically: an error id holds its error through one.
+TEST(DKErrorIDTest, CopiesOnManyThreadsShareAndReleaseTheErrorOnce) {
   DKErrorID id = DKLibraryError(DK_MSG_UNSPECIFIED);
   const std::size_t liveBefore = DMMemoryPool::GetLiveBlocks();
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < 4; ++t)
     threads.emplace_back([id] {
-      for (int i = 0; i < 10000; ++i) {
-        DKErrorID copy = id;
-        EXPECT_TRUE(copy.Bad());
+      for (int i = 0; i < 20000; ++i) {
+        DKErrorID copy(id), assigned;
+        assigned = copy;
+        EXPECT_EQ(assigned.GetError().Get(), id.GetError().Get());
       }
     });
-  }
   for (auto& thread : threads)
     thread.join();
   EXPECT_EQ(id.GetError()->NbRef(), 1u);
   EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), liveBefore);
 }
 
-// ---- DKErrorI, DKError, DKErrorString ------------------------------------------------------
-
 TEST(DKErrorTest, PlainErrorsHaveNoParameters) {
+  DKSmartPtr<DKMemoryMessageSource> source(new DKMemoryMessageSource{{100, DK_T("Value %0:s")}});
   DKSmartPtr<DKErrorString> text(new DKErrorString(DK_T("ready"), 7, DKErrorI::SeverityWarning));
-  DKSmartPtr<DKError> plain(new DKError(TestSource(), 100));
+  DKSmartPtr<DKError> plain(new DKError(source, 100));
   for (const DKErrorI* error : {static_cast<const DKErrorI*>(text.Get()), static_cast<const DKErrorI*>(plain.Get())}) {
     EXPECT_EQ(error->GetIUID(), DKErrorI::IUID);
     EXPECT_EQ(error->GetParameterCount(), 0u);
@@ -93,42 +197,24 @@ TEST(DKErrorTest, PlainErrorsHaveNoParameters) {
   }
   EXPECT_EQ(text->GetSeverity(), DKErrorI::SeverityWarning);
   EXPECT_EQ(plain->GetSeverity(), DKErrorI::SeverityError);
-  // Without parameters the placeholder stays visible.
-  EXPECT_EQ(DKErrorID(plain).AsString(), DK_T("Value %0:s"));
-}
+  EXPECT_EQ(DKErrorID(plain).AsString(), DK_T("Value %0:s")); // without parameters the placeholder stays
 
-TEST(DKErrorTest, TextComesFromTheFormatterWithTheErrorsParameters) {
-  DKSmartPtr<DKErrorWithArgs> error(new DKErrorWithArgs(TestSource(), 101));
-  error->AddParam(3);
-  error->AddParam(10L);
-  DKString text;
-  EXPECT_TRUE(error->AsString(text, DKFormatContext()).IsSuccess());
-  EXPECT_EQ(text, DK_T("3 of 10"));
-}
-
-TEST(DKErrorTest, MissingFormatterOrCodeGivesUnknownMessage) {
-  DKSmartPtr<DKError> noFormatter(new DKError(DKSmartPtrToConst<DKMessageSource>(), 42));
-  DKSmartPtr<DKError> unknownCode(new DKError(TestSource(), 4242));
-  const struct {
-    const DKError* error;
-    const DKChar* text;
-  } cases[] = {{noFormatter.Get(), DK_T("Unknown message 42")}, {unknownCode.Get(), DK_T("Unknown message 4242")}};
-  for (const auto& c : cases) {
-    DKString text;
-    const DKErrorID result = c.error->AsString(text, DKFormatContext());
-    EXPECT_EQ(text, c.text);
-    EXPECT_TRUE(result.Bad());
+  for (const DKError& unknown : {DKError(DKSmartPtrToConst<DKMessageSource>(), 42), DKError(source, 0),
+                                 DKError(source, -3), DKError(source, 2147483647L)}) {
+    DKString out;
+    const DKErrorID result = unknown.AsString(out, DKFormatContext());
+    const DKString expected = DKString(DK_T("Unknown message ")) + DKString(std::to_wstring(unknown.GetCode()));
+    EXPECT_EQ(out, expected);
     EXPECT_EQ(result.GetCode(), DK_MSG_UNKNOWN_MESSAGE);
-    EXPECT_EQ(result.AsString(), c.text);
+    EXPECT_EQ(result.AsString(), expected);
   }
 }
 
 TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
   const struct {
     long code;
-    int intParam;
-    const DKChar* stringParam;
-    const DKChar* text;
+    int intParam; // added first when not negative
+    const DKChar *stringParam, *text;
   } cases[] = {
       {DK_MSG_UNSPECIFIED, -1, nullptr, DK_T("Unspecified failure")},
       {DK_MSG_INVALID_DATE, -1, DK_T("2024-13-45"), DK_T("Invalid date: 2024-13-45")},
@@ -143,16 +229,13 @@ TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
     if (c.stringParam)
       error->AddParam(c.stringParam);
     const DKErrorID id = error;
-    EXPECT_TRUE(id.Bad());
     EXPECT_EQ(id.GetCode(), c.code);
     EXPECT_EQ(id.AsString(), c.text);
   }
   EXPECT_EQ(DKLibraryError(DK_MSG_UNSPECIFIED, DKErrorI::SeverityFatal)->GetSeverity(), DKErrorI::SeverityFatal);
 }
 
-// ---- DKErrorWithArgs -----------------------------------------------------------------------
-
-TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrinted) {
+TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNothing) {
   DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
   const struct {
     std::size_t index;
@@ -171,16 +254,17 @@ TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrinted) {
   for (std::size_t i = 0; i < std::size(expected); ++i) {
     EXPECT_EQ(expected[i].index, i);
     EXPECT_EQ(error->GetParameterType(i), expected[i].type);
-    EXPECT_NE(error->GetParameterValue(i), nullptr);
     EXPECT_EQ(error->GetParameterValueAsString(i, DKExecContext()), expected[i].text) << i;
   }
   EXPECT_EQ(*static_cast<const long*>(error->GetParameterValue(2)), 1234567890123L);
-}
 
-TEST(DKErrorWithArgsTest, OutOfRangeIndexReadsAsNothing) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
-  error->AddParam(1);
-  for (std::size_t index : {std::size_t{1}, std::size_t{100}, static_cast<std::size_t>(-1)}) {
+  error->AddParam(1e300); // %f prints large values whole: 301 digits, the point and 6 decimals
+  const DKString large = error->GetParameterValueAsString(std::size(expected), DKExecContext());
+  EXPECT_EQ(large.Length(), 308u);
+  EXPECT_EQ(large.SubStr(0, 1), DK_T("1"));
+  EXPECT_EQ(large.SubStr(large.Length() - 7), DK_T(".000000"));
+
+  for (std::size_t index : {std::size(expected) + 1, std::size_t{100}, static_cast<std::size_t>(-1)}) {
     EXPECT_EQ(error->GetParameterType(index), DKErrorI::ParamNone);
     EXPECT_EQ(error->GetParameterValue(index), nullptr);
     EXPECT_TRUE(error->GetParameterValueAsString(index, DKExecContext()).IsEmpty());
@@ -190,49 +274,10 @@ TEST(DKErrorWithArgsTest, OutOfRangeIndexReadsAsNothing) {
   }
 }
 
-TEST(DKErrorWithArgsTest, GetParamNeedsTheStoredType) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
-  EXPECT_EQ(error->AddParam(5), 0u);
-  EXPECT_EQ(error->AddParam(DKString(DK_T("five"))), 1u);
-  EXPECT_EQ(error->AddParam(2.5), 2u);
-  EXPECT_EQ(error->AddParam(DKDouble(3.5)), 3u);
-  EXPECT_EQ(error->AddParam(6L), 4u);
-
-  int i = 0;
-  long l = 0;
-  double d = 0;
-  DKDouble dk;
-  DKString s;
-  EXPECT_FALSE(error->GetParam(i, 1));
-  EXPECT_TRUE(error->GetParam(s, 1));
-  EXPECT_EQ(s, DK_T("five"));
-  EXPECT_TRUE(error->GetParam(i, 0));
-  EXPECT_EQ(i, 5);
-  EXPECT_FALSE(error->GetParam(l, 0)); // an int is not read as a long
-  EXPECT_TRUE(error->GetParam(l, 4));
-  EXPECT_EQ(l, 6L);
-  EXPECT_FALSE(error->GetParam(dk, 2)); // a double is not read as a DKDouble
-  EXPECT_TRUE(error->GetParam(d, 2));
-  EXPECT_EQ(d, 2.5);
-  EXPECT_FALSE(error->GetParam(d, 3));
-  EXPECT_TRUE(error->GetParam(dk, 3));
-  EXPECT_EQ(dk.GetValue(), 3.5);
-}
-
-TEST(DKErrorWithArgsTest, PercentFFormatsLargeValuesWhole) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
-  error->AddParam(1e300);
-  const DKString text = error->GetParameterValueAsString(0, DKExecContext());
-  EXPECT_EQ(text.Length(), 308u); // 301 digits, the point and 6 decimals
-  EXPECT_EQ(text.SubStr(0, 1), DK_T("1"));
-  EXPECT_EQ(text.SubStr(text.Length() - 7), DK_T(".000000"));
-}
-
-TEST(DKErrorWithArgsTest, CopiesAreDeepAndNothingLeaksFromThePool) {
+TEST(DKErrorWithArgsTest, CopiesAreDeepGetParamNeedsTheStoredTypeAndNothingLeaks) {
   DKGetLibraryMessageSource(); // the library's messages live for the whole process
   const std::size_t liveBefore = DMMemoryPool::GetLiveBlocks();
   const std::size_t bytesBefore = DMMemoryPool::GetLiveBytes();
-  const std::size_t totalBefore = DMMemoryPool::GetTotalBlocks();
   {
     DKSmartPtr<DKErrorWithArgs> original = DKLibraryError(DK_MSG_SYSTEM_ERROR);
     original->AddParam(2);
@@ -240,24 +285,33 @@ TEST(DKErrorWithArgsTest, CopiesAreDeepAndNothingLeaksFromThePool) {
     original->AddParam(DKDouble(0.25));
     original->AddParam(3.0);
     original->AddParam(4L);
-
     DKSmartPtr<DKErrorWithArgs> copy(new DKErrorWithArgs(*original));
-    EXPECT_GE(DMMemoryPool::GetTotalBlocks() - totalBefore, 10u); // 5 originals + 5 copies
     EXPECT_NE(copy->GetParameterValue(0), original->GetParameterValue(0));
-
     DKSmartPtr<DKErrorWithArgs> assigned = DKLibraryError(DK_MSG_INVALID_DATE);
     assigned->AddParam(DKString(DK_T("will be freed")));
     *assigned = *original;
-    EXPECT_EQ(assigned->GetCode(), DK_MSG_SYSTEM_ERROR);
-    EXPECT_EQ(assigned->GetParameterCount(), 5u);
     const DKErrorWithArgs& same = *assigned;
     *assigned = same;
+    EXPECT_EQ(assigned->GetCode(), DK_MSG_SYSTEM_ERROR);
     EXPECT_EQ(assigned->GetParameterCount(), 5u);
-
     original.Clear(); // the copies own their values
-    DKString text;
-    EXPECT_TRUE(copy->GetParam(text, 1));
-    EXPECT_EQ(text, DK_T("a string long enough to own a block"));
+    int i = 0;
+    long l = 0;
+    double d = 0;
+    DKDouble dk;
+    DKString s;
+    EXPECT_FALSE(copy->GetParam(i, 1));
+    EXPECT_FALSE(copy->GetParam(l, 0));  // an int is not read as a long
+    EXPECT_FALSE(copy->GetParam(dk, 3)); // a double is not read as a DKDouble
+    EXPECT_FALSE(copy->GetParam(d, 2));
+    EXPECT_EQ(i, 0);
+    EXPECT_TRUE(copy->GetParam(s, 1) && copy->GetParam(i, 0) && copy->GetParam(l, 4) && copy->GetParam(d, 3) &&
+                copy->GetParam(dk, 2));
+    EXPECT_EQ(s, DK_T("a string long enough to own a block"));
+    EXPECT_EQ(i, 2);
+    EXPECT_EQ(l, 4L);
+    EXPECT_EQ(d, 3.0);
+    EXPECT_EQ(dk.GetValue(), 0.25);
     EXPECT_EQ(DKErrorID(assigned).AsString(), DK_T("System error 2: a string long enough to own a block"));
   }
   EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), liveBefore);

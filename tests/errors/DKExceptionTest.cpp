@@ -1,18 +1,29 @@
+#include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKException.h>
-
-#include "ErrorsTestSupport.h"
+#include <DorvikCore/DKMessageSource.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include "support/DKTestSupport.h"
+
+#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 static_assert(std::is_nothrow_copy_constructible_v<DKException>);
 static_assert(std::is_nothrow_copy_assignable_v<DKException>);
+static_assert(std::is_base_of_v<DKException, DKConfigStreamException>);
 
 // Outside an unnamed namespace so that the function has an exported name in the stack.
 namespace dkerrorstest {
@@ -20,23 +31,165 @@ namespace dkerrorstest {
   DKException e(DK_T("from a named function"));
   return e;
 }
-[[gnu::noinline]] DKStackDump CaptureDumpInNamedFunction() { return DKStackDump::Capture(SIGSEGV); }
+[[gnu::noinline]] DKStackDump CaptureDumpInNamedFunction() {
+  return DKStackDump::Capture(SIGSEGV);
+}
 } // namespace dkerrorstest
 
 namespace {
 
+// Threads that run a check over and over until Stop, counting the runs that returned false.
+struct BackgroundReaders {
+  BackgroundReaders(int count, std::function<bool()> check) : m_check(std::move(check)) {
+    for (int i = 0; i < count; ++i)
+      m_threads.emplace_back([this] {
+        while (!m_stop)
+          m_failures += m_check() ? 0 : 1;
+      });
+  }
+  ~BackgroundReaders() { Stop(); }
+  // Joins the threads; returns how many checks failed.
+  int Stop() {
+    m_stop = true;
+    for (auto& thread : m_threads)
+      if (thread.joinable())
+        thread.join();
+    return m_failures;
+  }
+  std::function<bool()> m_check;
+  std::atomic<bool> m_stop{false};
+  std::atomic<int> m_failures{0};
+  std::vector<std::thread> m_threads;
+};
+
+// An error whose parameters are the given texts, for filling placeholders.
+DKSmartPtr<DKErrorWithArgs> ErrorWith(std::initializer_list<const DKChar*> params) {
+  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
+  for (const DKChar* p : params)
+    error->AddParam(p);
+  return error;
+}
+
+TEST(DKMessageSourceTest, FillPlaceholders) {
+  DKSmartPtr<DKErrorWithArgs> numbers = DKLibraryError(DK_MSG_UNSPECIFIED);
+  numbers->AddParam(7);
+  numbers->AddParam(DKString(DK_T("seven")));
+  numbers->AddParam(0.5);
+  DKSmartPtr<DKErrorWithArgs> eleven = ErrorWith({});
+  for (int i = 0; i <= 10; ++i)
+    eleven->AddParam(DKString(L"p" + std::to_wstring(i)));
+  DKSmartPtr<DKErrorWithArgs> tricky = ErrorWith({DK_T("%1:s"), DK_T("100%")});
+  const struct {
+    const DKChar* text;
+    const DKErrorI* error;
+    const DKChar* expected;
+  } cases[] = {
+      {DK_T(""), numbers.Get(), DK_T("")},
+      {DK_T("%1:s then %0:d"), numbers.Get(), DK_T("seven then 7")},
+      {DK_T("%2:f"), numbers.Get(), DK_T("0.500000")},
+      {DK_T("%0:d%1:s%0:d"), numbers.Get(), DK_T("7seven7")},
+      {DK_T("%1:d"), numbers.Get(), DK_T("seven")}, // the letter does not change how a value prints
+      {DK_T("100%% sure"), numbers.Get(), DK_T("100% sure")},
+      {DK_T("%%0:d"), numbers.Get(), DK_T("%0:d")},
+      {DK_T("%%%0:d%%"), numbers.Get(), DK_T("%7%")},
+      {DK_T("[%3:s] [%9:d]"), numbers.Get(), DK_T("[%3:s] [%9:d]")}, // no such parameter: kept as written
+      {DK_T("%0:s"), nullptr, DK_T("%0:s")},
+      {DK_T("%"), numbers.Get(), DK_T("%")},
+      {DK_T("50%"), numbers.Get(), DK_T("50%")},
+      {DK_T("%x %0 %0: %0:1 %:s %0;d"), numbers.Get(), DK_T("%x %0 %0: %0:1 %:s %0;d")},
+      {DK_T("%1234567890:d"), numbers.Get(), DK_T("%1234567890:d")},
+      {DK_T("%00:d"), numbers.Get(), DK_T("7")},
+      {DK_T("%10:s/%1:s"), eleven.Get(), DK_T("p10/p1")},
+      {DK_T("%0:s|%1:s"), tricky.Get(), DK_T("%1:s|100%")}, // values are not scanned again
+      {DK_T("\u00e9t\u00e9 %0:d \u20ac"), numbers.Get(), DK_T("\u00e9t\u00e9 7 \u20ac")},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(DKMessageSource::FillPlaceholders(DKString(c.text), DKFormatContext(c.error)), c.expected)
+        << DKString(c.text);
+}
+
+TEST(DKMemoryMessageSourceTest, AddReplaceRemoveAndLookUp) {
+  DKSmartPtr<DKMemoryMessageSource> source(new DKMemoryMessageSource);
+  source->Add(1, DK_T("one"));
+  source->Add(-5, DK_T("minus five %0:d"));
+  source->Add(1, DK_T("uno"));
+  EXPECT_EQ(source->GetCount(), 2u);
+  DKString text;
+  EXPECT_TRUE(source->GetTemplate(-5, text));
+  EXPECT_EQ(text, DK_T("minus five %0:d"));
+  EXPECT_TRUE(source->GetText(text, 1, DKFormatContext()).IsSuccess());
+  EXPECT_EQ(text, DK_T("uno"));
+  EXPECT_TRUE(source->Remove(1));
+  EXPECT_FALSE(source->Remove(1));
+  EXPECT_FALSE(source->Contains(1));
+  text = DK_T("untouched");
+  EXPECT_FALSE(source->GetTemplate(1, text));
+  EXPECT_EQ(text, DK_T("untouched"));
+}
+
+// Records the context a source is asked with.
+struct RecordingSource : DKMessageSource {
+  DKErrorID GetText(DKString& out, long code, const DKFormatContext& context) const override {
+    lastError = context.GetError();
+    lastFormat = context.GetExecContext().GetDateTimeFormat();
+    out = DKString(std::to_wstring(code));
+    return DKErrorID();
+  }
+  mutable const DKErrorI* lastError = nullptr;
+  mutable DKString lastFormat;
+};
+
+TEST(DKMessageSourceTest, AnErrorAsksItsSourceWithItselfAndTheExecContext) {
+  DKSmartPtr<RecordingSource> source(new RecordingSource);
+  DKSmartPtr<DKError> error(new DKError(source, 77));
+  DKString text;
+  DKSmartPtr<DKErrorWithArgs> someOtherError = DKLibraryError(1);
+  EXPECT_TRUE(error->AsString(text, DKFormatContext(someOtherError.Get(), DKExecContext(DK_T("%Y")))).IsSuccess());
+  EXPECT_EQ(text, DK_T("77"));
+  EXPECT_EQ(source->lastError, error.Get());
+  EXPECT_EQ(source->lastFormat, DK_T("%Y"));
+}
+
+TEST(DKMessageSourceTest, LibrarySourceHoldsEveryLibraryMessage) {
+  DKSmartPtr<DKMessageSource> source = DKGetLibraryMessageSource();
+  ASSERT_FALSE(source.IsNull());
+  EXPECT_EQ(source.Get(), DKGetLibraryMessageSource().Get());
+  for (long code = DK_MSG_UNSPECIFIED; code <= DK_MSG_UNKNOWN_MESSAGE; ++code) {
+    DKString text;
+    EXPECT_TRUE(source->GetText(text, code, DKFormatContext()).IsSuccess()) << code;
+    EXPECT_FALSE(text.IsEmpty());
+  }
+}
+
+TEST(DKMemoryMessageSourceTest, ReadersRunWhileAWriterChangesTheTable) {
+  DKSmartPtr<DKMemoryMessageSource> source(new DKMemoryMessageSource{{1, DK_T("stable %0:s")}});
+  DKSmartPtr<DKErrorWithArgs> error = ErrorWith({DK_T("value")});
+  BackgroundReaders readers(3, [&] {
+    DKString text;
+    if (source->GetText(text, 1, DKFormatContext(error.Get())).Bad() || !(text == DK_T("stable value")))
+      return false;
+    const DKErrorID flickering = source->GetText(text, 2, DKFormatContext());
+    return flickering.IsSuccess() ? text == DK_T("flicker") : text == DK_T("Unknown message 2");
+  });
+  for (int i = 0; i < 5000; ++i) {
+    source->Add(2, DK_T("flicker"));
+    source->Remove(2);
+  }
+  EXPECT_EQ(readers.Stop(), 0);
+}
+
 const std::string kDefaultNotice =
     "The application encountered an unexpected situation. Please contact technical support for assistance.";
 
-bool StackCaptureIsDisabledHere() { return std::getenv("DK_DISABLE_STACK") != nullptr; }
+std::string ReportLine(const DKException& e, std::size_t index) {
+  return SplitLines(e.BuildReport().AsUTF8()).at(index);
+}
 
-// ---- Message and marker --------------------------------------------------------------------
-
-TEST(DKExceptionTest, MarkerSplitsUserTextFromInternalText) {
+TEST(DKExceptionTest, MarkerSplitsUserTextFromInternalTextAndCopiesKeepBoth) {
   const struct {
     const DKChar* message;
-    const char* userText;     // What and what
-    const char* consoleLine;  // what LogInErrorFile writes; null for the full report
+    const char* userText;    // What and what
+    const char* consoleLine; // what LogInErrorFile writes; null for the full report
   } cases[] = {
       {DK_T("disk full###***###Please free space"), "Please free space", "disk full"},
       {DK_T("###***###user only"), "user only", ""},
@@ -47,140 +200,86 @@ TEST(DKExceptionTest, MarkerSplitsUserTextFromInternalText) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.userText);
-    DKException e{DKString(c.message)};
-    EXPECT_EQ(e.GetMessage(), c.message);
+    DKException e = DKBinaryStream::Exception(DKString(c.message));
+    DKException copy(DK_T("other"), true);
+    copy = DKException(e); // copies keep the message, the stack and the user text
+    EXPECT_EQ(copy.GetMessage(), c.message);
+    EXPECT_EQ(copy.Stack(), e.Stack());
+    EXPECT_STREQ(copy.what(), c.userText);
     EXPECT_STREQ(e.what(), c.userText);
     EXPECT_EQ(e.What().AsUTF8(), c.userText);
-
     ConsoleCapture console;
     e.LogInErrorFile();
-    if (c.consoleLine) {
+    if (c.consoleLine)
       EXPECT_EQ(console.Text(), std::string(c.consoleLine) + "\n");
-    } else {
-      const auto lines = SplitLines(console.Text());
-      ASSERT_GE(lines.size(), 4u);
-      EXPECT_EQ(lines[3], "EXCEPTION: " + e.GetMessage().AsUTF8());
-    }
+    else
+      EXPECT_EQ(SplitLines(console.Text()).at(3), "EXCEPTION: " + e.GetMessage().AsUTF8());
   }
+  EXPECT_STREQ(DKConfigStreamException(DK_T("Missing ]")).what(), "Missing ]");
 }
 
-TEST(DKExceptionTest, ThrownByValueAndCaughtByReference) {
-  try {
-    throw DKConfigStreamException(DK_T("Missing ]"));
-  } catch (const DKException& e) {
-    EXPECT_EQ(e.What(), DK_T("Missing ]"));
-  }
-  try {
-    throw DKBinaryStream::Exception(DK_T("short read"));
-  } catch (const std::exception& e) {
-    EXPECT_STREQ(e.what(), "short read");
-  }
-
-  DKException original(DK_T("inner###***###outer"));
-  DKException copy = original;
-  EXPECT_EQ(copy.GetMessage(), original.GetMessage());
-  EXPECT_EQ(copy.Stack(), original.Stack());
-  EXPECT_STREQ(copy.what(), "outer");
-  DKException other(DK_T("other"), true);
-  other = original;
-  EXPECT_STREQ(other.what(), "outer");
-}
-
-// ---- Incident report -----------------------------------------------------------------------
-
-TEST(DKExceptionTest, ReportHasTheFixedLinesInOrder) {
+TEST(DKExceptionTest, ReportHasTheFixedLinesInOrderAndTheProcessWideNotice) {
   DKException e(DK_T("something broke"));
   ConsoleCapture console;
   e.LogInErrorFile();
   EXPECT_TRUE(e.IsLogged());
-
   const auto lines = SplitLines(console.Text());
   const auto stackLines = SplitLines(e.Stack().AsUTF8());
   ASSERT_EQ(lines.size(), 5 + stackLines.size() + 1);
   EXPECT_EQ(lines[0], kDefaultNotice);
-  EXPECT_TRUE(MatchesDigitPattern(lines[1], "DATE:      ####/##/## ##:##:##.###")) << lines[1];
-  const std::string threadId = lines[2].substr(std::min<std::size_t>(lines[2].size(), 11));
-  EXPECT_TRUE(MatchesDigitPattern(lines[2], "THREAD:    " + std::string(threadId.size(), '#'))) << lines[2];
-  EXPECT_NE(threadId.substr(0, 1), "0");
+  EXPECT_TRUE(std::regex_match(lines[1], std::regex(R"(DATE:      \d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3})")))
+      << lines[1];
+  EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(THREAD:    [1-9]\d*)"))) << lines[2];
   EXPECT_EQ(lines[3], "EXCEPTION: something broke");
   EXPECT_EQ(lines[4], "STACK:");
   for (std::size_t i = 0; i < stackLines.size(); ++i)
     EXPECT_EQ(lines[5 + i], stackLines[i]);
   EXPECT_EQ(lines.back(), "");
+
+  std::string otherThread; // the report names the thread that writes it
+  std::thread([&] { otherThread = ReportLine(e, 2); }).join();
+  EXPECT_NE(lines[2], otherThread);
+
+  DKException::SetSupportNotice(DK_T("Call the help desk on 555."));
+  const std::string first = ReportLine(DKException(DK_T("x"), true), 0);
+  DKException::SetSupportNotice(DKException::DefaultSupportNotice);
+  EXPECT_EQ(first, "Call the help desk on 555.");
+  EXPECT_EQ(ReportLine(DKException(DK_T("x"), true), 0), kDefaultNotice);
 }
 
-TEST(DKExceptionTest, ReportNamesTheThreadThatWritesIt) {
-  DKException here(DK_T("here"), true);
-  DKException there(DK_T("there"), true);
-  const auto threadLine = [](const DKException& e) { return SplitLines(e.BuildReport().AsUTF8()).at(2); };
-  std::string otherThread;
-  std::thread([&] { otherThread = threadLine(there); }).join();
-  EXPECT_NE(threadLine(here), otherThread);
-}
-
-TEST(DKExceptionTest, ReportsOnceUnlessAskedAgain) {
-  DKException e(DK_T("once"), true);
+TEST(DKExceptionTest, ReportsOnceUnlessAskedAgainAndEvenWhenSilent) {
+  DKException e(DK_T("once###***###user"), true);
   ConsoleCapture console;
-  const auto reports = [&] {
-    const std::string text = console.Text();
-    std::size_t count = 0;
-    for (auto pos = text.find("EXCEPTION: once"); pos != std::string::npos; pos = text.find("EXCEPTION: once", pos + 1))
-      ++count;
-    return count;
-  };
   e.LogInErrorFile(DKException::LogOnce);
   e.LogInErrorFile(DKException::LogOnce);
   e.LogInErrorFile(static_cast<DKException::LogOpt>(2));
-  EXPECT_EQ(reports(), 1u);
+  EXPECT_EQ(console.Text(), "once\n");
   e.LogInErrorFile(DKException::LogAgain);
-  EXPECT_EQ(reports(), 2u);
-
   DKException copy = e; // a copy of a reported exception counts as reported
   copy.LogInErrorFile();
-  EXPECT_EQ(reports(), 2u);
+  EXPECT_EQ(console.Text(), "once\nonce\n");
+
+  DKException quiet(DK_T("quiet###***###user"), true);
+  DKSetTraceLevelProvider([](void*) { return std::uint32_t{0}; }, nullptr); // a silent console
+  quiet.LogInErrorFile();
+  DKSetTraceLevelProvider(nullptr);
+  EXPECT_TRUE(quiet.IsLogged());
+  quiet.LogInErrorFile();
+  EXPECT_EQ(console.Text(), "once\nonce\n");
+  quiet.LogInErrorFile(DKException::LogAgain);
+  EXPECT_EQ(console.Text(), "once\nonce\nquiet\n");
 }
 
-TEST(DKExceptionTest, SilentConsoleStillMarksTheExceptionReported) {
-  DKException e(DK_T("quiet###***###user"), true);
-  ConsoleCapture console;
-  {
-    TraceLevelOverride silent(0);
-    e.LogInErrorFile();
-  }
-  EXPECT_TRUE(e.IsLogged());
-  e.LogInErrorFile();
-  EXPECT_EQ(console.Text(), "");
-  e.LogInErrorFile(DKException::LogAgain);
-  EXPECT_EQ(console.Text(), "quiet\n");
-}
-
-TEST(DKExceptionTest, SupportNoticeIsSetProcessWide) {
-  EXPECT_EQ(DKException::GetSupportNotice().AsUTF8(), kDefaultNotice);
-  DKException::SetSupportNotice(DK_T("Call the help desk on 555."));
-  const std::string first = SplitLines(DKException(DK_T("x"), true).BuildReport().AsUTF8()).at(0);
-  DKException::SetSupportNotice(DKException::DefaultSupportNotice);
-  EXPECT_EQ(first, "Call the help desk on 555.");
-  EXPECT_EQ(SplitLines(DKException(DK_T("x"), true).BuildReport().AsUTF8()).at(0), kDefaultNotice);
-}
-
-// ---- Stack ---------------------------------------------------------------------------------
-
-TEST(DKExceptionStackTest, CapturedStackNamesTheBuildingFunction) {
-  if (StackCaptureIsDisabledHere())
+TEST(DKExceptionStackTest, CapturedStackNamesTheBuildingFunctionUnlessAskedNotTo) {
+  EXPECT_TRUE(DKException(DK_T("x"), true).Stack().IsEmpty());
+  if (std::getenv("DK_DISABLE_STACK") != nullptr)
     GTEST_SKIP() << "DK_DISABLE_STACK is set";
-  const DKException e = dkerrorstest::BuildExceptionInNamedFunction();
-  const std::string stack = e.Stack().AsUTF8();
+  const std::string stack = dkerrorstest::BuildExceptionInNamedFunction().Stack().AsUTF8();
   EXPECT_NE(stack.find("dkerrorstest::BuildExceptionInNamedFunction()"), std::string::npos) << stack;
-  // The capture machinery itself is not shown.
-  EXPECT_EQ(stack.find("CaptureStack"), std::string::npos) << stack;
-
+  EXPECT_EQ(stack.find("CaptureStack"), std::string::npos) << stack; // the capture machinery is not shown
   const DKStackDump dump = dkerrorstest::CaptureDumpInNamedFunction();
   EXPECT_EQ(dump.GetSeHNumber(), SIGSEGV);
   EXPECT_NE(dump.GetStackText().AsUTF8().find("dkerrorstest::CaptureDumpInNamedFunction()"), std::string::npos);
-}
-
-TEST(DKExceptionStackTest, NoStackFlagLeavesTheStackEmpty) {
-  EXPECT_TRUE(DKException(DK_T("x"), true).Stack().IsEmpty());
 }
 
 TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
@@ -199,14 +298,11 @@ TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
   unsetenv("DK_DISABLE_STACK");
 }
 
-// ---- Subclasses ----------------------------------------------------------------------------
-
 TEST(DKExceptionSubclassTest, LastErrorExceptionCarriesTheSystemText) {
   errno = ENOENT;
   const DKWindowsLastErrorException fromErrno;
   EXPECT_EQ(fromErrno.GetErrorCode(), ENOENT);
   EXPECT_EQ(fromErrno.What(), DK_T("No such file or directory"));
-
   const struct {
     int code;
     const char* text;
@@ -246,7 +342,6 @@ TEST(DKExceptionSubclassTest, MsgExceptionTakesItsTextFromTheSource) {
     DKSmartPtr<DKMessageSource> source;
     const DKChar* text;
   } cases[] = {
-      {DK_MSG_UNSPECIFIED, DKGetLibraryMessageSource(), DK_T("Unspecified failure")},
       {DK_MSG_INVALID_ARGUMENT, DKGetLibraryMessageSource(), DK_T("Invalid argument: %0:s")},
       {5, own, DK_T("Five")},
       {6, own, DK_T("Unknown message 6")},
@@ -258,6 +353,78 @@ TEST(DKExceptionSubclassTest, MsgExceptionTakesItsTextFromTheSource) {
     EXPECT_EQ(e.GetCode(), c.code);
     EXPECT_EQ(e.GetSource().Get(), c.source.Get());
   }
+}
+
+TEST(DKLockedCOUTTest, RedirectionReturnsThePreviousStream) {
+  std::ostringstream first, second;
+  std::ostream* original = DKLockedCOUT::SetConsoleStream(&first);
+  EXPECT_EQ(original, &std::cout);
+  EXPECT_EQ(DKLockedCOUT::SetConsoleStream(&second), &first);
+  DKLockedCOUT() << "to second";
+  EXPECT_EQ(DKLockedCOUT::SetConsoleStream(nullptr), &second); // null restores standard output
+  EXPECT_EQ(DKLockedCOUT::SetConsoleStream(original), &std::cout);
+  EXPECT_EQ(first.str(), "");
+  EXPECT_EQ(second.str(), "to second");
+}
+
+TEST(DKLockedCOUTTest, WritesEveryTextKindAsUtf8AndLocksRecursively) {
+  ConsoleCapture console;
+  DKLockedCOUT outer;
+  outer.GetCout() << DKString(DK_T("caf\u00e9")) << ' ' << 42 << std::endl;
+  DKLockedCOUT() << DK_T("\u20ac") << L"\u00e0" << "|" << DKString(DK_T("\U0001F600")) << std::endl;
+  outer.GetCout() << "done";
+  EXPECT_EQ(console.Text(), "caf\xc3\xa9 42\n\xe2\x82\xac\xc3\xa0|\xf0\x9f\x98\x80\ndone");
+}
+
+TEST(DKLockedCOUTTest, LinesFromManyThreadsStayWhole) {
+  constexpr int kThreads = 6, kLines = 300;
+  ConsoleCapture console;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLines; ++i) {
+        DKLockedCOUT lock; // many small pieces, so that an unlocked stream would interleave them
+        lock.GetCout() << "thread " << t;
+        for (int piece = 0; piece < 8; ++piece)
+          lock.GetCout() << ' ' << piece;
+        lock.GetCout() << " line " << i << std::endl;
+      }
+    });
+  for (auto& thread : threads)
+    thread.join();
+  std::map<int, int> nextLine; // each thread's lines arrive in its own order
+  const auto lines = SplitLines(console.Text());
+  ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));
+  for (const std::string& line : lines) {
+    int thread = -1, number = -1, consumed = 0;
+    ASSERT_EQ(std::sscanf(line.c_str(), "thread %d 0 1 2 3 4 5 6 7 line %d%n", &thread, &number, &consumed), 2) << line;
+    ASSERT_EQ(static_cast<std::size_t>(consumed), line.size()) << line;
+    EXPECT_EQ(number, nextLine[thread]++);
+  }
+}
+
+TEST(GlbGetTraceLevelTest, ProviderAnswersUntilRemovedAndIsNeverCalledAgain) {
+  static std::atomic<int> calls{0};
+  EXPECT_EQ(GlbGetTraceLevel(), 1u);
+  DKSetTraceLevelProvider(
+      [](void*) -> std::uint32_t {
+        calls.fetch_add(1);
+        std::this_thread::yield();
+        return 2;
+      },
+      nullptr);
+  BackgroundReaders readers(3, [] {
+    const std::uint32_t level = GlbGetTraceLevel();
+    return level == 1 || level == 2;
+  });
+  while (calls < 1000)
+    std::this_thread::yield();
+  DKSetTraceLevelProvider(nullptr);
+  const int callsWhenRemoved = calls;
+  while (GlbGetTraceLevel() != 1) {
+  }
+  EXPECT_EQ(readers.Stop(), 0);
+  EXPECT_EQ(calls, callsWhenRemoved);
 }
 
 } // namespace

@@ -25,26 +25,18 @@ bool IsRegistered(std::uint32_t id) {
   return std::any_of(infos.begin(), infos.end(), [id](const DKThreadInfo& info) { return info.GetThreadId() == id; });
 }
 
-// Captures the locked console and sets the console verbosity for a scope.
-class ConsoleCapture {
-public:
-  explicit ConsoleCapture(std::uint32_t level) : m_level(level) {
-    m_previous = DKLockedCOUT::SetConsoleStream(&m_stream);
-    DKSetTraceLevelProvider([](void* context) { return *static_cast<std::uint32_t*>(context); }, &m_level);
+// Captures the console and sets its verbosity for a scope; read the text once the writers are joined.
+struct ConsoleCapture {
+  explicit ConsoleCapture(std::uint32_t verbosity) : level(verbosity) {
+    DKSetTraceLevelProvider([](void* context) { return *static_cast<std::uint32_t*>(context); }, &level);
   }
   ~ConsoleCapture() {
     DKSetTraceLevelProvider(nullptr);
-    DKLockedCOUT::SetConsoleStream(m_previous);
+    DKLockedCOUT::SetConsoleStream(previous);
   }
-  std::string Text() {
-    DKLockedCOUT lock; // the stream is written under the console lock
-    return m_stream.str();
-  }
-
-private:
-  std::uint32_t m_level;
-  std::ostringstream m_stream;
-  std::ostream* m_previous;
+  std::uint32_t level;
+  std::ostringstream stream;
+  std::ostream* previous = DKLockedCOUT::SetConsoleStream(&stream);
 };
 
 // Counts its destructions.
@@ -58,35 +50,26 @@ public:
   }
 };
 
-TEST(DKThreadTest, StartRunsTheCallbackOnceAndJoinWaitsForIt) {
-  std::atomic<int> runs{0};
-  DKThread thread(DKMakeCallback([&] { ++runs; }));
-  EXPECT_FALSE(thread.IsStarted());
-  thread.Join(); // never started: returns at once
-  ASSERT_TRUE(thread.Start().Good());
-  EXPECT_TRUE(thread.IsStarted());
-  EXPECT_NE(thread.GetThreadID().m_threadID, 0u);
-  EXPECT_TRUE(thread.Start().Bad()); // started before
-  thread.Join();
-  thread.Join();
-  EXPECT_EQ(runs.load(), 1);
-  EXPECT_FALSE(thread.IsRunning());
-  EXPECT_FALSE(IsRegistered(thread.GetThreadID().m_threadID));
-}
-
-TEST(DKThreadTest, RegistryKnowsTheThreadWhileItRuns) {
+TEST(DKThreadTest, StartJoinAndTheRegistryWhileTheThreadRuns) {
   DKEventSemaphore release;
+  std::atomic<int> runs{0};
   std::atomic<DKThread*> seenSelf{nullptr};
   std::atomic<std::uint32_t> seenId{0};
   DKThread thread(DKMakeCallback([&] {
-    seenSelf = DKThread::GetCurrentThreadP();
     seenId = DKThread::GetCurrentThreadID().m_threadID;
+    seenSelf = DKThread::GetCurrentThreadP();
+    ++runs;
     release.Wait();
   }));
+  EXPECT_FALSE(thread.IsStarted());
+  thread.Join(); // never started: returns at once
   EXPECT_EQ(DKThread::GetCurrentThreadP(), nullptr); // this thread is not a DKThread
   ASSERT_TRUE(thread.Start().Good());
+  EXPECT_TRUE(thread.IsStarted());
+  EXPECT_TRUE(thread.Start().Bad()); // started before
   ASSERT_TRUE(WaitUntil([&] { return seenSelf.load() != nullptr; }));
   EXPECT_EQ(seenSelf.load(), &thread);
+  EXPECT_NE(seenId.load(), 0u);
   EXPECT_EQ(seenId.load(), thread.GetThreadID().m_threadID);
   EXPECT_TRUE(thread.Exists());
   EXPECT_TRUE(thread.IsRunning());
@@ -94,10 +77,12 @@ TEST(DKThreadTest, RegistryKnowsTheThreadWhileItRuns) {
   release.Post();
   EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); })); // finished, not yet joined
   thread.Join();
+  thread.Join();
+  EXPECT_EQ(runs.load(), 1);
   EXPECT_FALSE(IsRegistered(seenId.load()));
 }
 
-TEST(DKThreadTest, WaitForThreadWaitsByIdentityAndRejectsUnknownIds) {
+TEST(DKThreadTest, WaitForThreadWaitsByIdentityFromManyThreadsAndRejectsUnknownIds) {
   DKThread_t unknown;
   unknown.m_threadID = 0x7FFFFFF0;
   try {
@@ -115,20 +100,7 @@ TEST(DKThreadTest, WaitForThreadWaitsByIdentityAndRejectsUnknownIds) {
   }));
   ASSERT_TRUE(thread.Start().Good());
   const DKThread_t identity = thread.GetThreadID();
-  std::thread poster([&] { release.Post(); });
-  DKThread::WaitForThread(identity, 5); // short polling slices: still returns only at the end
-  EXPECT_TRUE(finished.load());
-  poster.join();
-  EXPECT_THROW(DKThread::WaitForThread(identity, 0), DKException); // gone from the registry
-  thread.Join();                                                   // still fine
-}
-
-TEST(DKThreadTest, ManyThreadsWaitingForOneThreadAllReturn) {
-  DKEventSemaphore release;
-  DKThread thread(DKMakeCallback([&] { release.Wait(); }));
-  ASSERT_TRUE(thread.Start().Good());
-  const DKThread_t identity = thread.GetThreadID();
-  std::atomic<int> returned{0};
+  std::atomic<int> returnedAfterTheEnd{0};
   std::vector<std::thread> waiters;
   for (const int slice : {3, 0, -9, DK_INFINITE}) // 0 and negative slices mean no limit
     waiters.emplace_back([&, slice] {
@@ -136,17 +108,18 @@ TEST(DKThreadTest, ManyThreadsWaitingForOneThreadAllReturn) {
         DKThread::WaitForThread(identity, slice);
       } catch (const DKException&) { // registered no more when this waiter looked
       }
-      ++returned;
+      returnedAfterTheEnd += finished.load();
     });
   waiters.emplace_back([&] {
     thread.Join();
-    ++returned;
+    returnedAfterTheEnd += finished.load();
   });
   release.Post();
   for (std::thread& waiter : waiters)
     waiter.join();
-  EXPECT_EQ(returned.load(), 5);
-  EXPECT_FALSE(IsRegistered(identity.m_threadID));
+  EXPECT_EQ(returnedAfterTheEnd.load(), 5);
+  EXPECT_THROW(DKThread::WaitForThread(identity, 0), DKException); // gone from the registry
+  thread.Join();                                                   // still fine
 }
 
 TEST(DKThreadTest, FlagsSetByThreadIdStopAPollingThread) {
@@ -176,98 +149,80 @@ TEST(DKThreadTest, FlagsSetByThreadIdStopAPollingThread) {
   EXPECT_FALSE(thread.IsFlagSet(0x1000));
 }
 
-TEST(DKThreadTest, ExitFunctionsRunInOrderAfterTheCallbackEvenAfterAnException) {
+TEST(DKThreadTest, ExceptionsNeverLeaveTheThreadAreReportedWhileVerboseAndExitFunctionsStillRun) {
   const struct {
     const char* label;
-    bool throws;
-  } cases[] = {{"normal end", false}, {"exception", true}};
+    std::uint32_t verbosity;
+    void (*body)();
+    const char* text; // the whole console text, or with exact false a part of it
+    bool exact;
+  } cases[] = {
+      {"standard", 1, [] { throw std::runtime_error("disk full"); },
+       "std::exception: disk full\nunhandled exception in DKThread\n", true},
+      {"other", 1, [] { throw 7; }, "unhandled exception in DKThread\n", true},
+      {"quiet", 0, [] { throw 42; }, "", true},
+      {"none", 1, [] {}, "", true},
+      {"library", 1, [] { throw DKException(DK_T("library failure###***###shown"), true); }, "library failure", false},
+  };
   for (const auto& c : cases) {
-    ConsoleCapture console(0);
+    ConsoleCapture console(c.verbosity);
     std::vector<int> order; // written by the thread only; read after Join
     DKThread thread(DKMakeCallback([&] {
       order.push_back(0);
-      if (c.throws)
-        throw 42;
+      c.body();
     }));
     for (int i = 1; i <= 3; ++i)
       thread.AddExitFunction(DKMakeCallback([&order, i] { order.push_back(i); }));
     ASSERT_TRUE(thread.Start().Good());
     thread.Join();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3})) << c.label;
-    EXPECT_EQ(console.Text(), "") << c.label; // verbosity 0: nothing reported
+    const std::string text = console.stream.str();
+    if (c.exact) {
+      EXPECT_EQ(text, c.text) << c.label;
+    } else {
+      EXPECT_NE(text.find(c.text), std::string::npos) << text;
+      EXPECT_NE(text.find("unhandled exception in DKThread\n"), std::string::npos) << text;
+    }
   }
 }
 
-TEST(DKThreadTest, ExceptionsNeverLeaveTheThreadAndAreReportedWhileVerbose) {
-  const struct {
-    const char* label;
-    void (*body)();
-    const char* expected;
-  } cases[] = {
-      {"standard", [] { throw std::runtime_error("disk full"); },
-       "std::exception: disk full\nunhandled exception in DKThread\n"},
-      {"other", [] { throw 7; }, "unhandled exception in DKThread\n"},
-      {"none", [] {}, ""},
-  };
-  for (const auto& c : cases) {
-    ConsoleCapture console(1);
-    std::atomic<bool> exitRan{false};
-    DKThread thread(DKMakeCallback(c.body));
-    thread.AddExitFunction(DKMakeCallback([&] { exitRan = true; }));
-    ASSERT_TRUE(thread.Start().Good());
-    thread.Join();
-    EXPECT_EQ(console.Text(), c.expected) << c.label;
-    EXPECT_TRUE(exitRan.load()) << c.label;
-  }
-  {
-    ConsoleCapture console(1);
-    DKThread thread(DKMakeCallback([] { throw DKException(DK_T("library failure###***###shown"), true); }));
-    ASSERT_TRUE(thread.Start().Good());
-    thread.Join();
-    const std::string text = console.Text();
-    EXPECT_NE(text.find("library failure"), std::string::npos) << text;
-    EXPECT_NE(text.find("unhandled exception in DKThread\n"), std::string::npos) << text;
-  }
-}
-
-TEST(DKThreadTest, DeleteOnEndObjectsAreDestroyedByTheirThreads) {
-  constexpr int kThreads = 6;
+TEST(DKThreadTest, ObjectsEndedByTheirOwnThreadsAreDestroyedOnceAndLeaveTheRegistry) {
+  constexpr int kDeleteOnEnd = 6;
   g_destroyed = 0;
   std::mutex idsLock;
   std::vector<std::uint32_t> ids;
-  for (int i = 0; i < kThreads; ++i) {
-    auto* thread = new CountedThread(DKMakeCallback([&] {
-      std::lock_guard<std::mutex> guard(idsLock);
-      ids.push_back(DKThread::GetCurrentThreadID().m_threadID);
-    }));
+  const auto record = [&] {
+    std::lock_guard<std::mutex> guard(idsLock);
+    ids.push_back(DKThread::GetCurrentThreadID().m_threadID);
+  };
+  for (int i = 0; i < kDeleteOnEnd; ++i) {
+    auto* thread = new CountedThread(DKMakeCallback(record));
     thread->SetDeleteOnEnd(true);
     ASSERT_TRUE(thread->Start().Good()); // the object is the thread's from here on
   }
-  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kThreads; }));
-  std::lock_guard<std::mutex> guard(idsLock);
-  ASSERT_EQ(ids.size(), std::size_t(kThreads));
-  for (const std::uint32_t id : ids)
-    EXPECT_FALSE(IsRegistered(id));
-}
-
-TEST(DKThreadTest, ACountedThreadOutlivesItsLastOutsideReference) {
-  g_destroyed = 0;
+  std::atomic<bool> exitFunctionRan{false};
+  auto* self = new CountedThread(DKMakeCallback([&] {
+    record();
+    delete DKThread::GetCurrentThreadP(); // while its callback runs
+  }));
+  self->AddExitFunction(DKMakeCallback([&] { exitFunctionRan = true; }));
+  ASSERT_TRUE(self->Start().Good());
   DKEventSemaphore release;
-  std::atomic<bool> ranToEnd{false};
-  std::uint32_t id = 0;
   {
-    DKSmartPtr<CountedThread> thread(new CountedThread(DKMakeCallback([&] {
+    DKSmartPtr<CountedThread> counted(new CountedThread(DKMakeCallback([&] {
       release.Wait();
-      ranToEnd = true;
+      record();
     })));
-    ASSERT_TRUE(thread->Start().Good());
-    id = thread->GetThreadID().m_threadID;
-  } // the thread holds the last reference now
-  EXPECT_EQ(g_destroyed.load(), 0);
+    ASSERT_TRUE(counted->Start().Good());
+  } // the counted thread holds its last reference now
+  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kDeleteOnEnd + 1; }));
+  EXPECT_FALSE(exitFunctionRan.load()); // they went with the object
   release.Post();
-  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
-  EXPECT_TRUE(ranToEnd.load());
-  EXPECT_TRUE(WaitUntil([&] { return !IsRegistered(id); }));
+  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kDeleteOnEnd + 2; }));
+  std::lock_guard<std::mutex> guard(idsLock);
+  ASSERT_EQ(ids.size(), std::size_t(kDeleteOnEnd + 2));
+  for (const std::uint32_t id : ids)
+    EXPECT_TRUE(WaitUntil([id] { return !IsRegistered(id); }));
 }
 
 TEST(DKThreadTest, DestroyingARunningThreadWaitsForIt) {
@@ -289,37 +244,7 @@ TEST(DKThreadTest, DestroyingARunningThreadWaitsForIt) {
   poster.join();
 }
 
-TEST(DKThreadTest, AThreadDestroyingItsOwnObjectEndsCleanly) {
-  g_destroyed = 0;
-  std::atomic<bool> exitFunctionRan{false};
-  std::atomic<std::uint32_t> id{0};
-  auto* thread = new CountedThread(DKMakeCallback([&] {
-    id = DKThread::GetCurrentThreadID().m_threadID;
-    delete DKThread::GetCurrentThreadP(); // while its callback runs
-  }));
-  thread->AddExitFunction(DKMakeCallback([&] { exitFunctionRan = true; }));
-  ASSERT_TRUE(thread->Start().Good());
-  ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == 1; }));
-  EXPECT_TRUE(WaitUntil([&] { return !IsRegistered(id.load()); }));
-  EXPECT_FALSE(exitFunctionRan.load()); // they went with the object
-}
-
-TEST(DKThreadTest, ARefusedPriorityIsStartsErrorAndTheThreadNeverRuns) {
-  std::atomic<int> runs{0};
-  DKThread thread(DKMakeCallback([&] { ++runs; }));
-  const auto before = DKThread::GetAllThreadsInfo().size();
-  const DKErrorID refused = thread.Start(7); // not a priority the system knows
-  EXPECT_TRUE(refused.Bad());
-  EXPECT_FALSE(refused.AsString().IsEmpty());
-  EXPECT_FALSE(thread.IsStarted());
-  EXPECT_EQ(DKThread::GetAllThreadsInfo().size(), before);
-  EXPECT_EQ(runs.load(), 0);
-  ASSERT_TRUE(thread.Start().Good()); // a failed start can be retried
-  thread.Join();
-  EXPECT_EQ(runs.load(), 1);
-}
-
-TEST(DKThreadTest, PriorityAppliesToTheNewThread) {
+TEST(DKThreadTest, PriorityAppliesToTheNewThreadAndARefusedOneFailsStart) {
   const struct {
     int priority;
     const char* name;
@@ -335,7 +260,14 @@ TEST(DKThreadTest, PriorityAppliesToTheNewThread) {
       inside = DKThread::GetThreadPriority(DKThread::GetCurrentThreadID());
       release.Wait();
     }));
-    ASSERT_TRUE(thread.Start(c.priority).Good()) << c.name; // lowering is always allowed
+    const auto before = DKThread::GetAllThreadsInfo().size();
+    const DKErrorID refused = thread.Start(7); // not a priority the system knows
+    EXPECT_TRUE(refused.Bad());
+    EXPECT_FALSE(refused.AsString().IsEmpty());
+    EXPECT_FALSE(thread.IsStarted());
+    EXPECT_EQ(DKThread::GetAllThreadsInfo().size(), before);
+    EXPECT_EQ(inside.load(), DK_THREAD_PRIORITY_ERROR_RETURN); // never ran
+    ASSERT_TRUE(thread.Start(c.priority).Good()) << c.name; // a failed start can be retried; lowering is allowed
     ASSERT_TRUE(WaitUntil([&] { return inside.load() != DK_THREAD_PRIORITY_ERROR_RETURN; }));
     EXPECT_EQ(inside.load(), c.priority) << c.name;
     EXPECT_EQ(thread.GetThreadPriority(), c.priority) << c.name;
@@ -354,15 +286,9 @@ TEST(DKThreadTest, ThreadKeysHoldOneValuePerThread) {
   int mine = 1;
   int theirs = 2;
   EXPECT_TRUE(DKThread::Set(key, &mine));
-  void* seenThere = &mine;
-  void* keptThere = nullptr;
-  std::thread([&] {
-    seenThere = DKThread::Get(key); // a new thread starts empty
-    DKThread::Set(key, &theirs);
-    keptThere = DKThread::Get(key);
-  }).join();
-  EXPECT_EQ(seenThere, nullptr);
-  EXPECT_EQ(keptThere, &theirs);
+  EXPECT_TRUE(OnOtherThread([&] { // a new thread starts empty and keeps a value of its own
+    return DKThread::Get(key) == nullptr && DKThread::Set(key, &theirs) && DKThread::Get(key) == &theirs;
+  }));
   EXPECT_EQ(DKThread::Get(key), &mine);
   DKThread::ReleaseThreadKey(key);
   EXPECT_EQ(key, DK_INVALID_THREAD_KEY);
@@ -386,7 +312,7 @@ TEST(DKThreadTest, ComModelIsTakenFromTheProcessAtConstruction) {
   EXPECT_TRUE(DKThread::InitializeCOM(DK_COM_NONE));
 }
 
-TEST(DKThreadInfoTest, FmtTimeSplitsMilliseconds) {
+TEST(DKThreadInfoTest, TimesAndTheDumpOfOneLinePerThread) {
   const struct {
     DKInt64 ms;
     const char* text;
@@ -400,9 +326,7 @@ TEST(DKThreadInfoTest, FmtTimeSplitsMilliseconds) {
   FILETIME time{};
   time.dwHighDateTime = 1;
   EXPECT_EQ(DKThreadInfo::TimeAsMilliSec(time), (DKInt64(1) << 32) / 10000);
-}
 
-TEST(DKThreadInfoTest, DumpWritesTheHeaderAndOneLinePerThread) {
   const std::vector<DKThreadInfo> infos{
       DKThreadInfo(4242, DKDateTimeEx(2024, 3, 1, 14, 5, 9), 1500, 3723004, 90061001, DK_NORMAL_PRIORITY_CLASS,
                    DK_THREAD_PRIORITY_HIGHEST),
@@ -425,10 +349,9 @@ TEST(DKThreadInfoTest, RegisteredThreadsReportTheirSystemTimes) {
   DKEventSemaphore release;
   std::atomic<bool> busy{true};
   DKThread thread(DKMakeCallback([&] {
-    // Works until the system has counted some of its time.
     const std::uint32_t self = DKThread::GetCurrentThreadID().m_threadID;
     volatile unsigned long sink = 0;
-    WaitUntil([&] {
+    WaitUntil([&] { // works until the system has counted some of its time
       for (int i = 0; i < 100000; ++i)
         sink = sink + static_cast<unsigned long>(i);
       const DKThreadInfo info(nullptr, self);
@@ -447,7 +370,6 @@ TEST(DKThreadInfoTest, RegisteredThreadsReportTheirSystemTimes) {
   EXPECT_FALSE(it->GetCreationTime().IsNull());
   EXPECT_LE(it->GetCreationTime(), DKDateTimeEx::GetCurrentDateTime());
   EXPECT_GE(it->GetElapsedTime(), 0);
-  EXPECT_EQ(it->GetThreadPriorityText().AsUTF8().rfind("THREAD_PRIORITY_", 0), 0u);
   EXPECT_NE(it->GetPriorityClassText().AsUTF8().find("_PRIORITY_CLASS"), std::string::npos);
 
   std::ostringstream dump;

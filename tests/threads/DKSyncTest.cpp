@@ -1,0 +1,464 @@
+// The synchronisation objects: critical sections, mutexes (recursion, timeouts, abandonment,
+// names shared between processes), events, counting semaphores and the baton.
+#include "ThreadsTestSupport.h"
+
+#include <DorvikCore/DKException.h>
+#include <DorvikCore/DKSync.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <future>
+#include <memory>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+bool TryLockFromOtherThread(DKCriticalSection& section) {
+  return OnOtherThread([&] {
+    const bool taken = section.TryLock();
+    section.Unlock(); // does nothing when not taken
+    return taken;
+  });
+}
+
+bool LockFromOtherThread(DKMutex& mutex, int timeoutMs) {
+  return OnOtherThread([&] {
+    const bool taken = mutex.Lock(timeoutMs);
+    if (taken)
+      mutex.Unlock();
+    return taken;
+  });
+}
+
+// Threads incrementing a plain counter, entering through enter(thread, iteration) and leaving
+// through leave(); fails when two were ever inside at once or an increment was lost.
+template <class Enter, class Leave>
+void ExpectExclusion(int threadCount, int increments, Enter enter, Leave leave) {
+  long counter = 0; // deliberately not atomic: the lock is the only protection
+  int inside = 0;
+  std::atomic<int> maxInside{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < threadCount; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < increments; ++i) {
+        enter(t, i);
+        if (++inside > maxInside.load(std::memory_order_relaxed))
+          maxInside.store(inside, std::memory_order_relaxed);
+        ++counter;
+        --inside;
+        leave();
+      }
+    });
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(counter, long(threadCount) * increments);
+  EXPECT_EQ(maxInside.load(), 1);
+}
+
+TEST(DKCriticalSectionTest, IsLockedRecursionAndUnlockByANonHolder) {
+  DKCriticalSection section;
+  EXPECT_EQ(section.IsLocked(), 1u); // free
+  section.Lock();
+  EXPECT_EQ(section.IsLocked(), 2u); // held by the caller once
+  section.lock();
+  EXPECT_EQ(section.IsLocked(), 3u);
+  EXPECT_EQ(OnOtherThread([&] { return section.IsLocked(); }), 0u);
+  std::thread([&] { section.Unlock(); }).join(); // not the holder: changes nothing
+  section.Unlock();
+  EXPECT_FALSE(TryLockFromOtherThread(section)); // still held once
+  section.unlock();
+  section.Unlock(); // one more than entered: ignored
+  EXPECT_EQ(OnOtherThread([&] { return section.IsLocked(); }), 1u);
+  EXPECT_EQ(section.IsLocked(), 1u); // IsLocked leaves the section as it found it
+
+  DKCriticalSection entered(true);
+  EXPECT_FALSE(TryLockFromOtherThread(entered));
+  EXPECT_TRUE(entered.TryLock());
+  entered.release();
+  EXPECT_FALSE(TryLockFromOtherThread(entered));
+  entered.release();
+  EXPECT_TRUE(TryLockFromOtherThread(entered));
+}
+
+TEST(DKCriticalSectionTest, ManyThreadsIncrementingUnderTheSectionLoseNothing) {
+  DKCriticalSection section;
+  ExpectExclusion(
+      8, 20000,
+      [&](int t, int i) {
+        if (t % 2 == 1 && i % 3 == 0) {
+          while (!section.TryLock())
+            std::this_thread::yield();
+        } else {
+          section.Lock();
+        }
+        section.lock(); // recursion under contention
+      },
+      [&] {
+        section.unlock();
+        section.Unlock();
+      });
+  EXPECT_EQ(section.IsLocked(), 1u);
+}
+
+TEST(DKSynchronizedCriticalSectionTest, UnlockWaitReturnsAfterPostUnlockRoundAfterRound) {
+  constexpr int kRounds = 50;
+  DKSynchronizedCriticalSection section;
+  std::atomic<int> waiting{0};
+  std::atomic<int> woken{0};
+  std::thread waiter([&] {
+    for (int round = 1; round <= kRounds; ++round) {
+      section.Lock();
+      waiting.store(round);
+      section.UnlockWait(); // leaves the section and sleeps until posted
+      woken.store(round);
+    }
+  });
+  for (int round = 1; round <= kRounds; ++round) {
+    ASSERT_TRUE(WaitUntil([&] { return waiting.load() == round; }));
+    // The waiter has left the section only once it is inside UnlockWait.
+    section.Lock();
+    section.PostUnlock();
+    ASSERT_TRUE(WaitUntil([&] { return woken.load() == round; }));
+  }
+  waiter.join();
+  EXPECT_TRUE(TryLockFromOtherThread(section)); // UnlockWait does not enter again on return
+}
+
+TEST(DKMutexTest, RecursionTimeoutsAndUnlockWithoutHolding) {
+  DKMutex mutex;
+  EXPECT_TRUE(mutex.Lock());
+  EXPECT_TRUE(mutex.lock(0)); // recursive, even without waiting
+  EXPECT_FALSE(LockFromOtherThread(mutex, 0));
+  EXPECT_FALSE(LockFromOtherThread(mutex, 20));
+  mutex.Unlock();
+  EXPECT_FALSE(LockFromOtherThread(mutex, 0));
+  mutex.unlock();
+  EXPECT_TRUE(LockFromOtherThread(mutex, 0));
+  try {
+    mutex.Unlock(); // not held
+    FAIL() << "no exception";
+  } catch (const DKWindowsLastErrorException& e) {
+    EXPECT_NE(e.GetErrorCode(), 0);
+    EXPECT_FALSE(e.What().IsEmpty());
+  }
+  EXPECT_TRUE(mutex.Lock(0)); // nothing is damaged
+  std::thread([&] { EXPECT_THROW(mutex.Unlock(), DKWindowsLastErrorException); }).join();
+  mutex.Unlock();
+
+  DKMutex owned(DKMutex::defaultValue, true);
+  std::atomic<bool> taken{false};
+  std::thread other([&] {
+    taken = owned.Lock(-5); // a negative timeout waits without limit
+    owned.Unlock();
+  });
+  owned.release();
+  other.join();
+  EXPECT_TRUE(taken.load());
+}
+
+TEST(DKMutexTest, ManyThreadsIncrementingUnderTheMutexLoseNothing) {
+  DKMutex mutex;
+  ExpectExclusion(
+      6, 5000,
+      [&](int t, int) {
+        if (t % 2 == 0)
+          mutex.obtain();
+        else
+          while (!mutex.Lock(1)) {
+          }
+      },
+      [&] { mutex.Unlock(); });
+}
+
+TEST(DKMutexTest, AMutexAbandonedByADeadThreadReportsFalseOnceAndStaysUsable) {
+  DKMutex mutex;
+  std::thread([&] { ASSERT_TRUE(mutex.Lock()); }).join(); // ends holding it
+  EXPECT_FALSE(mutex.Lock()); // abandoned: does not wait
+  EXPECT_TRUE(LockFromOtherThread(mutex, 0)); // repaired and free
+  EXPECT_TRUE(mutex.Lock(0));
+  mutex.Unlock();
+
+  std::thread([&] { ASSERT_TRUE(mutex.Lock()); }).join();
+  mutex.obtain(); // takes an abandoned mutex over
+  EXPECT_FALSE(LockFromOtherThread(mutex, 0));
+  mutex.Unlock();
+}
+
+TEST(DKMutexTest, NamedMutexIsOneMutexForEveryObjectAndProcess) {
+  const std::string name = UniqueName("mutex-shared");
+  DKMutex first(Text(name), true); // created owned
+  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  DKMutex second(Text(name), true); // exists already: not owned
+  EXPECT_FALSE(LockFromOtherThread(second, 0));
+  first.Unlock();
+  EXPECT_TRUE(LockFromOtherThread(second, 0));
+  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+  ASSERT_TRUE(second.Lock(0));
+  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  second.Unlock();
+}
+
+TEST(DKMutexTest, NamedMutexAbandonedByADeadProcessReportsFalseOnce) {
+  const std::string name = UniqueName("mutex-abandoned");
+  DKMutex mutex(Text(name));
+  ASSERT_EQ(RunHelper("mutex-abandon " + name), 0);
+  EXPECT_FALSE(mutex.Lock()); // abandoned: does not wait
+  EXPECT_TRUE(mutex.Lock(0));
+  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  mutex.Unlock();
+  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+}
+
+TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
+  const std::string base = UniqueName("");
+  const std::string longPrefix(300, 'x');
+  const std::string names[] = {base + "a/b", base + "a%2Fb", base + "a\\b", base + longPrefix + "1",
+                               base + longPrefix + "2", base + "\xc3\xa9t\xc3\xa9"};
+  std::vector<std::unique_ptr<DKMutex>> mutexes;
+  for (const std::string& name : names) {
+    mutexes.push_back(std::make_unique<DKMutex>(Text(name)));
+    ASSERT_TRUE(mutexes.back()->Lock(0)) << name; // free: no earlier name mapped onto it
+  }
+  for (const std::string& name : names) {
+    DKMutex again(Text(name));
+    EXPECT_FALSE(LockFromOtherThread(again, 0)) << name;
+  }
+  for (auto& mutex : mutexes)
+    mutex->Unlock();
+}
+
+TEST(DKEventSemaphoreTest, ManualResetStatesAndWaitResults) {
+  enum Op { Post, Reset, Pulse };
+  const struct {
+    const char* label;
+    bool initial;
+    std::vector<Op> ops;
+    bool posted;
+  } cases[] = {
+      {"fresh", false, {}, false},
+      {"initially posted", true, {}, true},
+      {"posted twice", false, {Post, Post}, true},
+      {"posted then reset", false, {Post, Reset}, false},
+      {"reset then posted", true, {Reset, Post}, true},
+      {"pulsed without waiters", false, {Pulse}, false},
+      {"pulse resets a posted event", true, {Pulse}, false},
+  };
+  for (const auto& c : cases) {
+    DKEventSemaphore event(DKEventSemaphore::defaultValue, c.initial);
+    for (const Op op : c.ops)
+      op == Post ? event.post() : op == Reset ? event.reset() : event.pulse();
+    const std::uint32_t expected = c.posted ? DK_WAIT_OBJECT_0 : DK_WAIT_TIMEOUT;
+    EXPECT_EQ(event.Wait(0), expected) << c.label;
+    EXPECT_EQ(event.wait(5), expected) << c.label;
+    EXPECT_EQ(event.posted(), c.posted) << c.label; // waiting consumed nothing
+  }
+}
+
+TEST(DKEventSemaphoreTest, PostReleasesEveryWaiterAndPulseOnlyThoseWaiting) {
+  constexpr int kWaiters = 6;
+  DKEventSemaphore event;
+  std::vector<std::future<std::uint32_t>> waiters;
+  for (int i = 0; i < kWaiters; ++i)
+    waiters.push_back(std::async(std::launch::async, [&event, i] { return event.Wait(i % 2 ? DK_INFINITE : -7); }));
+  event.Post();
+  for (auto& waiter : waiters)
+    EXPECT_EQ(waiter.get(), DK_WAIT_OBJECT_0);
+  EXPECT_EQ(event.Wait(), DK_WAIT_OBJECT_0);
+
+  event.Reset();
+  std::atomic<int> released{0};
+  std::vector<std::thread> pulsed;
+  for (int i = 0; i < kWaiters; ++i)
+    pulsed.emplace_back([&] { released += event.Wait(DK_INFINITE) == DK_WAIT_OBJECT_0; });
+  // A waiter that has not reached its wait yet misses a pulse: pulse until all are through.
+  ASSERT_TRUE(WaitUntil([&] {
+    event.Pulse();
+    return released.load() == kWaiters;
+  }));
+  for (std::thread& waiter : pulsed)
+    waiter.join();
+  EXPECT_FALSE(event.Posted());
+  EXPECT_EQ(event.Wait(30), DK_WAIT_TIMEOUT); // a wait that starts afterwards is not released
+}
+
+TEST(DKEventSemaphoreTest, PingPongBetweenTwoThreadsKeepsStrictAlternation) {
+  constexpr int kRounds = 2000;
+  DKEventSemaphore ping;
+  DKEventSemaphore pong;
+  int shared = 0; // handed back and forth: each side writes only while the other waits
+  std::thread other([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      ping.Wait();
+      ping.Reset();
+      ++shared;
+      pong.Post();
+    }
+  });
+  for (int i = 0; i < kRounds; ++i) {
+    ++shared;
+    ping.Post();
+    ASSERT_EQ(pong.Wait(), DK_WAIT_OBJECT_0);
+    pong.Reset();
+    ASSERT_EQ(shared, 2 * (i + 1));
+  }
+  other.join();
+}
+
+TEST(DKEventSemaphoreTest, NamedEventIsOneEventForEveryObjectAndProcess) {
+  const std::string name = UniqueName("event-shared");
+  DKEventSemaphore first(Text(name));
+  DKEventSemaphore second(Text(name), true); // exists already: the initial state is not applied
+  EXPECT_FALSE(second.Posted());
+  first.Post();
+  EXPECT_TRUE(second.Posted());
+  EXPECT_EQ(RunHelper("event-posted " + name), 0);
+  second.Reset();
+  EXPECT_FALSE(first.Posted());
+  EXPECT_EQ(RunHelper("event-posted " + name), 12);
+
+  const std::string readyName = UniqueName("event-ready");
+  DKEventSemaphore ready(Text(readyName));
+  auto child = std::async(std::launch::async, [&] { return RunHelper("event-wait " + name + " " + readyName); });
+  ASSERT_EQ(ready.Wait(30000), DK_WAIT_OBJECT_0);
+  first.Post();
+  EXPECT_EQ(child.get(), 0);
+}
+
+TEST(DKEventSemaphoreTest, LastCloseOrADeadCreatorLeavesNoState) {
+  const std::string name = UniqueName("event-lifetime");
+  { DKEventSemaphore posted(Text(name), true); }
+  EXPECT_FALSE(DKEventSemaphore(Text(name), false).Posted());
+  ASSERT_EQ(RunHelper("event-create-and-die " + name), 0);
+  EXPECT_FALSE(DKEventSemaphore(Text(name), false).Posted());
+}
+
+TEST(DKCountingSemaphoreTest, CountsBoundsAndBadRequests) {
+  DKCountingSemaphore unbounded(2);
+  EXPECT_EQ(unbounded.GetSize(), 2147483647u);
+  EXPECT_FALSE(unbounded.TryLock(3));
+  EXPECT_EQ(unbounded.GetCount(), 2u);
+  EXPECT_TRUE(unbounded.TryLock(0));
+  EXPECT_TRUE(unbounded.TryLock());
+  EXPECT_TRUE(unbounded.TryLock(1));
+  EXPECT_FALSE(unbounded.TryLock());
+  unbounded.post(2);
+  unbounded.wait(2); // covered: returns at once
+  EXPECT_EQ(unbounded.GetCount(), 0u);
+
+  try {
+    DKCountingSemaphore wrong(5, 3);
+    FAIL() << "no exception";
+  } catch (const DKException& e) {
+    EXPECT_EQ(e.What().AsUTF8(), "DKCountingSemaphore exception: initial greater than the maximum");
+  }
+  const struct {
+    const char* label;
+    std::uint32_t initial;
+    std::uint32_t maximum;
+    std::uint32_t n;
+  } overflows[] = {
+      {"at the maximum", 3, 3, 1},
+      {"past the maximum", 1, 3, 3},
+      {"past 32 bits", 5, DKCountingSemaphore::DefaultMaximum, 0xFFFFFFFFu},
+  };
+  for (const auto& c : overflows) {
+    DKCountingSemaphore semaphore(c.initial, c.maximum);
+    try {
+      semaphore.Unlock(c.n);
+      ADD_FAILURE() << c.label << ": no exception";
+    } catch (const DKException& e) {
+      EXPECT_EQ(e.What().AsUTF8(), "DKCountingSemaphore overflow") << c.label;
+    }
+    EXPECT_EQ(semaphore.GetCount(), c.initial) << c.label;
+  }
+  DKCountingSemaphore small(1, 2);
+  EXPECT_THROW(small.Lock(3), DKException); // could never be met: no endless wait
+  EXPECT_EQ(small.GetCount(), 1u);
+}
+
+TEST(DKCountingSemaphoreTest, ProducersAndConsumersThroughABoundedQueue) {
+  constexpr int kPairs = 3;
+  constexpr int kItemsEach = 40;
+  constexpr std::uint32_t kCapacity = 4;
+  DKCountingSemaphore slots(kCapacity, kCapacity);
+  DKCountingSemaphore items(0, kCapacity);
+  DKCriticalSection queueLock;
+  std::deque<int> queue;
+  std::atomic<long> consumedSum{0};
+  std::atomic<int> consumedCount{0};
+  std::atomic<int> maxQueued{0};
+  std::vector<std::thread> threads;
+  for (int p = 0; p < kPairs; ++p) {
+    threads.emplace_back([&, p] {
+      for (int i = 0; i < kItemsEach; ++i) {
+        slots.Lock();
+        queueLock.Lock();
+        queue.push_back(p * kItemsEach + i);
+        maxQueued.store(std::max<int>(maxQueued.load(), static_cast<int>(queue.size())));
+        queueLock.Unlock();
+        items.Unlock();
+      }
+    });
+    threads.emplace_back([&] {
+      for (int i = 0; i < kItemsEach; ++i) {
+        items.wait();
+        queueLock.Lock();
+        consumedSum += queue.front();
+        queue.pop_front();
+        queueLock.Unlock();
+        slots.post();
+        ++consumedCount;
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  constexpr int kTotal = kPairs * kItemsEach;
+  EXPECT_EQ(consumedCount.load(), kTotal);
+  EXPECT_EQ(consumedSum.load(), long(kTotal) * (kTotal - 1) / 2); // every item exactly once
+  EXPECT_LE(maxQueued.load(), int(kCapacity));
+  EXPECT_EQ(slots.GetCount(), kCapacity);
+  EXPECT_EQ(items.GetCount(), 0u);
+}
+
+TEST(DKBatonTest, ThreadsTakeTheirTurnsInOrderAndAReachedTurnReturnsAtOnce) {
+  constexpr std::uint32_t kThreads = 8;
+  constexpr std::uint32_t kRounds = 3;
+  DKBaton baton;
+  std::vector<std::uint32_t> order; // written only while holding the baton
+  for (std::uint32_t round = 0; round < kRounds; ++round) {
+    std::vector<std::thread> threads;
+    for (std::uint32_t i = kThreads; i >= 1; --i) // the last turn starts first
+      threads.emplace_back([&, turn = round * kThreads + i] {
+        baton.Lock(turn);
+        order.push_back(turn);
+        baton.Unlock();
+      });
+    for (std::thread& thread : threads)
+      thread.join();
+  }
+  std::vector<std::uint32_t> expected(kThreads * kRounds);
+  std::iota(expected.begin(), expected.end(), 1u);
+  EXPECT_EQ(order, expected);
+  EXPECT_EQ(baton.GetTurn(), kThreads * kRounds);
+
+  DKBaton fresh;
+  fresh.Lock(1); // turn 0 = 1 - 1: taken at once
+  EXPECT_EQ(fresh.GetTurn(), 1u);
+  std::thread([&] {
+    fresh.lock(0); // reached already: returns without waiting for the holder
+    fresh.Lock(1);
+  }).join();
+  fresh.unlock();
+  std::thread([&] { fresh.Lock(2); }).join();
+  EXPECT_EQ(fresh.GetTurn(), 2u);
+  fresh.Unlock();
+}
+
+} // namespace
