@@ -10,6 +10,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -188,7 +189,16 @@ DKThreadHandleImpl* DKThreadImpl::CreateHeld(std::size_t stackSize, Entry entry,
     size = (size + page - 1) / page * page;
     pthread_attr_setstacksize(&attributes, size);
   }
+  // The new thread starts with the quit signals blocked, so that SIGINT and SIGTERM sent to the
+  // process reach a thread of the application's own rather than one of the library's workers,
+  // which may be parked in a wait that a signal handler must not depend on.
+  sigset_t quit, previous;
+  sigemptyset(&quit);
+  sigaddset(&quit, SIGINT);
+  sigaddset(&quit, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &quit, &previous);
   const int rc = pthread_create(&handle->thread, &attributes, Trampoline, handle);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
   if (rc != 0) {
     delete handle;
