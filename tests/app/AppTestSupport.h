@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKTestSupport.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -32,26 +34,6 @@ namespace apptest {
 namespace fs = std::filesystem;
 
 // Reached only when something is wrong: a loaded machine under a sanitizer is slow.
-inline constexpr auto kGenerousBound = std::chrono::seconds(60);
-
-// Polls the condition until it holds or the bound passes; the condition's last answer.
-template <class Condition>
-bool WaitUntil(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kGenerousBound;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline)
-      return condition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-inline DKString Text(const std::string& utf8) {
-  DKString text;
-  text.SetFromUTF8(utf8.c_str());
-  return text;
-}
-
 // A fresh directory, removed with everything in it at the end of the test.
 class ScratchDir {
 public:
@@ -87,14 +69,6 @@ inline std::string ReadFile(const std::string& path) {
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
-}
-
-inline std::vector<std::string> SplitLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    lines.push_back(line);
-  return lines;
 }
 
 // Keeps every piece it is given, with its level.

@@ -25,20 +25,6 @@ bool IsRegistered(std::uint32_t id) {
   return std::any_of(infos.begin(), infos.end(), [id](const DKThreadInfo& info) { return info.GetThreadId() == id; });
 }
 
-// Captures the console and sets its verbosity for a scope; read the text once the writers are joined.
-struct ConsoleCapture {
-  explicit ConsoleCapture(std::uint32_t verbosity) : level(verbosity) {
-    DKSetTraceLevelProvider([](void* context) { return *static_cast<std::uint32_t*>(context); }, &level);
-  }
-  ~ConsoleCapture() {
-    DKSetTraceLevelProvider(nullptr);
-    DKLockedCOUT::SetConsoleStream(previous);
-  }
-  std::uint32_t level;
-  std::ostringstream stream;
-  std::ostream* previous = DKLockedCOUT::SetConsoleStream(&stream);
-};
-
 // Counts its destructions.
 std::atomic<int> g_destroyed{0};
 class CountedThread : public DKThread {
@@ -165,7 +151,8 @@ TEST(DKThreadTest, ExceptionsNeverLeaveTheThreadAreReportedWhileVerboseAndExitFu
       {"library", 1, [] { throw DKException(DK_T("library failure###***###shown"), true); }, "library failure", false},
   };
   for (const auto& c : cases) {
-    ConsoleCapture console(c.verbosity);
+    ConsoleCapture console; // read once the writers are joined
+    TraceLevelOverride verbosity(c.verbosity);
     std::vector<int> order; // written by the thread only; read after Join
     DKThread thread(DKMakeCallback([&] {
       order.push_back(0);
@@ -176,7 +163,7 @@ TEST(DKThreadTest, ExceptionsNeverLeaveTheThreadAreReportedWhileVerboseAndExitFu
     ASSERT_TRUE(thread.Start().Good());
     thread.Join();
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3})) << c.label;
-    const std::string text = console.stream.str();
+    const std::string text = console.Text();
     if (c.exact) {
       EXPECT_EQ(text, c.text) << c.label;
     } else {

@@ -5,6 +5,8 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
+#include "support/DKTestSupport.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -22,27 +24,6 @@
 #endif
 
 // Long enough for a loaded machine under a sanitizer; reached only when something is wrong.
-inline constexpr auto kGenerousBound = std::chrono::seconds(30);
-
-// Polls the condition until it holds or the bound passes; the condition's last answer.
-template <class Condition>
-bool WaitUntil(Condition condition, std::chrono::milliseconds bound = kGenerousBound) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline)
-      return condition();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-// UTF-8 text as a DKString.
-inline DKString Text(const std::string& utf8) {
-  DKString text;
-  text.SetFromUTF8(utf8.c_str());
-  return text;
-}
-
 // Runs f on a thread of its own and returns its result.
 template <class F>
 auto OnOtherThread(F f) {
