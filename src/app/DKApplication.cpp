@@ -1,5 +1,7 @@
 // DKApplication: start-up, the current application, console and log output, usage screen.
 #include <DorvikCore/DKApplication.h>
+
+#include <DorvikCore/DKCrashHandler.h>
 #include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKDirectory.h>
 #include <DorvikCore/DKException.h>
@@ -157,6 +159,8 @@ void DKApplication::NameErrorLog() {
     executable = m_cmdLine.GetAppName();
   const dkapp::PathParts parts = dkapp::SplitPath(executable);
   GetLogManager().SetErrorLogFile(m_tmpDirectory, parts.baseName + DK_T("-ERROR.LOG"));
+  // A crash report goes to the error log too.
+  DKSetCrashReportFile(GetLogManager().GetErrorLogFile());
 }
 
 DKApplication::~DKApplication() {

@@ -6,6 +6,7 @@
 #include <DorvikCore/DKThread.h>
 
 #include <DorvikCore/DKConsole.h>
+#include <DorvikCore/DKCrashHandler.h>
 #include <DorvikCore/DKException.h>
 
 #include "os/DKProcess.h"
@@ -251,6 +252,7 @@ DKErrorID DKThread::Start(int priority) {
 }
 
 void DKThread::ThreadEntry(void* argument) {
+  DKInitCatchSignal();
   auto* self = static_cast<DKThread*>(argument);
   // The COM model (self->GetComModel()) needs no initialisation here.
   const bool referenced = self->m_threadReference;

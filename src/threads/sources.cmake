@@ -1,4 +1,5 @@
 target_sources(DorvikCore PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/DKCrashHandler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKCriticalSection.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKMutex.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKSemaphore.cpp

@@ -1,0 +1,22 @@
+// Catching of crashes: a fatal signal (segmentation fault, bus error, arithmetic error, illegal
+// instruction, abort) writes a crash report before the process ends. The report holds the
+// signal and its cause, the process, the thread, the time, the stack and the dump of the
+// library's threads; it goes to the standard error and is appended to the report file.
+//
+// After the report the process ends exactly as it would have: a handler that was installed
+// before runs, otherwise the signal's default action (a core dump where the system makes them).
+// A crash is never turned into a C++ exception: code after a fault cannot be trusted.
+#pragma once
+
+#include <DorvikCore/DKExport.h>
+#include <DorvikCore/DKString.h>
+
+// Installs the catching for the process (once) and an alternate signal stack for the calling
+// thread, so that a stack overflow is reported too. DKThread calls it on each of its threads
+// and the plug-in host on its main thread; call it on threads made otherwise. Cheap when done.
+DK_EXPORT void DKInitCatchSignal();
+
+// The file a crash report is appended to besides the standard error; empty for none. An
+// application sets it to its error log. False (and no file) when the path is too long.
+DK_EXPORT bool DKSetCrashReportFile(const DKString& path);
+DK_EXPORT DKString DKGetCrashReportFile();

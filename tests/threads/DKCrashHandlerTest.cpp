@@ -1,0 +1,154 @@
+// Crash catching: each case ends a child process by a fatal signal and reads its report.
+#include <DorvikCore/DKCrashHandler.h>
+
+#include <gtest/gtest.h>
+
+#include "support/DKChildProcess.h"
+#include "support/DKTestSupport.h"
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A sanitizer's own handler ends the process after the report, with its own status.
+constexpr bool kSanitizerHandlesTheEnd = true;
+#else
+constexpr bool kSanitizerHandlesTheEnd = false;
+#endif
+
+const std::string kEnd = "****** End of crash report ******";
+
+struct CrashRun {
+  int exitCode;
+  std::string output;
+  std::vector<std::string> lines;
+
+  bool Has(const std::string& line) const { return std::find(lines.begin(), lines.end(), line) != lines.end(); }
+  bool HasStarting(const std::string& start) const {
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.rfind(start, 0) == 0; });
+  }
+  // The lines between "Stack:" and the next report section.
+  std::size_t StackFrames() const {
+    auto at = std::find(lines.begin(), lines.end(), "Stack:");
+    std::size_t frames = 0;
+    for (++at; at < lines.end() && !at->empty() && at->rfind("******", 0) != 0; ++at)
+      ++frames;
+    return frames;
+  }
+};
+
+CrashRun RunCrash(const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{DK_CRASH_CHILD_PATH};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  dktest::Child child(command, "");
+  const int exitCode = child.Finish();
+  return {exitCode, child.Output(), child.Lines()};
+}
+
+std::string ReadWhole(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct CrashCase {
+  const char* how;
+  int signalNumber;
+  const char* header;
+  const char* cause; // a line the report must hold, or null
+  bool inThread;
+};
+
+class CrashReportTest : public ::testing::TestWithParam<CrashCase> {};
+
+TEST_P(CrashReportTest, ReportsTheCrashThenEndsByTheSignal) {
+  const CrashCase& c = GetParam();
+  const fs::path reportFile = fs::temp_directory_path() / ("dk-crash-" + std::to_string(::getpid()) + "-" + c.how);
+  fs::remove(reportFile);
+  const CrashRun run = RunCrash({c.how, reportFile.string()});
+
+  EXPECT_TRUE(run.Has(std::string("****** Fatal signal ") + c.header + " ******")) << run.output;
+  if (c.cause) {
+    EXPECT_TRUE(run.Has(c.cause)) << run.output;
+  }
+  EXPECT_TRUE(run.HasStarting("Process: ")) << run.output;
+  EXPECT_TRUE(run.HasStarting("Thread: ")) << run.output;
+  EXPECT_TRUE(run.HasStarting("Time: ")) << run.output;
+  EXPECT_GE(run.StackFrames(), 2u) << run.output;
+  EXPECT_TRUE(run.Has("****** Writing thread info ******")) << run.output;
+  EXPECT_TRUE(run.Has("****** Thread info written ******")) << run.output;
+  EXPECT_TRUE(run.Has(kEnd)) << run.output;
+  if (c.inThread) { // the crashing thread is one of the library's: the dump lists it
+    EXPECT_GE(std::count_if(run.lines.begin(), run.lines.end(),
+                            [](const std::string& l) { return l.find("_PRIORITY_CLASS") != std::string::npos; }),
+              1)
+        << run.output;
+  }
+  if (!kSanitizerHandlesTheEnd) {
+    EXPECT_EQ(run.exitCode, 128 + c.signalNumber) << run.output;
+  } else {
+    EXPECT_NE(run.exitCode, 0) << run.output;
+  }
+
+  const std::string report = ReadWhole(reportFile);
+  EXPECT_NE(report.find(std::string("****** Fatal signal ") + c.header), std::string::npos) << report;
+  EXPECT_NE(report.find(kEnd), std::string::npos) << report;
+  fs::remove(reportFile);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Signals, CrashReportTest,
+    ::testing::Values(
+        CrashCase{"segv", SIGSEGV, "SIGSEGV (segmentation fault)", "Cause: address not mapped", false},
+        CrashCase{"fpe", SIGFPE, "SIGFPE (arithmetic error)", "Cause: integer divide by zero", false},
+        CrashCase{"abort", SIGABRT, "SIGABRT (abort)", "Cause: raised by the process itself", false},
+        CrashCase{"overflow", SIGSEGV, "SIGSEGV (segmentation fault)", nullptr, false},
+        CrashCase{"thread-segv", SIGSEGV, "SIGSEGV (segmentation fault)", "Address: 0x0000000000000000", true},
+        CrashCase{"thread-overflow", SIGSEGV, "SIGSEGV (segmentation fault)", nullptr, true}),
+    [](const ::testing::TestParamInfo<CrashCase>& info) {
+      std::string name = info.param.how;
+      std::replace(name.begin(), name.end(), '-', '_');
+      return name;
+    });
+
+TEST(CrashHandlerTest, AHandlerInstalledBeforeRunsAfterTheReport) {
+  const CrashRun run = RunCrash({"chained"});
+  EXPECT_TRUE(run.Has(kEnd)) << run.output;
+  ASSERT_TRUE(run.Has("earlier handler ran")) << run.output;
+  EXPECT_LT(std::find(run.lines.begin(), run.lines.end(), kEnd),
+            std::find(run.lines.begin(), run.lines.end(), "earlier handler ran"));
+  EXPECT_EQ(run.exitCode, 42) << run.output;
+}
+
+TEST(CrashHandlerTest, AnUnwritableReportFileLeavesTheReportOnTheStandardError) {
+  const fs::path missing = fs::temp_directory_path() / "dk-no-such-folder" / "deeper" / "report.log";
+  const CrashRun run = RunCrash({"segv", missing.string()});
+  EXPECT_TRUE(run.Has(kEnd)) << run.output;
+  EXPECT_FALSE(fs::exists(missing));
+  if (!kSanitizerHandlesTheEnd) {
+    EXPECT_EQ(run.exitCode, 128 + SIGSEGV) << run.output;
+  }
+}
+
+TEST(CrashHandlerTest, ReportFileIsKeptUnlessTooLong) {
+  const DKString before = DKGetCrashReportFile();
+  EXPECT_TRUE(DKSetCrashReportFile(Text("/tmp/dk-crash-ééé.log")));
+  EXPECT_EQ(DKGetCrashReportFile(), Text("/tmp/dk-crash-ééé.log"));
+  EXPECT_FALSE(DKSetCrashReportFile(Text("/" + std::string(5000, 'x'))));
+  EXPECT_TRUE(DKGetCrashReportFile().IsEmpty()) << "a path that cannot be kept whole is not kept at all";
+  EXPECT_TRUE(DKSetCrashReportFile(DKString()));
+  EXPECT_TRUE(DKGetCrashReportFile().IsEmpty());
+  DKSetCrashReportFile(before);
+}
+
+} // namespace

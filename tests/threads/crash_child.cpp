@@ -1,0 +1,84 @@
+// The process the crash cases end: it installs the crash catching, then crashes the way its
+// first argument says. The second argument, when given, is the report file.
+#include <DorvikCore/DKCrashHandler.h>
+#include <DorvikCore/DKThread.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <unistd.h>
+
+namespace {
+
+volatile int g_sink;
+
+// The undefined-behaviour checks would report these first and end the process their own way.
+[[gnu::noinline, gnu::no_sanitize("undefined")]] void WriteThroughNull() {
+  volatile int* volatile nowhere = nullptr; // not provably null, so the store stays
+  *nowhere = 1;
+}
+
+[[gnu::noinline, gnu::no_sanitize("undefined")]] void DivideByZero() {
+  volatile int numerator = 7; // a constant 1 / x would be folded into a comparison
+  volatile int zero = 0;
+  g_sink = numerator / zero;
+}
+
+// Each frame keeps a page alive so that the stack runs out after a few thousand calls.
+volatile bool g_deeper = true; // always true; the compiler cannot tell
+
+[[gnu::noinline]] int Recurse(int depth) {
+  volatile char page[4096];
+  page[0] = static_cast<char>(depth);
+  return g_deeper ? Recurse(depth + 1) + page[0] : depth;
+}
+
+void Crash(const std::string& how) {
+  if (how == "segv")
+    WriteThroughNull();
+  else if (how == "fpe")
+    DivideByZero();
+  else if (how == "abort")
+    std::abort();
+  else if (how == "overflow")
+    g_sink = Recurse(0);
+}
+
+void OnSegvBefore(int) {
+  static const char text[] = "earlier handler ran\n";
+  (void)!write(STDERR_FILENO, text, sizeof text - 1);
+  _exit(42);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2)
+    return 2;
+  std::string how = argv[1];
+  if (how == "chained") {
+    // An application's own handler, installed before the library's: it still runs.
+    std::signal(SIGSEGV, &OnSegvBefore);
+    how = "segv";
+  }
+  DKInitCatchSignal();
+  DKInitCatchSignal(); // a second call changes nothing
+  if (argc > 2) {
+    DKString reportFile;
+    reportFile.SetFromUTF8(argv[2]);
+    if (!DKSetCrashReportFile(reportFile))
+      return 3;
+  }
+  if (how.rfind("thread-", 0) == 0) {
+    const std::string inThread = how.substr(7);
+    DKThread thread(DKMakeCallback([inThread] { Crash(inThread); }));
+    thread.Start(0);
+    thread.Join();
+    return 4;
+  }
+  Crash(how);
+  return 5;
+}
