@@ -10,6 +10,8 @@
 //   - the words, joined again with quoting, split into the same words;
 //   - the caller's-vector constructor classifies the same words the same way;
 //   - valid UTF-8 arguments of a main() vector decode to text that encodes back to the bytes.
+#include "FuzzCheck.h"
+
 #include <DorvikCore/DKCommandLine.h>
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKFormat.h>
@@ -23,14 +25,6 @@
 #include <vector>
 
 namespace {
-
-#define FUZZ_CHECK(condition)                                                                      \
-  do {                                                                                             \
-    if (!(condition)) {                                                                            \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition);           \
-      std::abort();                                                                                \
-    }                                                                                              \
-  } while (0)
 
 const DKChar* const argDelimiterSets[] = {DK_T("/-"), DK_T("/"), DK_T("-\\/"), DK_T("+")};
 const DKChar* const valueDelimiterSets[] = {DK_T(":"), DK_T("=:"), DK_T(""), DK_T("/")};

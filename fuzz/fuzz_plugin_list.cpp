@@ -7,6 +7,8 @@
 //     (or a name that was absolute already) whose name carries no surrounding blanks;
 //   - a refused line is never also a module, and every line over 260 characters is refused;
 //   - a GUID that reads prints in the braced upper-case form, and that form reads back to it.
+#include "FuzzCheck.h"
+
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKGuid.h>
@@ -19,14 +21,6 @@
 #include <vector>
 
 namespace {
-
-#define FUZZ_CHECK(condition)                                                                      \
-  do {                                                                                             \
-    if (!(condition)) {                                                                            \
-      std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition);           \
-      std::abort();                                                                                \
-    }                                                                                              \
-  } while (0)
 
 void CheckList(const std::string& text) {
   const DKString base(DK_T("/plugins"));

@@ -32,9 +32,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
+
+class DKUnitTest; // <DorvikCore/DKUnitTest.h>
 
 class DK_EXPORT DKApplication {
 public:
@@ -192,6 +195,13 @@ public:
   // The current application when it is a plug-in application; null otherwise.
   static DKApplicationWithPlugIns* GetApp();
 
+  // The main menu, named after the program (GetAppName()). Plug-ins add their tests and
+  // maintenance actions to it in Init, where they hold the application read-only: the menu
+  // locks itself, so it is open to adding through a const application too. Its entries are
+  // dropped before the plug-ins are unloaded (their code lives in the plug-ins' modules).
+  DKUnitTest& GetMainMenu() const noexcept { return *m_mainMenu; }
+  // With the flag set, Run shows the main menu on the standard input and the console once the
+  // run plug-ins are started, and asks for the exit when the user leaves it.
   bool IsRunWithMenu() const noexcept { return m_runWithMenu; }
   void SetIsRunWithMenu(bool runWithMenu) noexcept { m_runWithMenu = runWithMenu; }
   void* GetHostContext() const noexcept { return m_hostContext; }
@@ -239,6 +249,7 @@ private:
   DKSmartPtrVector<DKPlugIn> m_loadedPlugIns;
   DKSmartPtrVector<DKPlugIn> m_runnablePlugIns;
   std::vector<Module> m_modules; // in order of loading
+  std::unique_ptr<DKUnitTest> m_mainMenu;
   bool m_runWithMenu = false;
   void* m_signalToken = nullptr;
   bool m_runFailureReported = false; // Run reported the exception it lets through

@@ -2,9 +2,11 @@
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKDirectory.h>
 #include <DorvikCore/DKException.h>
+#include <DorvikCore/DKCrashHandler.h>
 #include <DorvikCore/DKFormat.h>
 #include <DorvikCore/DKThread.h>
 #include <DorvikCore/DKTrace.h>
+#include <DorvikCore/DKUnitTest.h>
 
 #include "app/DKAppPath.h"
 #include "os/DKEnvironment.h"
@@ -14,6 +16,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iostream>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -24,6 +27,40 @@ namespace {
 std::atomic<bool> g_exitAnnounced{false};
 
 void OnQuitSignal(int) { DKApplication::PostExitRequest(); }
+
+// Holds the quit signals back from the calling thread for its lifetime (DKSignal), turning a
+// pending one into an exit request whenever the thread asks.
+class QuitSignalHold {
+public:
+  QuitSignalHold() : m_token(DKSignal::HoldQuitSignals()) {}
+  ~QuitSignalHold() { DKSignal::ReleaseQuitSignals(m_token); }
+  QuitSignalHold(const QuitSignalHold&) = delete;
+  QuitSignalHold& operator=(const QuitSignalHold&) = delete;
+
+  bool ExitPosted() const {
+    if (m_token && DKSignal::TakeQuitSignal())
+      DKApplication::PostExitRequest();
+    return DKApplication::IsExitPosted();
+  }
+
+  // Lets the quit signals through to the handler for its lifetime.
+  class LetThrough {
+  public:
+    explicit LetThrough(QuitSignalHold& hold) : m_hold(hold) {
+      DKSignal::ReleaseQuitSignals(m_hold.m_token);
+      m_hold.m_token = nullptr;
+    }
+    ~LetThrough() { m_hold.m_token = DKSignal::HoldQuitSignals(); }
+    LetThrough(const LetThrough&) = delete;
+    LetThrough& operator=(const LetThrough&) = delete;
+
+  private:
+    QuitSignalHold& m_hold;
+  };
+
+private:
+  void* m_token;
+};
 
 DKErrorID TextError(const DKString& text) { return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text))); }
 
@@ -79,6 +116,11 @@ std::vector<DKPlugIn::PlugInIdEx> SafeDependencies(const DKPlugIn& plugIn) {
   }
 }
 
+// The main menu is named after the program, without directory and extension.
+std::unique_ptr<DKUnitTest> NewMainMenu(const DKApplication& app) {
+  return std::make_unique<DKUnitTest>(app.GetAppName());
+}
+
 bool EndsWithIgnoringCase(const DKString& text, const DKString& end) {
   return text.Length() > end.Length() && text.SubStr(text.Length() - end.Length()).IsEqual(end, DKString::IgnoreCase);
 }
@@ -87,15 +129,15 @@ bool EndsWithIgnoringCase(const DKString& text, const DKString& end) {
 
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(int argc, const char* const* argv, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext) {}
+    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
 
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(int argc, const DKChar* const* argv, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext) {}
+    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
 
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(const DKString& commandLine, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(commandLine, subscriber, unused), m_hostContext(hostContext) {}
+    : DKApplication(commandLine, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
 
 DKApplicationWithPlugIns::~DKApplicationWithPlugIns() {
   RequestExit(true);
@@ -108,6 +150,8 @@ DKApplicationWithPlugIns::~DKApplicationWithPlugIns() {
       if (DKSmartPtr<DKThread> thread = threaded->GetThread())
         thread->Join();
     }
+  // The menu's tests are code of the plug-ins' modules: they go before any module is closed.
+  m_mainMenu->Clear();
   UnloadAll();
   if (m_signalToken)
     DKSignal::Restore(m_signalToken);
@@ -547,13 +591,18 @@ DKSmartPtrVector<DKPlugIn> DKApplicationWithPlugIns::GetPlugInHier(const DKSmart
 // Running and stopping
 
 int DKApplicationWithPlugIns::Run() {
+  DKInitCatchSignal();
   if (!m_signalToken)
     m_signalToken = DKSignal::InstallQuitHandler(&OnQuitSignal);
+  // While the main thread only starts and watches plug-ins, it holds the quit signals back and
+  // takes them itself, so that a quit request never depends on when a handler gets to run. It
+  // lets them through while plug-in code or the menu runs on it.
+  QuitSignalHold quitSignals;
 
   for (const DKSmartPtr<DKPlugIn>& plugIn : GetPlugInHier(m_runnablePlugIns)) {
     if (plugIn->GetStatus() != DKPlugIn::Initialized || !plugIn->IsRunningPlugIn())
       continue;
-    if (IsExitPosted())
+    if (quitSignals.ExitPosted())
       break; // asked to quit: nothing more is started
     const DKString name = SafeName(*plugIn);
     GetCout(1) << "RUN> Running <" << name << ">..." << std::flush;
@@ -566,6 +615,7 @@ int DKApplicationWithPlugIns::Run() {
     auto* runnable = static_cast<DKRunPlugIn*>(plugIn.Get());
     runnable->SetStatus(DKPlugIn::Running);
     try {
+      const QuitSignalHold::LetThrough letThrough(quitSignals);
       runnable->Run();
     } catch (const std::exception& e) {
       runnable->SetStatus(DKPlugIn::Finished);
@@ -581,8 +631,16 @@ int DKApplicationWithPlugIns::Run() {
     runnable->SetStatus(DKPlugIn::Finished);
   }
 
+  if (m_runWithMenu && !quitSignals.ExitPosted()) {
+    const QuitSignalHold::LetThrough letThrough(quitSignals);
+    // A stream of its own at level 0: the menu shows even at trace level 0, and its tests may
+    // set the level of the thread's console stream as they like.
+    DKLogStream console(GetChannelId(), 0);
+    m_mainMenu->RunInteractive(std::cin, console, [] { return IsExitPosted(); });
+    PostExitRequest();
+  }
   while (AnyRunning()) {
-    if (IsExitPosted())
+    if (quitSignals.ExitPosted())
       RequestExit(false);
     DKThread::Sleep(10);
     DKThread::Sleep(200);

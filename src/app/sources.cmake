@@ -6,4 +6,5 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKLog.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKObjectFactory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugIn.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKUnitTest.cpp
 )

@@ -12,4 +12,15 @@ public:
   static void* InstallQuitHandler(QuitHandler handler);
   // Puts back the dispositions kept by InstallQuitHandler and frees the token.
   static void Restore(void* token);
+
+  // Holds the quit signals back from the calling thread, so that they wait as pending until
+  // TakeQuitSignal accepts one; returns a token for ReleaseQuitSignals. A thread that polls for
+  // quit requests this way depends on no asynchronous delivery at all.
+  static void* HoldQuitSignals();
+  // Accepts a pending quit signal without waiting: true when one was pending (it is consumed).
+  // Only meaningful on a thread that holds the quit signals back.
+  static bool TakeQuitSignal();
+  // Puts back the calling thread's previous signal mask; a quit signal still pending is then
+  // delivered to the installed handler. Frees the token.
+  static void ReleaseQuitSignals(void* token);
 };

@@ -4,6 +4,7 @@
 
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKException.h>
+#include <DorvikCore/DKThread.h>
 
 #include <functional>
 #include <map>
@@ -101,6 +102,20 @@ public:
   DKErrorID Run() override { throw std::runtime_error("ThreadThrows is broken"); }
 };
 
+// A run step on the main thread that lasts until the application is asked to quit: a quit
+// signal must reach it while it runs.
+class Patient : public Reporter {
+public:
+  Patient() : Reporter(DK_T("Patient"), TestId(21)) {}
+  DKErrorID Run() override {
+    Out() << "Patient: waiting" << std::endl;
+    while (!DKApplication::IsExitPosted())
+      DKThread::Sleep(10);
+    Out() << "Patient: exit request seen" << std::endl;
+    return DKErrorID();
+  }
+};
+
 } // namespace
 
 DKPlugIn* DKTestMakePlugIn(const char* kind) {
@@ -121,6 +136,7 @@ DKPlugIn* DKTestMakePlugIn(const char* kind) {
       {"worker", [] { return new Worker(DK_T("Worker"), TestId(16)); }},
       {"worker2", [] { return new Worker(DK_T("Worker2"), TestId(17)); }},
       {"threadthrows", [] { return new ThreadThrows; }},
+      {"patient", [] { return new Patient; }},
       {"entrythrows", []() -> DKPlugIn* { throw std::runtime_error("the plug-in cannot be made"); }},
   };
   const auto maker = makers.find(kind);

@@ -1,12 +1,22 @@
 // POSIX quit signals (os/DKSignal.h): SIGINT and SIGTERM.
 #include "os/DKSignal.h"
 
+#include <pthread.h>
 #include <signal.h>
+#include <time.h>
 
 namespace {
 
 constexpr int kQuitSignals[] = {SIGINT, SIGTERM};
 constexpr int kQuitSignalCount = sizeof kQuitSignals / sizeof kQuitSignals[0];
+
+sigset_t QuitSet() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int signalNumber : kQuitSignals)
+    sigaddset(&set, signalNumber);
+  return set;
+}
 
 struct SavedActions {
   struct sigaction previous[kQuitSignalCount];
@@ -38,4 +48,32 @@ void DKSignal::Restore(void* token) {
   for (int i = 0; i < kQuitSignalCount; ++i)
     sigaction(kQuitSignals[i], &saved->previous[i], nullptr);
   delete saved;
+}
+
+void* DKSignal::HoldQuitSignals() {
+  auto* previous = new sigset_t;
+  const sigset_t quit = QuitSet();
+  if (pthread_sigmask(SIG_BLOCK, &quit, previous) != 0) {
+    delete previous;
+    return nullptr;
+  }
+  return previous;
+}
+
+bool DKSignal::TakeQuitSignal() {
+  const sigset_t quit = QuitSet();
+  const timespec noWait{0, 0};
+  // Several pending quit signals are one request: take them all.
+  bool taken = false;
+  while (sigtimedwait(&quit, nullptr, &noWait) > 0)
+    taken = true;
+  return taken;
+}
+
+void DKSignal::ReleaseQuitSignals(void* token) {
+  auto* previous = static_cast<sigset_t*>(token);
+  if (!previous)
+    return;
+  pthread_sigmask(SIG_SETMASK, previous, nullptr);
+  delete previous;
 }

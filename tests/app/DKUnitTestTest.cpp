@@ -1,0 +1,299 @@
+// The test menu: adding, unattended and interactive runs, adding while a run goes on, and the
+// plug-in application's main menu.
+#include "AppTestSupport.h"
+
+#include <DorvikCore/DKApplication.h>
+#include <DorvikCore/DKException.h>
+#include <DorvikCore/DKUnitTest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+
+using namespace apptest;
+
+namespace {
+
+DKErrorID Error(const char* text) {
+  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(Text(text))));
+}
+
+// Main: 1 A, 2 Sub > (1 B fails, 2 Inner > (1 C)). The tests note their names in ran.
+struct Tree {
+  Tree() : main(DK_T("Main")) {
+    main.AddTest(DK_T("A"), [this] { ran.push_back("A"); });
+    DKUnitTest& sub = main.AddMenu(DK_T("Sub"));
+    sub.AddTest(DK_T("B"), [this] { return ran.push_back("B"), Error("no"); });
+    sub.AddMenu(DK_T("Inner")).AddTest(DK_T("C"), [this] { ran.push_back("C"); });
+  }
+  std::vector<std::string> ran;
+  DKUnitTest main;
+};
+
+TEST(DKUnitTestRun, RunsDepthFirstInOrderOfAdditionAndNamesEachPath) {
+  Tree tree;
+  // A second plug-in opening the same scope adds to it, in its place.
+  DKUnitTest& sub = tree.main.AddMenu(DK_T("SUB"));
+  ASSERT_EQ(&sub, tree.main.FindMenu(DK_T("sub")));
+  ASSERT_TRUE(sub.AddTest(DK_T("Late"), [&] { tree.ran.push_back("Late"); }).Good());
+  std::ostringstream out;
+  const DKUnitTest::Result result = tree.main.RunAll(out);
+  EXPECT_EQ(tree.ran, (std::vector<std::string>{"A", "B", "C", "Late"}));
+  EXPECT_EQ(SplitLines(out.str()),
+            (std::vector<std::string>{"PASS Main/A", "FAIL Main/Sub/B: no", "PASS Main/Sub/Inner/C",
+                                      "PASS Main/Sub/Late", "Main: 4 run, 3 passed, 1 failed"}));
+  EXPECT_EQ(result.passed, 3u);
+  EXPECT_EQ(result.failed, 1u);
+}
+
+TEST(DKUnitTestRun, EveryKindOfFailureIsReportedWithItsReasonAndTheRunGoesOn) {
+  const auto throws = [](auto thrown) -> DKUnitTest::ErrorTest { return [thrown]() -> DKErrorID { throw thrown; }; };
+  const struct {
+    const char* name;
+    DKUnitTest::ErrorTest test;
+    const char* line;
+  } cases[] = {
+      {"ok", [] { return DKErrorID(); }, "PASS M/ok"},
+      {"bad id", [] { return Error("disk full"); }, "FAIL M/bad id: disk full"},
+      {"library error",
+       [] {
+         DKSmartPtr<DKErrorWithArgs> invalid = DKLibraryError(DK_MSG_INVALID_DATE);
+         invalid->AddParam(DKString(DK_T("31.02")));
+         return DKErrorID(invalid);
+       },
+       "FAIL M/library error: Invalid date: 31.02"},
+      {"no text", [] { return Error(""); }, "FAIL M/no text: error -1"},
+      {"DKException", throws(DKException(DK_T("inside###***###locked"), true)),
+       "FAIL M/DKException: exception: locked"},
+      {"std", throws(std::runtime_error("boom")), "FAIL M/std: exception: boom"},
+      {"other", throws(7), "FAIL M/other: unknown exception"},
+      {"lines", throws(std::runtime_error("1\r\n2\n3")), "FAIL M/lines: exception: 1 2 3"},
+  };
+  DKUnitTest menu(DK_T("M"));
+  std::vector<std::string> expected;
+  for (const auto& c : cases) {
+    ASSERT_TRUE(menu.AddTest(Text(c.name), c.test).Good()) << c.name;
+    expected.push_back(c.line);
+  }
+  // Tests that return nothing fail by throwing.
+  ASSERT_TRUE(menu.AddTest(DK_T("void"), [] { throw std::logic_error("thrown"); }).Good());
+  ASSERT_TRUE(menu.AddTest(DK_T("void ok"), [] {}).Good());
+  expected.insert(expected.end(),
+                  {"FAIL M/void: exception: thrown", "PASS M/void ok", "M: 10 run, 2 passed, 8 failed"});
+  std::ostringstream out;
+  const DKUnitTest::Result result = menu.RunAll(out);
+  EXPECT_EQ(SplitLines(out.str()), expected);
+  EXPECT_EQ(result.failed, 8u);
+}
+
+TEST(DKUnitTestAdd, RefusesWhatWouldMakeAPathAmbiguousAndKeepsWhatWasThere) {
+  Tree tree;
+  const auto again = [&] { tree.ran.push_back("again"); };
+  const struct {
+    DKErrorID refused;
+    const char* text;
+  } cases[] = {
+      {tree.main.AddTest(DK_T("a"), again), "menu <Main> has an entry named <A> already"},
+      {tree.main.AddTest(DK_T("SUB"), again), "menu <Main> has an entry named <Sub> already"},
+      {tree.main.AddTest(DKString(), again), "a test of menu <Main> has no name"},
+      {tree.main.AddTest(DK_T("E"), DKUnitTest::ErrorTest()), "the test <E> of menu <Main> is empty"},
+      {tree.main.AddTest(DK_T("E"), DKUnitTest::VoidTest()), "the test <E> of menu <Main> is empty"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.refused.GetCode(), DK_MSG_INVALID_ARGUMENT) << c.text;
+    EXPECT_EQ(c.refused.AsString().AsUTF8(), std::string("Invalid argument: ") + c.text);
+  }
+  EXPECT_THROW(tree.main.AddMenu(DK_T("a")), DKException) << "a test cannot become a scope";
+  EXPECT_THROW(tree.main.AddMenu(DKString()), DKException);
+  EXPECT_EQ(tree.main.FindMenu(DK_T("A")), nullptr);
+  EXPECT_EQ(tree.main.GetEntryCount(), 2u);
+
+  // A scope stays where it is however many entries follow.
+  DKUnitTest* const sub = tree.main.FindMenu(DK_T("Sub"));
+  for (int i = 0; i < 100; ++i)
+    tree.main.AddMenu(Text("More " + std::to_string(i)));
+  EXPECT_EQ(&tree.main.AddMenu(DK_T("Sub")), sub);
+  tree.main.Clear();
+  EXPECT_EQ(tree.main.GetEntryCount(), 0u);
+  EXPECT_TRUE(tree.main.AddTest(DK_T("A"), again).Good()) << "the name is free again";
+}
+
+TEST(DKUnitTestInteractive, ChoicesRunTestsOpenScopesAndLeave) {
+  const struct {
+    std::string input;
+    std::vector<std::string> ran;
+    std::size_t failed;
+    std::size_t prompts;
+    const char* shown; // a part of the output
+  } cases[] = {
+      {"1\n0\n", {"A"}, 0, 2, "== Main ==\n  1. A\n  2. Sub >\n  a. Run all\n  0. Quit\nChoice: PASS Main/A\n"},
+      {"2\n1\n0\n1\n0\n",
+       {"B", "A"},
+       1,
+       5,
+       "== Main/Sub ==\n  1. B\n  2. Inner >\n  a. Run all\n  0. Back\n  q. Quit\n"},
+      {"2\na\nq\n", {"B", "C"}, 1, 3, "Main/Sub: 2 run, 1 passed, 1 failed"},
+      {"2\n2\nq\n1\n", {}, 0, 3, "== Main/Sub/Inner =="},
+      {"2\n2\n", {}, 0, 3, "Choice: \n"}, // the end of input at depth leaves every level
+      {"2\n2\n1", {"C"}, 0, 4, "PASS Main/Sub/Inner/C"},
+      {"0\n1\n", {}, 0, 1, ""},
+      {" \t1 \r\n", {"A"}, 0, 2, ""},
+      {"\n\r\n", {}, 0, 3, ""},
+      {"x\n-1\n+1\n\x01\xff\n", {}, 0, 5, "Invalid choice \"??\": type a number from the menu, a, 0.\n"},
+      {"3\n2\n", {}, 0, 3, "Invalid choice 3: choose 1 to 2.\n"},
+      {"2\n99999999999999999999\n", {}, 0, 3, "Invalid choice 99999999999999999999: choose 1 to 2.\n"},
+      {std::string(65, '1') + "\n" + std::string(1 << 20, '7'),
+       {},
+       0,
+       3,
+       "Invalid choice: the line is longer than 64 characters.\n"},
+      {std::string(63, ' ') + "1\r\n", {"A"}, 0, 2, ""},
+  };
+  for (const auto& c : cases) {
+    Tree tree;
+    std::istringstream in(c.input);
+    std::ostringstream out;
+    const DKUnitTest::Result result = tree.main.RunInteractive(in, out);
+    const auto label = "case " + std::to_string(&c - cases);
+    EXPECT_EQ(tree.ran, c.ran) << label;
+    EXPECT_EQ(result.Total(), c.ran.size()) << label;
+    EXPECT_EQ(result.failed, c.failed) << label;
+    const std::string shown = out.str();
+    std::size_t prompts = 0;
+    for (auto at = shown.find("Choice: "); at != std::string::npos; at = shown.find("Choice: ", at + 1))
+      ++prompts;
+    EXPECT_EQ(prompts, c.prompts) << label;
+    EXPECT_NE(shown.find(c.shown), std::string::npos) << label << "\n" << shown.substr(0, 2000);
+  }
+}
+
+TEST(DKUnitTestInteractive, StopsWhenAskedAndSurvivesAClearOfAnOpenScope) {
+  Tree tree;
+  std::istringstream in("1\n1\n");
+  std::ostringstream out;
+  tree.main.RunInteractive(in, out, [&] { return !tree.ran.empty(); });
+  EXPECT_EQ(tree.ran, std::vector<std::string>{"A"}) << "stop is asked before each choice";
+
+  tree.ran.clear();
+  tree.main.FindMenu(DK_T("Sub"))->AddTest(DK_T("Clear"), [&] { tree.main.Clear(); });
+  std::istringstream clearing("2\n3\n2\n1\n0\n0\n");
+  EXPECT_EQ(tree.main.RunInteractive(clearing, out).passed, 2u);
+  EXPECT_EQ(tree.ran, std::vector<std::string>{"C"}) << "the open scope lives on until it is left";
+  EXPECT_NE(out.str().find("== Main ==\n  (no entries)\n"), std::string::npos);
+}
+
+// Adding from two threads while the tree runs: meaningful under ThreadSanitizer.
+TEST(DKUnitTestThreads, AddingWhileRunningNeitherCrashesNorLosesEntries) {
+  constexpr int kPerWriter = 150;
+  DKUnitTest main(DK_T("Main"));
+  std::atomic<int> runs{0};
+  std::atomic<int> done{0};
+  DKUnitTest* shared[2] = {};
+  std::vector<std::thread> writers;
+  for (int w = 0; w < 2; ++w)
+    writers.emplace_back([&, w] {
+      shared[w] = &main.AddMenu(DK_T("Shared"));
+      for (int i = 0; i < kPerWriter; ++i)
+        main.AddMenu(Text("S" + std::to_string(i % 7))).AddTest(Text(std::to_string(w) + "-" + std::to_string(i)), [&] {
+          ++runs;
+        });
+      ++done;
+    });
+  for (int rounds = 0; done.load() < 2 || rounds < 2; ++rounds) {
+    std::ostringstream out;
+    std::istringstream in("a\n3\na\n0\n");
+    main.RunAll(out);
+    main.RunInteractive(in, out);
+  }
+  for (std::thread& writer : writers)
+    writer.join();
+  EXPECT_EQ(shared[0], shared[1]) << "one scope, whichever thread opened it first";
+  runs = 0;
+  std::ostringstream out;
+  EXPECT_EQ(main.RunAll(out).passed, std::size_t{2 * kPerWriter});
+  EXPECT_EQ(runs.load(), 2 * kPerWriter);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The main menu of a plug-in application
+
+constexpr DKGuid MenuId(std::uint8_t n) {
+  return DKGuid(0xC0DE1000, 0, 0, {0, 0, 0, 0, 0, 0, 0, n});
+}
+
+// Works on its own thread until asked to stop.
+class Worker : public DKThreadedRunPlugIn {
+public:
+  DKString GetName() const override { return DK_T("Worker"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(MenuId(1)); }
+  DKErrorID Run() override {
+    while (m_stops.load() == 0)
+      DKThread::Sleep(1);
+    return DKErrorID();
+  }
+  void Stop() override { ++m_stops; }
+  std::atomic<int> m_stops{0};
+};
+
+// Adds a check to the main menu in Init; it passes only while the worker runs.
+class Maintenance : public DKPlugIn {
+public:
+  explicit Maintenance(Worker* worker) : m_worker(worker) {}
+  DKString GetName() const override { return DK_T("Maintenance"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(MenuId(2)); }
+  DKErrorID Init(const DKApplicationWithPlugIns& application) override {
+    return application.GetMainMenu().AddMenu(DK_T("Tools")).AddTest(DK_T("Check"), [this] {
+      ++m_checks;
+      return m_worker->IsRunning() ? DKErrorID() : Error("the worker is not running");
+    });
+  }
+  std::atomic<int> m_checks{0};
+  Worker* m_worker;
+};
+
+using DKUnitTestApp = ConsoleTest;
+
+// The exit flag cannot be cleared, so the run happens in a child process.
+TEST_F(DKUnitTestApp, MenuRunsAPlugInsEntryThenTheApplicationStopsItsPlugIns) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        // A run that never returns ends the child instead of hanging the suite.
+        static std::atomic<bool> done{false};
+        std::thread([] {
+          if (!WaitUntil([] { return done.load(); }))
+            std::_Exit(20);
+        }).detach();
+        std::istringstream input("1\n1\n0\n0\n");
+        std::streambuf* const previousInput = std::cin.rdbuf(input.rdbuf());
+        DKSmartPtr<Worker> worker(new Worker);
+        DKSmartPtr<Maintenance> maintenance(new Maintenance(worker.Get()));
+        int failure = 0;
+        {
+          const char* argv[] = {"/opt/app/host.bin"};
+          DKApplicationWithPlugIns app(1, argv);
+          app.SetIsRunWithMenu(true);
+          if (app.LoadPlugIn(worker).Bad() || app.LoadPlugIn(maintenance).Bad())
+            failure = 10;
+          else if (app.Run() != 1)
+            failure = 11;
+          else if (maintenance->m_checks.load() != 1 || worker->m_stops.load() != 1 || worker->IsRunning())
+            failure = 12;
+          else if (Console().find("== host ==\n  1. Tools >\n") == std::string::npos ||
+                   Console().find("PASS host/Tools/Check\n") == std::string::npos ||
+                   Console().find(">>>> Quit signal received. Requesting exit to all plug-ins...\n") ==
+                       std::string::npos)
+            failure = 13;
+        }
+        done = true;
+        std::cin.rdbuf(previousInput);
+        if (failure != 0)
+          std::fprintf(stderr, "failure %d; console:\n%s\n", failure, Console().c_str());
+        std::exit(failure);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+} // namespace
