@@ -316,6 +316,10 @@ thread_local AlternateStack t_alternateStack;
 } // namespace
 
 bool DKCrash::InstallHandlers(ReportExtension extension) {
+  // Every thread start comes here: once installed, nothing to lock.
+  if (g_installed.load(std::memory_order_acquire) &&
+      (!extension || extension == g_extension.load(std::memory_order_acquire)))
+    return true;
   std::lock_guard guard(g_installLock);
   if (extension)
     g_extension.store(extension, std::memory_order_release);
