@@ -296,10 +296,46 @@ void OnFatalSignal(int signalNumber, siginfo_t* info, void* context) {
   PassOn(signalNumber, info, context);
 }
 
-// The alternate signal stack of a thread, freed at the thread's end.
+// Room for the report's formatting on top of the handler, and a guard page below it.
+constexpr std::size_t kAlternateStackUsable = 256 * 1024;
+
+// Alternate stacks of ended threads, kept for the next threads: a map, a protection change and
+// an unmap per thread would make a thread's start and end markedly slower.
+class AlternateStackCache {
+public:
+  void* Take() {
+    std::lock_guard guard(m_lock);
+    return m_count > 0 ? m_stacks[--m_count] : nullptr;
+  }
+  // False when the cache is full: the caller frees the stack.
+  bool Keep(void* memory) {
+    std::lock_guard guard(m_lock);
+    if (m_count == kCapacity)
+      return false;
+    m_stacks[m_count++] = memory;
+    return true;
+  }
+
+private:
+  static constexpr std::size_t kCapacity = 16;
+  std::mutex m_lock;
+  void* m_stacks[kCapacity] = {};
+  std::size_t m_count = 0;
+};
+
+AlternateStackCache& StackCache() {
+  static AlternateStackCache* cache = new AlternateStackCache; // outlives every thread's end
+  return *cache;
+}
+
+std::size_t PageSize() {
+  static const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  return page;
+}
+
+// The alternate signal stack of a thread, given back at the thread's end.
 struct AlternateStack {
   void* memory = nullptr;
-  std::size_t size = 0;
 
   ~AlternateStack() {
     if (!memory)
@@ -307,7 +343,8 @@ struct AlternateStack {
     stack_t disabled{};
     disabled.ss_flags = SS_DISABLE;
     sigaltstack(&disabled, nullptr);
-    munmap(memory, size);
+    if (!StackCache().Keep(memory))
+      munmap(memory, kAlternateStackUsable + PageSize());
   }
 };
 
@@ -350,23 +387,24 @@ bool DKCrash::PrepareThread() {
   stack_t current{};
   if (sigaltstack(nullptr, &current) == 0 && (current.ss_flags & SS_DISABLE) == 0)
     return true; // the thread has one already (a sanitizer's, or the application's own)
-  // Room for the report's formatting on top of the handler, and a guard page below it.
-  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  const std::size_t usable = 256 * 1024;
-  const std::size_t size = usable + page;
-  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED)
-    return false;
-  mprotect(memory, page, PROT_NONE);
+  const std::size_t page = PageSize();
+  void* memory = StackCache().Take();
+  if (!memory) {
+    memory = mmap(nullptr, kAlternateStackUsable + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                  -1, 0);
+    if (memory == MAP_FAILED)
+      return false;
+    mprotect(memory, page, PROT_NONE);
+  }
   stack_t stack{};
   stack.ss_sp = static_cast<char*>(memory) + page;
-  stack.ss_size = usable;
+  stack.ss_size = kAlternateStackUsable;
   if (sigaltstack(&stack, nullptr) != 0) {
-    munmap(memory, size);
+    if (!StackCache().Keep(memory))
+      munmap(memory, kAlternateStackUsable + page);
     return false;
   }
   t_alternateStack.memory = memory;
-  t_alternateStack.size = size;
   return true;
 }
 
