@@ -27,23 +27,17 @@ TEST(DKCommandLineSplit, WordsQuotesAndProgramName) {
       {DK_T("tool.exe /trace:2 -noConsole input.txt /usr/lib/x"), DK_T("tool.exe"),
        Words({DK_T("/trace:2"), DK_T("-noConsole"), DK_T("input.txt"), DK_T("/usr/lib/x")})},
       {DK_T(""), DK_T(""), {}},
-      {DK_T(" \t  \t"), DK_T(""), {}},
       {DK_T("  tool   a \t\t b  "), DK_T("tool"), Words({DK_T("a"), DK_T("b")})},
       // The first word is a switch: the program name is empty.
       {DK_T("/config:a.ini"), DK_T(""), Words({DK_T("/config:a.ini")})},
-      {DK_T("-x y"), DK_T(""), Words({DK_T("-x"), DK_T("y")})},
-      {DK_T("/help"), DK_T(""), Words({DK_T("/help")})},
       {DK_T("/usr/bin:x"), DK_T(""), Words({DK_T("/usr/bin:x")})},
       // An absolute path is the program name.
       {DK_T("/usr/bin/tool /config:a.ini"), DK_T("/usr/bin/tool"), Words({DK_T("/config:a.ini")})},
-      {DK_T("/tool\\x"), DK_T("/tool\\x"), {}},
       {DK_T("\\tools\\x.exe /a"), DK_T("\\tools\\x.exe"), Words({DK_T("/a")})},
       // Quotes group blanks, and are removed.
       {DK_T("\"C:\\Program Files\\tool.exe\" /config:\"my file.ini\""), DK_T("C:\\Program Files\\tool.exe"),
        Words({DK_T("/config:my file.ini")})},
-      {DK_T("\"/usr/my tools/x\" a"), DK_T("/usr/my tools/x"), Words({DK_T("a")})},
       {DK_T("t a\"b c\"d"), DK_T("t"), Words({DK_T("ab cd")})},
-      {DK_T("t \"a\tb\""), DK_T("t"), Words({DK_T("a\tb")})},
       // A doubled quote inside quotes is a literal quote; outside quotes too.
       {DK_T("t \"say \"\"hi\"\"\""), DK_T("t"), Words({DK_T("say \"hi\"")})},
       {DK_T("t a\"\"b"), DK_T("t"), Words({DK_T("a\"b")})},
@@ -114,18 +108,13 @@ TEST(DKCommandLineParse, WordsByDelimiters) {
           {DK_T("/:x"), DKCommandLine::Valued, DK_T(""), DK_T("x")},
           // A further "/" before the value makes a "/" word a path; "-" has no such rule.
           {DK_T("/a/b"), DKCommandLine::NonStandard, DK_T("/a/b"), DK_T("")},
-          {DK_T("/a/b:c"), DKCommandLine::NonStandard, DK_T("/a/b:c"), DK_T("")},
           {DK_T("//"), DKCommandLine::NonStandard, DK_T("//"), DK_T("")},
-          {DK_T("-a-b"), DKCommandLine::Flag, DK_T("a-b"), DK_T("")},
-          {DK_T("-a/b"), DKCommandLine::Flag, DK_T("a/b"), DK_T("")},
           {DK_T("-a/b:c"), DKCommandLine::Valued, DK_T("a/b"), DK_T("c")},
           // A "/" after the value delimiter does not count.
           {DK_T("/config:c:/x.ini"), DKCommandLine::Valued, DK_T("config"), DK_T("c:/x.ini")},
-          {DK_T("/config:/etc/x.ini"), DKCommandLine::Valued, DK_T("config"), DK_T("/etc/x.ini")},
           {DK_T("\\a"), DKCommandLine::NonStandard, DK_T("\\a"), DK_T("")}}},
       // Several value delimiters: the first one in the word splits it.
       {DK_T("/-"), DK_T("=:"), {
-          {DK_T("/a=b"), DKCommandLine::Valued, DK_T("a"), DK_T("b")},
           {DK_T("/a:b=c"), DKCommandLine::Valued, DK_T("a"), DK_T("b=c")},
           {DK_T("/a=b:c"), DKCommandLine::Valued, DK_T("a"), DK_T("b:c")}}},
       // No value delimiter: every switch is a flag.
@@ -160,7 +149,6 @@ TEST(DKCommandLineLookup, ApplicationCommandLine) {
   EXPECT_EQ(cl.GetArg(DK_T("trace"), 0), 2);
   EXPECT_EQ(cl.GetArg(DK_T("ratio"), 0.0), 2.5);
   EXPECT_EQ(cl.GetArg(DK_T("missing"), 7), 7);
-  EXPECT_EQ(cl.GetArg(DK_T("missing"), 1.5), 1.5);
   EXPECT_EQ(cl.GetArg(DK_T("missing"), DKString(DK_T("def"))), DKString(DK_T("def")));
   // A flag or an empty value gives its empty value, not the default.
   EXPECT_EQ(cl.GetArg(DK_T("noConsole"), DKString(DK_T("def"))), DKString());
@@ -168,12 +156,10 @@ TEST(DKCommandLineLookup, ApplicationCommandLine) {
   EXPECT_EQ(cl.GetArg(DK_T("noConsole"), 7), 0);
   // Words that are not switches are found by their whole text.
   EXPECT_TRUE(cl.ArgPresent(DK_T("input.txt")));
-  EXPECT_TRUE(cl.ArgPresent(DK_T("/usr/lib/x")));
   EXPECT_FALSE(cl.ArgPresent(DK_T("usr")));
   EXPECT_FALSE(cl.ArgPresent(DK_T("/trace:2")));
 
   EXPECT_EQ(cl.GetFileName(0), DKString(DK_T("input.txt")));
-  EXPECT_EQ(cl.GetFileName(1), DKString(DK_T("/usr/lib/x")));
   EXPECT_EQ(cl.GetFileName(2), DKString());
   EXPECT_EQ(cl.GetNonStandardArguments(), Words({DK_T("input.txt"), DK_T("/usr/lib/x")}));
 }
@@ -216,35 +202,25 @@ TEST(DKCommandLineLookup, InvalidArguments) {
   EXPECT_EQ(sensitive.GetInvalidArguments({}, invalid), 4u);
 }
 
-TEST(DKCommandLineLookup, EmptyArgumentsAreAbsent) {
-  const DKChar* argv[] = {DK_T("prog"), DK_T(""), DK_T("/a"), nullptr, DK_T("f")};
-  const DKCommandLine cl(5, argv);
-  ASSERT_EQ(cl.GetParsedArgumentVector().size(), 4u);
-  EXPECT_EQ(cl.GetParsedArgumentVector()[2].GetArgType(), DKCommandLine::Absent);
-  // The empty name finds the first empty argument, which is absent.
-  EXPECT_FALSE(cl.ArgPresent(DKString()));
-  // Absent entries are listed with the words that are not switches, but are not file names.
-  EXPECT_EQ(cl.GetNonStandardArguments(), Words({DK_T(""), DK_T(""), DK_T("f")}));
-  EXPECT_EQ(cl.GetFileName(0), DKString(DK_T("f")));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Vectors: the caller's, main()'s UTF-8 one, copies and moves
 
 TEST(DKCommandLineVector, CallersVectorIsUsedAsGiven) {
-  const DKChar* argv[] = {DK_T("prog"), DK_T("/a:1"), DK_T("b")};
-  const DKCommandLine cl(3, argv, DK_T("/"), DK_T(":"), true);
+  const DKChar* argv[] = {DK_T("prog"), DK_T(""), DK_T("/a"), nullptr, DK_T("f")};
+  const DKCommandLine cl(5, argv);
   EXPECT_EQ(cl.GetArgValues(), argv);
-  EXPECT_EQ(cl.GetAppName(), DKString(DK_T("prog")));
-  EXPECT_EQ(cl.GetRawArgumentListVector(), Words({DK_T("/a:1"), DK_T("b")}));
   EXPECT_EQ(DKCommandLine(cl).GetArgValues(), argv);
+  EXPECT_EQ(cl.GetAppName(), DKString(DK_T("prog")));
+  // Empty and null words are absent: listed with the words that are not switches, but not file names.
+  ASSERT_EQ(cl.GetParsedArgumentVector().size(), 4u);
+  EXPECT_EQ(cl.GetParsedArgumentVector()[2].GetArgType(), DKCommandLine::Absent);
+  EXPECT_FALSE(cl.ArgPresent(DKString())); // the empty name finds the first empty word, which is absent
+  EXPECT_EQ(cl.GetNonStandardArguments(), Words({DK_T(""), DK_T(""), DK_T("f")}));
+  EXPECT_EQ(cl.GetFileName(0), DKString(DK_T("f")));
 
   const DKCommandLine none(3, static_cast<const DKChar* const*>(nullptr));
   EXPECT_EQ(none.GetArgCount(), 0u);
   EXPECT_TRUE(none.GetParsedArgumentVector().empty());
-  const DKCommandLine empty;
-  EXPECT_EQ(empty.GetArgCount(), 1u);
-  EXPECT_TRUE(empty.GetRawArgumentListVector().empty());
 }
 
 TEST(DKCommandLineVector, Utf8FromMain) {
@@ -268,7 +244,6 @@ TEST(DKCommandLineVector, Utf8FromMain) {
 TEST(DKCommandLineVector, CopiesAndMovesOwnTheirWords) {
   auto check = [](const DKCommandLine& cl) {
     ASSERT_EQ(cl.GetArgCount(), 3u);
-    EXPECT_EQ(DKString(cl.GetArgValues()[0]), DKString(DK_T("prog")));
     EXPECT_EQ(DKString(cl.GetArgValues()[2]), DKString(DK_T("file")));
     EXPECT_EQ(cl.GetArgValues()[3], nullptr);
     EXPECT_EQ(cl.GetArg(DK_T("a"), 0), 1);
@@ -297,12 +272,10 @@ TEST(DKCommandLineVector, CopiesAndMovesOwnTheirWords) {
 }
 
 TEST(DKCommandLineArgument, ValuesAndOrdering) {
-  // An empty value reads as zero.
+  // An empty value reads as a zero character.
   EXPECT_EQ(DKCommandLineArgument().GetValueAsChar(), 0);
-  EXPECT_EQ(DKCommandLineArgument().GetValueAsInt(), 0);
   const DKCommandLineArgument level(DK_T("level"), DK_T("42"), DKCommandLineArgument::Valued);
   EXPECT_EQ(level.GetValueAsChar(), DK_T('4'));
-  EXPECT_EQ(DKCommandLineArgument(DK_T("r"), DK_T("-0.25"), DKCommandLineArgument::Valued).GetValueAsDouble(), -0.25);
 
   // Equality and order look at the names alone, case-sensitively.
   const DKCommandLineArgument sameName(DK_T("level"), DK_T("7"), DKCommandLineArgument::Flag);
@@ -355,10 +328,6 @@ TEST(DKUsageInfo, EntriesKeepTheirOrderAndFlag) {
   EXPECT_FALSE(info.GetCmdLineArgDesc(3, name, description, flag));
   EXPECT_EQ(name, DKString(DK_T("n")));
   EXPECT_TRUE(flag);
-
-  DKUsageInfo copy(info);
-  copy.AddCmdLineArgDesc(DK_T("b"), DK_T("second"));
-  EXPECT_EQ(info.GetCmdLineArgDescCount(), 3u);
 }
 
 TEST(DKUsageLayout, NameWidthAndBreaks) {
@@ -386,12 +355,6 @@ TEST(DKUsageLayout, NameWidthAndBreaks) {
        {OptionLine(u"x", DKStdString(53, u'a')), ContinuationLine(u"\U0001D11Ebc")}},
       {"long name, long description", name21, u"one " + word54,
        {NameLine(name21), ContinuationLine(u"one"), ContinuationLine(word54)}},
-      {"real text", u"osxpath:{directory}",
-       u"Specify to load the plug-ins (.OSX) from a specific directory. This option can be used more than "
-       u"once to specify several directories.",
-       {OptionLine(u"osxpath:{directory}", u"Specify to load the plug-ins (.OSX) from a specific"),
-        ContinuationLine(u"directory. This option can be used more than once to"),
-        ContinuationLine(u"specify several directories.")}},
   };
   for (const Case& c : cases)
     EXPECT_EQ(Layout(DKString(c.name), DKString(c.description)), c.expected) << c.what;
@@ -434,7 +397,6 @@ TEST(DKUsageLayout, FormatUsageEndsEveryLine) {
                                NameLine(u"bbbbbbbbbbbbbbbbbbbbbbbbb").AsStdString() + u"\n" +
                                ContinuationLine(u"second").AsStdString() + u"\n";
   EXPECT_EQ(info.FormatUsage(), DKString(expected));
-  EXPECT_EQ(DKUsageInfo(DK_T("General")).GetGeneralInfo(), DKString(DK_T("General")));
 }
 
 } // namespace

@@ -38,13 +38,6 @@ DKString Dk(const std::string& utf8) {
   return s;
 }
 
-std::string Escaped(const DKString& s) {
-  std::string out;
-  for (char c : U8(s))
-    out += c == '\n' ? "\\n" : c == '\r' ? "\\r" : std::string(1, c);
-  return out;
-}
-
 // The tree on one line: each comment as ";text" in front of its item, sections as "[name]",
 // lines as "key=value", items separated by " | ".
 std::string Dump(const DKConfigFile& file) {
@@ -52,14 +45,14 @@ std::string Dump(const DKConfigFile& file) {
   const auto add = [&](const std::string& item) { out += (out.empty() ? "" : " | ") + item; };
   const auto comments = [&](const DKConfigComments& block) {
     for (const DKString& text : block)
-      add(";" + Escaped(text));
+      add(";" + U8(text));
   };
   for (const DKConfigSection& section : file) {
     comments(section.GetComments());
-    add("[" + Escaped(section.GetName()) + "]");
+    add("[" + U8(section.GetName()) + "]");
     for (const DKConfigLine& line : section) {
       comments(line.GetComments());
-      add(Escaped(line.GetKey()) + "=" + Escaped(line.GetValue()));
+      add(U8(line.GetKey()) + "=" + U8(line.GetValue()));
     }
   }
   return out;
@@ -98,43 +91,60 @@ void ExpectStreamError(const std::function<void()>& read, const char* message) {
 // ---------------------------------------------------------------------------------------------
 // Reading
 
+// A text, its tree as Dump shows it, and the bytes a save writes (null: the text itself, byte for byte).
+// The saved bytes must read back as the same tree.
+struct FileCase {
+  const char* text;
+  const char* tree;
+  const char* saved;
+};
+
+const FileCase kFileCases[] = {
+    {"", "", nullptr},
+    {"[Main]\nk=v\n", "[Main] | k=v", nullptr},
+    {"; only\n\n;comments\n", "; only | ; | ;comments | []", nullptr},
+    {"k=lost\n", "", ""},
+    {";note\nk=lost\n;kept\n[Main]\n", ";kept | [Main]", ";kept\n[Main]\n"},
+    {"[A]\n  key \t =  \t some value \t \r\n", "[A] | key=some value", "[A]\nkey=some value\n"},
+    {"[A]\nk=a = b\n", "[A] | k=a = b", nullptr},
+    {"[A]\nk=\r a\rb \n", "[A] | k=ab", "[A]\nk=ab\n"},
+    {"[A]\nk=\n=v\n", "[A] | k= | =v", nullptr},
+    {"[A]\nno equals\nk=v\n", "[A] | no equals\nk=v", nullptr},
+    {"[A]\nab \n=v\n", "[A] | ab=v", "[A]\nab=v\n"},
+    {"  \t[A] \t\r\n", "[A]", "[A]\r\n"},
+    {"[ Spaced ; Name ]\n", "[ Spaced ; Name ]", nullptr},
+    {"[A]\n;c1\n\n k=v\n;end\n", "[A] | ;c1 | ; | k=v | ;end | []", "[A]\n;c1\n\nk=v\n;end\n"},
+    {"[A]\nk=v", "[A] | k=v", "[A]\nk=v\n"},
+    {"[A]\n[B]\n[a]\nk=1\n", "[A] | [B] | [a] | k=1", nullptr},
+    {"[]\nk=v\n[Named]\n", "[] | k=v | [Named]", nullptr},
+    {";c\n[]\n", ";c | []", ";c\n"},
+    {";\n[A]\n", "; | [A]", "\n[A]\n"},
+    {"\t ;c\n[A]\n", ";c | [A]", ";c\n[A]\n"},
+    // The first line's end is the file's: CR LF everywhere, or LF everywhere.
+    {"[A]\r\nk=v\r\n;c\r\n\r\n", "[A] | k=v | ;c | ; | []", nullptr},
+    {"[A]\r\nk=v\n;c\n", "[A] | k=v | ;c | []", "[A]\r\nk=v\r\n;c\r\n"},
+    {"[A]\nk=v\r\n", "[A] | k=v", "[A]\nk=v\n"},
+    {"[A]\n;c\r\n", "[A] | ;c\r | []", nullptr},
+    // The comment keeps its CR; with the key line dropped the first line would end in CR LF, so all lines do.
+    {"k=1\n;c\r\n[A]\n", ";c\r | [A]", ";c\r\r\n[A]\r\n"},
+    {"\xEF\xBB\xBF[Main]\nk=v\n", "[Main] | k=v", nullptr},
+    {"[Gr\xC3\xBC\xC3\x9F""e]\nk=\xF0\x9F\x98\x80\n", "[Gr\xC3\xBC\xC3\x9F""e] | k=\xF0\x9F\x98\x80", nullptr},
+};
+
+TEST(DKConfigFileTextTest, ReadsTheTreeAndSavesItBack) {
+  for (const FileCase& c : kFileCases) {
+    SCOPED_TRACE(c.text);
+    const std::string saved = ToBytes(*FromBytes(c.text));
+    EXPECT_EQ(Dump(*FromBytes(c.text)), c.tree);
+    EXPECT_EQ(saved, c.saved ? c.saved : c.text);
+    EXPECT_EQ(Dump(*FromBytes(saved)), c.tree);
+  }
+}
+
 struct TextCase {
   const char* text;
   const char* expected;
 };
-
-const TextCase kReadCases[] = {
-    {"", ""},
-    {"[Main]\nk=v\n", "[Main] | k=v"},
-    {"; only\n\n;comments\n", "; only | ; | ;comments | []"},
-    {"k=lost\n[Main]\n", "[Main]"},
-    {";note\nk=lost\n;kept\n[Main]\n", ";kept | [Main]"},
-    {"k=lost\n", ""},
-    {"k=lost\n;end\n", ";end | []"},
-    {"[A]\n  key \t =  \t some value \t \r\n", "[A] | key=some value"},
-    {"[A]\nk=a = b\n", "[A] | k=a = b"},
-    {"[A]\nk=\r a\rb \n", "[A] | k=ab"},
-    {"[A]\nk=\n=v\n", "[A] | k= | =v"},
-    {"[A]\nno equals\nk=v\n", "[A] | no equals\\nk=v"},
-    {"[A]\nab \n=v\n", "[A] | ab=v"},
-    {"  \t[A] \t\r\n", "[A]"},
-    {"[ Spaced ; Name ]\n", "[ Spaced ; Name ]"},
-    {"[A]\n;c1\n\n k=v\n;end\n", "[A] | ;c1 | ; | k=v | ;end | []"},
-    {"[A]\nk=v", "[A] | k=v"},
-    {"[A]\n[B]\n[a]\nk=1\n", "[A] | [B] | [a] | k=1"},
-    {"[]\nk=v\n", "[] | k=v"},
-    {"[A]\r\nk=v\r\n;c\r\n\r\n", "[A] | k=v | ;c | ; | []"},
-    {"[A]\n;c\r\n", "[A] | ;c\\r | []"},
-    {"\xEF\xBB\xBF[Main]\nk=v\n", "[Main] | k=v"},
-    {"[Gr\xC3\xBC\xC3\x9F""e]\nk=\xF0\x9F\x98\x80\n", "[Gr\xC3\xBC\xC3\x9F""e] | k=\xF0\x9F\x98\x80"},
-};
-
-TEST(DKConfigFileReadTest, ParsesTheTreeOfEachText) {
-  for (const TextCase& c : kReadCases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Dump(*FromBytes(c.text)), c.expected);
-  }
-}
 
 const TextCase kErrorCases[] = {
     {"[Main]", kEofInName},
@@ -162,7 +172,7 @@ TEST(DKConfigFileReadTest, BadTextIsRefusedAndKeepsTheTree) {
   }
 }
 
-TEST(DKConfigFileReadTest, Utf16FilesWithAByteOrderMark) {
+TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
   const std::u16string text = u"[Stra\u00DFe]\r\nk=\U0001F600 \u20AC\r\n";
   for (const bool little : {true, false}) {
     const std::string bytes = Utf16(text, little);
@@ -171,65 +181,18 @@ TEST(DKConfigFileReadTest, Utf16FilesWithAByteOrderMark) {
     EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
     EXPECT_EQ(U8(file->GetString(Dk("stra\xC3\x9F""e"), DK_T("K"))), "\xF0\x9F\x98\x80 \xE2\x82\xAC");
     EXPECT_EQ(ToBytes(*file), bytes);
+    file->SetEncoding(DKConfigFile::Utf8WithBom);
+    file->SetLineEnd(DKConfigFile::LineEndLF);
+    EXPECT_EQ(ToBytes(*file), "\xEF\xBB\xBF[Stra\xC3\x9F""e]\nk=\xF0\x9F\x98\x80 \xE2\x82\xAC\n");
   }
+  const auto file = FromBytes("[A]\nk=v\n");
+  file->SetEncoding(DKConfigFile::Utf16BE);
+  file->SetLineEnd(DKConfigFile::LineEndCRLF);
+  EXPECT_EQ(ToBytes(*file), Utf16(u"[A]\r\nk=v\r\n", false));
 }
 
 // ---------------------------------------------------------------------------------------------
 // Writing
-
-// Files in the canonical form come back byte for byte.
-const char* const kCanonicalFiles[] = {
-    "",
-    "[Main]\nkey=value\n",
-    "; header comment\n\n[Main]\n; about k\nk=v = w\n\n[Other]\n[Empty values]\nk=\n=v\n; the end\n",
-    "[A]\r\nk=v\r\n;c\r\n\r\n",
-    "\xEF\xBB\xBF[Main]\nk=v\n",
-    "; only comments\n\n",
-    "[]\nk=v\n[Named]\n",
-    "[A]\nmulti\nline key=v\n",
-    "[A]\n;c\r\n",
-};
-
-TEST(DKConfigFileWriteTest, CanonicalFilesRoundTripByteForByte) {
-  for (const char* text : kCanonicalFiles) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(ToBytes(*FromBytes(text)), text);
-  }
-}
-
-// What a save changes in a file that is not in the canonical form; the saved text reads as the same tree.
-const TextCase kNormaliseCases[] = {
-    {"[A]\n  k  =  v  \n", "[A]\nk=v\n"},
-    {"k=dropped\n[A]\n", "[A]\n"},
-    {"  [A]  \nk=v", "[A]\nk=v\n"},
-    {";\n[A]\n", "\n[A]\n"},
-    {"\t ;c\n[A]\n", ";c\n[A]\n"},
-    {"[A]\r\nk=v\n;c\n", "[A]\r\nk=v\r\n;c\r\n"},
-    {"[A]\nk=v\r\n", "[A]\nk=v\n"},
-    {"[A]\nk=a\rb\n", "[A]\nk=ab\n"},
-    {";c\n[]\n", ";c\n"},
-    // The comment keeps its CR; with the key line dropped the first line would end in CR LF, so all lines do.
-    {"k=1\n;c\r\n[A]\n", ";c\r\r\n[A]\r\n"},
-};
-
-TEST(DKConfigFileWriteTest, SavingNormalisesBlanksLineEndsAndLostLines) {
-  for (const TextCase& c : kNormaliseCases) {
-    SCOPED_TRACE(c.text);
-    const std::string saved = ToBytes(*FromBytes(c.text));
-    EXPECT_EQ(saved, c.expected);
-    EXPECT_EQ(Dump(*FromBytes(saved)), Dump(*FromBytes(c.text)));
-  }
-}
-
-TEST(DKConfigFileWriteTest, EncodingAndLineEndsCanBeChanged) {
-  const auto file = FromBytes("[A]\nk=\xC3\xA9\n");
-  file->SetEncoding(DKConfigFile::Utf16BE);
-  file->SetLineEnd(DKConfigFile::LineEndCRLF);
-  EXPECT_EQ(ToBytes(*file), Utf16(u"[A]\r\nk=\u00E9\r\n", false));
-  file->SetEncoding(DKConfigFile::Utf8WithBom);
-  file->SetLineEnd(DKConfigFile::LineEndLF);
-  EXPECT_EQ(ToBytes(*file), "\xEF\xBB\xBF[A]\nk=\xC3\xA9\n");
-}
 
 TEST(DKConfigFileWriteTest, TreesTheFormatCannotCarryAreRefused) {
   const std::function<void(DKConfigFile&)> edits[] = {
@@ -253,8 +216,8 @@ TEST(DKConfigFileWriteTest, TreesTheFormatCannotCarryAreRefused) {
 // ---------------------------------------------------------------------------------------------
 // Editing
 
-TEST(DKConfigFileEditTest, LookUpsIgnoreCaseAndKeepTheStoredSpelling) {
-  const auto file = FromBytes("[Main]\nPort=8080\nName=x\n[main]\nPort=1\n");
+TEST(DKConfigFileEditTest, LookUpsAndSetsIgnoreCaseAndKeepTheStoredSpelling) {
+  const auto file = FromBytes("[Main]\nPort=8080\nName=x\n[main]\nPort=1\n; the end\n");
   EXPECT_EQ(U8(file->GetString(DK_T("MAIN"), DK_T("port"))), "8080");
   EXPECT_EQ(file->GetLong(DK_T("mAiN"), DK_T("PORT"), 5), 8080);
   EXPECT_EQ(U8(file->GetString(DK_T("Main"), DK_T("missing"), DK_T("dflt"))), "dflt");
@@ -265,16 +228,11 @@ TEST(DKConfigFileEditTest, LookUpsIgnoreCaseAndKeepTheStoredSpelling) {
   EXPECT_EQ(U8(second->GetName()), "main");
   EXPECT_EQ(file->FindSection(DK_T("main"), second + 1), file->GetSectionsEnd());
 
+  // A set changes the first match, adds a missing line to it and a missing section before the closing comments.
   file->SetString(DK_T("MAIN"), DK_T("NAME"), DK_T("y"));
-  EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\n[main]\nPort=1\n");
-}
-
-TEST(DKConfigFileEditTest, SetAddsMissingLinesAndSectionsBeforeTheClosingComments) {
-  const auto file = FromBytes("[A]\nk=v\n; the end\n");
-  file->SetString(DK_T("a"), DK_T("new"), DK_T("1"));
+  file->SetString(DK_T("main"), DK_T("new"), DK_T("1"));
   file->SetLong(DK_T("B"), DK_T("n"), -42);
-  file->SetString(DK_T("A"), DK_T("K"), DK_T("w"));
-  EXPECT_EQ(ToBytes(*file), "[A]\nk=w\nnew=1\n[B]\nn=-42\n; the end\n");
+  EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\nnew=1\n[main]\nPort=1\n[B]\nn=-42\n; the end\n");
   EXPECT_EQ(file->GetLong(DK_T("b"), DK_T("N")), -42);
 }
 
@@ -309,7 +267,6 @@ TEST(DKConfigFileEditTest, SectionsLinesAndCommentsAddFindAndDelete) {
   EXPECT_TRUE(file->DeleteSection(DK_T("b")));
   EXPECT_FALSE(file->DeleteSection(DK_T("b")));
   EXPECT_EQ(U8(file->DeleteSection(file->GetSectionsBegin())->GetName()), "C");
-  EXPECT_EQ(file->GetSectionCount(), 1u);
   file->Clear();
   EXPECT_EQ(ToBytes(*file), "");
 
@@ -327,9 +284,6 @@ TEST(DKConfigFileEditTest, SectionsLinesAndCommentsAddFindAndDelete) {
 
   EXPECT_TRUE(s.DeleteLine(DK_T("B"), s.GetLinesBegin() + 2));
   EXPECT_EQ(U8(s.DeleteLine(s.GetLinesBegin())->GetKey()), "b");
-  s.Clear();
-  EXPECT_TRUE(s.GetName().IsEmpty());
-  EXPECT_EQ(s.GetLineCount(), 0u);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -700,7 +654,6 @@ TEST_F(DKConfigFileDiskTest, DKConfigNumbersLongLinesAndMissingFiles) {
   EXPECT_EQ(config.GetString(DK_T("N"), DK_T("long")).Length(), DKConfig::lookupLineLength - 5);
 
   EXPECT_FALSE(config.Open(Dk(Path("missing.ini"))));
-  EXPECT_EQ(U8(config.GetFileName()), Path("missing.ini"));
   EXPECT_FALSE(config.IsOpen());
   EXPECT_EQ(U8(config.GetString(DK_T("a"), DK_T("b"), DK_T("d"))), "d");
   EXPECT_FALSE(config.Open(Dk(m_dir.string())));
@@ -721,7 +674,8 @@ TEST_F(DKConfigFileDiskTest, DKConfigLookUpsFromSeveralThreads) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 200; ++i) {
         const int s = (i + t) % 20, k = i % 10;
-        EXPECT_EQ(config.GetLong(DKString().Format(DK_T("s%d"), s), DKString().Format(DK_T("K%d"), k), -1), s * 100 + k);
+        const DKString section = DKString().Format(DK_T("s%d"), s), key = DKString().Format(DK_T("K%d"), k);
+        EXPECT_EQ(config.GetLong(section, key, -1), s * 100 + k);
       }
     });
   for (std::thread& t : threads)

@@ -30,7 +30,6 @@ TEST(DateTest, CountsRangeAndArithmetic) {
   EXPECT_THROW(first--, DKDateException);
   EXPECT_THROW(first -= DKDurationEx(2147483647L, U::Year), DKDateException);
   EXPECT_THROW(first += 9000000000000000000L, DKDateException);
-  EXPECT_EQ(DKDate::maximum.year(), 5881509);
 }
 
 TEST(DateTest, RecordsAndText) {
@@ -62,7 +61,6 @@ TEST(DateTest, RecordsAndText) {
 TEST(DateTimeLegacyTest, CountsAndRange) {
   EXPECT_EQ(DKDateTime::maximum.GetTime_t(), 2147397247);
   EXPECT_EQ(DKDateTime::minimum.GetTime_t(), -2147397248);
-  EXPECT_TRUE(DKDateTime().IsNull());
   const DKDateTime t(1578219630); // 2020-01-05 10:20:30 UTC
   EXPECT_EQ(t.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 10:20:30"));
   EXPECT_EQ(DKDateTime(2020, 1, 5, 10, 20, 30, DKTimeZone::UTC), t);
@@ -71,10 +69,6 @@ TEST(DateTimeLegacyTest, CountsAndRange) {
   EXPECT_EQ(t + DKDurationEx(1, U::Hour) - t, DKDurationEx(3600, U::Second));
   EXPECT_THROW(DKDateTime(static_cast<std::time_t>(2147397248)), DKDateException);
   EXPECT_THROW(DKDateTime(2100, 1, 1), DKDateException);
-
-  DKDateTime last = DKDateTime::maximum;
-  EXPECT_THROW(++last, DKDateException);
-  EXPECT_EQ(last, DKDateTime::maximum);
   const struct {
     DKDateTime from;
     DKDurationEx by;
@@ -96,24 +90,23 @@ TEST(DateTimeLegacyTest, TextAndToDate) {
   const DKDateTime t(1578219630);
   const struct {
     const DKChar* text;
-    const DKChar* format;
     bool ok;
   } cases[] = {
-      {DK_T("2020/01/05 10:20:30"), DK_T(""), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS')"), DK_T(""), true},
-      {DK_T("  to_date( '05.01.2020 10:20:30' , 'dd.mm.yyyy hh:mi:ss' )"), DK_T(""), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30')"), DK_T(""), true},
-      {DK_T("TO_DATE('05-01-20 10.20.30', 'DD-MM-YY HH24.MI.SS')"), DK_T(""), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS'"), DK_T(""), false}, // unclosed
-      {DK_T("TO_DATE(2020/01/05)"), DK_T(""), false},
-      {DK_T("TO_DATE('2020/01/05 10:20:30') x"), DK_T(""), false},
-      {DK_T("2100/01/01 00:00:00"), DK_T(""), false}, // beyond the count's range
-      {DK_T("1901/12/13 20:45:52"), DK_T(""), false},
+      {DK_T("2020/01/05 10:20:30"), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS')"), true},
+      {DK_T("  to_date( '05.01.2020 10:20:30' , 'dd.mm.yyyy hh:mi:ss' )"), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30')"), true},
+      {DK_T("TO_DATE('05-01-20 10.20.30', 'DD-MM-YY HH24.MI.SS')"), true},
+      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS'"), false}, // unclosed
+      {DK_T("TO_DATE(2020/01/05)"), false},
+      {DK_T("TO_DATE('2020/01/05 10:20:30') x"), false},
+      {DK_T("2100/01/01 00:00:00"), false}, // beyond the count's range
+      {DK_T("1901/12/13 20:45:52"), false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(DKString(c.text).AsUTF8());
     DKDateTime v(42);
-    const DKErrorID result = v.FromString(c.text, c.format, DKTimeZone::UTC);
+    const DKErrorID result = v.FromString(c.text, DKString(), DKTimeZone::UTC);
     EXPECT_EQ(result.Good(), c.ok);
     EXPECT_EQ(v, c.ok ? t : DKDateTime(42));
     if (!c.ok) {
@@ -140,7 +133,6 @@ TEST(DateTimeLegacyTest, LocalZone) {
   EXPECT_EQ(back.GetTime_t(), 1593943200);
   // Calendar units keep the local clock across the change to summer time.
   EXPECT_EQ((DKDateTime(2021, 3, 27, 12, 0, 0) + DKDurationEx(1, U::Day)).AsString(), DK_T("2021/03/28 12:00:00"));
-  EXPECT_EQ(DKDateTimeEx(t), Utc(2020, 1, 5, 10, 20, 30));
   EXPECT_EQ(DKDateEx(t), DKDateEx(2020, 1, 5));
   EXPECT_EQ(DKTimeEx(t), DKTimeEx(11, 20, 30));
   EXPECT_EQ(DKTimeEx(t, DKTimeZone::UTC), DKTimeEx(10, 20, 30));
@@ -156,9 +148,6 @@ TEST(DateExceptionsTest, MessagesAndValues) {
   EXPECT_EQ(old.What(), DK_T("Date and time out of range: 1901/12/14 20:45:52 UTC"));
   const DKDurationExceptionEx duration(DKDurationEx(5, DKDurationEx::Day));
   EXPECT_EQ(duration.What(), DK_T("Duration out of range: 5 day"));
-  const DKDurationExceptionEx overflow(3000000000LL, DKDurationEx::Second);
-  EXPECT_EQ(overflow.GetCount(), 3000000000LL);
-  EXPECT_EQ(overflow.GetDuration().GetDuration(), 2147483647);
   try {
     throw DKDateExceptionEx(DKDateTimeEx::minimum);
   } catch (const DKException& e) { // one family

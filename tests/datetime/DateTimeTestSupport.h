@@ -50,7 +50,6 @@ inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 
   return DKDateTimeEx(year, month, day, hour, minute, second, ms, DKTimeZone::UTC);
 }
 
-inline std::string Narrow(const DKString& text) { return text.AsUTF8(); }
 
 // Readable values in failure messages.
 inline void PrintTo(const DKDateTimeEx& value, std::ostream* os) { *os << value.AsString(DK_T("%Y-%m-%d %H:%M:%S.%L"), DKTimeZone::UTC) << " UTC"; }

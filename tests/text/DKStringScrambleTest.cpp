@@ -17,7 +17,6 @@ TEST(DKStringScrambleTest, RoundTripsAnyText) {
   const DKString texts[] = {
       DKString(),
       DKString(u"p"),
-      DKString(u"password"),
       DKString(u"Mot de passe: été, crème, 東京 😀"),
       DKString(u"\xD800"),                   // lone high surrogate
       DKString(u"a\xDC00" u"b"),             // lone low surrogate
