@@ -120,7 +120,9 @@ bool IsOverflow(const std::string& number) {
   const std::size_t e = number.find_first_of("eE");
   if (e != std::string::npos)
     exp = std::strtol(number.c_str() + e + 1, nullptr, 10);
-  return significant && exp + leadingExp > 0;
+  // strtol saturates a huge exponent at LONG_MAX or LONG_MIN; leadingExp is bounded by the
+  // text's length, so its negation cannot overflow where the sum could.
+  return significant && exp > -leadingExp;
 }
 
 } // namespace

@@ -79,7 +79,8 @@ TEST(DKStringNumbers, Double) {
       {u".5", 0.5, true},       {u"1e", 1.0, false},        {u"0x1p4", 16.0, true}, {u"0x", 0.0, false},
       {u"+3", 3.0, true},       {u"abc", 0.0, false},       {u"1é", 1.0, false},
       {u"1e400", HUGE_VAL, false}, {u"-1e400", -HUGE_VAL, false}, {u"0.1e400", HUGE_VAL, false},
-      {u"1e-400", 0.0, false},
+      {u"1e-400", 0.0, false},  {u"99e99999999999999999999", HUGE_VAL, false},
+      {u"0.01e-99999999999999999999", 0.0, false},
   };
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return s.AsDouble(ok); }, "AsDouble");
   bool ok = false;
