@@ -141,6 +141,17 @@ TEST(CrashHandlerTest, AHandlerInstalledBeforeRunsAfterTheReport) {
   EXPECT_EQ(run.exitCode, 42) << run.output;
 }
 
+TEST(CrashHandlerTest, AThreadRecoveredByAnEarlierHandlerIsReportedAgainWhenItCrashesAgain) {
+  const CrashRun run = RunCrash({"recover"});
+  EXPECT_EQ(std::count(run.lines.begin(), run.lines.end(), "****** Fatal signal SIGFPE (arithmetic error) ******"), 2)
+      << run.output;
+  EXPECT_EQ(std::count(run.lines.begin(), run.lines.end(), "recovered"), 2) << run.output;
+  EXPECT_TRUE(run.Has("****** Fatal signal SIGSEGV (segmentation fault) ******")) << run.output;
+  if (!kSanitizerHandlesTheEnd) {
+    EXPECT_EQ(run.exitCode, 128 + SIGSEGV) << run.output;
+  }
+}
+
 TEST(CrashHandlerTest, AnUnwritableReportFileLeavesTheReportOnTheStandardError) {
   const fs::path missing = fs::temp_directory_path() / "dk-no-such-folder" / "deeper" / "report.log";
   const CrashRun run = RunCrash({"segv", missing.string()});

@@ -3,12 +3,14 @@
 #include <DorvikCore/DKCrashHandler.h>
 #include <DorvikCore/DKThread.h>
 
+#include <csetjmp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include <setjmp.h>
 #include <unistd.h>
 
 namespace {
@@ -47,6 +49,10 @@ void Crash(const std::string& how) {
     g_sink = Recurse(0);
 }
 
+sigjmp_buf g_recovery;
+
+void RecoverFromFpe(int) { siglongjmp(g_recovery, 1); }
+
 void OnSegvBefore(int) {
   static const char text[] = "earlier handler ran\n";
   (void)!write(STDERR_FILENO, text, sizeof text - 1);
@@ -64,8 +70,24 @@ int main(int argc, char** argv) {
     std::signal(SIGSEGV, &OnSegvBefore);
     how = "segv";
   }
+  const bool recover = how == "recover";
+  if (recover) // an application that recovers from arithmetic faults with a handler of its own
+    std::signal(SIGFPE, &RecoverFromFpe);
   DKInitCatchSignal();
   DKInitCatchSignal(); // a second call changes nothing
+  if (recover) {
+    // The count lives in static storage: a local could be clobbered by the jump back.
+    static int recoveries = 0;
+    while (recoveries < 2) {
+      if (sigsetjmp(g_recovery, 1) == 0) {
+        DivideByZero();
+      } else {
+        ++recoveries;
+        std::fprintf(stderr, "recovered\n");
+      }
+    }
+    how = "segv"; // and then a crash nobody recovers from
+  }
   if (argc > 2) {
     DKString reportFile;
     reportFile.SetFromUTF8(argv[2]);

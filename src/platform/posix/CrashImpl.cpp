@@ -248,6 +248,9 @@ void PassOn(int signalNumber, siginfo_t* info, void* context) {
   const bool chained = (previous.sa_flags & SA_SIGINFO) != 0 ? previous.sa_sigaction != nullptr
                                                              : previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN;
   if (chained) {
+    // The earlier handler may recover the thread (return, or jump out): a later crash is then
+    // reported again rather than waiting for this one.
+    g_reporter.store(0);
     if ((previous.sa_flags & SA_SIGINFO) != 0)
       previous.sa_sigaction(signalNumber, info, context);
     else
