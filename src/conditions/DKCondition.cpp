@@ -322,10 +322,12 @@ void DKCondition::GetSuppliedValue(DKString& out) const {
   // parentheses that do not pair (they would upset the search for the end of an enclosing
   // parenthesis). A word is quoted for the last two reasons, and reads back as a text. A value
   // holding a double quote cannot be quoted: only the native form keeps it whole.
-  const bool quote = m_valueKind == kindText ||
-                     (m_valueKind == kindRegEx && (m_valueText.IsEmpty() || m_valueText.FindFirstOf(DK_T(" \t")) != DKString::npos)) ||
-                     ((m_valueKind == kindRegEx || m_valueKind == kindWord) && m_valueText.Find(DK_T('"')) == DKString::npos &&
-                      (!ParenthesesPair(m_valueText) || ContainsNoCase(m_valueText, DK_T("TO_DATE"))));
+  // Such a value came from the "TO_DATE" rule (read up to the next ")"), which reads it back.
+  const bool quote = m_valueText.Find(DK_T('"')) == DKString::npos &&
+                     (m_valueKind == kindText ||
+                      (m_valueKind == kindRegEx && (m_valueText.IsEmpty() || m_valueText.FindFirstOf(DK_T(" \t")) != DKString::npos)) ||
+                      ((m_valueKind == kindRegEx || m_valueKind == kindWord) &&
+                       (!ParenthesesPair(m_valueText) || ContainsNoCase(m_valueText, DK_T("TO_DATE")))));
   out.Clear();
   if (quote)
     out += DK_T('"');
@@ -854,6 +856,11 @@ bool DKCondition::FromString(const DKString& text) {
   if (!depth.Ok())
     return false;
   try {
+    // The text ends at its first U+0000, as a C string would: a value read past it could not
+    // be written back in readable form.
+    for (std::size_t i = 0; i < text.Length(); ++i)
+      if (text[i] == 0)
+        return ParseText(text.SubStr(0, i));
     return ParseText(text);
   } catch (...) {
     return false; // nothing a derived class's hook or an allocation throws leaves the parser

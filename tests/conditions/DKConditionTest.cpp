@@ -331,6 +331,7 @@ const ParseCase parseCases[] = {
     {"a = \"TO_DATE(x\" AND b = xTO_DATEx)", "a = \"TO_DATE(x\" AND b = \"xTO_DATEx)\"", 0},
     {"name = \"(a)\" AND (b = \")\")", "name = \"(a)\" AND b = \")\"", 0},
     {"x /= abc", nullptr, 0}, {"x % \"a b\"", nullptr, 0}, {"x < -5", nullptr, 0},
+    {"x % a\"TO_DATEx('1 2')", nullptr, 0}, // a double quote and a blank: only the "TO_DATE" rule reads it
     {"d >= TO_DATE('2020/01/05 10:20:30') AND x = 1", nullptr, 0},
     {"d < TO_DATE('05.01.2020', 'DD.MM.YYYY')", nullptr, 0},
     {"AND a = 1", nullptr, 0}, {"a = 1 AND ()", nullptr, 0}, {"", nullptr, 0}, {" \t ", "", 0},
@@ -365,6 +366,12 @@ TEST_F(ConditionTest, RefusesBadText) {
     TruthCondition cond;
     EXPECT_FALSE(cond.FromString(U(text))) << text;
   }
+  // The text ends at its first U+0000: here inside a quoted value, which is then unclosed.
+  DKString withNul = U("a = \"x");
+  withNul += DKChar(0);
+  withNul += U("y\"");
+  TruthCondition cut;
+  EXPECT_FALSE(cut.FromString(withNul));
   // What was read before the failure stays.
   DKCondition partial;
   EXPECT_FALSE(partial.FromString(DK_T("qty >= 10 AND name => x")));
