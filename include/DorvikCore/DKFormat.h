@@ -53,11 +53,13 @@
 //     The limit bounds the memory a single conversion can ask for.
 //   - a null format gives the empty result.
 //
-// There is no format attribute on the variadic functions: the compiler checks formats against
-// the host's printf, whose %S, %C and "I64" mean something else (or nothing) there, so
-// the checking would flag correct calls and pass wrong ones.
+// The variadic functions capture their arguments with their types (DKFormatArgs.h), which
+// makes a mismatched argument a visible "%!d(type)" in the output instead of undefined
+// behaviour. There is no format attribute: the compiler would check formats against the
+// host's printf, whose %S, %C and "I64" mean something else (or nothing) there.
 #pragma once
 
+#include <DorvikCore/DKFormatArgs.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTypes.h>
 
@@ -93,13 +95,27 @@ public:
 };
 
 // Appends the formatted text to out. The format and string arguments may point into out.
+// The DKFormatArgList forms take arguments captured with their types (DKFormatArgs.h); the
+// va_list and DKFormatArgSource forms read each argument as the type its conversion names.
+DK_EXPORT void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgList args);
+DK_EXPORT void DKFormatAppend(std::string& out, const char* format, DKFormatArgList args);
 DK_EXPORT void DKFormatAppendV(DKString& out, const DKChar* format, va_list args);
 DK_EXPORT void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgSource& args);
 DK_EXPORT void DKFormatAppendV(std::string& out, const char* format, va_list args);
 DK_EXPORT void DKFormatAppend(std::string& out, const char* format, DKFormatArgSource& args);
 
-// The formatted text as a new string.
-DK_EXPORT DKString DKFormatString(const DKChar* format, ...);
+// The formatted text as a new string, with typed arguments.
+template <class... Args>
+DKString DKFormatString(const DKChar* format, const Args&... args) {
+  DKString result;
+  DKFormatAppend(result, format, DKMakeFormatArgs(args...));
+  return result;
+}
+template <class... Args>
+std::string DKFormatNarrow(const char* format, const Args&... args) {
+  std::string result;
+  DKFormatAppend(result, format, DKMakeFormatArgs(args...));
+  return result;
+}
 DK_EXPORT DKString DKFormatStringV(const DKChar* format, va_list args);
-DK_EXPORT std::string DKFormatNarrow(const char* format, ...);
 DK_EXPORT std::string DKFormatNarrowV(const char* format, va_list args);

@@ -2,6 +2,7 @@
 // copies and copied just before a sharer changes it (copy on write).
 #pragma once
 
+#include <DorvikCore/DKFormatArgs.h>
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKPointerVector.h>
 #include <DorvikCore/DKRefCount.h>
@@ -194,11 +195,17 @@ public:
   static DKErrorID ConvertToUnicode(const char* text, unsigned int codePage, DKString& out);
   DKErrorID ConvertFromUnicode(std::string& out, unsigned int codePage) const;
 
-  // printf-style formatting with the library's engine: in this wide format "%s" takes a
-  // DKChar string and "%S" a narrow (UTF-8) one. Replaces the text by the result.
-  DKString& Format(const DKChar* format, ...);
+  // printf-style formatting with the library's engine (DKFormat.h), replacing the text by the
+  // result. The arguments are captured with their types (DKFormatArgs.h): any text type
+  // prints with %s, and a literal 0 or nullptr is an argument, never an argument list.
+  template <class... Args>
+  DKString& Format(const DKChar* format, const Args&... args) {
+    return FormatArgs(format, DKMakeFormatArgs(args...));
+  }
+  DKString& FormatArgs(const DKChar* format, DKFormatArgList args);
+  // The same with a va_list, for functions that pass their own variadic arguments on: in this
+  // wide format "%s" takes a DKChar string and "%S" a narrow (UTF-8) one.
   DKString& FormatV(const DKChar* format, va_list args);
-  DKString& Format(const DKChar* format, va_list args) { return FormatV(format, args); }
 
   // Reversible scrambling of the text. Obfuscation only: it does not protect a secret from
   // anyone who has the library.

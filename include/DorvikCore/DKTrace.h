@@ -19,6 +19,7 @@
 // start-up) before threads trace; the setters are nevertheless safe to call at any time.
 #pragma once
 
+#include <DorvikCore/DKFormatArgs.h>
 #include <DorvikCore/DKTypes.h>
 
 #include <atomic>
@@ -71,10 +72,13 @@ public:
   // uses the library's conventions: "%s" takes a char string, "%S" a DKChar string. No line end
   // is added. A null format writes the line's prefix alone. The filters are checked here, at the
   // call site, so that a message that is not written costs a few comparisons and no call.
+  // The arguments are captured with their types (DKFormatArgs.h): any text type prints with
+  // %s, and a mismatched argument prints "%!d(type)" instead of undefined behaviour.
   template <class... Args>
-  static void Msg(TracelLevels level, TracelSubjects subject, const char* source, const char* format, Args... args) {
+  static void Msg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
+                  const Args&... args) {
     if (TraceThisSubject(level, subject))
-      WriteMsg(level, subject, source, format, args...);
+      WriteMsg(level, subject, source, format, DKMakeFormatArgs(args...));
   }
   // Msg with the arguments in a va_list, for functions that pass their own arguments on.
   static void MsgV(TracelLevels level, TracelSubjects subject, const char* source, const char* format, va_list args);
@@ -124,7 +128,11 @@ public:
 
 private:
   // The writers behind Msg and MsgHex, called once the filters have passed.
-  static void WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format, ...);
+  static void WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
+                       DKFormatArgList args);
+  template <class AppendText>
+  static void WriteFormatted(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
+                             AppendText appendText);
   static void WriteHex(TracelLevels level, TracelSubjects subject, const char* source, const void* bytes,
                        std::int32_t length);
   static bool DecideTracing() noexcept;

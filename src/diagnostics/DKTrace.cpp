@@ -436,16 +436,21 @@ const char* DKTrace::GetTraceSubjectDescr(TracelSubjects subject) noexcept {
 
 // ---- Writers --------------------------------------------------------------------------------
 
-void DKTrace::WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  MsgV(level, subject, source, format, args);
-  va_end(args);
+void DKTrace::WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
+                       DKFormatArgList args) {
+  WriteFormatted(level, subject, source, format, [&](std::string& line) { DKFormatAppend(line, format, args); });
 }
 
 void DKTrace::MsgV(TracelLevels level, TracelSubjects subject, const char* source, const char* format, va_list args) {
   if (!TraceThisSubject(level, subject))
     return;
+  WriteFormatted(level, subject, source, format, [&](std::string& line) { DKFormatAppendV(line, format, args); });
+}
+
+// Writes one line: the prefix, then what appendText adds. Drops the line when memory runs out.
+template <class AppendText>
+void DKTrace::WriteFormatted(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
+                             AppendText appendText) {
   TraceState& s = State();
   std::lock_guard guard(s.writerLock);
   std::FILE* file = fp.load(std::memory_order_relaxed);
@@ -456,7 +461,7 @@ void DKTrace::MsgV(TracelLevels level, TracelSubjects subject, const char* sourc
     AppendPrefix(s, s.line, level, GetTraceSubjectDescr(subject), source,
                  CurrTraceDelim.load(std::memory_order_relaxed));
     if (format)
-      DKFormatAppendV(s.line, format, args);
+      appendText(s.line);
   } catch (...) {
     return; // out of memory: the line is dropped
   }

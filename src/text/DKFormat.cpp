@@ -459,8 +459,9 @@ void WriteText(Sink<CharT>& sink, const Directive& dir, const TextT* text, std::
   }
 }
 
+// Writes a text of `length` units, or up to its terminator when length is `terminated`.
 template <class CharT, class TextT>
-void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text) {
+void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text, std::size_t length) {
   if (!text) {
     static constexpr char null[] = "(null)";
     const std::size_t n = dir.hasPrecision ? std::min<std::size_t>(6, dir.precision) : 6;
@@ -469,13 +470,14 @@ void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text) {
   }
   std::size_t n;
   if (dir.hasPrecision) {
-    n = BoundedLength(text, static_cast<std::size_t>(dir.precision));
+    const auto precision = static_cast<std::size_t>(dir.precision);
+    n = length == DKFormatArg::terminated ? BoundedLength(text, precision) : std::min(length, precision);
     if constexpr (!std::is_same_v<CharT, TextT>) {
-      if (n == static_cast<std::size_t>(dir.precision))
+      if (n == precision)
         n = WholeCharacters(text, n);
     }
   } else {
-    n = std::char_traits<TextT>::length(text);
+    n = length == DKFormatArg::terminated ? std::char_traits<TextT>::length(text) : length;
   }
   WriteText(sink, dir, text, n);
 }
@@ -612,6 +614,7 @@ struct Argument {
   const void* pointer = nullptr;
   const char* narrow = nullptr;
   const DKChar* wide = nullptr;
+  std::size_t length = DKFormatArg::terminated; // of the narrow or wide text
 };
 
 template <class CharT>
@@ -706,9 +709,9 @@ bool Emit(Sink<CharT>& sink, const Directive& dir, const Argument& arg) {
   case 's':
   case 'S':
     if (TakesWide<CharT>(dir))
-      FormatString(sink, dir, arg.wide);
+      FormatString(sink, dir, arg.wide, arg.length);
     else
-      FormatString(sink, dir, arg.narrow);
+      FormatString(sink, dir, arg.narrow, arg.length);
     return true;
   default:
     if (dir.size == Size::LongDouble)
@@ -717,38 +720,298 @@ bool Emit(Sink<CharT>& sink, const Directive& dir, const Argument& arg) {
   }
 }
 
-// Performs one conversion of a known letter; false means it is to be written as it stands.
+// ---------------------------------------------------------------------------------------------
+// Readers: where the engine takes its arguments from. A reader gives the value of a "*"
+// (Star) and the argument of a conversion (Read); either returns false with the argument's
+// type name when the argument cannot match, having consumed it.
+
+// Arguments of the types their conversions name, from a va_list or a caller's source.
+class SourceReader {
+public:
+  explicit SourceReader(DKFormatArgSource& source) noexcept : m_source(source) {}
+  bool Star(long long& value, const char*&) {
+    value = m_source.NextInt();
+    return true;
+  }
+  template <class CharT>
+  bool Read(Directive& dir, Argument& arg, const char*&) {
+    arg = ReadArgument<CharT>(dir, m_source);
+    return true;
+  }
+
+private:
+  DKFormatArgSource& m_source;
+};
+
+// Arguments captured with their types: each is checked against its conversion.
+class TypedReader {
+public:
+  explicit TypedReader(DKFormatArgList list) noexcept : m_next(list.args), m_end(list.args + list.count) {}
+
+  bool Star(long long& value, const char*& type) {
+    const DKFormatArg& a = Next();
+    if (!IsInteger(a)) {
+      type = TypeName(a);
+      return false;
+    }
+    value = IsSignedInteger(a) ? a.i : a.u > static_cast<unsigned long long>(LLONG_MAX) ? LLONG_MAX : static_cast<long long>(a.u);
+    return true;
+  }
+
+  template <class CharT>
+  bool Read(Directive& dir, Argument& arg, const char*& type) {
+    const DKFormatArg& a = Next();
+    type = TypeName(a);
+    switch (dir.conversion) {
+    case 'd':
+    case 'i':
+      if (!IsInteger(a))
+        return false;
+      if (dir.size != Size::None)
+        arg.i = Cast<long long>(a, dir.size, true);
+      else if (IsSignedInteger(a) || a.u <= static_cast<unsigned long long>(LLONG_MAX))
+        arg.i = IsSignedInteger(a) ? a.i : static_cast<long long>(a.u);
+      else {
+        arg.u = a.u; // an unsigned value beyond the signed range keeps its value
+        dir.conversion = 'u';
+      }
+      return true;
+    case 'o':
+    case 'u':
+    case 'x':
+    case 'X':
+      if (!IsInteger(a))
+        return false;
+      if (dir.size != Size::None)
+        arg.u = Cast<unsigned long long>(a, dir.size, false);
+      else if (IsSignedInteger(a))
+        arg.u = a.bytes == 4 ? static_cast<unsigned>(a.i) : static_cast<unsigned long long>(a.i);
+      else
+        arg.u = a.u;
+      return true;
+    case 'c':
+    case 'C': return ReadCharacter<CharT>(dir, arg, a);
+    case 's':
+    case 'S': return ReadText(dir, arg, a);
+    case 'p':
+    case 'n':
+      if (a.kind == Kind::Pointer)
+        arg.pointer = a.p;
+      else if (IsText(a))
+        arg.pointer = a.s.text;
+      else
+        return a.kind == Kind::Null;
+      return true;
+    default: { // floating point: any arithmetic argument
+      if (a.kind == Kind::LongDouble) {
+        arg.ld = *a.ld;
+        dir.size = Size::LongDouble;
+        return true;
+      }
+      long double value;
+      if (a.kind == Kind::Double)
+        value = a.d;
+      else if (IsInteger(a))
+        value = IsSignedInteger(a) ? static_cast<long double>(a.i) : static_cast<long double>(a.u);
+      else
+        return false;
+      if (dir.size == Size::LongDouble)
+        arg.ld = value;
+      else
+        arg.d = a.kind == Kind::Double ? a.d : static_cast<double>(value);
+      return true;
+    }
+    }
+  }
+
+private:
+  using Kind = DKFormatArg::Kind;
+
+  const DKFormatArg& Next() noexcept {
+    static constexpr DKFormatArg missing;
+    return m_next == m_end ? missing : *m_next++;
+  }
+
+  static bool IsInteger(const DKFormatArg& a) noexcept {
+    switch (a.kind) {
+    case Kind::Int: case Kind::UInt: case Kind::Bool: case Kind::Char: case Kind::Char16: case Kind::Char32: return true;
+    default: return false;
+    }
+  }
+  static bool IsSignedInteger(const DKFormatArg& a) noexcept { return a.kind == Kind::Int || a.kind == Kind::Char; }
+  static bool IsText(const DKFormatArg& a) noexcept {
+    return a.kind == Kind::NarrowText || a.kind == Kind::WideText || a.kind == Kind::Utf32Text;
+  }
+
+  static const char* TypeName(const DKFormatArg& a) noexcept {
+    switch (a.kind) {
+    case Kind::Missing: return "missing";
+    case Kind::Int: return a.bytes == 4 ? "int" : "int64";
+    case Kind::UInt: return a.bytes == 4 ? "unsigned int" : "uint64";
+    case Kind::Bool: return "bool";
+    case Kind::Char: return "char";
+    case Kind::Char16: return "DKChar";
+    case Kind::Char32: return "char32_t";
+    case Kind::Double: return "double";
+    case Kind::LongDouble: return "long double";
+    case Kind::Pointer: return "pointer";
+    case Kind::Null: return "nullptr";
+    default: return "text";
+    }
+  }
+
+  // The integer converted to the type that a size prefix names, as a cast would.
+  template <class T>
+  static T Cast(const DKFormatArg& a, Size size, bool isSigned) noexcept {
+    const unsigned long long bits = IsSignedInteger(a) ? static_cast<unsigned long long>(a.i) : a.u;
+    auto as = [&](auto signedValue, auto unsignedValue) -> T {
+      return isSigned ? static_cast<T>(static_cast<decltype(signedValue)>(bits))
+                      : static_cast<T>(static_cast<decltype(unsignedValue)>(bits));
+    };
+    switch (size) {
+    case Size::Char: return as(static_cast<signed char>(0), static_cast<unsigned char>(0));
+    case Size::Short: return as(short(0), static_cast<unsigned short>(0));
+    case Size::Long: return as(0L, 0UL);
+    case Size::Int32: return as(std::int32_t(0), std::uint32_t(0));
+    case Size::PtrSize:
+    case Size::PtrDiff: return as(std::ptrdiff_t(0), std::size_t(0));
+    default: return as(0LL, 0ULL); // ll, L, I64, j; "w" means nothing for integers
+    }
+  }
+
+  template <class CharT>
+  bool ReadCharacter(Directive& dir, Argument& arg, const DKFormatArg& a) {
+    if (!IsInteger(a))
+      return false;
+    if (a.kind == Kind::Char16 || a.kind == Kind::Char32) {
+      // A character of known encoding is written as text of its own kind.
+      const char32_t cp = a.u > 0x10FFFF ? dkutf::replacementChar : static_cast<char32_t>(a.u);
+      std::size_t n = 0;
+      if (cp < 0x10000) {
+        m_units[n++] = static_cast<DKChar>(cp);
+      } else {
+        m_units[n++] = static_cast<DKChar>(0xD800 + ((cp - 0x10000) >> 10));
+        m_units[n++] = static_cast<DKChar>(0xDC00 + ((cp - 0x10000) & 0x3FF));
+      }
+      SetText(dir, arg, m_units, n);
+      return true;
+    }
+    if (a.kind == Kind::Char) {
+      m_byte = static_cast<char>(a.i);
+      SetText(dir, arg, &m_byte, 1);
+      return true;
+    }
+    arg.i = IsSignedInteger(a) ? a.i : static_cast<long long>(a.u);
+    return true;
+  }
+
+  bool ReadText(Directive& dir, Argument& arg, const DKFormatArg& a) {
+    switch (a.kind) {
+    case Kind::Null: SetText(dir, arg, static_cast<const char*>(nullptr), DKFormatArg::terminated); return true;
+    case Kind::NarrowText: SetText(dir, arg, static_cast<const char*>(a.s.text), a.s.length); return true;
+    case Kind::WideText: SetText(dir, arg, static_cast<const DKChar*>(a.s.text), a.s.length); return true;
+    case Kind::Utf32Text: {
+      const auto* text = static_cast<const char32_t*>(a.s.text);
+      if (!text) {
+        SetText(dir, arg, static_cast<const DKChar*>(nullptr), DKFormatArg::terminated);
+        return true;
+      }
+      const std::size_t n = a.s.length == DKFormatArg::terminated ? std::char_traits<char32_t>::length(text) : a.s.length;
+      m_scratch.Clear();
+      dkutf::Utf32ToUtf16(text, n, m_scratch);
+      SetText(dir, arg, m_scratch.c_str(), m_scratch.Length());
+      return true;
+    }
+    default: return false;
+    }
+  }
+
+  // Makes the directive a text conversion of the argument's own kind.
+  static void SetText(Directive& dir, Argument& arg, const char* text, std::size_t length) noexcept {
+    dir.conversion = 's';
+    dir.size = Size::Short;
+    arg.narrow = text;
+    arg.length = length;
+  }
+  static void SetText(Directive& dir, Argument& arg, const DKChar* text, std::size_t length) noexcept {
+    dir.conversion = 's';
+    dir.size = Size::Wide;
+    arg.wide = text;
+    arg.length = length;
+  }
+
+  const DKFormatArg* m_next;
+  const DKFormatArg* m_end;
+  DKString m_scratch; // 32-bit text converted for the conversion being written
+  DKChar m_units[2] = {};
+  char m_byte = 0;
+};
+
+// Writes "%!" + conversion + "(" + type + ")" for an argument that cannot match.
 template <class CharT>
-bool Convert(Sink<CharT>& sink, Directive& dir, DKFormatArgSource& args) {
+void WriteMismatch(Sink<CharT>& sink, char conversion, const char* type) {
+  sink.WriteUtf8("%!", 2);
+  sink.Put(static_cast<CharT>(conversion));
+  sink.Put('(');
+  sink.WriteUtf8(type, std::strlen(type));
+  sink.Put(')');
+}
+
+// Performs one conversion of a known letter; false means it is to be written as it stands.
+template <class CharT, class ReaderT>
+bool Convert(Sink<CharT>& sink, Directive& dir, ReaderT& args) {
   if (dir.conversion == '%') {
     sink.Put('%');
     return true;
   }
   if (dir.tooLarge)
     return false;
+  const char* badType = nullptr;
+  // A "*" argument that is not an integer: the directive's other arguments are consumed all
+  // the same, so that the arguments after it keep their places.
+  auto refuseStar = [&](bool precisionLeft) {
+    const char* unused = nullptr;
+    long long ignoredStar = 0;
+    if (precisionLeft)
+      (void)args.Star(ignoredStar, unused);
+    Argument ignored;
+    Directive copy = dir;
+    (void)args.template Read<CharT>(copy, ignored, unused);
+    WriteMismatch(sink, '*', badType);
+    return true;
+  };
   if (dir.widthFromArg) {
-    dir.width = args.NextInt();
-    if (dir.width < 0) {
+    long long width = 0;
+    if (!args.Star(width, badType))
+      return refuseStar(dir.precisionFromArg);
+    if (width < 0) {
       dir.left = true;
-      dir.width = -dir.width;
+      width = width < -DKFormatMaxWidth ? DKFormatMaxWidth + 1LL : -width;
     }
+    dir.width = width;
   }
   if (dir.precisionFromArg) {
-    dir.precision = args.NextInt();
-    dir.hasPrecision = dir.precision >= 0;
-    if (!dir.hasPrecision)
-      dir.precision = 0;
+    long long precision = 0;
+    if (!args.Star(precision, badType))
+      return refuseStar(false);
+    dir.hasPrecision = precision >= 0;
+    dir.precision = dir.hasPrecision ? precision : 0;
   }
   // The conversion's own argument is consumed even when a "*" value is refused, so that the
   // arguments after it keep their places.
-  const Argument arg = ReadArgument<CharT>(dir, args);
+  const auto conversion = static_cast<char>(dir.conversion);
+  Argument arg;
+  if (!args.template Read<CharT>(dir, arg, badType)) {
+    WriteMismatch(sink, conversion, badType);
+    return true;
+  }
   if (dir.width > DKFormatMaxWidth || dir.precision > DKFormatMaxWidth)
     return false;
   return Emit(sink, dir, arg);
 }
 
-template <class CharT>
-void Run(Sink<CharT>& sink, const CharT* format, DKFormatArgSource& args) {
+template <class CharT, class ReaderT>
+void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
   const CharT* p = format;
   for (;;) {
     const CharT* run = p;
@@ -770,8 +1033,8 @@ void Run(Sink<CharT>& sink, const CharT* format, DKFormatArgSource& args) {
   }
 }
 
-template <class CharT>
-void Append(OutString<CharT>& out, const CharT* format, DKFormatArgSource& args) {
+template <class CharT, class ReaderT>
+void Append(OutString<CharT>& out, const CharT* format, ReaderT& args) {
   if (!format)
     return;
   if (PointsInto<CharT>(format, out)) {
@@ -788,41 +1051,39 @@ void Append(OutString<CharT>& out, const CharT* format, DKFormatArgSource& args)
 
 } // namespace
 
+void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgList args) {
+  TypedReader reader(args);
+  Append<DKChar>(out, format, reader);
+}
+
+void DKFormatAppend(std::string& out, const char* format, DKFormatArgList args) {
+  TypedReader reader(args);
+  Append<char>(out, format, reader);
+}
+
 void DKFormatAppend(DKString& out, const DKChar* format, DKFormatArgSource& args) {
-  Append<DKChar>(out, format, args);
+  SourceReader reader(args);
+  Append<DKChar>(out, format, reader);
 }
 
 void DKFormatAppend(std::string& out, const char* format, DKFormatArgSource& args) {
-  Append<char>(out, format, args);
+  SourceReader reader(args);
+  Append<char>(out, format, reader);
 }
 
 void DKFormatAppendV(DKString& out, const DKChar* format, va_list args) {
   VaArgSource source(args);
-  Append<DKChar>(out, format, source);
+  DKFormatAppend(out, format, source);
 }
 
 void DKFormatAppendV(std::string& out, const char* format, va_list args) {
   VaArgSource source(args);
-  Append<char>(out, format, source);
+  DKFormatAppend(out, format, source);
 }
 
 DKString DKFormatStringV(const DKChar* format, va_list args) {
   DKString result;
   DKFormatAppendV(result, format, args);
-  return result;
-}
-
-DKString DKFormatString(const DKChar* format, ...) {
-  va_list args;
-  va_start(args, format);
-  DKString result;
-  try {
-    DKFormatAppendV(result, format, args);
-  } catch (...) {
-    va_end(args);
-    throw;
-  }
-  va_end(args);
   return result;
 }
 
@@ -832,40 +1093,27 @@ std::string DKFormatNarrowV(const char* format, va_list args) {
   return result;
 }
 
-std::string DKFormatNarrow(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::string result;
-  try {
-    DKFormatAppendV(result, format, args);
-  } catch (...) {
-    va_end(args);
-    throw;
-  }
-  va_end(args);
-  return result;
+namespace {
+
+// Replaces s by the text that append writes. Built apart: the format or an argument may be
+// the string's own text.
+template <class AppendFn>
+DKString& Reformat(DKString& s, AppendFn append) {
+  DKString result;
+  append(result);
+  if (result.IsEmpty())
+    s.Clear();
+  else
+    s = std::move(result);
+  return s;
 }
+
+} // namespace
 
 DKString& DKString::FormatV(const DKChar* format, va_list args) {
-  // Built apart: the format or an argument may be this string's own text.
-  DKString result;
-  DKFormatAppendV(result, format, args);
-  if (result.IsEmpty())
-    Clear();
-  else
-    *this = std::move(result);
-  return *this;
+  return Reformat(*this, [&](DKString& out) { DKFormatAppendV(out, format, args); });
 }
 
-DKString& DKString::Format(const DKChar* format, ...) {
-  va_list args;
-  va_start(args, format);
-  try {
-    FormatV(format, args);
-  } catch (...) {
-    va_end(args);
-    throw;
-  }
-  va_end(args);
-  return *this;
+DKString& DKString::FormatArgs(const DKChar* format, DKFormatArgList args) {
+  return Reformat(*this, [&](DKString& out) { DKFormatAppend(out, format, args); });
 }

@@ -2,6 +2,7 @@
 // by their setters first, so the environment of the test run plays no part.
 #include "TraceTestSupport.h"
 
+#include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTrace.h>
 
 #include <gtest/gtest.h>
@@ -46,8 +47,9 @@ protected:
 
 TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   const std::string before = LocalStamp(std::chrono::system_clock::now());
-  DKTrace::Msg(TL_NORMAL, TS_SO, "Socket", "errCode=%d, errMess=%S\n", 10054,
-               DK_T("connexion r\u00e9initialis\u00e9e"));
+  // Arguments are typed: a DKString prints with %s, and 0 and nullptr are arguments.
+  DKTrace::Msg(TL_NORMAL, TS_SO, "Socket", "errCode=%d, errMess=%S, peer=%s, retries=%d, proxy=%s\n", 10054,
+               DK_T("connexion r\u00e9initialis\u00e9e"), DKString(DK_T("h\u00f4te")), 0, nullptr);
   const std::string after = LocalStamp(std::chrono::system_clock::now());
   const Texts lines = Lines();
   ASSERT_EQ(lines.size(), 1u);
@@ -57,7 +59,7 @@ TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   EXPECT_GE(after, line.stamp.substr(0, 19));
   EXPECT_EQ(line.threadId, std::to_string(gettid()));
   EXPECT_EQ(Digest(line), "Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
-                          "e");
+                          "e, peer=h\xc3\xb4te, retries=0, proxy=(null)");
 }
 
 TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {

@@ -10,8 +10,10 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstdint>
+#include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -27,6 +29,15 @@ std::string Ref(const char* format, ...) {
   va_end(again);
   va_end(args);
   return out;
+}
+
+// The va_list append form, for a DKString with a wide format or a std::string with a narrow one.
+template <class Out, class CharT>
+void AppendF(Out& out, const CharT* format, ...) {
+  va_list args;
+  va_start(args, format);
+  DKFormatAppendV(out, format, args);
+  va_end(args);
 }
 
 DKStdString Widen(const std::string& ascii) { return DKStdString(ascii.begin(), ascii.end()); }
@@ -169,8 +180,16 @@ TEST(DKFormatText, EachConversionTakesTheKindTheWindowsConventionNames) {
   const char* utf8 = "\xC3\xA9-\xF0\x9F\x98\x80";
   const DKChar* utf16 = u"\u00E9-\U0001F600";
   for (const KindCase& c : strings) {
-    EXPECT_EQ(c.narrowTakesWide ? DKFormatNarrow(c.format, utf16) : DKFormatNarrow(c.format, utf8), utf8) << c.format;
-    EXPECT_EQ(c.wideTakesWide ? WideOf(c.format, utf16) : WideOf(c.format, utf8), utf16) << c.format;
+    // Read from a va_list, the argument must be of the kind the conversion names.
+    std::string narrow;
+    AppendF(narrow, c.format, c.narrowTakesWide ? static_cast<const void*>(utf16) : utf8);
+    EXPECT_EQ(narrow, utf8) << c.format;
+    DKString wide;
+    AppendF(wide, Widen(c.format).c_str(), c.wideTakesWide ? static_cast<const void*>(utf16) : utf8);
+    EXPECT_EQ(Wide(wide), utf16) << c.format;
+    // Captured with its type, either kind prints in either format.
+    EXPECT_EQ(DKFormatNarrow(c.format, utf16), utf8) << c.format;
+    EXPECT_EQ(WideOf(c.format, utf8), utf16) << c.format;
   }
   const KindCase chars[] = {{"%c", false, true}, {"%C", true, false}, {"%lc", true, true}, {"%wc", true, true},
                             {"%hc", false, false}};
@@ -322,15 +341,6 @@ TEST(DKFormatArgSourceTest, EngineAsksForExactlyTheTypeEachConversionNames) {
 
 // ---------------------------------------------------------------------------------------------
 
-// The va_list append form, for a DKString with a wide format or a std::string with a narrow one.
-template <class Out, class CharT>
-void AppendF(Out& out, const CharT* format, ...) {
-  va_list args;
-  va_start(args, format);
-  DKFormatAppendV(out, format, args);
-  va_end(args);
-}
-
 TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
   DKString s(u"old text");
   EXPECT_EQ(Wide(s.Format(u"%d-%s", 12, u"ab")), u"12-ab");
@@ -367,6 +377,112 @@ TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutp
   std::string pattern(600, 'd');
   AppendF(pattern, pattern.c_str());
   EXPECT_EQ(pattern, std::string(1200, 'd'));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The typed front end: arguments captured with their types.
+
+TEST(DKFormatTyped, NullPointerConstantsAreArgumentsNotArgumentLists) {
+  DKString s;
+  EXPECT_EQ(Wide(s.Format(u"v=%d", 0)), u"v=0");
+  EXPECT_EQ(Wide(s.Format(u"[%s]", nullptr)), u"[(null)]");
+  EXPECT_EQ(Wide(s.Format(u"[%p|%5s]", nullptr, NULL)), u"[0000000000000000|%!s(int64)]");
+  EXPECT_EQ(Wide(DKFormatString(u"%d", 0)), u"0");
+  EXPECT_EQ(DKFormatNarrow("%d|%s", 0, nullptr), "0|(null)");
+}
+
+TEST(DKFormatTyped, EveryTextTypePrintsWithEitherConversionInEitherFormat) {
+  const std::string utf8 = "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
+  const DKStdString utf16 = u"\u00E9\u20AC\U0001F600";
+  const std::wstring utf32 = L"\u00E9\u20AC\U0001F600";
+  const DKString dk(utf16.c_str());
+  const auto check = [&](const auto& arg, const char* what) {
+    EXPECT_EQ(DKFormatNarrow("<%s|%S|%ls|%hs>", arg, arg, arg, arg), "<" + utf8 + "|" + utf8 + "|" + utf8 + "|" + utf8 + ">")
+        << what;
+    EXPECT_EQ(Wide(DKFormatString(u"<%s|%S>", arg, arg)), u"<" + utf16 + u"|" + utf16 + u">") << what;
+  };
+  check(utf8.c_str(), "const char*");
+  check(utf8, "std::string");
+  check(std::string_view(utf8), "std::string_view");
+  check(reinterpret_cast<const char8_t*>(utf8.c_str()), "const char8_t*");
+  check(utf16.c_str(), "const DKChar*");
+  check(utf16, "DKStdString");
+  check(std::u16string_view(utf16), "std::u16string_view");
+  check(dk, "DKString");
+  check(utf32.c_str(), "const wchar_t*");
+  check(utf32, "std::wstring");
+  check(U"\u00E9\u20AC\U0001F600", "char32_t array");
+
+  // Counted text prints its own length, not up to a terminator; precision still cuts it.
+  const std::string_view middle = std::string_view("abcdef").substr(1, 3);
+  EXPECT_EQ(DKFormatNarrow("[%s|%.2s|%5S]", middle, middle, std::u16string_view(u"xyzw", 2)), "[bcd|bc|   xy]");
+  const DKChar withNul[] = {u'a', 0, u'b'};
+  EXPECT_EQ(Wide(DKFormatString(u"%s", DKString(withNul, 3))), DKStdString(withNul, 3));
+}
+
+TEST(DKFormatTyped, IntegersKeepTheirTypeUnlessASizeConvertsThem) {
+  enum Small { Seven = 7 };
+  enum class Wide64 : long long { Big = 1LL << 40 };
+  struct Row {
+    std::string got, expected;
+  };
+  const Row rows[] = {
+      {DKFormatNarrow("%d", 1LL << 40), "1099511627776"},
+      {DKFormatNarrow("%d", ULLONG_MAX), "18446744073709551615"},
+      {DKFormatNarrow("%+d|%i", 3000000000u, 5u), "+3000000000|5"},
+      {DKFormatNarrow("%x|%X", -1, -1LL), "ffffffff|FFFFFFFFFFFFFFFF"},
+      {DKFormatNarrow("%u", static_cast<short>(-1)), "4294967295"}, // promoted to int, as in C
+      {DKFormatNarrow("%hd|%hhx|%hu", 70000, 0x1ff, -1), "4464|ff|65535"},
+      {DKFormatNarrow("%lx|%I32d|%I64u", -1, 1LL << 33, -1), "ffffffffffffffff|0|18446744073709551615"},
+      {DKFormatNarrow("%d|%d|%d|%d", 'A', u'\u00E9', true, Seven), "65|233|1|7"},
+      {DKFormatNarrow("%d|%#x", Wide64::Big, std::byte{0xAB}), "1099511627776|0xab"},
+      {DKFormatNarrow("%05d|%-4d|%.3d", static_cast<signed char>(-5), 3, 7L), "-0005|3   |007"},
+  };
+  for (const Row& row : rows)
+    EXPECT_EQ(row.got, row.expected);
+}
+
+TEST(DKFormatTyped, CharactersOfKnownEncodingPrintAsThatCharacter) {
+  EXPECT_EQ(DKFormatNarrow("[%c|%c|%c|%4c|%C]", 'x', u'\u00E9', U'\U0001F600', u'\u20AC', 'y'),
+            "[x|\xC3\xA9|\xF0\x9F\x98\x80| \xE2\x82\xAC|y]");
+  EXPECT_EQ(Wide(DKFormatString(u"[%c|%C|%c|%lc]", 'x', u'\u00E9', U'\U0001F600', 0x20AC)), u"[x|\u00E9|\U0001F600|\u20AC]");
+  EXPECT_EQ(DKFormatNarrow("%c", static_cast<char32_t>(0x110000)), "\xEF\xBF\xBD");
+}
+
+TEST(DKFormatTyped, FloatingConversionsTakeAnyArithmeticArgument) {
+  EXPECT_EQ(DKFormatNarrow("%.1f|%g|%e|%.2f", 3, 2.5f, 1e10, -7LL), "3.0|2.5|1.000000e+10|-7.00");
+  EXPECT_EQ(DKFormatNarrow("%.3Lf|%.3f|%.3Lf", 1.0L / 3, 1.0L / 3, 0.5), "0.333|0.333|0.500");
+}
+
+TEST(DKFormatTyped, ArgumentsThatCannotMatchAreNamedAndConsumed) {
+  int local = 0;
+  struct Row {
+    std::string got, expected;
+  };
+  const Row rows[] = {
+      {DKFormatNarrow("%d|%d", "text", 5), "%!d(text)|5"},
+      {DKFormatNarrow("%s|%s", 5, "ok"), "%!s(int)|ok"},
+      {DKFormatNarrow("%x|%c", 1.5, &local), "%!x(double)|%!c(pointer)"},
+      {DKFormatNarrow("%f|%s", "pi", 'c'), "%!f(text)|%!s(char)"},
+      {DKFormatNarrow("%p|%n|%S", 7u, 2.0L, true), "%!p(unsigned int)|%!n(long double)|%!S(bool)"},
+      {DKFormatNarrow("[%d %s %5.1f]", 1), "[1 %!s(missing) %!f(missing)]"},
+      // A "*" that is not an integer: the directive's arguments are consumed all the same.
+      {DKFormatNarrow("%*d|%d", 2.0, 1, 9), "%!*(double)|9"},
+      {DKFormatNarrow("%*.*s|%s", "w", 3, "abc", "next"), "%!*(text)|next"},
+      {DKFormatNarrow("%.*f|%d", nullptr, 1.0, 4), "%!*(nullptr)|4"},
+      // Extra arguments are ignored, as with printf.
+      {DKFormatNarrow("%d", 1, 2, "three"), "1"},
+      {DKFormatNarrow("100%%", 1), "100%"},
+  };
+  for (const Row& row : rows)
+    EXPECT_EQ(row.got, row.expected);
+  EXPECT_EQ(Wide(DKFormatString(u"%d|%s", DKString(u"x"), 1LL)), u"%!d(text)|%!s(int64)");
+}
+
+TEST(DKFormatTyped, StarValuesFromAnyIntegerAndTheLimitStillHolds) {
+  EXPECT_EQ(DKFormatNarrow("[%*d|%-*d|%.*s]", 4LL, 1, static_cast<short>(3), 2, 2u, "abc"), "[   1|2  |ab]");
+  EXPECT_EQ(DKFormatNarrow("[%*d|%d]", LLONG_MIN, 1, 2), "[%*d|2]");
+  EXPECT_EQ(DKFormatNarrow("[%*d|%d]", ULLONG_MAX, 1, 2), "[%*d|2]");
 }
 
 } // namespace
