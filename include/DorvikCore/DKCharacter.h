@@ -37,5 +37,12 @@ DK_EXPORT DKChar DKFoldCaseAndAccent(DKChar ch) noexcept;
 // ACCENT or a variation selector.
 DK_EXPORT bool DKIsNonSpacingMark(DKChar ch) noexcept;
 
+// True for white space: the code points of the BMP with the Unicode White_Space property
+// (U+0009-U+000D, U+0020, U+0085, U+00A0, U+1680, U+2000-U+200A, U+2028, U+2029, U+202F,
+// U+205F, U+3000). The same on every platform and in every locale, unlike the C library's
+// iswspace. The library skips white space with it wherever it skips by meaning rather than by
+// a listed set (number conversions, natural comparison).
+DK_EXPORT bool DKiswspace(DKChar ch) noexcept;
+
 // The version of the Unicode Character Database the tables were generated from, e.g. "15.0.0".
 DK_EXPORT const char* DKUnicodeVersion() noexcept;

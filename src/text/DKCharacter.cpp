@@ -11,6 +11,7 @@ DKChar DKtowlower(DKChar ch) noexcept { return Map<Lower>(ch); }
 DKChar DKFoldCase(DKChar ch) noexcept { return Map<Fold>(ch); }
 DKChar DKFoldAccent(DKChar ch) noexcept { return Map<Accent>(ch); }
 DKChar DKFoldCaseAndAccent(DKChar ch) noexcept { return Map<CaseAccent>(ch); }
+bool DKiswspace(DKChar ch) noexcept { return IsWhiteSpace(ch); }
 bool DKIsNonSpacingMark(DKChar ch) noexcept { return ch != 0 && MapFromTable<Accent>(ch) == 0; }
 const char* DKUnicodeVersion() noexcept { return kUnicodeVersion; }
 

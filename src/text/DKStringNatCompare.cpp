@@ -1,13 +1,11 @@
 #include <DorvikCore/DKCharacter.h>
 #include <DorvikCore/DKString.h>
 
+#include "text/DKUnicodeTables.h"
+
 #include <cstdint>
 
 namespace {
-
-inline bool IsSpace(DKChar c) noexcept {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
 
 inline bool IsDigit(DKChar c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -27,9 +25,9 @@ int DKStringNatCompare::operator()(const DKChar* a, const DKChar* b) const noexc
     a = empty;
   if (!b)
     b = empty;
-  while (IsSpace(*a))
+  while (DKUnicode::IsWhiteSpace(*a))
     ++a;
-  while (IsSpace(*b))
+  while (DKUnicode::IsWhiteSpace(*b))
     ++b;
   for (;;) {
     if (*a == 0 || *b == 0)

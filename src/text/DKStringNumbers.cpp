@@ -3,6 +3,8 @@
 // process locale or on the platform's width of long.
 #include <DorvikCore/DKString.h>
 
+#include "text/DKUnicodeTables.h"
+
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -14,14 +16,11 @@
 
 namespace {
 
-inline bool IsCSpace(DKChar c) noexcept {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 inline bool IsDigit(DKChar c) noexcept { return c >= '0' && c <= '9'; }
 
+// Leading white space, as the wide C conversions skip it, by the library's own classification.
 inline const DKChar* SkipSpace(const DKChar* p) noexcept {
-  while (IsCSpace(*p))
+  while (DKUnicode::IsWhiteSpace(*p))
     ++p;
   return p;
 }
@@ -148,6 +147,11 @@ double DKString::AsDouble(bool* ok) const {
   bool negative = false;
   if (first != last && (*first == '+' || *first == '-'))
     negative = *first++ == '-';
+  // At most one sign: std::from_chars would read a second '-' as the number's own.
+  if (first != last && (*first == '+' || *first == '-')) {
+    SetOk(ok, false);
+    return 0.0;
+  }
   std::chars_format format = std::chars_format::general;
   const char* digits = first;
   if (last - first > 2 && first[0] == '0' && (first[1] == 'x' || first[1] == 'X')) {

@@ -25,6 +25,24 @@ enum Table : unsigned {
 };
 
 extern const char kUnicodeVersion[];
+
+// The code points with the White_Space property, as sorted inclusive ranges.
+struct WhiteSpaceRange {
+  std::uint16_t first, last;
+};
+extern const WhiteSpaceRange kWhiteSpace[10]; // the generator writes the same count
+
+// White space by the Unicode White_Space property, the same on every platform and in every
+// locale. ASCII is decided by arithmetic; the generator checks that the table agrees.
+inline bool IsWhiteSpace(DKChar ch) noexcept {
+  const auto unit = static_cast<std::uint16_t>(ch);
+  if (unit < 0x85)
+    return unit == 0x20 || (unit >= 0x09 && unit <= 0x0D);
+  for (const WhiteSpaceRange& r : kWhiteSpace)
+    if (unit <= r.last)
+      return unit >= r.first;
+  return false;
+}
 extern const std::uint8_t kPageIndex[kTableCount][256];
 extern const std::int16_t kPages[][256];
 

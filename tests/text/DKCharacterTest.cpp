@@ -148,6 +148,29 @@ TEST(DKCharacterTest, AgreesWithUnicodeDataFile) {
   }
 }
 
+// White space against the White_Space property of PropList.txt, for every BMP code point.
+TEST(DKCharacterTest, WhiteSpaceAgreesWithPropList) {
+  std::ifstream in("/usr/share/unicode/PropList.txt");
+  if (!in)
+    GTEST_SKIP() << "PropList.txt is not installed";
+  std::vector<bool> space(0x10000);
+  std::string line;
+  while (std::getline(in, line)) {
+    const std::size_t semicolon = line.find(';');
+    if (line.empty() || line[0] == '#' || semicolon == std::string::npos ||
+        line.compare(line.find_first_not_of(' ', semicolon + 1), 12, "White_Space ") != 0)
+      continue;
+    const unsigned long first = std::stoul(line, nullptr, 16);
+    const std::size_t dots = line.find("..");
+    const unsigned long last = dots < semicolon ? std::stoul(line.substr(dots + 2), nullptr, 16) : first;
+    for (unsigned long u = first; u <= last && u <= 0xFFFF; ++u)
+      space[u] = true;
+  }
+  ASSERT_TRUE(space[0x3000] && space[0x20] && !space[0x200B]) << "PropList.txt was not read";
+  for (unsigned u = 0; u <= 0xFFFF; ++u)
+    EXPECT_EQ(DKiswspace(static_cast<DKChar>(u)), space[u]) << Hex(u);
+}
+
 TEST(DKCharacterTest, BufferMappingStaysWithinLength) {
   DKChar text[] = DK_T("a\u00E9\u03C2\u0131Z\u4E00\xD800zz");
   DKStrUpper(text, 8);

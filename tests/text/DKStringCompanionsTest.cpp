@@ -19,6 +19,8 @@ TEST(DKStringNatCompare, OrdersDigitRunsByValue) {
       {u"file2", u"file10", -1}, {u"file10", u"file2", 1}, {u"007", u"7", 0},  {u"1a", u"aa", -1},
       {u"aa", u"1a", 1},         {u"ABC", u"abc", 0},      {u"  x", u"x", 0},  {u"a", u"ab", -1},
       {u"", u"", 0},             {u"x2y3", u"x2y10", -1},  {u"é", u"É", 0},    {u"b", u"a", 1},
+      // Leading white space is any Unicode white space, whatever the locale.
+      {u"\u3000x", u"x", 0},     {u"\u00A0\u2003\u20289", u"10", -1},        {u"\u200Bx", u"x", 1},
   };
   DKStringNatCompare cmp;
   for (const Case& c : cases)

@@ -33,6 +33,9 @@ TEST(DKStringNumbers, Int32) {
       {u"2147483648", 2147483647, false},                      {u"-2147483649", std::numeric_limits<int>::min(), false},
       {u"99999999999999999999999", 2147483647, false},         {u"0x10", 0, false},
       {u"007", 7, true},           {u" \n 3", 3, true},
+      // At most one sign; leading white space is any Unicode white space.
+      {u"+-5", 0, false},          {u"--5", 0, false},         {u"-+5", 0, false},
+      {u"\u3000\u00A0\u20059", 9, true}, {u"\u200B9", 0, false},
   };
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return s.AsInt(ok); }, "AsInt");
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return static_cast<int>(s.AsLong(ok)); },
@@ -46,7 +49,7 @@ TEST(DKStringNumbers, UInt32) {
   const NumberCase<unsigned> cases[] = {
       {u"4294967295", 4294967295u, true}, {u"4294967296", 4294967295u, false}, {u" 17", 17u, true},
       {u"-1", 4294967295u, true}, // negated in unsigned arithmetic, as the C library does
-      {u"", 0u, false},                   {u"5x", 5u, false},
+      {u"", 0u, false},                   {u"5x", 5u, false},                  {u"-+1", 0u, false},
   };
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return s.AsUint(ok); }, "AsUint");
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return static_cast<unsigned>(s.AsULong(ok)); },
@@ -63,12 +66,15 @@ TEST(DKStringNumbers, Int64ScansWithoutRangeCheck) {
       {u"9223372036854775808", std::numeric_limits<DKInt64>::min(), true}, // wraps
       {u"+", 0, false},
       {u"  ", 0, false},
+      {u"+-1", 0, false},
+      {u"\u30007", 7, true},
   };
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return s.AsInt64(ok); }, "AsInt64");
   const NumberCase<DKUInt64> ucases[] = {
       {u"18446744073709551615", 18446744073709551615ull, true},
       {u"-1", 18446744073709551615ull, true},
       {u"1z", 1, false},
+      {u"--1", 0, false},
   };
   Check(std::begin(ucases), std::end(ucases), [](const DKString& s, bool* ok) { return s.AsUInt64(ok); }, "AsUInt64");
 }
@@ -81,6 +87,9 @@ TEST(DKStringNumbers, Double) {
       {u"1e400", HUGE_VAL, false}, {u"-1e400", -HUGE_VAL, false}, {u"0.1e400", HUGE_VAL, false},
       {u"1e-400", 0.0, false},  {u"99e99999999999999999999", HUGE_VAL, false},
       {u"0.01e-99999999999999999999", 0.0, false},
+      // At most one sign, as in the C library: a second one ends the number before it starts.
+      {u"+-5", 0.0, false},     {u"--5", 0.0, false},       {u"-+5", 0.0, false},   {u"+-inf", 0.0, false},
+      {u"-+0x1p4", 0.0, false}, {u"\u3000\u2028-2", -2.0, true}, {u"\uFEFF1", 0.0, false},
   };
   Check(std::begin(cases), std::end(cases), [](const DKString& s, bool* ok) { return s.AsDouble(ok); }, "AsDouble");
   bool ok = false;
