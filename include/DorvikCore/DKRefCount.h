@@ -38,7 +38,7 @@ public:
   typedef T element_type;
 
   DKSmartPtr() noexcept = default;
-  DKSmartPtr(std::nullptr_t) noexcept {}
+  // Also from nullptr or a literal 0: one overload takes every null-pointer constant.
   DKSmartPtr(T* p) noexcept : m_p(p) { if (m_p) m_p->AddRef(); }
   DKSmartPtr(const DKSmartPtr& other) noexcept : DKSmartPtr(other.m_p) {}
   DKSmartPtr(DKSmartPtr&& other) noexcept : m_p(std::exchange(other.m_p, nullptr)) {}
@@ -47,14 +47,13 @@ public:
   ~DKSmartPtr() { if (m_p) m_p->Release(); }
 
   // Takes the new object before releasing the old one, so assigning an object that only
-  // the old one keeps alive is safe.
+  // the old one keeps alive is safe. Assigning nullptr or 0 clears.
   DKSmartPtr& operator=(T* p) noexcept {
     if (p) p->AddRef();
     T* old = std::exchange(m_p, p);
     if (old) old->Release();
     return *this;
   }
-  DKSmartPtr& operator=(std::nullptr_t) noexcept { Clear(); return *this; }
   DKSmartPtr& operator=(const DKSmartPtr& other) noexcept { return *this = other.m_p; }
   DKSmartPtr& operator=(DKSmartPtr&& other) noexcept {
     if (this != &other) {

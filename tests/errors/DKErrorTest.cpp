@@ -61,8 +61,11 @@ TEST(DKSmartPtrTest, CopyMoveClearNullAndConstPointers) {
     EXPECT_EQ(constant.Get(), a.Get());
     EXPECT_EQ(a->NbRef(), 4u);
     c = nullptr;
-    constant.Clear();
+    constant = 0; // a literal 0 clears, as nullptr does
     EXPECT_EQ(a->NbRef(), 2u);
+    DKSmartPtr<Probe> d(0), e(a);
+    e = 0;
+    EXPECT_TRUE(d.IsNull() && e.IsNull() && e == 0 && e == nullptr);
   }
   EXPECT_EQ(a->NbRef(), 1u);
   a.Clear();
