@@ -104,7 +104,8 @@ public:
   DKString& Append(DKChar ch) {
     DataDef* d = m_pData;
     const std::uint32_t len = d->length;
-    if (len < d->capacity && d->references.load(std::memory_order_relaxed) < 1) {
+    // Room for length + 1 + 1 units, the rule every appending form grows by.
+    if (len + 1 < d->capacity && d->references.load(std::memory_order_relaxed) < 1) {
       d->Text()[len] = ch;
       d->Text()[len + 1] = 0;
       d->length = len + 1;

@@ -126,6 +126,31 @@ TEST_F(DKStringTest, EveryEditingOperationUnsharesFirst) {
   }
 }
 
+// Every appending form grows to length + n + 1, by one half at least: ten single characters
+// appended to an empty string see the same capacities whichever form appends them.
+TEST_F(DKStringTest, EveryAppendingFormGrowsTheSameWay) {
+  const DKString x(u"x");
+  const std::pair<const char*, void (*)(DKString&, const DKString&)> forms[] = {
+      {"+= char", [](DKString& s, const DKString&) { s += u'x'; }},
+      {"+= pointer", [](DKString& s, const DKString&) { s += u"x"; }},
+      {"+= string", [](DKString& s, const DKString& one) { s += one; }},
+      {"Append(char)", [](DKString& s, const DKString&) { s.Append(u'x'); }},
+      {"Append(pointer, 1)", [](DKString& s, const DKString&) { s.Append(u"xyz", 1); }},
+      {"Insert(end, char)", [](DKString& s, const DKString&) { s.Insert(s.Length(), u'x'); }},
+      {"Insert(end, pointer)", [](DKString& s, const DKString&) { s.Insert(DKString::npos, u"x"); }},
+      {"Insert(end, string)", [](DKString& s, const DKString& one) { s.Insert(s.Length(), one); }},
+  };
+  const std::size_t expected[] = {2, 3, 4, 6, 6, 9, 9, 9, 13, 13};
+  for (const auto& [name, append] : forms) {
+    DKString s;
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+      append(s, x);
+      EXPECT_EQ(s.Capacity(), expected[i]) << name << ", character " << i + 1;
+    }
+    EXPECT_EQ(s, S(u"xxxxxxxxxx")) << name;
+  }
+}
+
 TEST_F(DKStringTest, GrowthByOneHalfKeepsAppendingAmortised) {
   DKString s;
   std::size_t reallocations = 0;
