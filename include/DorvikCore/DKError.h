@@ -1,14 +1,17 @@
-// Counted error objects and DKErrorID, the result of every fallible operation.
+// Counted error objects: DKError (text from a message source), DKErrorWithArgs (with typed
+// parameters), DKErrorString (ready-made text), and the library's own message set. The error
+// interface DKErrorI and DKErrorID, the result of every fallible operation, are in
+// DKErrorID.h, which this header includes.
 #pragma once
 
 #include <DorvikCore/DKDouble.h>
+#include <DorvikCore/DKErrorID.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 
 #include <vector>
 
 class DKMessageSource;
-class DKErrorI;
 class DKDateTime;
 
 // Settings for turning parameter values into text. An empty date-time format means each
@@ -37,44 +40,6 @@ public:
 private:
   const DKErrorI* m_error = nullptr;
   DKExecContext m_exec;
-};
-
-// The error interface: a code (0 means success) and a severity, plus typed parameters.
-// The base has no parameters: the count is 0, every type ParamNone, every value null and
-// every value text empty.
-class DK_EXPORT DKErrorI : public DKRefCount {
-public:
-  enum Severity : std::int32_t { SeveritySuccess = 0, SeverityInfo = 1, SeverityWarning = 2, SeverityError = 3, SeverityFatal = 4 };
-  enum ErrorParamType : std::int32_t {
-    ParamNone = 0,      // no parameter (index out of range)
-    ParamDouble = 1,    // double, text "%f"
-    ParamInt = 2,       // int, text "%d"
-    ParamLong = 3,      // long, text "%ld"
-    ParamDKString = 4,  // DKString, the text itself
-    ParamDKDateTime = 5,
-    ParamDKDouble = 6   // DKDouble, text DKDouble::AsString()
-  };
-  static constexpr int IUID = 0x444B4552; // "DKER"
-
-  DKErrorI(long code, Severity severity) noexcept : m_code(code), m_severity(severity) {}
-  ~DKErrorI() override;
-
-  // The interface identifier, IUID unless a subclass answers for another interface.
-  virtual int GetIUID() const;
-  virtual std::size_t GetParameterCount() const;
-  virtual ErrorParamType GetParameterType(std::size_t index) const;
-  // Points at the stored value (of the type GetParameterType names); null out of range.
-  virtual const void* GetParameterValue(std::size_t index) const;
-  virtual DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const;
-  // Writes the error's text to out; the result says whether the text could be produced.
-  virtual DKErrorID AsString(DKString& out, const DKFormatContext& context) const = 0;
-
-  long GetCode() const noexcept { return m_code; }
-  Severity GetSeverity() const noexcept { return m_severity; }
-
-private:
-  long m_code;
-  Severity m_severity;
 };
 
 // A counted error whose text comes from a message source (the formatter).
@@ -152,33 +117,6 @@ private:
   DKString m_text;
 };
 
-// The result of a fallible operation: success (no error, or an error whose code is 0) or a
-// shared reference to an error object. Copies share the object.
-class DK_EXPORT DKErrorID {
-public:
-  enum DefaultConstant { SUCCESS = 0 };
-
-  DKErrorID() noexcept = default;
-  // Success, whatever the constant.
-  DKErrorID(DefaultConstant) noexcept {}
-  DKErrorID(const DKSmartPtrToConst<DKErrorI>& error) noexcept : m_error(error) {}
-  template <class E, class = std::enable_if_t<std::is_convertible_v<E*, const DKErrorI*>>>
-  DKErrorID(const DKSmartPtr<E>& error) noexcept : m_error(error.Get()) {}
-  explicit DKErrorID(const DKErrorI* error) noexcept : m_error(error) {}
-
-  bool IsSuccess() const noexcept { return !m_error || m_error->GetCode() == 0; }
-  bool Good() const noexcept { return IsSuccess(); }
-  bool Bad() const noexcept { return !IsSuccess(); }
-  operator int() const noexcept { return m_error ? static_cast<int>(m_error->GetCode()) : 0; }
-  long GetCode() const noexcept { return m_error ? m_error->GetCode() : 0; }
-  const DKSmartPtrToConst<DKErrorI>& GetError() const noexcept { return m_error; }
-  // "SUCCESS" when there is no error object, else the error's text in a default context.
-  DKString AsString() const;
-
-private:
-  DKSmartPtrToConst<DKErrorI> m_error;
-};
-
 // The library's own message set, held by the library's in-memory message source
 // (DKGetLibraryMessageSource in DKMessageSource.h). The comment is the message text.
 enum DKLibraryMessage : long {
@@ -198,3 +136,7 @@ enum DKLibraryMessage : long {
 // A new error of the library's own message set; add its parameters, then return it as a
 // DKErrorID.
 DK_EXPORT DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severity severity = DKErrorI::SeverityError);
+
+// Message sources complete the family: code that passes or holds a DKSmartPtr to one (a null
+// formatter included) needs the class complete.
+#include <DorvikCore/DKMessageSource.h>

@@ -2,6 +2,7 @@
 // copies and copied just before a sharer changes it (copy on write).
 #pragma once
 
+#include <DorvikCore/DKErrorID.h>
 #include <DorvikCore/DKFormatArgs.h>
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKPointerVector.h>
@@ -14,7 +15,6 @@
 #include <iosfwd>
 #include <string>
 
-class DKErrorID;
 class DKCollator;
 class DKStringConverter;
 class DKDateTime;

@@ -140,7 +140,10 @@ DKErrorWithArgs::~DKErrorWithArgs() { FreeParams(m_params); }
 
 template <class T>
 std::size_t DKErrorWithArgs::Append(ErrorParamType type, const T& value) {
-  m_params.reserve(m_params.size() + 1); // so the push_back below cannot fail after the copy
+  // Room first, so that the push_back below cannot fail after the copy; growing by half keeps
+  // adding parameters linear.
+  if (m_params.size() == m_params.capacity())
+    m_params.reserve(m_params.size() + m_params.size() / 2 + 4);
   m_params.push_back({type, NewValue(value)});
   return m_params.size() - 1;
 }
