@@ -53,16 +53,17 @@ struct DKFormatArg {
   // Length of a text that runs to its terminator.
   static constexpr std::size_t terminated = static_cast<std::size_t>(-1);
 
+  struct Text {
+    const void* text;   // null for a null text pointer
+    std::size_t length; // code units, or `terminated`
+  };
   union {
     long long i;
     unsigned long long u;
     double d;
     const long double* ld;
     const void* p;
-    struct {
-      const void* text; // null for a null text pointer
-      std::size_t length; // code units, or `terminated`
-    } s;
+    Text s;
   };
   Kind kind;
   unsigned char bytes; // integer width after promotion (4 or 8)
