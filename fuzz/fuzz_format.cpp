@@ -7,6 +7,8 @@
 //   mode bit 1: arguments are ASCII only (characters masked, strings from the ASCII texts)
 //   mode bit 2: instead, one numeric conversion is built from the next bytes (flags, width,
 //               precision, letter, size, value) and both engines must write what snprintf writes
+//   mode bit 3: the arguments are captured with their types (the typed front end): each is
+//               a kind byte and its value bytes, so any argument can meet any conversion
 // Properties checked besides "no crash":
 //   - a format without "%" comes out unchanged;
 //   - "%n" never writes through its pointer;
@@ -21,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -104,6 +107,55 @@ private:
   std::size_t m_used = 0;
   bool m_asciiOnly;
   std::int64_t m_largeBudget = 2 * DKFormatMaxWidth;
+};
+
+// Typed arguments built from bytes: a kind byte, then the value. Texts come from the tables
+// above (both kinds, counted or terminated); "*" values are bounded as in ByteSource.
+class TypedArgs {
+public:
+  TypedArgs(const std::uint8_t* data, std::size_t size, bool asciiOnly) {
+    std::size_t used = 0;
+    auto take = [&](void* out, std::size_t n) {
+      const std::size_t k = std::min(n, size - used);
+      std::memset(out, 0, n);
+      std::memcpy(out, data + used, k);
+      used += k;
+    };
+    while (used < size && m_count < kMax) {
+      std::uint8_t kind = 0;
+      take(&kind, 1);
+      std::int64_t raw = 0;
+      take(&raw, kind % 12 < 8 ? 2 : 0);
+      if (asciiOnly || raw > 1000 || raw < -1000)
+        raw %= 128; // widths and characters stay small
+      const std::size_t text = static_cast<std::size_t>(raw & 0xFF) % (asciiOnly ? kAsciiTexts : kTexts);
+      DKFormatArg& a = m_args[m_count++];
+      switch (kind % 12) {
+      case 0: a = DKMakeFormatArg(static_cast<int>(raw)); break;
+      case 1: a = DKMakeFormatArg(static_cast<unsigned long long>(raw)); break;
+      case 2: a = DKMakeFormatArg(static_cast<char>(raw)); break;
+      case 3: a = DKMakeFormatArg(static_cast<DKChar>(raw)); break;
+      case 4: a = DKMakeFormatArg(static_cast<char32_t>(asciiOnly ? raw : raw * 977)); break;
+      case 5: a = DKMakeFormatArg(static_cast<double>(raw) / 7); break;
+      case 6: a = DKMakeFormatArg(raw != 0); break;
+      case 7: a = DKMakeFormatArg(NarrowText(text)); break;
+      case 8: a = DKMakeFormatArg(WideText(text)); break;
+      case 9: // counted text, cut short of its terminator
+        a = NarrowText(text) ? DKMakeFormatArg(std::string_view(NarrowText(text)).substr(0, 2))
+                             : DKMakeFormatArg(nullptr);
+        break;
+      case 10: a = DKMakeFormatArg(m_longDouble); break;
+      default: a = DKMakeFormatArg(&m_longDouble); break;
+      }
+    }
+  }
+  operator DKFormatArgList() const noexcept { return {m_args, m_count}; }
+
+private:
+  static constexpr std::size_t kMax = 16;
+  DKFormatArg m_args[kMax];
+  std::size_t m_count = 0;
+  long double m_longDouble = 2.5L;
 };
 
 // Widths and precisions written as digits are bounded the same way as "*" values.
@@ -232,17 +284,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::uint8_t* args = data + argStart;
   const std::size_t argSize = size - argStart;
 
-  ByteSource narrowArgs(args, argSize, asciiOnly);
   std::string narrowOut = "<kept>";
-  DKFormatAppend(narrowOut, narrowFormat.c_str(), narrowArgs);
+  DKString wide;
+  if (mode & 8) {
+    const TypedArgs typed(args, argSize, asciiOnly);
+    DKFormatAppend(narrowOut, narrowFormat.c_str(), typed);
+    DKFormatAppend(wide, wideFormat.c_str(), typed);
+  } else {
+    ByteSource narrowArgs(args, argSize, asciiOnly);
+    DKFormatAppend(narrowOut, narrowFormat.c_str(), narrowArgs);
+    Check(narrowArgs.scratch == 0x5EED, "%n wrote through its pointer (narrow)");
+    ByteSource wideArgs(args, argSize, asciiOnly);
+    DKFormatAppend(wide, wideFormat.c_str(), wideArgs);
+    Check(wideArgs.scratch == 0x5EED, "%n wrote through its pointer (wide)");
+  }
   Check(narrowOut.compare(0, 6, "<kept>") == 0, "append keeps the earlier text");
   narrowOut.erase(0, 6);
-  Check(narrowArgs.scratch == 0x5EED, "%n wrote through its pointer (narrow)");
-
-  ByteSource wideArgs(args, argSize, asciiOnly);
-  DKString wide;
-  DKFormatAppend(wide, wideFormat.c_str(), wideArgs);
-  Check(wideArgs.scratch == 0x5EED, "%n wrote through its pointer (wide)");
 
   if (narrowFormat.find('%') == std::string::npos)
     Check(narrowOut == narrowFormat, "narrow format without % comes out unchanged");
