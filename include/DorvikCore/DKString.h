@@ -10,10 +10,13 @@
 #include <DorvikCore/DKTypes.h>
 
 #include <atomic>
+#include <compare>
 #include <cstdarg>
 #include <functional>
 #include <iosfwd>
 #include <string>
+#include <string_view>
+#include <vector>
 
 class DKCollator;
 class DKStringConverter;
@@ -61,6 +64,19 @@ public:
     return *this;
   }
   DKString& operator=(const DKStdString& text) { return Assign(text.c_str(), text.size()); }
+
+  // Views and UTF-8. A view is copied whole (a 0 inside it included); narrow text is UTF-8,
+  // and an invalid byte sequence becomes U+FFFD (SetFromUTF8 refuses it instead).
+  explicit DKString(std::u16string_view text) : DKString() { Append(text); }
+  explicit DKString(const char* utf8) : DKString() { Append(utf8); }
+  explicit DKString(std::string_view utf8) : DKString() { Append(utf8); }
+  static DKString FromUTF8(std::string_view utf8) { return DKString(utf8); }
+  // The decimal text of a number; a double in the shortest form that reads back the same.
+  static DKString Number(int value) { return Number(static_cast<long long>(value)); }
+  static DKString Number(long value) { return Number(static_cast<long long>(value)); }
+  static DKString Number(long long value);
+  static DKString Number(unsigned long long value);
+  static DKString Number(double value);
   DKString& Assign(const DKString& other) noexcept { return *this = other; }
   // count 0: copy up to the terminator; otherwise exactly count code units.
   DKString& Assign(const DKChar* text, std::size_t count = 0);
@@ -84,7 +100,16 @@ public:
   DKStdString AsStdString() const { return DKStdString(c_str(), Length()); }
   explicit operator DKStdString() const { return AsStdString(); }
 
-  // Access.
+  // The text as a view; valid until the string changes.
+  operator std::u16string_view() const noexcept {
+    return std::u16string_view(reinterpret_cast<const char16_t*>(c_str()), Length());
+  }
+  DKStringView View() const noexcept { return DKStringView(c_str(), Length()); }
+
+  // Access. size(), data() and empty() are the standard spellings, for generic code.
+  std::size_t size() const noexcept { return m_pData->length; }
+  const DKChar* data() const noexcept { return m_pData->Text(); }
+  bool empty() const noexcept { return m_pData->length == 0; }
   std::size_t Length() const noexcept { return m_pData->length; }
   std::size_t Len() const noexcept { return m_pData->length; }
   std::size_t Capacity() const noexcept { return m_pData->capacity; }
@@ -113,9 +138,22 @@ public:
     }
     return AppendSlow(ch);
   }
+  DKString& Append(const DKStdString& text) { return Append(DKStringView(text)); }
+  DKString& Append(std::u16string_view text);
+#if DK_WCHAR_IS_DKCHAR
+  DKString& Append(DKStringView text);
+#endif
+  DKString& Append(const char* utf8) { return utf8 ? Append(std::string_view(utf8)) : *this; }
+  DKString& Append(std::string_view utf8);
+  DKString& Append(const std::string& utf8) { return Append(std::string_view(utf8)); }
   DKString& operator+=(const DKString& other) { return Append(other); }
   DKString& operator+=(const DKChar* text) { return Append(text); }
   DKString& operator+=(DKChar ch) { return Append(ch); }
+  DKString& operator+=(const DKStdString& text) { return Append(text); }
+  DKString& operator+=(std::u16string_view text) { return Append(text); }
+  DKString& operator+=(const char* utf8) { return Append(utf8); }
+  DKString& operator+=(std::string_view utf8) { return Append(utf8); }
+  DKString& operator+=(const std::string& utf8) { return Append(utf8); }
 
   DKString& Insert(std::size_t pos, const DKChar* text);
   DKString& Insert(std::size_t pos, const DKString& text);
@@ -156,6 +194,18 @@ public:
   std::size_t FindFirstNotOf(const DKString& set, std::size_t start = 0) const { return FindFirstNotOf(set.c_str(), start); }
   std::size_t FindLastOf(const DKString& set, std::size_t start = npos) const { return FindLastOf(set.c_str(), start); }
   std::size_t FindLastNotOf(const DKString& set, std::size_t start = npos) const { return FindLastNotOf(set.c_str(), start); }
+
+  // Tests on the text, code unit by code unit.
+  bool StartsWith(DKStringView prefix) const noexcept { return View().starts_with(prefix); }
+  bool EndsWith(DKStringView suffix) const noexcept { return View().ends_with(suffix); }
+  bool Contains(DKStringView text) const noexcept { return View().find(text) != DKStringView::npos; }
+  bool StartsWith(DKChar ch) const noexcept { return View().starts_with(ch); }
+  bool EndsWith(DKChar ch) const noexcept { return View().ends_with(ch); }
+  bool Contains(DKChar ch) const noexcept { return View().find(ch) != DKStringView::npos; }
+  // The pieces between separators, empty ones included: "a,,b" split at ',' gives "a", "",
+  // "b"; the empty string gives one empty piece. An empty separator gives the whole text.
+  std::vector<DKString> Split(DKChar separator) const;
+  std::vector<DKString> Split(DKStringView separator) const;
 
   // Comparison. Flag bit 1 ignores case, bit 2 ignores accents; other bits are ignored.
   // Without flags the result is exactly -1, 0 or 1.
@@ -214,15 +264,22 @@ public:
   DKString& Decrypt();
   bool IsEncrypted() const;
 
-  // Comparison operators use the plain comparison.
+  // Comparison operators use the plain comparison (Compare without flags): code-unit order,
+  // in both operand orders. Narrow text compares as its UTF-8 decoding.
   friend bool operator==(const DKString& a, const DKString& b) noexcept { return a.Equals(b); }
-  friend bool operator==(const DKString& a, const DKChar* b) { return a.Compare(b) == 0; }
-  friend bool operator<(const DKString& a, const DKString& b) { return a.Compare(b) < 0; }
-  friend bool operator<(const DKString& a, const DKChar* b) { return a.Compare(b) < 0; }
-  friend bool operator<(const DKChar* a, const DKString& b) { return b.Compare(a) > 0; }
-  friend bool operator>(const DKString& a, const DKString& b) { return a.Compare(b) > 0; }
-  friend bool operator<=(const DKString& a, const DKString& b) { return a.Compare(b) <= 0; }
-  friend bool operator>=(const DKString& a, const DKString& b) { return a.Compare(b) >= 0; }
+  friend bool operator==(const DKString& a, const DKChar* b) noexcept { return a.Compare(b) == 0; }
+  friend bool operator==(const DKString& a, std::u16string_view b) noexcept { return std::u16string_view(a) == b; }
+  friend bool operator==(const DKString& a, std::string_view utf8) noexcept { return a.EqualsUTF8(utf8); }
+  friend bool operator==(const DKString& a, const char* utf8) noexcept { return a.EqualsUTF8(utf8 ? utf8 : ""); }
+  friend std::strong_ordering operator<=>(const DKString& a, const DKString& b) noexcept { return a.Compare(b) <=> 0; }
+  friend std::strong_ordering operator<=>(const DKString& a, const DKChar* b) noexcept { return a.Compare(b) <=> 0; }
+  friend std::strong_ordering operator<=>(const DKString& a, std::u16string_view b) noexcept {
+    return std::u16string_view(a).compare(b) <=> 0;
+  }
+  friend bool operator==(const DKString& a, const DKStdString& b) noexcept { return a.View() == DKStringView(b); }
+  friend std::strong_ordering operator<=>(const DKString& a, const DKStdString& b) noexcept {
+    return a.View().compare(b) <=> 0;
+  }
 
   // The block behind the string, for tests and diagnostics.
   const DataDef* GetData() const noexcept { return m_pData; }
@@ -240,6 +297,7 @@ private:
 
   DKString& AppendSlow(DKChar ch);
   bool Equals(const DKString& other) const noexcept;
+  bool EqualsUTF8(std::string_view utf8) const noexcept;
   // Copies count units of text (which may lie inside this string) as the new content.
   void SetText(const DKChar* text, std::size_t count);
   void AppendUnits(const DKChar* text, std::size_t count);
@@ -253,6 +311,54 @@ DK_EXPORT DKString operator+(const DKString& a, const DKString& b);
 DK_EXPORT DKString operator+(const DKString& a, const DKChar* b);
 DK_EXPORT DKString operator+(const DKChar* a, const DKString& b);
 DK_EXPORT DKString operator+(const DKString& a, DKChar b);
+// A temporary on the left is appended to in place: a + b + c copies a once.
+inline DKString operator+(DKString&& a, const DKString& b) { return std::move(a.Append(b)); }
+inline DKString operator+(DKString&& a, const DKChar* b) { return std::move(a.Append(b)); }
+inline DKString operator+(DKString&& a, DKChar b) { return std::move(a.Append(b)); }
+
+// One piece of a DKStrCat: text of either kind, a character or an integer.
+class DK_EXPORT DKStrCatPiece {
+public:
+  DKStrCatPiece(const DKString& s) noexcept : m_wide(s.c_str()), m_length(s.Length()) {}
+  DKStrCatPiece(const DKStdString& s) noexcept : m_wide(s.data()), m_length(s.size()) {}
+  DKStrCatPiece(DKStringView s) noexcept : m_wide(s.data()), m_length(s.size()) {}
+  DKStrCatPiece(const DKChar* s) noexcept : m_wide(s), m_length(DKStrLenInline(s)) {}
+  DKStrCatPiece(DKChar ch) noexcept : m_wide(m_digits), m_length(1) { m_digits[0] = ch; }
+  DKStrCatPiece(char ch) noexcept : m_narrow(&m_byte), m_length(1), m_byte(ch) {}
+  DKStrCatPiece(std::string_view utf8) noexcept : m_narrow(utf8.data()), m_length(utf8.size()) {}
+  DKStrCatPiece(const char* utf8) noexcept : DKStrCatPiece(std::string_view(utf8 ? utf8 : "")) {}
+  DKStrCatPiece(const std::string& utf8) noexcept : DKStrCatPiece(std::string_view(utf8)) {}
+  DKStrCatPiece(int v) noexcept : DKStrCatPiece(static_cast<long long>(v)) {}
+  DKStrCatPiece(long v) noexcept : DKStrCatPiece(static_cast<long long>(v)) {}
+  DKStrCatPiece(long long v) noexcept;
+  DKStrCatPiece(unsigned v) noexcept : DKStrCatPiece(static_cast<unsigned long long>(v)) {}
+  DKStrCatPiece(unsigned long v) noexcept : DKStrCatPiece(static_cast<unsigned long long>(v)) {}
+  DKStrCatPiece(unsigned long long v) noexcept;
+  DKStrCatPiece(const DKStrCatPiece&) = delete;
+  DKStrCatPiece& operator=(const DKStrCatPiece&) = delete;
+
+private:
+  friend DK_EXPORT DKString DKStrCatPieces(const DKStrCatPiece* const* pieces, std::size_t count);
+  static std::size_t DKStrLenInline(const DKChar* s) noexcept { return s ? std::char_traits<DKChar>::length(s) : 0; }
+
+  const DKChar* m_wide = nullptr;
+  const char* m_narrow = nullptr; // UTF-8 text when set
+  std::size_t m_length = 0;
+  char m_byte = 0;
+  DKChar m_digits[24];
+};
+
+DK_EXPORT DKString DKStrCatPieces(const DKStrCatPiece* const* pieces, std::size_t count);
+
+// Concatenates its pieces into one new string, sized once: DKStrCat(name, DK_T(": "), count).
+template <class... Pieces>
+DKString DKStrCat(const Pieces&... pieces) {
+  const auto join = [](const auto&... piece) {
+    const DKStrCatPiece* list[] = {&piece..., nullptr};
+    return DKStrCatPieces(list, sizeof...(piece));
+  };
+  return join(DKStrCatPiece(pieces)...);
+}
 
 // Writes the text as UTF-8.
 DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKString& s);

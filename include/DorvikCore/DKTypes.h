@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 // DKChar is one UTF-16 code unit. On Windows wchar_t is 16 bits and is used as is; elsewhere
 // wchar_t is 32 bits, so the library uses char16_t and transcodes wchar_t text at the boundary.
@@ -19,8 +20,9 @@ typedef char16_t DKChar;
 #  define DK_WCHAR_IS_DKCHAR 0
 #endif
 
-// The standard string of DKChar code units.
+// The standard string of DKChar code units, and its view.
 typedef std::basic_string<DKChar> DKStdString;
+typedef std::basic_string_view<DKChar> DKStringView;
 
 typedef std::int64_t DKInt64;
 typedef std::uint64_t DKUInt64;

@@ -2,7 +2,10 @@
 #include <DorvikCore/DKCollator.h>
 #include <DorvikCore/DKString.h>
 
+#include "text/DKUtf.h"
+
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -213,6 +216,26 @@ DKString& DKString::Append(const DKChar* text, std::size_t count) {
 DKString& DKString::Append(const DKString& other) {
   if (!other.IsEmpty())
     AppendUnits(other.c_str(), other.Length());
+  return *this;
+}
+
+DKString& DKString::Append(std::u16string_view text) {
+  static_assert(sizeof(char16_t) == sizeof(DKChar), "DKChar is one UTF-16 code unit");
+  if (!text.empty())
+    AppendUnits(reinterpret_cast<const DKChar*>(text.data()), text.size());
+  return *this;
+}
+
+#if DK_WCHAR_IS_DKCHAR
+DKString& DKString::Append(DKStringView text) {
+  if (!text.empty())
+    AppendUnits(text.data(), text.size());
+  return *this;
+}
+#endif
+
+DKString& DKString::Append(std::string_view utf8) {
+  dkutf::Utf8ToUtf16(utf8.data(), utf8.size(), *this, true);
   return *this;
 }
 
@@ -562,6 +585,31 @@ int PlainCompare(const DKChar* a, std::size_t na, const DKChar* b, std::size_t n
 
 } // namespace
 
+bool DKString::EqualsUTF8(std::string_view utf8) const noexcept {
+  // Decoded on the fly, unit by unit: no allocation.
+  const DKChar* t = c_str();
+  const std::size_t len = Length();
+  std::size_t i = 0;
+  const auto* p = reinterpret_cast<const unsigned char*>(utf8.data());
+  const auto* end = p + utf8.size();
+  while (p < end) {
+    char32_t cp;
+    const std::size_t n = dkutf::DecodeUtf8(p, static_cast<std::size_t>(end - p), cp);
+    p += n;
+    if (cp < 0x10000) {
+      if (i >= len || t[i] != static_cast<DKChar>(cp))
+        return false;
+      ++i;
+    } else {
+      if (i + 1 >= len || t[i] != static_cast<DKChar>(0xD800 + ((cp - 0x10000) >> 10)) ||
+          t[i + 1] != static_cast<DKChar>(0xDC00 + ((cp - 0x10000) & 0x3FF)))
+        return false;
+      i += 2;
+    }
+  }
+  return i == len;
+}
+
 bool DKString::Equals(const DKString& other) const noexcept {
   if (m_pData == other.m_pData)
     return true;
@@ -630,6 +678,73 @@ DKString operator+(const DKString& a, DKChar b) {
   DKString r(a);
   r.Append(b);
   return r;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Numbers, splitting and concatenation
+
+DKString DKString::Number(long long value) { return DKStrCat(value); }
+DKString DKString::Number(unsigned long long value) { return DKStrCat(value); }
+
+DKString DKString::Number(double value) {
+  char buffer[32];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+  return DKString(std::string_view(buffer, static_cast<std::size_t>(result.ptr - buffer)));
+}
+
+std::vector<DKString> DKString::Split(DKStringView separator) const {
+  std::vector<DKString> pieces;
+  const DKStringView text = View();
+  if (separator.empty()) {
+    pieces.push_back(*this);
+    return pieces;
+  }
+  std::size_t from = 0;
+  for (;;) {
+    const std::size_t at = text.find(separator, from);
+    if (at == DKStringView::npos) {
+      pieces.push_back(from == 0 ? *this : DKString(text.data() + from, text.size() - from));
+      return pieces;
+    }
+    pieces.push_back(at == from ? DKString() : DKString(text.data() + from, at - from));
+    from = at + separator.size();
+  }
+}
+
+std::vector<DKString> DKString::Split(DKChar separator) const { return Split(DKStringView(&separator, 1)); }
+
+DKStrCatPiece::DKStrCatPiece(long long v) noexcept : m_wide(m_digits) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, v).ptr;
+  m_length = static_cast<std::size_t>(end - digits);
+  std::copy(digits, end, m_digits);
+}
+
+DKStrCatPiece::DKStrCatPiece(unsigned long long v) noexcept : m_wide(m_digits) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, v).ptr;
+  m_length = static_cast<std::size_t>(end - digits);
+  std::copy(digits, end, m_digits);
+}
+
+DKString DKStrCatPieces(const DKStrCatPiece* const* pieces, std::size_t count) {
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const DKStrCatPiece& p = *pieces[i];
+    total += p.m_narrow ? dkutf::Utf16LengthOfUtf8(p.m_narrow, p.m_length) : p.m_length;
+  }
+  DKString result;
+  if (total == 0)
+    return result;
+  result.Reserve(total + 1);
+  for (std::size_t i = 0; i < count; ++i) {
+    const DKStrCatPiece& p = *pieces[i];
+    if (p.m_narrow)
+      result.Append(std::string_view(p.m_narrow, p.m_length));
+    else if (p.m_length)
+      result.Append(p.m_wide, p.m_length);
+  }
+  return result;
 }
 
 std::size_t std::hash<DKString>::operator()(const DKString& s) const noexcept {

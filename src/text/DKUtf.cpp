@@ -170,6 +170,16 @@ std::size_t Utf8ToUtf16(const char* text, std::size_t length, DKString& out, boo
   return DKString::npos;
 }
 
+std::size_t DecodeUtf8(const unsigned char* s, std::size_t available, char32_t& cp) noexcept {
+  if (s[0] < 0x80) {
+    cp = s[0];
+    return 1;
+  }
+  const Sequence seq = DecodeSequence(s, available);
+  cp = seq.valid ? seq.codePoint : replacementChar;
+  return seq.size;
+}
+
 std::size_t Utf16LengthOfUtf8(const char* text, std::size_t length) noexcept {
   if (!text)
     return 0;

@@ -40,6 +40,11 @@ void Utf32ToUtf16(const wchar_t* text, std::size_t length, DKString& out);
 void Utf16ToUtf32(const DKChar* text, std::size_t length, std::wstring& out);
 #endif
 
+// Decodes the character at the start of `available` bytes (at least one): returns how many
+// bytes it takes, and the code point in cp, U+FFFD for an invalid sequence (as the lenient
+// mode of Utf8ToUtf16 decodes it).
+std::size_t DecodeUtf8(const unsigned char* s, std::size_t available, char32_t& cp) noexcept;
+
 // Number of code units Utf8ToUtf16 produces for the text in lenient mode (the exact length
 // of a valid text's UTF-16 form).
 std::size_t Utf16LengthOfUtf8(const char* text, std::size_t length) noexcept;

@@ -1,0 +1,160 @@
+// The standard-library face of DKString: views, UTF-8 in and out, C++20 comparisons, the
+// everyday helpers and concatenation. Ordering and splitting are checked against the standard
+// library as an independent reference.
+#include <DorvikCore/DKMemoryPool.h>
+#include <DorvikCore/DKString.h>
+
+#include <gtest/gtest.h>
+
+#include "DKPoolLeakCheck.h"
+
+#include <algorithm>
+#include <cmath>
+#include <compare>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using DKStringSurfaceTest = DKPoolLeakCheckedTest;
+
+std::u16string_view V(const DKString& s) { return s; }
+
+TEST_F(DKStringSurfaceTest, ViewsAndUtf8ComeInWholeAndBadBytesBecomeReplacementCharacters) {
+  const std::u16string_view withNul(u"a\0b", 3);
+  EXPECT_EQ(V(DKString(withNul)), withNul);
+  struct Row {
+    std::string utf8;
+    std::u16string expected;
+  };
+  const Row rows[] = {
+      {"", u""},
+      {"plain", u"plain"},
+      {"h\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", u"h\u00E9 \u20AC \U0001F600"},
+      {"bad\xFF|\xC3|\xE2\x82|\xED\xA0\x80|\xF4\x90\x80\x80", u"bad\uFFFD|\uFFFD|\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(V(DKString::FromUTF8(row.utf8)), row.expected) << row.utf8;
+    EXPECT_EQ(V(DKString(row.utf8)), row.expected) << row.utf8;
+    EXPECT_EQ(V(DKString(row.utf8.c_str())), row.expected) << row.utf8;
+    DKString appended(u"<");
+    appended += row.utf8;
+    appended.Append(std::string_view(row.utf8)).Append(row.utf8.c_str());
+    EXPECT_EQ(V(appended), u"<" + row.expected + row.expected + row.expected) << row.utf8;
+    // Equality with narrow text is equality with its decoding.
+    EXPECT_TRUE(DKString(row.expected.c_str()) == row.utf8) << row.utf8;
+    EXPECT_FALSE(DKString(row.expected + u"x") == row.utf8) << row.utf8;
+  }
+  EXPECT_TRUE(DKString() == static_cast<const char*>(nullptr));
+  const DKChar half[] = {0xD83D, 0};
+  EXPECT_FALSE(DKString(half) == "\xF0\x9F\x98\x80"); // half a pair is not the character
+  EXPECT_TRUE(DKString(u"\U0001F600") != "\xF0\x9F\x98\x81");
+
+  // The standard spellings serve generic code.
+  const DKString s(u"generic");
+  EXPECT_EQ(std::u16string(s.data(), s.size()), u"generic");
+  EXPECT_TRUE(DKString().empty());
+  EXPECT_EQ(std::count(s.begin(), s.end(), u'e'), 2);
+}
+
+int Sign(int v) { return (v > 0) - (v < 0); }
+int Sign(std::strong_ordering o) { return o < 0 ? -1 : o > 0 ? 1 : 0; }
+
+TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
+  std::mt19937 random(7);
+  const char16_t alphabet[] = {u'a', u'b', u'A', u'\u00E9', char16_t{0xD83D}, char16_t{0xDE00}, u'\uFFFF', u'\u0001'};
+  auto randomText = [&] {
+    std::u16string t(random() % 4, u' ');
+    for (char16_t& c : t)
+      c = alphabet[random() % std::size(alphabet)];
+    return t;
+  };
+  for (int i = 0; i < 2000; ++i) {
+    const std::u16string a = randomText(), b = randomText();
+    const int expected = Sign(a.compare(b));
+    const DKString da(a.c_str()), db(b.c_str());
+    EXPECT_EQ(Sign(da <=> db), expected);
+    EXPECT_EQ(Sign(da <=> b.c_str()), expected);
+    EXPECT_EQ(Sign(a.c_str() <=> db), expected);
+    EXPECT_EQ(Sign(da <=> std::u16string_view(b)), expected);
+    EXPECT_EQ(Sign(da <=> b), expected);
+    EXPECT_EQ(da < db, expected < 0);
+    EXPECT_EQ(a.c_str() >= db, expected >= 0);
+    EXPECT_EQ(da == b.c_str(), expected == 0);
+    EXPECT_EQ(b.c_str() != da, expected != 0);
+    EXPECT_EQ(da == b, expected == 0);
+  }
+}
+
+TEST_F(DKStringSurfaceTest, StartsEndsContainsAndSplit) {
+  const DKString s(u"key=value=more");
+  EXPECT_TRUE(s.StartsWith(u"key=") && s.StartsWith(u"") && s.StartsWith(u'k'));
+  EXPECT_FALSE(s.StartsWith(u"value") || DKString().StartsWith(u'k'));
+  EXPECT_TRUE(s.EndsWith(u"more") && s.EndsWith(u'e') && !s.EndsWith(u"key"));
+  EXPECT_TRUE(s.Contains(u"=value=") && s.Contains(u'v') && !s.Contains(u"==") && DKString().Contains(u""));
+
+  // Against a reference split written with std::u16string.
+  auto reference = [](const std::u16string& text, const std::u16string& sep) {
+    std::vector<std::u16string> out;
+    std::size_t from = 0;
+    for (std::size_t at; (at = text.find(sep, from)) != std::u16string::npos; from = at + sep.size())
+      out.push_back(text.substr(from, at - from));
+    out.push_back(text.substr(from));
+    return out;
+  };
+  for (const std::u16string text : {u"", u",", u"a", u"a,b", u",a,,b,", u"a, b,  c"})
+    for (const std::u16string sep : {u",", u", ", u",,"}) {
+      std::vector<std::u16string> got;
+      for (const DKString& piece : DKString(text.c_str()).Split(DKStringView(sep)))
+        got.emplace_back(V(piece));
+      EXPECT_EQ(got, reference(text, sep)) << DKString(text.c_str()).AsUTF8() << " / " << DKString(sep.c_str()).AsUTF8();
+    }
+  const std::vector<DKString> byChar = DKString(u"x;y").Split(u';');
+  ASSERT_EQ(byChar.size(), 2u);
+  EXPECT_EQ(byChar[1], u"y");
+  const DKString whole(u"no separator");
+  EXPECT_EQ(whole.Split(DKStringView()).front().GetData(), whole.GetData()); // shared, not copied
+}
+
+TEST_F(DKStringSurfaceTest, NumbersReadBackAndConcatenationSizesOnce) {
+  EXPECT_EQ(DKString::Number(0), u"0");
+  EXPECT_EQ(DKString::Number(std::numeric_limits<int>::min()), u"-2147483648");
+  EXPECT_EQ(DKString::Number(std::numeric_limits<long long>::min()), u"-9223372036854775808");
+  EXPECT_EQ(DKString::Number(std::numeric_limits<unsigned long long>::max()), u"18446744073709551615");
+  EXPECT_EQ(DKString::Number(0.1), u"0.1");
+  EXPECT_EQ(DKString::Number(1e21), u"1e+21");
+  EXPECT_EQ(DKString::Number(-0.0), u"-0");
+  std::mt19937_64 random(11);
+  for (int i = 0; i < 1000; ++i) {
+    double v;
+    const std::uint64_t bits = random();
+    std::memcpy(&v, &bits, sizeof v);
+    if (!std::isfinite(v))
+      continue;
+    bool ok = false;
+    EXPECT_EQ(DKString::Number(v).AsDouble(&ok), v);
+    EXPECT_TRUE(ok);
+  }
+
+  const DKString name(u"caf\u00E9");
+  const std::size_t blocks = DMMemoryPool::GetTotalBlocks();
+  const DKString joined = DKStrCat(name, DK_T(": "), 42, u' ', -7LL, ' ', "\xE2\x82\xAC", std::string("!"), 0u);
+  EXPECT_EQ(DMMemoryPool::GetTotalBlocks() - blocks, 1u); // one block of the final size
+  EXPECT_EQ(joined, u"caf\u00E9: 42 -7 \u20AC!0");
+  EXPECT_EQ(joined, name + DK_T(": ") + DK_T("42") + u' ' + DK_T("-7 \u20AC!0"));
+  EXPECT_TRUE(DKStrCat().IsEmpty());
+
+  // A temporary on the left of + is appended to in place.
+  DKString left(u"a");
+  left.Reserve(16);
+  const DKString::DataDef* block = left.GetData();
+  const DKString chained = std::move(left) + u"b" + name + u'!';
+  EXPECT_EQ(chained.GetData(), block);
+  EXPECT_EQ(chained, u"abcaf\u00E9!");
+}
+
+} // namespace
