@@ -90,12 +90,29 @@ public:
   // Look-ups by switch name (without the prefix character), exactly when the command line is
   // case-sensitive, otherwise ignoring case. The first argument with that name counts; a word
   // that is not a switch is found by its whole text.
-  bool ArgPresent(const DKString& name) const;
+  // The name may be a DKString, DKChar text or UTF-8 text.
+  bool ArgPresent(DKTextArg name) const;
   // The value of the argument, or defaultValue when there is none. A switch without a value
-  // gives the empty value (0 as a number), not the default.
-  DKString GetArg(const DKString& name, const DKString& defaultValue) const;
-  int GetArg(const DKString& name, int defaultValue) const;
-  double GetArg(const DKString& name, double defaultValue) const;
+  // gives the empty value (0 as a number), not the default. The number forms write to ok
+  // (when given) whether the value read as a whole number: false for "/count:abc", for a
+  // switch without a value, and for a value out of range; true for the default of an absent
+  // switch.
+  DKString GetArg(DKTextArg name, const DKString& defaultValue) const;
+  int GetArg(DKTextArg name, int defaultValue, bool* ok = nullptr) const;
+  double GetArg(DKTextArg name, double defaultValue, bool* ok = nullptr) const;
+
+  // What is wrong with the command line for the options a program accepts: each switch that
+  // no usage entry names, a switch that needs a value and has none, a value given to a switch
+  // that takes none, and a value that does not read as the entry's ValueKind. Names compare as
+  // the look-ups compare. Words that are not switches are not checked.
+  struct Problem {
+    enum Kind { UnknownSwitch, MissingValue, UnexpectedValue, BadValue };
+    Kind kind;
+    DKString word;    // the argument as it was given, "--port=8080"
+    DKString message; // for the operator: "Unknown option --port=8080"
+  };
+  std::vector<Problem> Check(const DKUsageInfo& usage) const;
+  std::vector<Problem> Check(const std::vector<const DKUsageInfo*>& usages) const;
 
   // The index-th (from 0) word that is not a switch, or the empty string.
   DKString GetFileName(std::size_t index) const;

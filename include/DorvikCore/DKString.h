@@ -316,6 +316,34 @@ inline DKString operator+(DKString&& a, const DKString& b) { return std::move(a.
 inline DKString operator+(DKString&& a, const DKChar* b) { return std::move(a.Append(b)); }
 inline DKString operator+(DKString&& a, DKChar b) { return std::move(a.Append(b)); }
 
+// A text parameter of name look-ups: a DKString (shared, not copied), DKChar text or a view,
+// or UTF-8 narrow text (decoded; an invalid sequence becomes U+FFFD). It refers to the
+// caller's text and lives only for the call.
+class DKTextArg {
+public:
+  DKTextArg(const DKString& text) noexcept : m_string(&text) {}
+  DKTextArg(const DKChar* text) noexcept : m_wide(text ? text : DK_T("")) {}
+  DKTextArg(const DKStdString& text) noexcept : m_wide(text.c_str()) {}
+  DKTextArg(const char* utf8) noexcept : m_narrow(utf8 ? utf8 : "") {}
+  DKTextArg(std::string_view utf8) noexcept : m_narrow(utf8.data()), m_narrowLength(utf8.size()) {}
+  DKTextArg(const std::string& utf8) noexcept : m_narrow(utf8.data()), m_narrowLength(utf8.size()) {}
+
+  DKString Get() const {
+    if (m_string)
+      return *m_string;
+    if (m_wide)
+      return DKString(m_wide);
+    return DKString::FromUTF8(m_narrowLength == DKString::npos ? std::string_view(m_narrow)
+                                                               : std::string_view(m_narrow, m_narrowLength));
+  }
+
+private:
+  const DKString* m_string = nullptr;
+  const DKChar* m_wide = nullptr;
+  const char* m_narrow = nullptr;
+  std::size_t m_narrowLength = DKString::npos;
+};
+
 // One piece of a DKStrCat: text of either kind, a character or an integer.
 class DK_EXPORT DKStrCatPiece {
 public:

@@ -18,12 +18,28 @@ public:
   DKUsageInfo() = default;
   explicit DKUsageInfo(const DKString& generalInfo) : m_generalInfo(generalInfo) {}
 
+  // What the value of an option must read as, for DKCommandLine::Check.
+  enum class ValueKind { Text, Integer, Number };
+
   // Adds an option description. The name is written without its leading "/" and includes its
-  // value syntax ("config:{filename}"). The flag is kept with the entry and handed back by
+  // value syntax: "config:{filename}" takes a value, "consoleToFile[:filename]" may take one,
+  // "noConsole" takes none. The flag is kept with the entry and handed back by
   // GetCmdLineArgDesc; the layout does not use it. The narrow form takes UTF-8 text (an invalid
-  // sequence becomes U+FFFD; a null pointer is the empty text).
+  // sequence becomes U+FFFD; a null pointer is the empty text). The ValueKind forms also say
+  // what the value must read as (Text by default).
   void AddCmdLineArgDesc(const DKString& name, const DKString& description, bool flag = false);
   void AddCmdLineArgDesc(const char* name, const char* description, bool flag = false);
+  void AddCmdLineArgDesc(const DKString& name, const DKString& description, ValueKind kind);
+  void AddCmdLineArgDesc(const char* name, const char* description, ValueKind kind);
+
+  // An option as its name's syntax describes it.
+  struct Option {
+    enum Value { NoValue, RequiredValue, OptionalValue };
+    DKString name; // the switch name alone: "config" of "config:{filename}"
+    Value value;
+    ValueKind kind;
+  };
+  std::vector<Option> GetOptions() const;
 
   std::size_t GetCmdLineArgDescCount() const noexcept { return m_entries.size(); }
   // The entry at index, in order of addition. False, with the outputs untouched, when index is
@@ -50,6 +66,7 @@ private:
     DKString name;
     DKString description;
     bool flag;
+    ValueKind kind;
   };
 
   DKString m_generalInfo;

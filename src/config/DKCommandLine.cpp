@@ -1,9 +1,6 @@
 #include <DorvikCore/DKCharacter.h>
 #include <DorvikCore/DKCommandLine.h>
 
-#include "text/DKUtf.h"
-
-#include <cstring>
 #include <utility>
 
 namespace {
@@ -146,7 +143,7 @@ void DKCommandLine::Init(std::size_t argc, const char* const* argv, const DKStri
     words.resize(argc);
     for (std::size_t i = 0; i < argc; ++i)
       if (const char* text = argv[i])
-        dkutf::Utf8ToUtf16(text, std::strlen(text), words[i], true);
+        words[i] = DKString::FromUTF8(text);
   }
   UseOwnedWords(std::move(words));
 }
@@ -295,24 +292,88 @@ DKCommandLineArgument DKCommandLine::GetCommandLineArgument(const DKString& name
   return found ? *found : DKCommandLineArgument();
 }
 
-bool DKCommandLine::ArgPresent(const DKString& name) const {
-  const DKCommandLineArgument* found = FindArgument(name);
+bool DKCommandLine::ArgPresent(DKTextArg name) const {
+  const DKCommandLineArgument* found = FindArgument(name.Get());
   return found && found->GetArgType() != Absent;
 }
 
-DKString DKCommandLine::GetArg(const DKString& name, const DKString& defaultValue) const {
-  const DKCommandLineArgument* found = FindArgument(name);
+DKString DKCommandLine::GetArg(DKTextArg name, const DKString& defaultValue) const {
+  const DKCommandLineArgument* found = FindArgument(name.Get());
   return found && found->GetArgType() != Absent ? found->GetValueAsString() : defaultValue;
 }
 
-int DKCommandLine::GetArg(const DKString& name, int defaultValue) const {
-  const DKCommandLineArgument* found = FindArgument(name);
-  return found && found->GetArgType() != Absent ? found->GetValueAsInt() : defaultValue;
+namespace {
+
+template <class T, class Convert>
+T ConvertedArg(const DKCommandLineArgument* found, T defaultValue, bool* ok, Convert convert) {
+  if (!found || found->GetArgType() == DKCommandLineArgument::Absent) {
+    if (ok)
+      *ok = true;
+    return defaultValue;
+  }
+  return convert(found->GetValueAsString(), ok);
 }
 
-double DKCommandLine::GetArg(const DKString& name, double defaultValue) const {
-  const DKCommandLineArgument* found = FindArgument(name);
-  return found && found->GetArgType() != Absent ? found->GetValueAsDouble() : defaultValue;
+} // namespace
+
+int DKCommandLine::GetArg(DKTextArg name, int defaultValue, bool* ok) const {
+  return ConvertedArg(FindArgument(name.Get()), defaultValue, ok, [](const DKString& v, bool* k) { return v.AsInt(k); });
+}
+
+double DKCommandLine::GetArg(DKTextArg name, double defaultValue, bool* ok) const {
+  return ConvertedArg(FindArgument(name.Get()), defaultValue, ok,
+                      [](const DKString& v, bool* k) { return v.AsDouble(k); });
+}
+
+std::vector<DKCommandLine::Problem> DKCommandLine::Check(const DKUsageInfo& usage) const {
+  return Check(std::vector<const DKUsageInfo*>{&usage});
+}
+
+std::vector<DKCommandLine::Problem> DKCommandLine::Check(const std::vector<const DKUsageInfo*>& usages) const {
+  std::vector<DKUsageInfo::Option> options;
+  for (const DKUsageInfo* usage : usages)
+    if (usage)
+      for (DKUsageInfo::Option& option : usage->GetOptions())
+        options.push_back(std::move(option));
+  std::vector<Problem> problems;
+  for (std::size_t i = 0; i < m_parsedArguments.size(); ++i) {
+    const DKCommandLineArgument& argument = m_parsedArguments[i];
+    const ArgumentType type = argument.GetArgType();
+    if (type != Flag && type != Valued)
+      continue;
+    const DKString& word = m_rawArguments[i];
+    const DKUsageInfo::Option* option = nullptr;
+    for (const DKUsageInfo::Option& candidate : options)
+      if (NamesEqual(argument.GetArgument(), candidate.name)) {
+        option = &candidate;
+        break;
+      }
+    if (!option) {
+      problems.push_back({Problem::UnknownSwitch, word, DKStrCat(DK_T("Unknown option "), word)});
+      continue;
+    }
+    if (type == Flag) {
+      if (option->value == DKUsageInfo::Option::RequiredValue)
+        problems.push_back({Problem::MissingValue, word, DKStrCat(DK_T("Option "), word, DK_T(" needs a value"))});
+      continue;
+    }
+    if (option->value == DKUsageInfo::Option::NoValue) {
+      problems.push_back({Problem::UnexpectedValue, word, DKStrCat(DK_T("Option "), word, DK_T(" takes no value"))});
+      continue;
+    }
+    bool ok = true;
+    const DKString& value = argument.GetValueAsString();
+    if (option->kind == DKUsageInfo::ValueKind::Integer)
+      (void)value.AsInt(&ok);
+    else if (option->kind == DKUsageInfo::ValueKind::Number)
+      (void)value.AsDouble(&ok);
+    if (!ok) {
+      const DKChar* expected = option->kind == DKUsageInfo::ValueKind::Integer ? DK_T(" is not a whole number")
+                                                                                : DK_T(" is not a number");
+      problems.push_back({Problem::BadValue, word, DKStrCat(DK_T("Option "), word, DK_T(": \""), value, DK_T("\""), expected)});
+    }
+  }
+  return problems;
 }
 
 DKString DKCommandLine::GetFileName(std::size_t index) const {

@@ -3,16 +3,9 @@
 
 #include "text/DKUtf.h"
 
-#include <cstring>
-
 namespace {
 
-DKString FromUTF8(const char* text) {
-  DKString result;
-  if (text)
-    dkutf::Utf8ToUtf16(text, std::strlen(text), result, true);
-  return result;
-}
+DKString FromUTF8(const char* text) { return text ? DKString::FromUTF8(text) : DKString(); }
 
 // The chunks of a description as (start, length) pairs. A chunk ends at the last blank that
 // keeps it within the width, and the next one starts after that blank; without such a blank the
@@ -62,11 +55,34 @@ DKString ChunkLine(const DKChar* format, const DKString& first, const DKString& 
 } // namespace
 
 void DKUsageInfo::AddCmdLineArgDesc(const DKString& name, const DKString& description, bool flag) {
-  m_entries.push_back({name, description, flag});
+  m_entries.push_back({name, description, flag, ValueKind::Text});
 }
 
 void DKUsageInfo::AddCmdLineArgDesc(const char* name, const char* description, bool flag) {
-  m_entries.push_back({FromUTF8(name), FromUTF8(description), flag});
+  m_entries.push_back({FromUTF8(name), FromUTF8(description), flag, ValueKind::Text});
+}
+
+void DKUsageInfo::AddCmdLineArgDesc(const DKString& name, const DKString& description, ValueKind kind) {
+  m_entries.push_back({name, description, false, kind});
+}
+
+void DKUsageInfo::AddCmdLineArgDesc(const char* name, const char* description, ValueKind kind) {
+  m_entries.push_back({FromUTF8(name), FromUTF8(description), false, kind});
+}
+
+// "name:{value}" takes a value, "name[:value]" may take one, "name" takes none. The name ends
+// at the first ':', '[', '{' or blank.
+std::vector<DKUsageInfo::Option> DKUsageInfo::GetOptions() const {
+  std::vector<Option> options;
+  options.reserve(m_entries.size());
+  for (const Entry& entry : m_entries) {
+    const std::size_t end = entry.name.FindFirstOf(DK_T(":[{ "));
+    Option option{entry.name.SubStr(0, end), Option::NoValue, entry.kind};
+    if (end != DKString::npos)
+      option.value = entry.name[end] == DK_T('[') ? Option::OptionalValue : Option::RequiredValue;
+    options.push_back(std::move(option));
+  }
+  return options;
 }
 
 bool DKUsageInfo::GetCmdLineArgDesc(std::size_t index, DKString& name, DKString& description, bool& flag) const {

@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -162,6 +163,63 @@ TEST(DKCommandLineLookup, ApplicationCommandLine) {
   EXPECT_EQ(cl.GetFileName(0), DKString(DK_T("input.txt")));
   EXPECT_EQ(cl.GetFileName(2), DKString());
   EXPECT_EQ(cl.GetNonStandardArguments(), Words({DK_T("input.txt"), DK_T("/usr/lib/x")}));
+}
+
+TEST(DKCommandLineLookup, NumberGettersSayWhetherTheValueConverted) {
+  const DKCommandLine cl(DK_T("t /count:abc /verbose /port:8080 /big:99999999999 /ratio:1.5x /r:.25"));
+  struct Case {
+    const char* name; // UTF-8 names look up as DKChar ones do
+    int intValue;
+    bool intOk;
+  };
+  const Case cases[] = {{"count", 0, false}, {"verbose", 0, false}, {"port", 8080, true},
+                        {"big", 2147483647, false}, {"absent", 42, true}, {"PORT", 8080, true}};
+  for (const Case& c : cases) {
+    bool ok = !c.intOk;
+    EXPECT_EQ(cl.GetArg(c.name, 42, &ok), c.intValue) << c.name;
+    EXPECT_EQ(ok, c.intOk) << c.name;
+  }
+  bool ok = true;
+  EXPECT_EQ(cl.GetArg("ratio", 0.0, &ok), 1.5);
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(cl.GetArg(std::string("r"), 0.0, &ok), 0.25);
+  EXPECT_TRUE(ok);
+  EXPECT_TRUE(cl.ArgPresent(std::string_view("verbose")) && cl.ArgPresent("Verbose") && !cl.ArgPresent("verb"));
+  EXPECT_EQ(cl.GetArg("port", DKString(DK_T("none"))), DKString(DK_T("8080")));
+}
+
+TEST(DKCommandLineLookup, CheckNamesEveryProblemAgainstTheUsage) {
+  DKUsageInfo usage;
+  usage.AddCmdLineArgDesc("config:{filename}", "Configuration file");
+  usage.AddCmdLineArgDesc("consoleToFile[:filename]", "Console to a file");
+  usage.AddCmdLineArgDesc("noConsole", "No console");
+  usage.AddCmdLineArgDesc("port:{n}", "Port", DKUsageInfo::ValueKind::Integer);
+  DKUsageInfo plugIn;
+  plugIn.AddCmdLineArgDesc(DK_T("ratio:{x}"), DK_T("Ratio"), DKUsageInfo::ValueKind::Number);
+  const DKCommandLine cl(DK_T("t file.txt /CONFIG:a.ini /consoleToFile -consoleToFile:out.txt /noConsole /port:80 "
+                              "--port=8080 /config /noConsole:yes /port:eighty /ratio:1e3 /ratio:x /usr/lib/y"));
+  struct Expected {
+    DKCommandLine::Problem::Kind kind;
+    const DKChar* word;
+    const DKChar* message;
+  };
+  const Expected expected[] = {
+      {DKCommandLine::Problem::UnknownSwitch, DK_T("--port=8080"), DK_T("Unknown option --port=8080")},
+      {DKCommandLine::Problem::MissingValue, DK_T("/config"), DK_T("Option /config needs a value")},
+      {DKCommandLine::Problem::UnexpectedValue, DK_T("/noConsole:yes"), DK_T("Option /noConsole:yes takes no value")},
+      {DKCommandLine::Problem::BadValue, DK_T("/port:eighty"), DK_T("Option /port:eighty: \"eighty\" is not a whole number")},
+      {DKCommandLine::Problem::BadValue, DK_T("/ratio:x"), DK_T("Option /ratio:x: \"x\" is not a number")},
+  };
+  const std::vector<DKCommandLine::Problem> problems = cl.Check({&usage, &plugIn});
+  ASSERT_EQ(problems.size(), std::size(expected));
+  for (std::size_t i = 0; i < problems.size(); ++i) {
+    EXPECT_EQ(problems[i].kind, expected[i].kind) << i;
+    EXPECT_EQ(problems[i].word, expected[i].word) << i;
+    EXPECT_EQ(problems[i].message, expected[i].message) << i;
+  }
+  // Without the plug-in's usage its option is unknown.
+  EXPECT_EQ(cl.Check(usage).size(), std::size(expected) + 1);
+  EXPECT_TRUE(DKCommandLine(DK_T("t /config:x")).Check(usage).empty());
 }
 
 TEST(DKCommandLineLookup, CaseSensitivity) {
