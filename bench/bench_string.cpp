@@ -102,4 +102,36 @@ void BM_Find16In1MiB_StdU16String(benchmark::State& state) {
 }
 BENCHMARK(BM_Find16In1MiB_StdU16String)->Unit(benchmark::kMicrosecond);
 
+// Five pieces joined: DKStrCat sizes the result once; the + chain builds intermediate strings.
+void BM_Concat5_DKStrCat(benchmark::State& state) {
+  const DKString name(u"connection"), peer(u"192.168.0.17");
+  int i = 0;
+  for (auto _ : state) {
+    DKString s = DKStrCat(name, u" to ", peer, u": attempt ", ++i);
+    benchmark::DoNotOptimize(s);
+  }
+}
+BENCHMARK(BM_Concat5_DKStrCat);
+
+void BM_Concat5_DKStringPlusChain(benchmark::State& state) {
+  const DKString name(u"connection"), peer(u"192.168.0.17");
+  int i = 0;
+  for (auto _ : state) {
+    DKString s = name + u" to " + peer + u": attempt " + DKString::Number(++i);
+    benchmark::DoNotOptimize(s);
+  }
+}
+BENCHMARK(BM_Concat5_DKStringPlusChain);
+
+void BM_Concat5_StdU16StringPlusChain(benchmark::State& state) {
+  const std::u16string name(u"connection"), peer(u"192.168.0.17");
+  int i = 0;
+  for (auto _ : state) {
+    const std::string digits = std::to_string(++i);
+    std::u16string s = name + u" to " + peer + u": attempt " + std::u16string(digits.begin(), digits.end());
+    benchmark::DoNotOptimize(s);
+  }
+}
+BENCHMARK(BM_Concat5_StdU16StringPlusChain);
+
 } // namespace
