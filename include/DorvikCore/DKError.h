@@ -9,6 +9,9 @@
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 
+#include <climits>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 class DKMessageSource;
@@ -136,6 +139,38 @@ enum DKLibraryMessage : long {
 // A new error of the library's own message set; add its parameters, then return it as a
 // DKErrorID.
 DK_EXPORT DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severity severity = DKErrorI::SeverityError);
+
+namespace dkerror_detail {
+
+// Stores one parameter by its kind: integers as int when they fit and long otherwise, other
+// arithmetic types as double, text of either kind as DKString.
+template <class T>
+void AddParam(DKErrorWithArgs& error, const T& value) {
+  if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    const auto wide = static_cast<long long>(value);
+    if (wide >= INT_MIN && wide <= INT_MAX)
+      error.AddParam(static_cast<int>(wide));
+    else
+      error.AddParam(static_cast<long>(wide));
+  } else if constexpr (std::is_floating_point_v<T>) {
+    error.AddParam(static_cast<double>(value));
+  } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+    error.AddParam(DKString::FromUTF8(std::string_view(value)));
+  } else {
+    error.AddParam(value); // DKString, DKChar text, DKDouble, DKDateTime
+  }
+}
+
+} // namespace dkerror_detail
+
+// An error of the library's own message set with its parameters, in one expression:
+// return DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, code, text);
+template <class... Params>
+DKErrorID DKLibraryErrorID(long code, const Params&... params) {
+  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(code);
+  (dkerror_detail::AddParam(*error, params), ...);
+  return DKErrorID(error);
+}
 
 // Message sources complete the family: code that passes or holds a DKSmartPtr to one (a null
 // formatter included) needs the class complete.

@@ -76,6 +76,9 @@ public:
   // "SUCCESS" when there is no error object, else the error's text in a default context.
   DKString AsString() const;
 
+  // An error that carries its text ready made (a DKErrorString), in one expression.
+  static DKErrorID FromText(const DKString& text, long code = -1);
+
 private:
   DKSmartPtrToConst<DKErrorI> m_error;
 };

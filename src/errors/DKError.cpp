@@ -196,6 +196,10 @@ DKString DKErrorWithArgs::GetParameterValueAsString(std::size_t index, const DKE
 
 // ---- DKErrorString -------------------------------------------------------------------------
 
+DKErrorID DKErrorID::FromText(const DKString& text, long code) {
+  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text, code)));
+}
+
 DKErrorString::DKErrorString(const DKString& text, long code, Severity severity)
     : DKErrorI(code, severity), m_text(text) {}
 

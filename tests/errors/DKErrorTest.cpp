@@ -243,6 +243,19 @@ TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
     EXPECT_EQ(id.AsString(), c.text);
   }
   EXPECT_EQ(DKLibraryError(DK_MSG_UNSPECIFIED, DKErrorI::SeverityFatal)->GetSeverity(), DKErrorI::SeverityFatal);
+
+  // The one-expression forms, with parameters of any integer, floating or text kind.
+  const DKErrorID system = DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, std::size_t{2}, "No such file \xC3\xA9");
+  EXPECT_EQ(system.AsString(), DK_T("System error 2: No such file \u00E9"));
+  const auto* args = static_cast<const DKErrorWithArgs*>(system.GetError().Get());
+  EXPECT_EQ(args->GetParameterType(0), DKErrorI::ParamInt);
+  EXPECT_EQ(DKLibraryErrorID(DK_MSG_TEXT_TOO_LONG, 5000000000LL).AsString(), DK_T("Text too long: 5000000000 code units"));
+  EXPECT_EQ(DKLibraryErrorID(DK_MSG_INVALID_DATE, DKString(DK_T("x")), std::string("y")).GetError()->GetParameterCount(), 2u);
+  const DKErrorID text = DKErrorID::FromText(DK_T("disk full"), 28);
+  EXPECT_TRUE(text.Bad());
+  EXPECT_EQ(text.GetCode(), 28);
+  EXPECT_EQ(text.AsString(), DK_T("disk full"));
+  EXPECT_EQ(DKErrorID::FromText(DK_T("x")).GetCode(), -1);
 }
 
 TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNothing) {
