@@ -2,6 +2,7 @@
 #include <DorvikCore/DKCollator.h>
 #include <DorvikCore/DKString.h>
 
+#include "text/DKTextSearch.h"
 #include "text/DKUtf.h"
 
 #include <algorithm>
@@ -311,9 +312,9 @@ DKString DKString::SubStr(std::size_t pos, std::size_t count) const {
 }
 
 std::size_t DKString::ReplaceUnits(const DKChar* find, std::size_t findLen, const DKChar* repl, std::size_t replLen) {
-  const std::basic_string_view<DKChar> text(c_str(), Length());
-  const std::basic_string_view<DKChar> needle(find, findLen);
-  std::size_t pos = text.find(needle);
+  const DKChar* const text = c_str();
+  const std::size_t length = Length();
+  std::size_t pos = dktext::FindUnits(text, length, find, findLen, 0);
   if (findLen == 0 || pos == npos)
     return 0;
   // The result is built in a new string while this one (and any text of find or repl that
@@ -328,7 +329,7 @@ std::size_t DKString::ReplaceUnits(const DKChar* find, std::size_t findLen, cons
       result.AppendUnits(repl, replLen);
     from = pos + findLen;
     ++replaced;
-    pos = text.find(needle, from);
+    pos = dktext::FindUnits(text, length, find, findLen, from);
   }
   result.AppendUnits(c_str() + from, Length() - from);
   if (result.IsEmpty())
@@ -461,7 +462,7 @@ std::size_t DKString::Find(const DKChar* text, std::size_t start) const {
   const std::size_t n = DKStrLen(text);
   if (n == 0)
     return start;
-  return std::basic_string_view<DKChar>(c_str(), len).find(std::basic_string_view<DKChar>(text, n), start);
+  return dktext::FindUnits(c_str(), len, text, n, start);
 }
 
 std::size_t DKString::Find(const DKString& text, std::size_t start) const {
@@ -470,17 +471,14 @@ std::size_t DKString::Find(const DKString& text, std::size_t start) const {
     return npos;
   if (text.IsEmpty())
     return start;
-  return std::basic_string_view<DKChar>(c_str(), len)
-      .find(std::basic_string_view<DKChar>(text.c_str(), text.Length()), start);
+  return dktext::FindUnits(c_str(), len, text.c_str(), text.Length(), start);
 }
 
 std::size_t DKString::Find(DKChar ch, std::size_t start) const {
   const std::size_t len = Length();
   if (start >= len)
     return npos;
-  const DKChar* t = c_str();
-  const DKChar* hit = std::char_traits<DKChar>::find(t + start, len - start, ch);
-  return hit ? static_cast<std::size_t>(hit - t) : npos;
+  return dktext::FindUnit(c_str(), len, ch, start);
 }
 
 namespace {
@@ -701,7 +699,7 @@ std::vector<DKString> DKString::Split(DKStringView separator) const {
   }
   std::size_t from = 0;
   for (;;) {
-    const std::size_t at = text.find(separator, from);
+    const std::size_t at = dktext::FindUnits(text.data(), text.size(), separator.data(), separator.size(), from);
     if (at == DKStringView::npos) {
       pieces.push_back(from == 0 ? *this : DKString(text.data() + from, text.size() - from));
       return pieces;

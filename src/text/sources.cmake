@@ -1,6 +1,7 @@
 target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DMMemoryPool.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKString.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKTextSearch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKStringNumbers.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKStringNatCompare.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKTokenizer.cpp

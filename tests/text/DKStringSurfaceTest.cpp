@@ -120,6 +120,35 @@ TEST_F(DKStringSurfaceTest, StartsEndsContainsAndSplit) {
   EXPECT_EQ(whole.Split(DKStringView()).front().GetData(), whole.GetData()); // shared, not copied
 }
 
+// Find against std::u16string_view::find, on text from small alphabets (the repetitive text
+// that defeats a first/last-unit filter and sends the search to its fallback) and needles of
+// every length around the vector width.
+TEST_F(DKStringSurfaceTest, FindAgreesWithTheStandardSearch) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 3000; ++round) {
+    const unsigned alphabet = 1 + random() % (round % 3 == 0 ? 2 : 6);
+    std::u16string hay(random() % (round % 10 == 0 ? 9000 : 80), u'a');
+    for (char16_t& c : hay)
+      c = static_cast<char16_t>(u'a' + random() % alphabet);
+    std::u16string needle(1 + random() % 20, u'a');
+    for (char16_t& c : needle)
+      c = static_cast<char16_t>(u'a' + random() % alphabet);
+    if (round % 4 == 0 && hay.size() >= needle.size()) // plant it near the end
+      hay.replace(hay.size() - needle.size() - random() % (hay.size() - needle.size() + 1), needle.size(), needle);
+    const DKString dkHay(hay.c_str()), dkNeedle(needle.c_str());
+    const std::size_t start = hay.empty() ? 0 : random() % hay.size();
+    const std::size_t expected = std::u16string_view(hay).find(needle, start);
+    ASSERT_EQ(dkHay.Find(dkNeedle, start), expected) << "round " << round;
+    ASSERT_EQ(dkHay.Find(needle.c_str(), start), expected) << "round " << round;
+    ASSERT_EQ(dkHay.Find(needle[0], start), std::u16string_view(hay).find(needle[0], start)) << "round " << round;
+  }
+  // Units above 0x7FFF compare as unsigned, in the vector loop too.
+  const DKChar high[] = {0xFFFE, 0x8000, 0xFFFF, 0x8000, 0xFFFE, 0xFFFF, 0x7FFF, 0x8000, 0xFFFF, 0xFFFF, 0};
+  const DKChar pair[] = {0xFFFF, 0xFFFF, 0};
+  EXPECT_EQ(DKString(high).Find(pair), 8u);
+  EXPECT_EQ(DKString(high).Find(DKChar{0x7FFF}), 6u);
+}
+
 TEST_F(DKStringSurfaceTest, NumbersReadBackAndConcatenationSizesOnce) {
   EXPECT_EQ(DKString::Number(0), u"0");
   EXPECT_EQ(DKString::Number(std::numeric_limits<int>::min()), u"-2147483648");
