@@ -11,6 +11,10 @@ public:
   static void* New(std::size_t size);
   // Frees a block returned by New; a null pointer is ignored.
   static void Delete(void* block) noexcept;
+  // Gives a block returned by New a new size, keeping its first min(old, new) bytes; the block
+  // may move (large blocks usually grow where they are). Throws std::bad_alloc, leaving the
+  // block as it was, when the system has no memory left.
+  static void* Resize(void* block, std::size_t size);
 
   // Blocks handed out by New and not yet given back to Delete.
   static std::size_t GetLiveBlocks() noexcept;

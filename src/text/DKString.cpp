@@ -74,6 +74,14 @@ void DKString::ResizeCapacity(std::size_t capacity) {
   std::size_t newCapacity = old->capacity;
   if (newCapacity < capacity)
     newCapacity = std::min<std::size_t>(std::max<std::size_t>(capacity, newCapacity + newCapacity / 2), maxLength + 1);
+  if (old != EmptyData() && old->references.load(std::memory_order_acquire) < 1) {
+    // A private block grows in place where the allocator can (large blocks are remapped,
+    // not copied).
+    void* moved = DMMemoryPool::Resize(old, offsetof(DataDef, text) + sizeof(DKChar) * (newCapacity + 1));
+    m_pData = static_cast<DataDef*>(moved);
+    m_pData->capacity = static_cast<std::uint32_t>(newCapacity);
+    return;
+  }
   DataDef* d = AllocData(newCapacity);
   CopyUnits(d->Text(), old->Text(), old->length);
   d->length = old->length;

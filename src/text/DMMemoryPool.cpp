@@ -38,6 +38,24 @@ void DMMemoryPool::Delete(void* block) noexcept {
   std::free(raw);
 }
 
+void* DMMemoryPool::Resize(void* block, std::size_t size) {
+  if (!block)
+    return New(size);
+  if (size > static_cast<std::size_t>(-1) - kHeader)
+    throw std::bad_alloc();
+  void* raw = static_cast<char*>(block) - kHeader;
+  const std::size_t old = *static_cast<std::size_t*>(raw);
+  void* moved = std::realloc(raw, size + kHeader);
+  if (!moved)
+    throw std::bad_alloc();
+  *static_cast<std::size_t*>(moved) = size;
+  if (size >= old)
+    g_liveBytes.fetch_add(size - old, std::memory_order_relaxed);
+  else
+    g_liveBytes.fetch_sub(old - size, std::memory_order_relaxed);
+  return static_cast<char*>(moved) + kHeader;
+}
+
 std::size_t DMMemoryPool::GetLiveBlocks() noexcept { return g_liveBlocks.load(std::memory_order_relaxed); }
 std::size_t DMMemoryPool::GetLiveBytes() noexcept { return g_liveBytes.load(std::memory_order_relaxed); }
 std::size_t DMMemoryPool::GetTotalBlocks() noexcept { return g_totalBlocks.load(std::memory_order_relaxed); }
