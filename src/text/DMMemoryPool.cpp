@@ -1,7 +1,16 @@
+// The memory pool: malloc with a size header, and live counters that cost no atomic
+// read-modify-write on the allocating path.
+//
+// Each thread counts in a shard of its own (plain loads and stores of relaxed atomics, which
+// only that thread writes); a reader sums the shards of the live threads and the totals that
+// ended threads left behind. A block freed on another thread than the one that allocated it
+// simply makes one shard's count go below zero: only the sum means anything.
 #include <DorvikCore/DKMemoryPool.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 
 namespace {
@@ -10,9 +19,94 @@ namespace {
 // byte counter right. The header keeps the caller's part aligned like malloc's.
 constexpr std::size_t kHeader = alignof(std::max_align_t);
 
-std::atomic<std::size_t> g_liveBlocks{0};
-std::atomic<std::size_t> g_liveBytes{0};
-std::atomic<std::size_t> g_totalBlocks{0};
+struct Counts {
+  std::atomic<std::int64_t> liveBlocks{0};
+  std::atomic<std::int64_t> liveBytes{0};
+  std::atomic<std::int64_t> totalBlocks{0};
+};
+
+struct Shard {
+  Counts counts;
+  Shard* next = nullptr;
+  Shard* previous = nullptr;
+};
+
+// The registry of live shards and the counts of ended threads (also used by a thread that
+// allocates while it ends, after its shard is gone).
+struct Registry {
+  std::mutex lock;
+  Shard* first = nullptr;
+  Counts retired;
+};
+
+Registry& TheRegistry() {
+  static Registry* const registry = new Registry; // never destroyed: threads end after main
+  return *registry;
+}
+
+#if defined(__GNUC__) && !defined(_WIN32)
+#  define DK_FAST_TLS __attribute__((tls_model("initial-exec")))
+#else
+#  define DK_FAST_TLS
+#endif
+
+thread_local Shard* t_shard DK_FAST_TLS = nullptr;
+thread_local bool t_shardEnded DK_FAST_TLS = false;
+
+// Unlinks the thread's shard when the thread ends and keeps its counts.
+struct ShardOwner {
+  Shard shard;
+  ShardOwner() {
+    Registry& r = TheRegistry();
+    std::lock_guard guard(r.lock);
+    shard.next = r.first;
+    if (r.first)
+      r.first->previous = &shard;
+    r.first = &shard;
+  }
+  ~ShardOwner() {
+    Registry& r = TheRegistry();
+    std::lock_guard guard(r.lock);
+    r.retired.liveBlocks.fetch_add(shard.counts.liveBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    r.retired.liveBytes.fetch_add(shard.counts.liveBytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    r.retired.totalBlocks.fetch_add(shard.counts.totalBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    (shard.previous ? shard.previous->next : r.first) = shard.next;
+    if (shard.next)
+      shard.next->previous = shard.previous;
+    t_shard = nullptr;
+    t_shardEnded = true;
+  }
+};
+
+// The thread's own shard; while the thread ends, the retired counts.
+Counts& ThreadCounts() {
+  if (Shard* shard = t_shard) [[likely]]
+    return shard->counts;
+  if (t_shardEnded)
+    return TheRegistry().retired;
+  thread_local ShardOwner owner;
+  t_shard = &owner.shard;
+  return owner.shard.counts;
+}
+
+// Adds to a counter. The thread's own shard is written by this thread alone, so a plain load
+// and store are enough; the retired counts are shared and need the atomic addition.
+void Add(Counts& counts, std::atomic<std::int64_t> Counts::*counter, std::int64_t delta) noexcept {
+  std::atomic<std::int64_t>& c = counts.*counter;
+  if (&counts == &TheRegistry().retired)
+    c.fetch_add(delta, std::memory_order_relaxed);
+  else
+    c.store(c.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+}
+
+std::size_t Sum(std::atomic<std::int64_t> Counts::*counter) noexcept {
+  Registry& r = TheRegistry();
+  std::lock_guard guard(r.lock);
+  std::int64_t total = (r.retired.*counter).load(std::memory_order_relaxed);
+  for (const Shard* s = r.first; s; s = s->next)
+    total += (s->counts.*counter).load(std::memory_order_relaxed);
+  return static_cast<std::size_t>(total);
+}
 
 } // namespace
 
@@ -23,9 +117,10 @@ void* DMMemoryPool::New(std::size_t size) {
   if (!raw)
     throw std::bad_alloc();
   *static_cast<std::size_t*>(raw) = size;
-  g_liveBlocks.fetch_add(1, std::memory_order_relaxed);
-  g_liveBytes.fetch_add(size, std::memory_order_relaxed);
-  g_totalBlocks.fetch_add(1, std::memory_order_relaxed);
+  Counts& counts = ThreadCounts();
+  Add(counts, &Counts::liveBlocks, 1);
+  Add(counts, &Counts::liveBytes, static_cast<std::int64_t>(size));
+  Add(counts, &Counts::totalBlocks, 1);
   return static_cast<char*>(raw) + kHeader;
 }
 
@@ -33,8 +128,9 @@ void DMMemoryPool::Delete(void* block) noexcept {
   if (!block)
     return;
   void* raw = static_cast<char*>(block) - kHeader;
-  g_liveBlocks.fetch_sub(1, std::memory_order_relaxed);
-  g_liveBytes.fetch_sub(*static_cast<std::size_t*>(raw), std::memory_order_relaxed);
+  Counts& counts = ThreadCounts();
+  Add(counts, &Counts::liveBlocks, -1);
+  Add(counts, &Counts::liveBytes, -static_cast<std::int64_t>(*static_cast<std::size_t*>(raw)));
   std::free(raw);
 }
 
@@ -49,13 +145,10 @@ void* DMMemoryPool::Resize(void* block, std::size_t size) {
   if (!moved)
     throw std::bad_alloc();
   *static_cast<std::size_t*>(moved) = size;
-  if (size >= old)
-    g_liveBytes.fetch_add(size - old, std::memory_order_relaxed);
-  else
-    g_liveBytes.fetch_sub(old - size, std::memory_order_relaxed);
+  Add(ThreadCounts(), &Counts::liveBytes, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(old));
   return static_cast<char*>(moved) + kHeader;
 }
 
-std::size_t DMMemoryPool::GetLiveBlocks() noexcept { return g_liveBlocks.load(std::memory_order_relaxed); }
-std::size_t DMMemoryPool::GetLiveBytes() noexcept { return g_liveBytes.load(std::memory_order_relaxed); }
-std::size_t DMMemoryPool::GetTotalBlocks() noexcept { return g_totalBlocks.load(std::memory_order_relaxed); }
+std::size_t DMMemoryPool::GetLiveBlocks() noexcept { return Sum(&Counts::liveBlocks); }
+std::size_t DMMemoryPool::GetLiveBytes() noexcept { return Sum(&Counts::liveBytes); }
+std::size_t DMMemoryPool::GetTotalBlocks() noexcept { return Sum(&Counts::totalBlocks); }
