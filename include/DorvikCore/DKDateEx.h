@@ -141,7 +141,8 @@ public:
   DKDateEx& operator--();
   DKDateEx operator--(int);
   // Years, months, weeks and days move the date (the day is clamped to the month's length
-  // after a year or month step); clock units leave it unchanged.
+  // after a year or month step); clock units leave it unchanged. A duration holding
+  // -2147483648 (see DKDurationEx) throws DKDurationExceptionEx.
   DKDateEx& operator+=(const DKDurationEx& duration);
   DKDateEx& operator-=(const DKDurationEx& duration);
   DKDateEx& operator+=(long days);
@@ -246,7 +247,7 @@ public:
   DKTimeEx& operator--();
   DKTimeEx operator--(int);
   // Hours, minutes, seconds and milliseconds, wrapping around midnight; calendar units and
-  // the null time are left alone.
+  // the null time are left alone. A duration holding -2147483648 throws DKDurationExceptionEx.
   DKTimeEx& operator+=(const DKDurationEx& duration);
   DKTimeEx& operator-=(const DKDurationEx& duration);
 
@@ -385,7 +386,8 @@ public:
   DKDateTimeEx operator--(int);
   // Calendar units (year, month, week, day) move the local wall-clock reading, so that adding
   // days keeps the clock reading across a change of daylight saving; clock units move the
-  // instant. Leaving minimum..maximum throws DKDateExceptionEx.
+  // instant. Leaving minimum..maximum throws DKDateExceptionEx; a duration holding
+  // -2147483648 throws DKDurationExceptionEx.
   DKDateTimeEx& operator+=(const DKDurationEx& duration);
   DKDateTimeEx& operator-=(const DKDurationEx& duration);
 

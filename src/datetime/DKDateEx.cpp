@@ -214,7 +214,8 @@ void DKDateEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   const DKDurationEx::Unit unit = duration.GetUnit();
   if (!duration.IsValid() || duration.GetDuration() == 0 || unit > DKDurationEx::Day || !IsValid())
     return;
-  const DKInt64 count = add ? duration.GetDuration() : -static_cast<DKInt64>(duration.GetDuration());
+  const DKInt64 usable = dkcal::UsableCount(duration);
+  const DKInt64 count = add ? usable : -usable;
   dkcal::Civil date{GetYear(), static_cast<int>(GetMonth()), static_cast<int>(GetDay())};
   dkcal::AddCalendarUnits(date, unit, count);
   if (date.year > maxYear)
@@ -226,8 +227,8 @@ void DKDateEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
 
 DKDateEx& DKDateEx::operator+=(long days) {
   // Further than any two dates lie apart: out of range whichever the date.
-  constexpr long span = 4000000000L;
-  if (IsValid() && (days > span || days < -span))
+  constexpr DKInt64 span = 4000000000;
+  if (IsValid() && (DKInt64{days} > span || DKInt64{days} < -span))
     throw DKDateExceptionEx(DKDateTimeEx(days > 0 ? maximum : minimum));
   if (IsValid() && days != 0) {
     dkcal::Civil date{GetYear(), static_cast<int>(GetMonth()), static_cast<int>(GetDay())};
@@ -444,7 +445,8 @@ void DKTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   std::int32_t count = duration.GetDuration();
   if (!IsValid() || !duration.IsValid() || count == 0 || unit < DKDurationEx::Hour)
     return;
-  if (count < 0) { // never -2147483648, so the sign always flips
+  count = dkcal::UsableCount(duration);
+  if (count < 0) {
     count = -count;
     add = !add;
   }

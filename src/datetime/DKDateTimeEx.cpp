@@ -389,7 +389,8 @@ void DKDateTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   std::int32_t count = duration.GetDuration();
   if (!duration.IsValid() || count == 0 || !IsValid())
     return;
-  if (count < 0) { // never -2147483648, so the sign always flips
+  count = dkcal::UsableCount(duration);
+  if (count < 0) {
     count = -count;
     add = !add;
   }
