@@ -125,7 +125,8 @@ public:
   // The null date gives VT_NULL; otherwise VT_DATE, for years 1601..9999 only.
   bool AsVariant(VARIANT& value) const noexcept;
 
-  // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString).
+  // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString). Never
+  // fails: the null date and a word that is not a valid date give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   DKString AsString(const DKString& format = DKString()) const;
 
@@ -232,6 +233,7 @@ public:
   bool AsFileTime(FILETIME& time) const noexcept;
   bool AsVariant(VARIANT& value) const noexcept;
 
+  // As DKDateEx::AsString: the null time and a count outside the day give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   // The default form is "%H:%M:%S", with ".%L" when the milliseconds are not 0.
   DKString AsString(const DKString& format = DKString()) const;

@@ -200,12 +200,14 @@ bool DKDateEx::AsVariant(VARIANT& value) const noexcept {
   return true;
 }
 
+// A date that is not valid is passed on as it stands (the constructor would refuse it), so
+// that it writes as the empty text.
 DKErrorID DKDateEx::AsString(DKChar* buffer, unsigned size, const DKChar* format) const {
-  return DKDateTimeEx(*this).AsString(buffer, size, format ? format : defaultFormat, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(*this, DKTimeEx()).AsString(buffer, size, format ? format : defaultFormat, DKTimeZone::UTC);
 }
 
 DKString DKDateEx::AsString(const DKString& format) const {
-  return DKDateTimeEx(*this).AsString(format.IsEmpty() ? DKString(defaultFormat) : format, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(*this, DKTimeEx()).AsString(format.IsEmpty() ? DKString(defaultFormat) : format, DKTimeZone::UTC);
 }
 
 DKDateEx DKDateEx::GetCurrentDate(bool local) { return DKDateTimeEx::GetCurrentDate(local).GetDate(); }
@@ -414,11 +416,14 @@ bool DKTimeEx::AsVariant(VARIANT& value) const noexcept {
   return true;
 }
 
+// A count that is not a time of day writes as the empty text, as the null time does.
 DKErrorID DKTimeEx::AsString(DKChar* buffer, unsigned size, const DKChar* format) const {
-  return DKDateTimeEx(*this).AsString(buffer, size, format, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(DKDateEx(), IsValid() ? *this : null).AsString(buffer, size, format, DKTimeZone::UTC);
 }
 
-DKString DKTimeEx::AsString(const DKString& format) const { return DKDateTimeEx(*this).AsString(format, DKTimeZone::UTC); }
+DKString DKTimeEx::AsString(const DKString& format) const {
+  return DKDateTimeEx::FromParts(DKDateEx(), IsValid() ? *this : null).AsString(format, DKTimeZone::UTC);
+}
 
 DKTimeEx DKTimeEx::GetTheCurrentTime(bool local) { return DKDateTimeEx::GetTheCurrentTime(local).GetTime(); }
 
