@@ -324,7 +324,9 @@ void DKDate::MoveDays(DKInt64 days) {
 
 namespace {
 
-constexpr DKInt64 farDays = 4000000000; // further than the range reaches
+// Further than any two counts lie apart, even a count below the minimum (FromDays) and the
+// maximum, yet far from overflowing: a move this long leaves the range from anywhere.
+constexpr DKInt64 farDays = DKInt64{1} << 40;
 
 } // namespace
 
