@@ -323,7 +323,7 @@ public:
   constexpr bool IsOnlyDate() const noexcept { return HasDate() && !HasTime(); }
   constexpr bool IsOnlyTime() const noexcept { return !HasDate() && HasTime(); }
   constexpr bool IsNull() const noexcept { return !HasDate() && m_time.IsNull(); }
-  // Not null, any date valid, any time within the day.
+  // Not null, any date valid, the time -1 (absent) or within the day.
   bool IsValid() const noexcept;
   void SetDateNull() noexcept { m_date.SetNull(); }
   void SetTimeNull() noexcept { m_time.SetNull(); }

@@ -181,7 +181,8 @@ DKDateTimeEx::DKDateTimeEx(const DKDateAndTime& fields) : DKDateTimeEx() {
 }
 
 bool DKDateTimeEx::IsValid() const noexcept {
-  return !IsNull() && (!HasDate() || m_date.IsValid()) && (!HasTime() || m_time.IsValid());
+  // A time below -1 (FromParts takes any count) is neither absent nor a time of day.
+  return !IsNull() && (!HasDate() || m_date.IsValid()) && (m_time.IsNull() || m_time.IsValid());
 }
 
 // ---- Broken-down form ------------------------------------------------------------------------------

@@ -28,6 +28,9 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
       {date, true, false, false, true, false, false, true},
       {time, false, true, false, false, true, false, true},
       {DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx()), true, false, false, true, false, false, false},
+      // A time below -1 is not held, yet not absent either: such a value is not valid.
+      {DKDateTimeEx::FromParts(DKDateEx(2020, 1, 5), DKTimeEx::FromMilliseconds(-2)), true, false, false, true, false, false, false},
+      {DKDateTimeEx::FromParts(DKDateEx(), DKTimeEx::FromMilliseconds(-86400000)), false, false, false, false, false, false, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.value));
@@ -38,6 +41,13 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
     EXPECT_EQ(c.value.IsOnlyTime(), c.onlyTime);
     EXPECT_EQ(c.value.IsNull(), c.null);
     EXPECT_EQ(c.value.IsValid(), c.valid);
+    if (!c.valid) { // a value that is not valid neither moves nor writes
+      DKDateTimeEx moved = c.value;
+      ++moved;
+      moved += DKDurationEx(1, U::Hour);
+      EXPECT_EQ(moved, c.value);
+      EXPECT_EQ(c.value.AsString(DK_T("%Y %H")), DK_T(""));
+    }
   }
   EXPECT_EQ(both.AsInt64(), (static_cast<DKInt64>(DKDateEx(2020, 1, 5).AsInt()) << 32) | DKTimeEx(10, 20, 30).AsInt());
   EXPECT_EQ(DKDateTimeEx::null.AsInt64(), 0xFFFFFFFFLL);
