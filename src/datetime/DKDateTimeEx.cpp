@@ -465,10 +465,9 @@ DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b) {
                                             static_cast<int>(b.GetDate().GetDay()));
   if (a.IsOnlyDate() && b.IsOnlyDate())
     return dkcal::FittingDuration(days, DKDurationEx::Day);
-  // Days of 86400000 ms over the whole range reach about 2.6e20: split before multiplying.
-  constexpr DKInt64 safeDays = std::numeric_limits<DKInt64>::max() / dkcal::msPerDay - 1;
-  if (days > safeDays || days < -safeDays)
-    return dkcal::FittingDuration(days, DKDurationEx::Day);
+  // The whole range spans about 3.1e9 days, 2.7e17 ms: the milliseconds cannot overflow.
+  static_assert((DKInt64{DKDateEx::maxYear} - DKDateEx::minYear + 1) * 366 * dkcal::msPerDay <
+                std::numeric_limits<DKInt64>::max() / 2);
   return dkcal::FittingDuration(days * dkcal::msPerDay + timeA - timeB, DKDurationEx::Millisecond);
 }
 
