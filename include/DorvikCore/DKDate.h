@@ -95,6 +95,8 @@ private:
   // Days from 1 March of year 0 (day 1) on the Gregorian calendar.
   static long JulianDay(unsigned short day, unsigned short month, unsigned short year) noexcept;
   void MoveDays(DKInt64 days);
+  // Years, months, weeks and days move the date; clock units leave it.
+  void AddOrSubstract(const DKDurationEx& duration, bool add);
 
   std::int32_t m_date;
 };
@@ -175,6 +177,7 @@ public:
 private:
   struct RawTag {};
   constexpr DKDateTime(RawTag, std::int32_t seconds) noexcept : m_time(seconds) {}
+  void AddOrSubstract(const DKDurationEx& duration, bool add);
   // Stores a count, throwing DKDateException (carrying the bound) outside the range.
   void SetCount(DKInt64 seconds);
   // FromDKDateTimeEx with a date alone read as its midnight in the zone.

@@ -125,7 +125,8 @@ public:
   // The null date gives VT_NULL; otherwise VT_DATE, for years 1601..9999 only.
   bool AsVariant(VARIANT& value) const noexcept;
 
-  // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString).
+  // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString). Never
+  // fails: the null date and a word that is not a valid date give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   DKString AsString(const DKString& format = DKString()) const;
 
@@ -141,7 +142,8 @@ public:
   DKDateEx& operator--();
   DKDateEx operator--(int);
   // Years, months, weeks and days move the date (the day is clamped to the month's length
-  // after a year or month step); clock units leave it unchanged.
+  // after a year or month step); clock units leave it unchanged. A duration holding
+  // -2147483648 (see DKDurationEx) throws DKDurationExceptionEx.
   DKDateEx& operator+=(const DKDurationEx& duration);
   DKDateEx& operator-=(const DKDurationEx& duration);
   DKDateEx& operator+=(long days);
@@ -231,6 +233,7 @@ public:
   bool AsFileTime(FILETIME& time) const noexcept;
   bool AsVariant(VARIANT& value) const noexcept;
 
+  // As DKDateEx::AsString: the null time and a count outside the day give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   // The default form is "%H:%M:%S", with ".%L" when the milliseconds are not 0.
   DKString AsString(const DKString& format = DKString()) const;
@@ -246,7 +249,7 @@ public:
   DKTimeEx& operator--();
   DKTimeEx operator--(int);
   // Hours, minutes, seconds and milliseconds, wrapping around midnight; calendar units and
-  // the null time are left alone.
+  // the null time are left alone. A duration holding -2147483648 throws DKDurationExceptionEx.
   DKTimeEx& operator+=(const DKDurationEx& duration);
   DKTimeEx& operator-=(const DKDurationEx& duration);
 
@@ -320,7 +323,7 @@ public:
   constexpr bool IsOnlyDate() const noexcept { return HasDate() && !HasTime(); }
   constexpr bool IsOnlyTime() const noexcept { return !HasDate() && HasTime(); }
   constexpr bool IsNull() const noexcept { return !HasDate() && m_time.IsNull(); }
-  // Not null, any date valid, any time within the day.
+  // Not null, any date valid, the time -1 (absent) or within the day.
   bool IsValid() const noexcept;
   void SetDateNull() noexcept { m_date.SetNull(); }
   void SetTimeNull() noexcept { m_time.SetNull(); }
@@ -385,7 +388,8 @@ public:
   DKDateTimeEx operator--(int);
   // Calendar units (year, month, week, day) move the local wall-clock reading, so that adding
   // days keeps the clock reading across a change of daylight saving; clock units move the
-  // instant. Leaving minimum..maximum throws DKDateExceptionEx.
+  // instant. Leaving minimum..maximum throws DKDateExceptionEx; a duration holding
+  // -2147483648 throws DKDurationExceptionEx.
   DKDateTimeEx& operator+=(const DKDurationEx& duration);
   DKDateTimeEx& operator-=(const DKDurationEx& duration);
 

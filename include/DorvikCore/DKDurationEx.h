@@ -22,7 +22,8 @@ public:
   };
 
   // The count is kept within these bounds; -2147483648 is never held, so that the sign can
-  // always be flipped.
+  // always be flipped. Only the copy that DKDurationExceptionEx carries can hold it, and every
+  // calculation that would use such a copy throws DKDurationExceptionEx carrying it again.
   static constexpr std::int32_t maximum_ = 2147483647;
   static constexpr std::int32_t minimum_ = -2147483647;
   static const DKDurationEx invalid_; // unit Invalid, count 0
@@ -80,11 +81,11 @@ public:
   // count below minimum_.
   bool FromString(const DKString& text, Unit defaultUnit);
 
-  // Scaling; both throw DKDurationExceptionEx when the result leaves the range, and division
-  // by 0 throws too.
+  // Scaling and negation; all throw DKDurationExceptionEx when the result leaves the range,
+  // and division by 0 throws too.
   DKDurationEx operator*(int factor) const;
   DKDurationEx operator/(int divisor) const;
-  DKDurationEx operator-() const { return DKDurationEx(-static_cast<long>(m_duration), m_unit); }
+  DKDurationEx operator-() const;
   // Sum and difference in the finer of the two units; invalid_ when either is invalid or the
   // units have no common form (years and milliseconds).
   friend DK_EXPORT DKDurationEx operator+(const DKDurationEx& a, const DKDurationEx& b);

@@ -29,9 +29,12 @@ public:
   // reading counted as if it were UTC). A reading that occurs twice (the hour repeated when
   // daylight saving ends) gives the earlier instant; one that does not occur (the hour
   // skipped when it starts) is moved forward by the length of the gap, as the clock would be.
+  // Far beyond the years the system knows, the zone's standard offset applies, and a result
+  // past either end of the 64-bit range stops at that end.
   DKInt64 ToUTC(DKInt64 wallSeconds) const noexcept;
-  // The wall-clock reading of a UTC instant, counted as seconds since 1970.
-  DKInt64 FromUTC(DKInt64 utcSeconds) const noexcept { return utcSeconds + GetOffset(utcSeconds); }
+  // The wall-clock reading of a UTC instant, counted as seconds since 1970; it stops at the
+  // ends of the 64-bit range as ToUTC does.
+  DKInt64 FromUTC(DKInt64 utcSeconds) const noexcept;
 
   // SYSTEMTIME between UTC and this zone; false when the record is not valid.
   bool SystemTimeToZone(const SYSTEMTIME& utc, SYSTEMTIME& zoneTime) const noexcept;

@@ -1,6 +1,10 @@
 // Calendar arithmetic (datetime/DKCalendar.h).
 #include "datetime/DKCalendar.h"
 
+#include <DorvikCore/DKDateExceptions.h>
+
+#include <limits>
+
 namespace dkcal {
 
 namespace {
@@ -124,6 +128,12 @@ int YearWeek(std::int64_t year, int month, int day) noexcept {
   if (yd < k)
     return 0;
   return yd / 7 + (yd % 7 >= k ? 1 : 0);
+}
+
+std::int32_t UsableCount(const DKDurationEx& duration) {
+  if (duration.GetDuration() == std::numeric_limits<std::int32_t>::min())
+    throw DKDurationExceptionEx(duration);
+  return duration.GetDuration();
 }
 
 DKDurationEx FittingDuration(std::int64_t count, DKDurationEx::Unit unit) {

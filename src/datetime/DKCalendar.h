@@ -87,6 +87,11 @@ int YearWeek(std::int64_t year, int month, int day) noexcept;
 // The day of the week as DKDateEx::GetWeekDay gives it: 0 for every date before 1970.
 int DKWeekDay(std::int64_t year, int month, int day) noexcept;
 
+// The count of a duration that arithmetic is about to use. -2147483648, which only the copy
+// carried by a DKDurationExceptionEx holds, cannot change sign: it throws DKDurationExceptionEx
+// carrying the duration again.
+std::int32_t UsableCount(const DKDurationEx& duration);
+
 // A count of `unit` as a duration, moved to coarser units (milliseconds to seconds, minutes,
 // hours, days, then weeks) until it fits; the rest is truncated.
 DKDurationEx FittingDuration(std::int64_t count, DKDurationEx::Unit unit);

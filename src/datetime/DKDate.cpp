@@ -322,34 +322,50 @@ void DKDate::MoveDays(DKInt64 days) {
   m_date = static_cast<std::int32_t>(count);
 }
 
+namespace {
+
+// Further than any two counts lie apart, even a count below the minimum (FromDays) and the
+// maximum, yet far from overflowing: a move this long leaves the range from anywhere.
+constexpr DKInt64 farDays = DKInt64{1} << 40;
+
+} // namespace
+
 DKDate& DKDate::operator+=(long days) {
-  constexpr long span = 4000000000L; // further than the range reaches
-  MoveDays(days > span ? span : days < -span ? -span : days);
+  const DKInt64 count = days;
+  MoveDays(count > farDays ? farDays : count < -farDays ? -farDays : count);
   return *this;
 }
 
 DKDate& DKDate::operator-=(long days) {
-  constexpr long span = 4000000000L;
-  MoveDays(days > span ? -span : days < -span ? span : -days);
+  const DKInt64 count = days;
+  MoveDays(count > farDays ? -farDays : count < -farDays ? farDays : -count);
   return *this;
 }
 
-DKDate& DKDate::operator+=(const DKDurationEx& duration) {
+void DKDate::AddOrSubstract(const DKDurationEx& duration, bool add) {
   if (!duration.IsValid() || duration.GetDuration() == 0 || duration.GetUnit() > DKDurationEx::Day)
-    return *this;
+    return;
+  const DKInt64 count = dkcal::UsableCount(duration);
   int y;
   unsigned m, d;
   GetDate(y, m, d);
   dkcal::Civil date{y, static_cast<int>(m), static_cast<int>(d)};
-  dkcal::AddCalendarUnits(date, duration.GetUnit(), duration.GetDuration());
+  dkcal::AddCalendarUnits(date, duration.GetUnit(), add ? count : -count);
   constexpr std::int64_t farYear = 100000000; // beyond both ends, short of overflowing
   if (date.year > farYear || date.year < -farYear)
-    MoveDays(date.year > 0 ? 4000000000L : -4000000000L);
+    MoveDays(date.year > 0 ? farDays : -farDays);
   MoveDays(dkcal::DaysFromCivil(date.year, date.month, date.day) - dkcal::dkDateOrigin - m_date);
+}
+
+DKDate& DKDate::operator+=(const DKDurationEx& duration) {
+  AddOrSubstract(duration, true);
   return *this;
 }
 
-DKDate& DKDate::operator-=(const DKDurationEx& duration) { return *this += -duration; }
+DKDate& DKDate::operator-=(const DKDurationEx& duration) {
+  AddOrSubstract(duration, false);
+  return *this;
+}
 DKDate& DKDate::operator++() { return *this += 1L; }
 DKDate& DKDate::operator--() { return *this -= 1L; }
 DKDate DKDate::operator++(int) { return dkdt::PostIncrement(*this); }
@@ -512,20 +528,31 @@ DKDateTime& DKDateTime::operator--() {
 DKDateTime DKDateTime::operator++(int) { return dkdt::PostIncrement(*this); }
 DKDateTime DKDateTime::operator--(int) { return dkdt::PostDecrement(*this); }
 
-DKDateTime& DKDateTime::operator+=(const DKDurationEx& duration) {
+void DKDateTime::AddOrSubstract(const DKDurationEx& duration, bool add) {
   DKDateTimeEx value = AsDKDateTimeEx();
   try {
-    value += duration;
+    if (add)
+      value += duration;
+    else
+      value -= duration;
   } catch (const DKDateExceptionEx&) {
-    SetCount(duration.GetDuration() > 0 ? DKInt64{maximum.m_time} + 1 : DKInt64{minimum.m_time} - 1);
+    const bool forward = (duration.GetDuration() > 0) == add;
+    SetCount(forward ? DKInt64{maximum.m_time} + 1 : DKInt64{minimum.m_time} - 1);
   }
   DKInt64 seconds = 0;
   value.AsUnixTime(seconds);
   SetCount(seconds);
+}
+
+DKDateTime& DKDateTime::operator+=(const DKDurationEx& duration) {
+  AddOrSubstract(duration, true);
   return *this;
 }
 
-DKDateTime& DKDateTime::operator-=(const DKDurationEx& duration) { return *this += -duration; }
+DKDateTime& DKDateTime::operator-=(const DKDurationEx& duration) {
+  AddOrSubstract(duration, false);
+  return *this;
+}
 
 DKDateTime operator+(const DKDateTime& value, const DKDurationEx& duration) { return DKDateTime(value) += duration; }
 DKDateTime operator-(const DKDateTime& value, const DKDurationEx& duration) { return DKDateTime(value) -= duration; }

@@ -200,12 +200,14 @@ bool DKDateEx::AsVariant(VARIANT& value) const noexcept {
   return true;
 }
 
+// A date that is not valid is passed on as it stands (the constructor would refuse it), so
+// that it writes as the empty text.
 DKErrorID DKDateEx::AsString(DKChar* buffer, unsigned size, const DKChar* format) const {
-  return DKDateTimeEx(*this).AsString(buffer, size, format ? format : defaultFormat, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(*this, DKTimeEx()).AsString(buffer, size, format ? format : defaultFormat, DKTimeZone::UTC);
 }
 
 DKString DKDateEx::AsString(const DKString& format) const {
-  return DKDateTimeEx(*this).AsString(format.IsEmpty() ? DKString(defaultFormat) : format, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(*this, DKTimeEx()).AsString(format.IsEmpty() ? DKString(defaultFormat) : format, DKTimeZone::UTC);
 }
 
 DKDateEx DKDateEx::GetCurrentDate(bool local) { return DKDateTimeEx::GetCurrentDate(local).GetDate(); }
@@ -214,7 +216,8 @@ void DKDateEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   const DKDurationEx::Unit unit = duration.GetUnit();
   if (!duration.IsValid() || duration.GetDuration() == 0 || unit > DKDurationEx::Day || !IsValid())
     return;
-  const DKInt64 count = add ? duration.GetDuration() : -static_cast<DKInt64>(duration.GetDuration());
+  const DKInt64 usable = dkcal::UsableCount(duration);
+  const DKInt64 count = add ? usable : -usable;
   dkcal::Civil date{GetYear(), static_cast<int>(GetMonth()), static_cast<int>(GetDay())};
   dkcal::AddCalendarUnits(date, unit, count);
   if (date.year > maxYear)
@@ -226,8 +229,8 @@ void DKDateEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
 
 DKDateEx& DKDateEx::operator+=(long days) {
   // Further than any two dates lie apart: out of range whichever the date.
-  constexpr long span = 4000000000L;
-  if (IsValid() && (days > span || days < -span))
+  constexpr DKInt64 span = 4000000000;
+  if (IsValid() && (DKInt64{days} > span || DKInt64{days} < -span))
     throw DKDateExceptionEx(DKDateTimeEx(days > 0 ? maximum : minimum));
   if (IsValid() && days != 0) {
     dkcal::Civil date{GetYear(), static_cast<int>(GetMonth()), static_cast<int>(GetDay())};
@@ -413,11 +416,14 @@ bool DKTimeEx::AsVariant(VARIANT& value) const noexcept {
   return true;
 }
 
+// A count that is not a time of day writes as the empty text, as the null time does.
 DKErrorID DKTimeEx::AsString(DKChar* buffer, unsigned size, const DKChar* format) const {
-  return DKDateTimeEx(*this).AsString(buffer, size, format, DKTimeZone::UTC);
+  return DKDateTimeEx::FromParts(DKDateEx(), IsValid() ? *this : null).AsString(buffer, size, format, DKTimeZone::UTC);
 }
 
-DKString DKTimeEx::AsString(const DKString& format) const { return DKDateTimeEx(*this).AsString(format, DKTimeZone::UTC); }
+DKString DKTimeEx::AsString(const DKString& format) const {
+  return DKDateTimeEx::FromParts(DKDateEx(), IsValid() ? *this : null).AsString(format, DKTimeZone::UTC);
+}
 
 DKTimeEx DKTimeEx::GetTheCurrentTime(bool local) { return DKDateTimeEx::GetTheCurrentTime(local).GetTime(); }
 
@@ -444,7 +450,8 @@ void DKTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   std::int32_t count = duration.GetDuration();
   if (!IsValid() || !duration.IsValid() || count == 0 || unit < DKDurationEx::Hour)
     return;
-  if (count < 0) { // never -2147483648, so the sign always flips
+  count = dkcal::UsableCount(duration);
+  if (count < 0) {
     count = -count;
     add = !add;
   }

@@ -181,7 +181,8 @@ DKDateTimeEx::DKDateTimeEx(const DKDateAndTime& fields) : DKDateTimeEx() {
 }
 
 bool DKDateTimeEx::IsValid() const noexcept {
-  return !IsNull() && (!HasDate() || m_date.IsValid()) && (!HasTime() || m_time.IsValid());
+  // A time below -1 (FromParts takes any count) is neither absent nor a time of day.
+  return !IsNull() && (!HasDate() || m_date.IsValid()) && (m_time.IsNull() || m_time.IsValid());
 }
 
 // ---- Broken-down form ------------------------------------------------------------------------------
@@ -389,7 +390,8 @@ void DKDateTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   std::int32_t count = duration.GetDuration();
   if (!duration.IsValid() || count == 0 || !IsValid())
     return;
-  if (count < 0) { // never -2147483648, so the sign always flips
+  count = dkcal::UsableCount(duration);
+  if (count < 0) {
     count = -count;
     add = !add;
   }
@@ -463,10 +465,9 @@ DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b) {
                                             static_cast<int>(b.GetDate().GetDay()));
   if (a.IsOnlyDate() && b.IsOnlyDate())
     return dkcal::FittingDuration(days, DKDurationEx::Day);
-  // Days of 86400000 ms over the whole range reach about 2.6e20: split before multiplying.
-  constexpr DKInt64 safeDays = std::numeric_limits<DKInt64>::max() / dkcal::msPerDay - 1;
-  if (days > safeDays || days < -safeDays)
-    return dkcal::FittingDuration(days, DKDurationEx::Day);
+  // The whole range spans about 3.1e9 days, 2.7e17 ms: the milliseconds cannot overflow.
+  static_assert((DKInt64{DKDateEx::maxYear} - DKDateEx::minYear + 1) * 366 * dkcal::msPerDay <
+                std::numeric_limits<DKInt64>::max() / 2);
   return dkcal::FittingDuration(days * dkcal::msPerDay + timeA - timeB, DKDurationEx::Millisecond);
 }
 

@@ -2,6 +2,7 @@
 #include <DorvikCore/DKDateExceptions.h>
 #include <DorvikCore/DKDurationEx.h>
 
+#include "datetime/DKCalendar.h"
 #include "datetime/DKDateTimeText.h"
 
 #include <istream>
@@ -173,6 +174,12 @@ bool DKDurationEx::IsEquivalent(const DKDurationEx& other) const noexcept {
 DKDurationEx DKDurationEx::operator*(int factor) const {
   DKDurationEx result(*this);
   result.SetCount(static_cast<DKInt64>(m_duration) * factor);
+  return result;
+}
+
+DKDurationEx DKDurationEx::operator-() const {
+  DKDurationEx result(*this);
+  result.SetCount(-DKInt64{dkcal::UsableCount(*this)});
   return result;
 }
 

@@ -18,6 +18,10 @@ DKInt64 DKTimeZone::ToUTC(DKInt64 wallSeconds) const noexcept {
   return IsUTC() ? wallSeconds : DKClock::LocalToUtc(wallSeconds);
 }
 
+DKInt64 DKTimeZone::FromUTC(DKInt64 utcSeconds) const noexcept {
+  return IsUTC() ? utcSeconds : DKClock::UtcToLocal(utcSeconds);
+}
+
 namespace {
 
 bool ShiftRecord(const SYSTEMTIME& from, SYSTEMTIME& to, DKInt64 (*shift)(const DKTimeZone&, DKInt64),

@@ -20,6 +20,23 @@ constexpr std::int64_t probeStep = 86400;
 constexpr std::size_t spanSlots = 128; // spans each thread keeps: about 136 years
 constexpr int usesBeforeLearning = 4;  // a span touched fewer times is not worth learning
 
+// Beyond this many seconds either side of 1970 the years no longer fit the system's calendar
+// record, so it names no offset there and the standard one applies. Instants are brought
+// within it before the spans are worked out, which keeps that arithmetic far from overflowing.
+constexpr std::int64_t farSeconds = std::int64_t{1} << 62;
+
+constexpr std::int64_t WithinFar(std::int64_t seconds) noexcept {
+  return seconds > farSeconds ? farSeconds : seconds < -farSeconds ? -farSeconds : seconds;
+}
+
+// a + b, stopping at the ends of the range.
+constexpr std::int64_t SaturatingAdd(std::int64_t a, std::int64_t b) noexcept {
+  std::int64_t sum = 0;
+  if (__builtin_add_overflow(a, b, &sum))
+    return b > 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
+  return sum;
+}
+
 // Bumped when the zone setting is read again: every thread's tables are then stale.
 std::atomic<unsigned> g_generation{1};
 
@@ -111,11 +128,12 @@ Offset CachedOffset(std::int64_t utcSeconds) {
 } // namespace
 
 int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
+  const std::int64_t instant = WithinFar(utcSeconds);
   Offset offset;
   try {
-    offset = CachedOffset(utcSeconds);
+    offset = CachedOffset(instant);
   } catch (...) { // no memory for the table: ask the system directly
-    offset = SystemOffset(utcSeconds);
+    offset = SystemOffset(instant);
   }
   if (daylight)
     *daylight = offset.daylight;
@@ -127,7 +145,13 @@ void DKClock::ReloadZone() noexcept {
   g_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
+std::int64_t DKClock::UtcToLocal(std::int64_t utcSeconds) noexcept {
+  return SaturatingAdd(utcSeconds, LocalOffsetAt(utcSeconds));
+}
+
 std::int64_t DKClock::LocalToUtc(std::int64_t wallSeconds) noexcept {
+  if (wallSeconds != WithinFar(wallSeconds)) // out there the offset never changes
+    return SaturatingAdd(wallSeconds, -std::int64_t{LocalOffsetAt(wallSeconds)});
   // The instant lies within a day of the reading whatever the zone. When the offset is the
   // same a day before and a day after, no change of offset lies in between (zones change at
   // most once in two days).

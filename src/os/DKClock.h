@@ -31,6 +31,9 @@ public:
   // The local offset at a UTC second; the standard offset where the system cannot tell.
   static int LocalOffsetAt(std::int64_t utcSeconds, bool* daylight = nullptr) noexcept;
   // The UTC second of a local wall-clock reading (counted as if it were UTC). A repeated
-  // reading gives the earlier instant; a skipped one is moved forward by the gap.
+  // reading gives the earlier instant; a skipped one is moved forward by the gap. A result past
+  // either end of the 64-bit range stops at that end.
   static std::int64_t LocalToUtc(std::int64_t wallSeconds) noexcept;
+  // The local wall-clock reading of a UTC second, stopping at the ends of the range too.
+  static std::int64_t UtcToLocal(std::int64_t utcSeconds) noexcept;
 };

@@ -1,7 +1,9 @@
 // DKDateEx (packed date) and DKTimeEx (time of day): layout, rules, arithmetic, records, text.
 #include "DateTimeTestSupport.h"
 
+#include <limits>
 #include <random>
+#include <sstream>
 #include <tuple>
 
 namespace {
@@ -190,6 +192,26 @@ TEST(DateExTest, Text) {
   EXPECT_FALSE(ok);
 }
 
+// Words that FromInt takes but that are not dates write as the empty text, as the null date
+// does, in every form: writing never fails.
+TEST(DateExTest, WordsThatAreNotDatesWriteTheEmptyText) {
+  for (const std::int32_t word : {0, DKDateEx::Pack(2021, 2, 30).AsInt(), DKDateEx::Pack(2021, 13, 1).AsInt(),
+                                  DKDateEx::Pack(2021, 0, 0).AsInt(), DKDateEx::Pack(-4194304, 1, 1).AsInt(),
+                                  std::numeric_limits<std::int32_t>::min(), -1}) {
+    SCOPED_TRACE(word);
+    DKDateEx date;
+    date.FromInt(word);
+    EXPECT_EQ(date.AsString(), DK_T(""));
+    EXPECT_EQ(date.AsString(DK_T("%Y/%m/%d %W")), DK_T(""));
+    DKChar buffer[16] = DK_T("########");
+    EXPECT_TRUE(date.AsString(buffer, 16, nullptr).Good());
+    EXPECT_EQ(buffer[0], 0);
+    std::ostringstream out;
+    EXPECT_TRUE(static_cast<bool>(out << date));
+    EXPECT_EQ(out.str(), "");
+  }
+}
+
 // ---- DKTimeEx ------------------------------------------------------------------------------------
 
 TEST(TimeExTest, PartsAndValidity) {
@@ -277,6 +299,23 @@ TEST(TimeExTest, Text) {
   EXPECT_EQ(t.FromString(DK_T("25:00")).GetCode(), DK_MSG_INVALID_DATE);
   EXPECT_TRUE(t.IsNull());
   EXPECT_EQ(DKString(DK_T("23:59:59.999")).AsDKTimeEx(), DKTimeEx::maximum);
+}
+
+// Counts that FromMilliseconds takes but that are not times of day write as the empty text.
+TEST(TimeExTest, CountsOutsideTheDayWriteTheEmptyText) {
+  for (const std::int32_t ms : {-1, -2, DKTimeEx::msPerDay, std::numeric_limits<std::int32_t>::max(),
+                                std::numeric_limits<std::int32_t>::min()}) {
+    SCOPED_TRACE(ms);
+    const DKTimeEx time = DKTimeEx::FromMilliseconds(ms);
+    EXPECT_EQ(time.AsString(), DK_T(""));
+    EXPECT_EQ(time.AsString(DK_T("%H:%M:%S.%L")), DK_T(""));
+    DKChar buffer[16] = DK_T("########");
+    EXPECT_TRUE(time.AsString(buffer, 16, DK_T("%H")).Good());
+    EXPECT_EQ(buffer[0], 0);
+    std::ostringstream out;
+    EXPECT_TRUE(static_cast<bool>(out << time));
+    EXPECT_EQ(out.str(), "");
+  }
 }
 
 } // namespace

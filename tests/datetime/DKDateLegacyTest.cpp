@@ -4,6 +4,7 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKMemoryPool.h>
 
+#include <limits>
 #include <sstream>
 
 namespace {
@@ -30,6 +31,15 @@ TEST(DateTest, CountsRangeAndArithmetic) {
   EXPECT_THROW(first--, DKDateException);
   EXPECT_THROW(first -= DKDurationEx(2147483647L, U::Year), DKDateException);
   EXPECT_THROW(first += 9000000000000000000L, DKDateException);
+  // Any count, even one below the minimum, leaves the range on a move that long.
+  for (const std::int32_t days : {-2147483647 - 1, -693231, 0, 2147483647}) {
+    for (const long by : {std::numeric_limits<long>::max(), std::numeric_limits<long>::min(), 5000000000L}) {
+      DKDate moved = DKDate::FromDays(days);
+      EXPECT_THROW(moved += by, DKDateException) << days << " + " << by;
+      EXPECT_THROW(moved -= by, DKDateException) << days << " - " << by;
+      EXPECT_EQ(moved.GetDays(), days);
+    }
+  }
 }
 
 TEST(DateTest, RecordsAndText) {

@@ -3,6 +3,7 @@
 #include "DateTimeTestSupport.h"
 
 #include <ctime>
+#include <limits>
 #include <sstream>
 #include <vector>
 
@@ -27,6 +28,9 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
       {date, true, false, false, true, false, false, true},
       {time, false, true, false, false, true, false, true},
       {DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx()), true, false, false, true, false, false, false},
+      // A time below -1 is not held, yet not absent either: such a value is not valid.
+      {DKDateTimeEx::FromParts(DKDateEx(2020, 1, 5), DKTimeEx::FromMilliseconds(-2)), true, false, false, true, false, false, false},
+      {DKDateTimeEx::FromParts(DKDateEx(), DKTimeEx::FromMilliseconds(-86400000)), false, false, false, false, false, false, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.value));
@@ -37,6 +41,13 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
     EXPECT_EQ(c.value.IsOnlyTime(), c.onlyTime);
     EXPECT_EQ(c.value.IsNull(), c.null);
     EXPECT_EQ(c.value.IsValid(), c.valid);
+    if (!c.valid) { // a value that is not valid neither moves nor writes
+      DKDateTimeEx moved = c.value;
+      ++moved;
+      moved += DKDurationEx(1, U::Hour);
+      EXPECT_EQ(moved, c.value);
+      EXPECT_EQ(c.value.AsString(DK_T("%Y %H")), DK_T(""));
+    }
   }
   EXPECT_EQ(both.AsInt64(), (static_cast<DKInt64>(DKDateEx(2020, 1, 5).AsInt()) << 32) | DKTimeEx(10, 20, 30).AsInt());
   EXPECT_EQ(DKDateTimeEx::null.AsInt64(), 0xFFFFFFFFLL);
@@ -112,6 +123,32 @@ TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
       ++changes;
     }
     EXPECT_GT(changes, 2);
+  }
+}
+
+// Instants and readings at the ends of the 64-bit range lie far beyond the years the system
+// knows: the standard offset applies, a result past an end stops at it, and asking often (so
+// that the offsets around them are learned) changes nothing.
+TEST(TimeZoneTest, TheEndsOfTheRangeStopInsteadOfWrapping) {
+  constexpr DKInt64 lowest = std::numeric_limits<DKInt64>::min();
+  constexpr DKInt64 highest = std::numeric_limits<DKInt64>::max();
+  const auto shifted = [&](DKInt64 seconds, DKInt64 by) {
+    DKInt64 sum = 0;
+    return __builtin_add_overflow(seconds, by, &sum) ? (by > 0 ? highest : lowest) : sum;
+  };
+  for (const char* name : {paris, newYork}) {
+    DK_IN_ZONE(name);
+    for (const DKTimeZone zone : {DKTimeZone(), DKTimeZone(DKTimeZone::UTC)}) {
+      const DKInt64 standard = -60 * zone.GetBias();
+      for (const DKInt64 seconds : {lowest, lowest + 1, lowest + 7200, -(DKInt64{1} << 62) - 1, (DKInt64{1} << 62) + 1,
+                                    highest - 7200, highest - 1, highest}) {
+        SCOPED_TRACE(testing::Message() << name << (zone.IsUTC() ? " UTC " : " local ") << seconds);
+        for (int ask = 0; ask < 6; ++ask)
+          ASSERT_EQ(zone.GetOffset(seconds), standard);
+        EXPECT_EQ(zone.FromUTC(seconds), shifted(seconds, standard));
+        EXPECT_EQ(zone.ToUTC(seconds), shifted(seconds, -standard));
+      }
+    }
   }
 }
 

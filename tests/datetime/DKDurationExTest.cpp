@@ -131,6 +131,49 @@ TEST(DurationExTest, ArithmeticAndOverflow) {
   EXPECT_EQ(DKDurationEx(-2, U::Hour).AsInt64(), (DKInt64{U::Hour} << 32) | 0xFFFFFFFEu);
 }
 
+// A duration holding -2147483648 (the copy an exception carries) is refused by every
+// calculation that would use its count: DKDurationExceptionEx carrying it again, and the value
+// it was to move is left as it was. Calculations that ignore its unit stay no-ops.
+template <class T>
+void ExpectCountRefused(const T& start, const DKDurationEx& d, bool used) {
+  for (const bool add : {true, false}) {
+    T value = start;
+    SCOPED_TRACE(testing::Message() << (add ? "+= " : "-= ") << DKString(d.GetLongName(d.GetUnit())).AsUTF8());
+    try {
+      if (add)
+        value += d;
+      else
+        value -= d;
+      EXPECT_FALSE(used) << "no exception";
+    } catch (const DKDurationExceptionEx& e) {
+      EXPECT_TRUE(used);
+      EXPECT_EQ(e.GetDuration(), d);
+      EXPECT_EQ(e.GetCount(), -2147483648LL);
+    }
+    EXPECT_TRUE(value == start);
+  }
+}
+
+TEST(DurationExTest, TheNeverHeldCountIsRefusedByEveryCalculation) {
+  for (int u = U::Year; u <= U::Millisecond; ++u) {
+    const U unit = U(u);
+    const bool calendar = unit <= U::Day;
+    const DKDurationEx d = NeverHeldCount(unit);
+    ASSERT_EQ(d.GetDuration(), -2147483647 - 1);
+    ExpectCountRefused(DKDateEx(2000, 1, 1), d, calendar);
+    ExpectCountRefused(DKTimeEx(12, 0), d, !calendar);
+    ExpectCountRefused(Utc(2000, 1, 1, 12), d, true);
+    ExpectCountRefused(DKDateTimeEx(DKDateEx(2000, 1, 1)), d, true);
+    ExpectCountRefused(DKDateTimeEx(DKTimeEx(12, 0)), d, true);
+    ExpectCountRefused(DKDate(1, 1, 2000), d, calendar);
+    ExpectCountRefused(DKDateTime(946728000), d, true);
+    ExpectCountRefused(DKTimeEx(), d, false); // nothing happens to the null time
+    EXPECT_THROW(-d, DKDurationExceptionEx);
+    EXPECT_THROW(d * 1, DKDurationExceptionEx);
+    EXPECT_THROW(d + DKDurationEx(0, unit), DKDurationExceptionEx);
+  }
+}
+
 TEST(DurationExTest, WritesShortAndLongForms) {
   const struct {
     DKDurationEx value;

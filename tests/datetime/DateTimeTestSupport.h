@@ -50,6 +50,17 @@ inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 
   return DKDateTimeEx(year, month, day, hour, minute, second, ms, DKTimeZone::UTC);
 }
 
+// A duration holding -2147483648 of the unit: only the copy that DKDurationExceptionEx carries
+// can hold that count.
+inline DKDurationEx NeverHeldCount(DKDurationEx::Unit unit) {
+  try {
+    (void)DKDurationEx(-2147483647L - 1, unit);
+  } catch (const DKDurationExceptionEx& e) {
+    return e.GetDuration();
+  }
+  ADD_FAILURE() << "the count -2147483648 was accepted";
+  return DKDurationEx();
+}
 
 // Readable values in failure messages.
 inline void PrintTo(const DKDateTimeEx& value, std::ostream* os) { *os << value.AsString(DK_T("%Y-%m-%d %H:%M:%S.%L"), DKTimeZone::UTC) << " UTC"; }
