@@ -25,14 +25,16 @@ namespace {
 std::atomic<std::size_t> g_operatorNewCalls{0};
 } // namespace
 
-void* operator new(std::size_t size) {
+// Out of line, so that the compiler does not pair the inlined malloc and free against the
+// standard operators it assumes.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   g_operatorNewCalls.fetch_add(1, std::memory_order_relaxed);
   if (void* p = std::malloc(size ? size : 1))
     return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { std::free(p); }
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
