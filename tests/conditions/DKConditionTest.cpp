@@ -223,8 +223,8 @@ TEST_F(ConditionTest, RegularExpressionValues) {
   c /= DK_T("[a-");
   EXPECT_TRUE(c.IsRegularExpression());
   EXPECT_FALSE(c.GetRegEx().IsCompiled());
-  EXPECT_EQ(c.GetRegExError().GetCode(), DK_MSG_INVALID_ARGUMENT);
-  EXPECT_NE(N(c.GetRegExError().AsString()).find("missing ']'"), std::string::npos);
+  EXPECT_EQ(c.GetRegExError().GetCode(), DK_MSG_INVALID_REGEX);
+  EXPECT_EQ(N(c.GetRegExError().AsString()), "Invalid regular expression \"[a-\" at position 0: missing ']'");
 
   c == 5; // a new value drops the pattern
   EXPECT_FALSE(c.IsRegularExpression());
