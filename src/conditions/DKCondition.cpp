@@ -870,10 +870,12 @@ bool DKCondition::WriteReadable(DKString& out) const {
   std::vector<Frame> stack;
   std::size_t depth = 0; // parentheses open at the end of out
   auto open = [&out, &depth](std::size_t count) {
+    if (count > maxParseDepth - depth)
+      return false;
     for (std::size_t k = 0; k < count; ++k)
       out += DK_T('(');
     depth += count;
-    return depth <= maxParseDepth;
+    return true;
   };
   auto close = [&out, &depth](std::size_t count) {
     for (std::size_t k = 0; k < count; ++k)
