@@ -179,9 +179,13 @@ private:
     return child.Get();
   }
 
-  // How many links a list or chain gets, and the kind of its i-th link: all AND, all OR,
-  // alternating, or changing every so many.
-  std::size_t Count(std::size_t unit) { return (Next() + 1u) * unit; }
+  // How many links a list or chain gets: mostly a few, now and then hundreds to thousands (so
+  // that most runs stay quick). And the kind of its i-th link: all AND, all OR, alternating, or
+  // changing every so many.
+  std::size_t Count() {
+    const std::uint8_t n = Next();
+    return n < 0xF0 ? n % 16 + 1u : (n - 0xEFu) * 128u;
+  }
   static std::uint32_t KindOf(std::uint8_t pattern, std::size_t i) {
     switch (pattern % 4) {
     case 0: return LinkedCond::AND;
@@ -192,7 +196,7 @@ private:
   }
 
   void List(DKCondition& c) {
-    const std::size_t n = Count(8);
+    const std::size_t n = Count();
     const std::uint8_t pattern = Next();
     const HashCondition leaf = Leaf();
     for (std::size_t i = 0; i < n && m_count < maxConditions; ++i)
@@ -202,7 +206,7 @@ private:
   // Each new condition linked to the one before; forked: each also links a leaf after it.
   // Returns the last.
   DKCondition* Chain(DKCondition& c, bool forked) {
-    const std::size_t n = Count(forked ? 4 : 8);
+    const std::size_t n = Count();
     const std::uint8_t pattern = Next();
     const HashCondition leaf = Leaf();
     DKCondition* end = &c;

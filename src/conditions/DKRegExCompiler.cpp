@@ -256,21 +256,34 @@ private:
   // At m_pos inside a bracket: "[:name:]" gives its class; "[.x.]" and "[=x=]" are refused. Null
   // (nothing read) when the text there is none of these forms. Moves past what it read.
   const CharSet* PosixClass();
-  // The end (past the closing "]") of the form "[:...:]", "[.....]" or "[=...=]" at pos, or npos.
+  // The end (past the closing "]") of the form "[:...:]", "[.x.]" or "[=x=]" at pos, or npos.
   std::size_t PosixFormEnd(std::size_t pos) const;
+  // The first "]" at or after pos, or the end. The parser only moves forward, so one search
+  // serves every position up to the "]" it found.
+  std::size_t NextBracket(std::size_t pos) const {
+    if (pos < m_bracketFrom || pos > m_bracketAt) {
+      m_bracketAt = pos;
+      while (m_bracketAt < m_text.size() && m_text[m_bracketAt] != ']')
+        ++m_bracketAt;
+    }
+    m_bracketFrom = pos;
+    return m_bracketAt;
+  }
 
-  // The pattern's characters from..to for an error text; "?" stands for those beyond ASCII.
+  // The pattern's characters from..to for an error text (at most 32, then "..."); "?" stands
+  // for those beyond ASCII.
   std::string Ascii(std::size_t from, std::size_t to) const {
     std::string out;
-    for (std::size_t i = from; i < to; ++i)
+    for (std::size_t i = from; i < to && i < from + 32; ++i)
       out += m_text[i] < 128 ? static_cast<char>(m_text[i]) : '?';
-    return out;
+    return to - from > 32 ? out + "..." : out;
   }
 
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
   std::vector<char32_t> m_text;
   std::vector<std::size_t> m_offsets;
+  mutable std::size_t m_bracketFrom = 1, m_bracketAt = 0; // NextBracket's last search: none yet
   std::size_t m_pos = 0;
   std::unordered_map<std::u32string, std::uint32_t> m_setIndex;
 };
@@ -296,9 +309,7 @@ std::size_t Parser::PosixFormEnd(std::size_t pos) const {
   if (mark != ':' && mark != '.' && mark != '=')
     return npos;
   // The form ends at the first "]"; the mark must come right before it, and not be the opening one.
-  std::size_t close = pos + 2;
-  while (close < m_text.size() && m_text[close] != ']')
-    ++close;
+  const std::size_t close = NextBracket(pos + 2);
   if (close >= m_text.size() || close < pos + 3 || m_text[close - 1] != mark)
     return npos;
   return close + 1;

@@ -212,6 +212,14 @@ TEST(DKRegExTest, PosixClassesInsideBrackets) {
   // A "[:" that does not make up a class stays literal, as outside the POSIX form.
   EXPECT_TRUE(DKRegEx(DK_T("[[:a]+")).Match(DK_T("[:a")));
   EXPECT_TRUE(DKRegEx(DK_T("[[:]")).Match(DK_T(":")));
+  // Many "[:" without a "]" are found unterminated at once, however many there are.
+  DKString open(DK_T("["));
+  for (int i = 0; i < 200000; ++i)
+    open += DK_T("[:");
+  EXPECT_EQ(ErrorText(DKRegEx(open)), "Invalid regular expression \"" + open.SubStr(0, 60).AsUTF8() + "...\" at position 0: missing ']'");
+  EXPECT_EQ(ErrorText(DKRegEx(DK_T("[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]"))),
+            "Invalid regular expression \"[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]\" at position 1: "
+            "unknown POSIX class [:abcdefghijklmnopqrstuvwxyzabcdef...:]");
 }
 
 struct BadPattern {
