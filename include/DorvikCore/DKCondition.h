@@ -286,7 +286,10 @@ private:
   void CopyFields(const DKCondition& other);
   bool ApplyOperator(int comparison) const noexcept;
   bool ParseText(const DKString& text);
-  bool StartResult(const DKConditionParams& params) const;
+  // The result a condition starts from, before its links: a grouping node's, or its comparison.
+  bool StartResult(const DKConditionParams& params) const {
+    return m_operator == opNone ? !HasOr() : OnEvaluate(params);
+  }
   bool IsRunOf(std::uint32_t kind) const noexcept;
   bool ClosesAfter(std::size_t i, std::size_t& next) const noexcept;
   bool WriteReadable(DKString& out) const;

@@ -682,10 +682,6 @@ bool DKCondition::IsNull() const noexcept {
 
 // ---- Evaluation -------------------------------------------------------------------------------------
 
-bool DKCondition::StartResult(const DKConditionParams& params) const {
-  return m_operator == opNone ? !HasOr() : OnEvaluate(params);
-}
-
 // A linked condition's result replaces the result so far, so a condition whose links are done
 // passes its result straight up: the stack keeps only the conditions with links still to walk
 // after the linked condition being evaluated, and a last link goes on in place.

@@ -250,7 +250,8 @@ private:
   // The character c read just before m_pos, joined with a low surrogate at m_pos (written as it
   // is or as a \u escape) when c is a high surrogate; the text decodes such a pair as one
   // character, so the pattern must too.
-  char32_t JoinSurrogates(char32_t c, bool inClass);
+  char32_t JoinSurrogates(char32_t c, bool inClass) { return IsHighSurrogate(c) ? JoinLowSurrogate(c, inClass) : c; }
+  char32_t JoinLowSurrogate(char32_t high, bool inClass);
   // A class escape (\d \w \s and complements) at m_pos, or null.
   const CharSet* ClassEscape() const;
   // At m_pos inside a bracket: "[:name:]" gives its class; "[.x.]" and "[=x=]" are refused. Null
@@ -333,8 +334,8 @@ const CharSet* Parser::PosixClass() {
   Fail("unknown POSIX class [:" + name + ":]", m_pos);
 }
 
-char32_t Parser::JoinSurrogates(char32_t c, bool inClass) {
-  if (!IsHighSurrogate(c) || m_pos >= m_text.size())
+char32_t Parser::JoinLowSurrogate(char32_t c, bool inClass) {
+  if (m_pos >= m_text.size())
     return c;
   const std::size_t at = m_pos;
   char32_t low = m_text[m_pos];
@@ -428,7 +429,7 @@ CharSet Parser::ReadClass() {
       break;
     }
     const std::size_t itemAt = m_pos;
-    if (const CharSet* posix = PosixClass()) {
+    if (const CharSet* posix = m_text[m_pos] == '[' ? PosixClass() : nullptr) {
       if (m_pos + 1 < m_text.size() && m_text[m_pos] == '-' && m_text[m_pos + 1] != ']')
         Fail("a POSIX class cannot start a range", itemAt);
       set.Add(*posix);
@@ -456,7 +457,7 @@ CharSet Parser::ReadClass() {
           Fail("a class escape cannot end a range", m_pos);
         hi = ReadCharEscape(true);
       } else {
-        if (PosixFormEnd(m_pos) != npos)
+        if (m_text[m_pos] == '[' && PosixFormEnd(m_pos) != npos)
           Fail("a POSIX class cannot end a range", m_pos);
         hi = m_text[m_pos++];
         hi = JoinSurrogates(hi, true);
