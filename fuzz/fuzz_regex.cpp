@@ -5,10 +5,14 @@
 // included).
 // Properties checked besides "no crash, no hang":
 //   - a pattern either compiles into a program within the size limit, or is refused with an
-//     "Invalid argument" error that names the pattern's problem; nothing is kept on refusal;
+//     "Invalid regular expression" error that names the pattern, a position inside it and the
+//     problem; nothing is kept on refusal;
 //   - the match does not depend on the cache: with the default cache, a cache that fills at
 //     once and no cache at all, the answers are the same; so are those of a copy;
-//   - a pattern without "$" that matches a text matches it followed by more under "(?:pattern).*".
+//   - a pattern without "$" that matches a text matches it followed by more under "(?:pattern).*";
+//   - writing each character beyond ASCII that stands for itself as \uHHHH escapes (one per
+//     UTF-16 code unit, so a pair becomes two escapes) changes neither whether the pattern
+//     compiles nor what it matches.
 #include <DorvikCore/DKRegEx.h>
 
 #include <cstdint>
@@ -34,6 +38,20 @@ DKString Decode(const std::uint8_t* data, std::size_t size) {
   return text;
 }
 
+// The pattern with every code unit beyond ASCII that is not after a backslash written as \uHHHH.
+DKString Escaped(const DKString& pattern) {
+  DKString out;
+  bool escaped = false;
+  for (const DKChar c : pattern) {
+    if (c >= 0x80 && !escaped)
+      out += DKString().Format(DK_T("\\u%04X"), static_cast<unsigned>(c));
+    else
+      out += c;
+    escaped = !escaped && c == '\\';
+  }
+  return out;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -51,10 +69,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(tiny.IsCompiled() == cached.IsCompiled() && uncached.IsCompiled() == cached.IsCompiled(),
           "the cache size does not decide whether a pattern compiles");
   if (result.Bad()) {
-    Require(result.GetCode() == DK_MSG_INVALID_ARGUMENT, "a refused pattern gives Invalid argument");
+    Require(result.GetCode() == DK_MSG_INVALID_REGEX, "a refused pattern gives Invalid regular expression");
     Require(!cached.IsCompiled() && cached.GetProgramSize() == 0, "nothing is kept on refusal");
-    Require(result.AsString().Find(DK_T("regular expression \"")) != DKString::npos, "the error names the pattern");
+    const auto* error = dynamic_cast<const DKErrorWithArgs*>(result.GetError().Get());
+    DKString named;
+    long position = -1;
+    Require(error && error->GetParameterCount() == 3 && error->GetParam(named, 0) && error->GetParam(position, 1),
+            "the error has the pattern, the position and the problem");
+    Require(named == (pattern.Length() > 60 ? pattern.SubStr(0, 60) + DK_T("...") : pattern), "the error names the pattern");
+    Require(position >= 0 && static_cast<std::size_t>(position) <= pattern.Length(), "the position is inside the pattern");
     Require(!cached.Match(text), "a refused pattern matches nothing");
+    Require(DKRegEx(Escaped(pattern)).GetError().Bad(), "the escaped pattern is refused too");
     return 0;
   }
   Require(cached.GetProgramSize() > 0 && cached.GetProgramSize() <= DKRegEx::maxProgramSize, "the program size is bounded");
@@ -71,5 +96,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (match && pattern.Find(DK_T('$')) == DKString::npos &&
       extended.Compile(DKString(DK_T("(?:")) + pattern + DK_T(").*")).Good())
     Require(extended.Match(text + DK_T("tail")), "(?:p).* matches the text followed by more");
+
+  const DKRegEx escaped(Escaped(pattern));
+  Require(escaped.IsCompiled(), "the escaped pattern compiles");
+  Require(escaped.Match(text) == match, "the escaped pattern matches alike");
   return 0;
 }

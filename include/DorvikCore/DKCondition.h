@@ -57,9 +57,10 @@ public:
     kindRegEx = 4,    // a pattern after "%" or "/="
     kindWord = 5,     // an unquoted word in text that is neither a number nor a date
   };
-  // How deep conditions may nest when read from text: parentheses, AND/OR links and the
-  // native form's sub-conditions each count. Deeper text is refused (FromString is false)
-  // rather than exhausting the stack.
+  // How deep parentheses may nest in readable text; deeper text is refused (FromString is
+  // false) rather than exhausting the stack. Nothing else is bounded: a chain of AND and OR
+  // links, read from text or built in code, and the native form's linked conditions may be as
+  // long and as deep as memory allows.
   static constexpr unsigned maxParseDepth = 1000;
   // The date-time format of TO_DATE values without a format of their own.
   static constexpr const DKChar* dateTimeFormat = DK_T("%Y/%m/%d %H:%M:%S");
@@ -75,6 +76,8 @@ public:
   DKCondition& operator=(const DKCondition& other);
 
   // The virtual operations, in this order.
+  // Linked conditions that no one else holds are released one after the other, not nested: a
+  // derived class's destructor of a linked condition finds its links already gone.
   ~DKCondition() override;
   // A derived class that overrides one GetFieldName, GetOperator or GetSuppliedValue brings the
   // value-returning form back with "using DKCondition::GetFieldName;".
@@ -82,18 +85,25 @@ public:
   // A new empty condition of the same class: parsing and linking create children with it.
   virtual DKSmartPtr<DKCondition> NewChild() const;
   // Stores the field name; false for a name beginning with "@@" (the native form's mark). A
-  // derived class may refuse other names (parsing then fails).
+  // derived class may refuse other names (parsing then fails). Any other name is kept, but
+  // readable text holds only one word that is not AND or OR, does not begin with "(" and holds
+  // no U+0000 (inside parentheses, also no unpaired parenthesis or double quote): ToString
+  // writes a condition with another name in the native form.
   virtual bool AssignFieldName(const DKString& name);
   // Reads the condition in the text into this one. False when the text cannot be read; what
   // was assigned before the failure stays. No exception leaves it. Blanks are space and tab.
   //   "@@..."            the native form (FromNativeString)
-  //   ( condition )      read into a child (NewChild), then copied here (LocalCopy)
+  //   ( condition )      read into a child (NewChild), then copied here (LocalCopy; the
+  //                      child's links are moved here rather than copied)
   //   field op value     AssignFieldName, AssignOperatorFromStr, AssignSuppliedValueFromStr; the
   //                      value is one word, or a double-quoted text read whole, or a word with
   //                      TO_DATE read up to the first ")"
   //   then "AND rest" or "OR rest" (any case): the whole rest is read into a child, linked with
   //   AND or OR. So "a = 1 AND b = 2 OR c = 3" reads as a AND (b OR c). Reading an OR link
   //   writes "OR Parsing not implemented!" on the console. An empty text is an empty condition.
+  // A chain of links of any length is read in one loop (the rest after a link word is read by
+  // this call into the child, not by the child's FromString); a parenthesised part is read by
+  // the child's FromString, up to maxParseDepth parentheses deep.
   virtual bool FromString(const DKString& text);
   // The comparison of this condition alone. The base has no field values and returns false.
   virtual bool OnEvaluate(const DKConditionParams& params) const;
@@ -115,6 +125,9 @@ public:
   // double quotes, others as they are.
   virtual void GetSuppliedValue(DKString& out) const;
   // Makes this condition a copy of other: its own fields, and copies of the linked conditions.
+  // The copies are made with NewChild and filled with their own LocalCopy one after the other,
+  // not nested: the outermost LocalCopy on a thread fills them all before it returns, after
+  // the LocalCopy of the condition they are linked to.
   virtual void LocalCopy(const DKCondition& other);
 
   DKString GetFieldName() const;
@@ -194,11 +207,20 @@ public:
   bool IsNull() const noexcept;
   bool IsRegularExpression() const noexcept { return m_valueKind == kindRegEx; }
 
-  // The condition as text. Readable form: field, operator and value, then each link as
-  // " AND " or " OR " and the linked condition, with parentheses where needed so that
-  // FromString reads back a condition that evaluates alike. Native form (nativeFormat true):
-  // the "@@" text that FromString reads back to an identical condition.
+  // The condition as text, which FromString always reads back (unless a derived class refuses a
+  // part of it). Readable form: field, operator and value, then each link as " AND " or " OR "
+  // and the linked condition, with parentheses where needed so that FromString reads back a
+  // condition that evaluates alike: the same comparisons, asked in the same order. Where the
+  // readable form cannot hold the condition, ToString() writes the native form instead (test
+  // the result with IsNativeFormat, or ask HasReadableForm beforehand): a field name as
+  // described at AssignFieldName; a value that would read back as another (a negative number
+  // or one with an exponent reads as a word, a text holding a double quote and a blank, a
+  // pattern that does not compile, U+0000); more than maxParseDepth nested parentheses (a
+  // list of links in code whose kind changes more often than that needs as many). Native form
+  // (nativeFormat true): the "@@" text that FromString reads back to an identical condition.
   DKString ToString(bool nativeFormat = false) const;
+  // True when ToString() writes the readable form.
+  bool HasReadableForm() const;
 
   // The result of this condition and its links, strictly left to right: a grouping node
   // (operator 0) starts from true, or from false when it has an OR link; any other node from
@@ -212,7 +234,8 @@ public:
   // then one condition as field, operator code, value kind, value text, date-time seconds
   // (for kind 3; empty otherwise) and the number of linked conditions, each of those preceded
   // by its link kind (0 OR, 1 AND) and written the same way. In field and value texts "%"
-  // stands as "%25", "@" as "%40" and the null character as "%00".
+  // stands as "%25", "@" as "%40" and the null character as "%00". A pattern that does not
+  // compile is kept without a program, as operator% keeps it.
   bool FromNativeString(const DKPointerVector<DKChar>& tokens);
 
   // The stored comparison.
@@ -263,8 +286,14 @@ private:
   void CopyFields(const DKCondition& other);
   bool ApplyOperator(int comparison) const noexcept;
   bool ParseText(const DKString& text);
+  // The result a condition starts from, before its links: a grouping node's, or its comparison.
+  bool StartResult(const DKConditionParams& params) const {
+    return m_operator == opNone ? !HasOr() : OnEvaluate(params);
+  }
   bool IsRunOf(std::uint32_t kind) const noexcept;
-  void AppendReadable(DKString& out) const;
+  bool ClosesAfter(std::size_t i, std::size_t& next) const noexcept;
+  bool WriteReadable(DKString& out) const;
+  bool HeadReadsBack(const DKString& field, const DKString& op, const DKString& value) const;
   void AppendNative(DKString& out) const;
 
   DKString m_fieldName;

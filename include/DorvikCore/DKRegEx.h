@@ -20,10 +20,17 @@ class Program;
 //   [abc] [a-z]  a class of characters and ranges; [^...] its complement; [] matches nothing
 //                and [^] any character. Inside a class \d \w \s \D \W \S and escapes work, \b is
 //                the backspace, and "-" is literal first or last.
+//   [[:alpha:]]  a POSIX class inside a class: alnum alpha blank cntrl digit graph lower print
+//                punct space upper word xdigit, ASCII only as in the C locale ([^[:digit:]] is
+//                its complement). An unknown name, a POSIX class as an end of a range, one
+//                written outside a class ([:alpha:]), and the collating forms [.x.] and [=x=]
+//                are refused; a "[:" that does not make up the form "[:...:]" stays literal.
 //   \d \w \s     digit [0-9], word character [A-Za-z0-9_], white space (ASCII and Unicode
 //                spaces); \D \W \S their complements
 //   \t \n \r \f \v \0 \xHH \uHHHH \u{H...} \cX   control and numbered characters; a backslash
-//                before any other punctuation character makes it literal
+//                before any other punctuation character makes it literal. A high surrogate
+//                followed by a low one, either written as an escape (\uD83D\uDE00), is the one
+//                character they spell; a surrogate that does not pair stands for itself.
 //   x* x+ x?     zero or more, one or more, zero or one; x{m} x{m,} x{m,n} counted (a "{" that
 //                does not start a count is literal). A trailing "?" (lazy) is accepted and
 //                changes nothing, as only whole matches are asked for.
@@ -55,8 +62,9 @@ public:
   ~DKRegEx();
 
   // Compiles the pattern, replacing what was compiled before. On failure the object holds no
-  // program (Match is false for every text) and the result, also kept for GetError(), is an
-  // "Invalid argument" error naming the problem and its position in the pattern. cacheBytes
+  // program (Match is false for every text) and the result, also kept for GetError(), is a
+  // DK_MSG_INVALID_REGEX error whose parameters are the pattern (its first 60 code units and
+  // "..." when longer), the position of the problem in code units and the problem. cacheBytes
   // bounds the state cache; 0 runs every match on the automaton directly.
   DKErrorID Compile(const DKString& pattern, std::size_t cacheBytes = defaultCacheBytes);
   void Clear() noexcept;

@@ -2,6 +2,9 @@
 // text forms and the reader. A link word takes the whole rest of the text as its condition, so
 // "a AND b OR c" reads as a AND (b OR c), while conditions linked in code (a && b || c)
 // evaluate strictly left to right; ToString puts parentheses where the two differ.
+// Conditions may be nested and linked as deep and as long as memory allows: reading a chain of
+// links, evaluating, printing, copying and destroying walk them with explicit stacks, never
+// recursing per link; only parentheses in text nest calls, up to maxParseDepth.
 #include <DorvikCore/DKCondition.h>
 
 #include <DorvikCore/DKConsole.h>
@@ -11,18 +14,20 @@
 #include <exception>
 #include <limits>
 #include <ostream>
+#include <utility>
+#include <vector>
 
 DKConditionParams::~DKConditionParams() = default;
 
 namespace {
 
-// Nesting of FromString calls on this thread: each parenthesis, link and rest of a text adds
-// one. Conditions parse into children of their own class, so the count cannot be passed down.
+// Nesting of FromString calls on this thread: the outermost call is 1, each parenthesis adds one.
+// Conditions parse into children of their own class, so the count cannot be passed down.
 thread_local unsigned tlsParseDepth = 0;
 
 class ParseDepthGuard {
 public:
-  ParseDepthGuard() noexcept : m_ok(++tlsParseDepth <= DKCondition::maxParseDepth) {}
+  ParseDepthGuard() noexcept : m_ok(++tlsParseDepth <= DKCondition::maxParseDepth + 1) {}
   ~ParseDepthGuard() { --tlsParseDepth; }
   ParseDepthGuard(const ParseDepthGuard&) = delete;
   ParseDepthGuard& operator=(const ParseDepthGuard&) = delete;
@@ -54,16 +59,18 @@ bool ContainsNoCase(const DKString& text, const DKChar* what) {
   return upper.Find(what) != DKString::npos;
 }
 
-// The position of the ")" that closes the "(" at open, or npos. Double-quoted values are
-// skipped, so that a parenthesis inside one does not count.
-std::size_t MatchingParenthesis(const DKString& text, std::size_t open) noexcept {
-  std::size_t depth = 0;
-  for (std::size_t i = open; i < text.Length(); ++i) {
+// Reads text from pos with depth parentheses open, skipping double-quoted parts so that a
+// parenthesis inside one does not count, up to the ")" that closes the last of them: its
+// position. Else npos, with depth as the text left it (npos when a quote is not closed).
+std::size_t CloseParenthesis(const DKString& text, std::size_t pos, std::size_t& depth) noexcept {
+  for (std::size_t i = pos; i < text.Length(); ++i) {
     const DKChar c = text[i];
     if (c == '"') {
       i = text.Find(DK_T('"'), i + 1);
-      if (i == DKString::npos)
+      if (i == DKString::npos) {
+        depth = DKString::npos;
         return DKString::npos;
+      }
     } else if (c == '(') {
       ++depth;
     } else if (c == ')' && --depth == 0) {
@@ -73,16 +80,17 @@ std::size_t MatchingParenthesis(const DKString& text, std::size_t open) noexcept
   return DKString::npos;
 }
 
-// True when every ")" closes an earlier "(" and none stays open.
-bool ParenthesesPair(const DKString& text) noexcept {
+// The position of the ")" that closes the "(" at open, or npos.
+std::size_t MatchingParenthesis(const DKString& text, std::size_t open) noexcept {
   std::size_t depth = 0;
-  for (const DKChar c : text) {
-    if (c == '(')
-      ++depth;
-    else if (c == ')' && depth-- == 0)
-      return false;
-  }
-  return depth == 0;
+  return CloseParenthesis(text, open, depth);
+}
+
+// True when the text can stand inside parentheses: its quotes close, and outside them every ")"
+// closes an earlier "(" and none stays open.
+bool Balanced(const DKString& text) noexcept {
+  std::size_t depth = 1;
+  return CloseParenthesis(text, 0, depth) == DKString::npos && depth == 1;
 }
 
 bool IsLinkWord(const DKString& word, bool& isAnd) {
@@ -141,9 +149,23 @@ DKInt64 TruncateToInt64(double value) noexcept {
   return static_cast<DKInt64>(value);
 }
 
+void AppendDecimal(DKString& out, DKInt64 value) {
+  DKChar digits[20];
+  std::size_t n = 0;
+  DKUInt64 magnitude = value < 0 ? 0 - static_cast<DKUInt64>(value) : static_cast<DKUInt64>(value);
+  do {
+    digits[n++] = static_cast<DKChar>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (value < 0)
+    out += DK_T('-');
+  while (n > 0)
+    out += digits[--n];
+}
+
 DKString DecimalText(DKInt64 value) {
   DKString text;
-  text.Format(DK_T("%lld"), static_cast<long long>(value));
+  AppendDecimal(text, value);
   return text;
 }
 
@@ -205,10 +227,108 @@ bool ReadDateTime(const DKString& text, DKDateTime& out) {
   }
 }
 
+// The operator written as text; false (code 0) for anything else.
+bool ReadOperator(const DKString& text, std::int32_t& code, bool& isRegEx) {
+  struct Entry {
+    const DKChar* text;
+    std::int32_t code;
+    bool regEx;
+  };
+  static constexpr Entry operators[] = {
+      {DK_T("<"), DKCondition::opLess, false},  {DK_T("<="), DKCondition::opLessOrEqual, false},
+      {DK_T("="), DKCondition::opEqual, false}, {DK_T("%"), DKCondition::opEqual, true},
+      {DK_T("!="), DKCondition::opNotEqual, false}, {DK_T("/="), DKCondition::opNotEqual, true},
+      {DK_T(">="), DKCondition::opGreaterOrEqual, false}, {DK_T(">"), DKCondition::opGreater, false},
+  };
+  isRegEx = false;
+  code = DKCondition::opNone;
+  for (const Entry& e : operators)
+    if (text == e.text) {
+      code = e.code;
+      isRegEx = e.regEx;
+      return true;
+    }
+  return false;
+}
+
+// The end of the value that starts at pos, a non-blank character: a double-quoted text runs to
+// its closing quote, a word holding "TO_DATE" to the first ")" from its start, any other word to
+// the next blank. npos when the closing quote or ")" is missing.
+std::size_t ValueEnd(const DKString& text, std::size_t pos) {
+  std::size_t end = WordEnd(text, pos);
+  if (text[pos] == '"')
+    end = text.Find(DK_T('"'), pos + 1);
+  else if (ContainsNoCase(text.SubStr(pos, end - pos), DK_T("TO_DATE")))
+    end = text.Find(DK_T(')'), pos);
+  else
+    return end;
+  return end == DKString::npos ? end : end + 1;
+}
+
+// What AssignSuppliedValueFromStr makes of a value's text, short of compiling a pattern or
+// reading a date.
+struct ValueReading {
+  std::int32_t kind = DKCondition::kindNone;
+  DKString text;
+  double number = 0.0; // as read, before the zero rule
+  DKInt64 integer = 0;
+  bool exact = false;
+};
+
+// False when the text is no value: empty, a quote not closed, digits that do not convert.
+bool ReadValue(bool isRegEx, const DKString& raw, ValueReading& out) {
+  DKString value = raw;
+  value.Trim();
+  if (value.IsEmpty())
+    return false;
+  const bool quoted = value[0] == '"';
+  if (IsPlainNumber(value)) {
+    bool ok = false;
+    out.number = value.AsDouble(&ok);
+    if (!ok)
+      return false;
+    DKInt64 integer = 0;
+    out.exact = value.Find(DK_T('.')) == DKString::npos && ReadExactInt64(value, integer);
+    out.integer = out.exact ? integer : TruncateToInt64(out.number);
+    out.kind = DKCondition::kindNumber;
+  } else if (quoted || !ContainsNoCase(value, DK_T("TO_DATE("))) {
+    if (quoted) {
+      if (value.Length() < 2 || value[value.Length() - 1] != '"')
+        return false;
+      value = value.SubStr(1, value.Length() - 2);
+    }
+    out.kind = isRegEx ? DKCondition::kindRegEx : quoted ? DKCondition::kindText : DKCondition::kindWord;
+  } else {
+    out.kind = DKCondition::kindDateTime;
+  }
+  out.text = value;
+  return true;
+}
+
 // A link that is written in readable text: a condition linked with AND or OR.
 bool IsWritten(const LinkedCond& link) noexcept {
   return link.m_condition && (link.m_linkKind == LinkedCond::AND || link.m_linkKind == LinkedCond::OR);
 }
+
+// The first written link at or after from, or npos.
+std::size_t NextWritten(const std::vector<LinkedCond>& links, std::size_t from) noexcept {
+  for (std::size_t i = from; i < links.size(); ++i)
+    if (IsWritten(links[i]))
+      return i;
+  return DKString::npos;
+}
+
+// Copies under way on this thread (see LocalCopy): the linked conditions still to be filled, and
+// the links the copies replaced, kept until the end as they may hold what is being copied.
+struct CopyWork {
+  struct Task {
+    DKCondition* target;
+    const DKCondition* source;
+  };
+  std::vector<Task> tasks;
+  std::vector<std::vector<LinkedCond>> replaced;
+};
+thread_local CopyWork* tlsCopyWork = nullptr;
 
 } // namespace
 
@@ -225,7 +345,34 @@ DKCondition& DKCondition::operator=(const DKCondition& other) {
   return *this;
 }
 
-DKCondition::~DKCondition() = default;
+// The linked conditions go through a work list: each one this destructor is the last to hold has
+// its own links taken first, so that releasing it frees only itself.
+DKCondition::~DKCondition() {
+  bool deep = false;
+  for (const LinkedCond& link : m_subConditions)
+    deep = deep || (link.m_condition && !link.m_condition->m_subConditions.empty());
+  if (!deep)
+    return;
+  std::vector<DKSmartPtr<DKCondition>> pending;
+  auto take = [&pending](std::vector<LinkedCond>& links) noexcept {
+    for (LinkedCond& link : links) {
+      try {
+        if (link.m_condition)
+          pending.push_back(std::move(link.m_condition));
+      } catch (...) {
+        // Out of memory: this one is released the ordinary way, with its links.
+      }
+    }
+    links.clear();
+  };
+  take(m_subConditions);
+  while (!pending.empty()) {
+    DKSmartPtr<DKCondition> condition = std::move(pending.back());
+    pending.pop_back();
+    if (condition->NbRef() == 1)
+      take(condition->m_subConditions);
+  }
+}
 
 void DKCondition::CopyFields(const DKCondition& other) {
   m_fieldName = other.m_fieldName;
@@ -238,9 +385,14 @@ void DKCondition::CopyFields(const DKCondition& other) {
   m_regEx = other.m_regEx;
 }
 
+// The outermost copy on a thread fills the linked conditions from a work list: each is made with
+// NewChild at once and filled later with its own (virtual) LocalCopy, which, meeting the work
+// under way, leaves its own links to the list instead of copying them itself.
 void DKCondition::LocalCopy(const DKCondition& other) {
   if (&other == this)
     return;
+  CopyWork own;
+  CopyWork& work = tlsCopyWork ? *tlsCopyWork : own;
   CopyFields(other);
   std::vector<LinkedCond> copies;
   copies.reserve(other.m_subConditions.size());
@@ -249,11 +401,26 @@ void DKCondition::LocalCopy(const DKCondition& other) {
     if (link.m_condition) {
       copy = link.m_condition->NewChild();
       if (copy)
-        copy->LocalCopy(*link.m_condition);
+        work.tasks.push_back({copy.Get(), link.m_condition.Get()});
     }
     copies.push_back({link.m_linkKind, copy});
   }
   m_subConditions.swap(copies);
+  if (!copies.empty())
+    work.replaced.push_back(std::move(copies));
+  if (&work != &own)
+    return;
+  struct Active {
+    explicit Active(CopyWork* work) noexcept { tlsCopyWork = work; }
+    ~Active() { tlsCopyWork = nullptr; }
+    Active(const Active&) = delete;
+    Active& operator=(const Active&) = delete;
+  } active(&own);
+  while (!own.tasks.empty()) {
+    const CopyWork::Task task = own.tasks.back();
+    own.tasks.pop_back();
+    task.target->LocalCopy(*task.source);
+  }
 }
 
 DKSmartPtr<DKCondition> DKCondition::NewChild() const { return DKSmartPtr<DKCondition>(new DKCondition()); }
@@ -276,25 +443,7 @@ bool DKCondition::AssignFieldName(const DKString& name) {
 }
 
 bool DKCondition::AssignOperatorFromStr(bool& isRegEx, const DKString& text) {
-  struct Entry {
-    const DKChar* text;
-    std::int32_t code;
-    bool regEx;
-  };
-  static constexpr Entry operators[] = {
-      {DK_T("<"), opLess, false},       {DK_T("<="), opLessOrEqual, false}, {DK_T("="), opEqual, false},
-      {DK_T("%"), opEqual, true},       {DK_T("!="), opNotEqual, false},    {DK_T("/="), opNotEqual, true},
-      {DK_T(">="), opGreaterOrEqual, false}, {DK_T(">"), opGreater, false},
-  };
-  isRegEx = false;
-  m_operator = opNone;
-  for (const Entry& e : operators)
-    if (text == e.text) {
-      m_operator = e.code;
-      isRegEx = e.regEx;
-      break;
-    }
-  return m_operator != opNone;
+  return ReadOperator(text, m_operator, isRegEx);
 }
 
 void DKCondition::GetOperator(DKString& out) const {
@@ -317,17 +466,19 @@ DKString DKCondition::GetOperator() const {
 }
 
 void DKCondition::GetSuppliedValue(DKString& out) const {
-  // A pattern is quoted when the reader would not take it back as one word: with blanks (an
-  // unquoted value ends at the first one), with "TO_DATE" (read up to the next ")"), or with
-  // parentheses that do not pair (they would upset the search for the end of an enclosing
-  // parenthesis). A word is quoted for the last two reasons, and reads back as a text. A value
-  // holding a double quote cannot be quoted: only the native form keeps it whole.
-  // Such a value came from the "TO_DATE" rule (read up to the next ")"), which reads it back.
-  const bool quote = m_valueText.Find(DK_T('"')) == DKString::npos &&
-                     (m_valueKind == kindText ||
-                      (m_valueKind == kindRegEx && (m_valueText.IsEmpty() || m_valueText.FindFirstOf(DK_T(" \t")) != DKString::npos)) ||
-                      ((m_valueKind == kindRegEx || m_valueKind == kindWord) &&
-                       (!ParenthesesPair(m_valueText) || ContainsNoCase(m_valueText, DK_T("TO_DATE")))));
+  // A text is quoted. A pattern or a word is quoted when the reader would not take it back as
+  // it stands: empty or with blanks (an unquoted value is one word), with "TO_DATE" (read up to
+  // the next ")"), as digits (read as a number), or with parentheses that do not pair (they
+  // would upset the search for the end of an enclosing parenthesis); a quoted word reads back
+  // as a text, which compares alike. A value holding a double quote cannot be quoted: it is
+  // written as it stands, and ToString writes the native form when the reader would not take
+  // it back so.
+  const bool quote =
+      m_valueText.Find(DK_T('"')) == DKString::npos &&
+      (m_valueKind == kindText ||
+       ((m_valueKind == kindRegEx || m_valueKind == kindWord) &&
+        (m_valueText.IsEmpty() || m_valueText.FindFirstOf(DK_T(" \t")) != DKString::npos || IsPlainNumber(m_valueText) ||
+         !Balanced(m_valueText) || ContainsNoCase(m_valueText, DK_T("TO_DATE")))));
   out.Clear();
   if (quote)
     out += DK_T('"');
@@ -393,44 +544,23 @@ DKDateTime DKCondition::GetValueAsDateTime() const noexcept {
 }
 
 bool DKCondition::AssignSuppliedValueFromStr(bool isRegEx, const DKString& text) {
-  DKString value = text;
-  value.Trim();
-  if (value.IsEmpty())
+  ValueReading value;
+  if (!ReadValue(isRegEx, text, value))
     return false;
-  const bool quoted = value[0] == '"';
-  if (IsPlainNumber(value)) {
-    bool ok = false;
-    const double number = value.AsDouble(&ok);
-    if (!ok)
-      return false;
-    DKInt64 integer = 0;
-    const bool exact = value.Find(DK_T('.')) == DKString::npos && ReadExactInt64(value, integer);
-    SetNumber(number, exact ? integer : TruncateToInt64(number), value, exact);
-  } else if (quoted || !ContainsNoCase(value, DK_T("TO_DATE("))) {
-    if (quoted) {
-      if (value.Length() < 2 || value[value.Length() - 1] != '"')
-        return false;
-      value = value.SubStr(1, value.Length() - 2);
-    }
-    m_valueText = value;
-    m_doubleValue = 0.0;
-    m_int64Value = 0;
-    if (isRegEx) {
-      m_valueKind = kindRegEx;
-      if (!AsRegExp())
-        return false;
-    } else {
-      m_valueKind = quoted ? kindText : kindWord;
-      m_regEx.Clear();
-    }
-  } else {
-    m_valueKind = kindDateTime;
-    m_valueText = value;
-    m_doubleValue = 0.0;
-    m_int64Value = 0;
-    m_regEx.Clear();
+  if (value.kind == kindNumber) {
+    SetNumber(value.number, value.integer, value.text, value.exact);
+    return PostAssignSuppliedValue();
+  }
+  m_valueKind = value.kind;
+  m_valueText = value.text;
+  m_doubleValue = 0.0;
+  m_int64Value = 0;
+  m_regEx.Clear();
+  if (value.kind == kindRegEx && !AsRegExp())
+    return false;
+  if (value.kind == kindDateTime) {
     DKDateTime moment;
-    if (!ReadDateTime(value, moment)) {
+    if (!ReadDateTime(value.text, moment)) {
       ConsoleLine("ERROR: DKCondition fails in DKDateTime::FromString()");
       return false;
     }
@@ -552,24 +682,41 @@ bool DKCondition::IsNull() const noexcept {
 
 // ---- Evaluation -------------------------------------------------------------------------------------
 
+// A linked condition's result replaces the result so far, so a condition whose links are done
+// passes its result straight up: the stack keeps only the conditions with links still to walk
+// after the linked condition being evaluated, and a last link goes on in place.
 bool DKCondition::Evaluate(const DKConditionParams& params) const {
-  bool result = true;
-  if (m_operator == opNone)
-    result = !HasOr();
-  else
-    result = OnEvaluate(params);
-  for (const LinkedCond& link : m_subConditions) {
-    if (!link.m_condition)
+  struct Resume {
+    const DKCondition* condition;
+    std::size_t next;
+  };
+  std::vector<Resume> stack;
+  const DKCondition* condition = this;
+  std::size_t next = 0;
+  bool result = StartResult(params);
+  for (;;) {
+    const std::vector<LinkedCond>& links = condition->m_subConditions;
+    if (next >= links.size()) {
+      if (stack.empty())
+        return result;
+      condition = stack.back().condition;
+      next = stack.back().next;
+      stack.pop_back();
       continue;
-    if (link.m_linkKind == LinkedCond::OR) {
-      if (!result)
-        result = link.m_condition->Evaluate(params);
-    } else if (link.m_linkKind == LinkedCond::AND) {
-      if (result)
-        result = link.m_condition->Evaluate(params);
     }
+    const LinkedCond& link = links[next++];
+    const bool take = link.m_linkKind == LinkedCond::OR ? !result : link.m_linkKind == LinkedCond::AND && result;
+    if (!link.m_condition || !take)
+      continue;
+    const DKCondition* linked = link.m_condition.Get();
+    result = linked->StartResult(params);
+    if (linked->m_subConditions.empty())
+      continue;
+    if (next < links.size())
+      stack.push_back({condition, next});
+    condition = linked;
+    next = 0;
   }
-  return result;
 }
 
 bool DKCondition::OnEvaluate(const DKConditionParams&) const { return false; }
@@ -659,13 +806,16 @@ bool DKCondition::IsNativeFormat(const DKString& text) {
 
 DKString DKCondition::ToString(bool nativeFormat) const {
   DKString out;
-  if (nativeFormat) {
-    out = DK_T("@@1");
-    AppendNative(out);
-  } else {
-    AppendReadable(out);
-  }
+  if (!nativeFormat && WriteReadable(out))
+    return out;
+  out = DK_T("@@1");
+  AppendNative(out);
   return out;
+}
+
+bool DKCondition::HasReadableForm() const {
+  DKString text;
+  return WriteReadable(text);
 }
 
 // True when the readable text of this condition, followed by more links of the kind, reads as
@@ -688,37 +838,151 @@ bool DKCondition::IsRunOf(std::uint32_t kind) const noexcept {
   }
 }
 
-// Links apply left to right, but the reader gives a link the whole rest of the text, so that
-// "a AND b OR c" reads as a AND (b OR c). Both agree while the links are all AND or all OR;
-// where the kind changes, the text so far goes in parentheses. A linked condition with links of
-// another kind needs parentheses unless nothing follows it in its parentheses. After a linked
-// condition without a comparison (a grouping node) the parentheses close too: followed by more
-// links, it would read as a grouping node whose start depends on those links. An empty linked
-// condition is written "()".
-void DKCondition::AppendReadable(DKString& out) const {
-  std::vector<const LinkedCond*> links;
-  for (const LinkedCond& link : m_subConditions)
-    if (IsWritten(link))
-      links.push_back(&link);
-  DKString text = GetFieldName() + GetOperator() + GetSuppliedValue();
-  bool closeBefore = false;
-  for (std::size_t i = 0; i < links.size(); ++i) {
-    const LinkedCond& link = *links[i];
+// Whether the link at index i (written) is followed by a written link, and whether the text
+// so far must close its parentheses after it: links apply left to right, but the reader gives a
+// link the whole rest of the text, so that "a AND b OR c" reads as a AND (b OR c). Both agree
+// while the links are all AND or all OR; where the kind changes, the text so far goes in
+// parentheses. After a linked condition without a comparison (a grouping node) they close too:
+// followed by more links, it would read as a grouping node whose start depends on those links.
+bool DKCondition::ClosesAfter(std::size_t i, std::size_t& next) const noexcept {
+  next = NextWritten(m_subConditions, i + 1);
+  return next != DKString::npos && (m_subConditions[next].m_linkKind != m_subConditions[i].m_linkKind ||
+                                    m_subConditions[i].m_condition->m_operator == opNone);
+}
+
+// One pass over the conditions with an explicit stack. A condition opens at its start the
+// parentheses that its links close (ClosesAfter). A linked condition with links of another
+// kind goes in parentheses unless nothing follows it in its own; an empty one is written "()".
+// Gives up as soon as the text is known not to read back: a comparison that the reader would
+// take otherwise (HeadReadsBack), one that cannot stand where it is inside parentheses, or
+// parentheses nested deeper than the reader takes.
+bool DKCondition::WriteReadable(DKString& out) const {
+  struct Frame {
+    const DKCondition* condition;
+    std::size_t next;     // the next link to write; npos when done
+    bool started;         // something of the condition is written: a link needs a blank first
+    unsigned closeAfter;  // parentheses to close once the linked condition being written is done
+  };
+  std::vector<Frame> stack;
+  std::size_t depth = 0; // parentheses open at the end of out
+  auto open = [&out, &depth](std::size_t count) {
+    if (count > maxParseDepth - depth)
+      return false;
+    for (std::size_t k = 0; k < count; ++k)
+      out += DK_T('(');
+    depth += count;
+    return true;
+  };
+  auto close = [&out, &depth](std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k)
+      out += DK_T(')');
+    depth -= count;
+  };
+  // The comparison of c as text, when the reader takes it back.
+  DKString head, field, op, value;
+  auto readHead = [&](const DKCondition& c) {
+    c.GetFieldName(field);
+    c.GetOperator(op);
+    c.GetSuppliedValue(value);
+    head = field + op + value;
+    return c.HeadReadsBack(field, op, value);
+  };
+  auto writeHead = [&]() {
+    if (depth > 0 && !Balanced(head))
+      return false;
+    out += head;
+    return true;
+  };
+  // Writes c's opening parentheses and comparison, then leaves its links to the loop.
+  auto start = [&](const DKCondition& c) {
+    std::size_t closing = 0, next = 0;
+    for (std::size_t i = NextWritten(c.m_subConditions, 0); i != DKString::npos; i = next)
+      closing += c.ClosesAfter(i, next) ? 1 : 0;
+    if (!readHead(c) || !open(closing) || !writeHead())
+      return false;
+    stack.push_back({&c, NextWritten(c.m_subConditions, 0), !head.IsEmpty(), 0});
+    return true;
+  };
+
+  if (!start(*this))
+    return false;
+  while (!stack.empty()) {
+    Frame& top = stack.back();
+    if (top.next == DKString::npos) {
+      stack.pop_back();
+      if (!stack.empty())
+        close(std::exchange(stack.back().closeAfter, 0));
+      continue;
+    }
+    const LinkedCond& link = top.condition->m_subConditions[top.next];
     const DKCondition& linked = *link.m_condition;
-    const bool grouping = linked.m_operator == opNone;
-    const bool closeAfter = i + 1 < links.size() && (links[i + 1]->m_linkKind != link.m_linkKind || grouping);
-    DKString child;
-    linked.AppendReadable(child);
-    if (child.IsEmpty() || (i + 1 < links.size() && !closeAfter && !linked.IsRunOf(link.m_linkKind)))
-      child = DK_T("(") + child + DK_T(")");
-    const DKChar* word = link.m_linkKind == LinkedCond::AND ? DK_T("AND ") : DK_T("OR ");
-    if (text.IsEmpty())
-      text = word + child;
-    else
-      text = (closeBefore ? DK_T("(") + text + DK_T(")") : text) + DK_T(" ") + word + child;
-    closeBefore = closeAfter;
+    std::size_t next = 0;
+    const bool closeAfter = top.condition->ClosesAfter(top.next, next);
+    top.next = next;
+    if (top.started)
+      out += DK_T(' ');
+    top.started = true;
+    out += link.m_linkKind == LinkedCond::AND ? DK_T("AND ") : DK_T("OR ");
+    const bool leaf = NextWritten(linked.m_subConditions, 0) == DKString::npos;
+    if (leaf && !readHead(linked))
+      return false;
+    const bool wrap = (leaf && head.IsEmpty()) || (next != DKString::npos && !closeAfter && !linked.IsRunOf(link.m_linkKind));
+    if (wrap && !open(1))
+      return false;
+    const unsigned after = (wrap ? 1 : 0) + (closeAfter ? 1 : 0);
+    if (!leaf) {
+      top.closeAfter = after;
+      if (!start(linked))
+        return false;
+    } else if (writeHead()) {
+      close(after);
+    } else {
+      return false;
+    }
   }
-  out += text;
+  return true;
+}
+
+// Reads the comparison as FromString would, from the field, operator and value as written, and
+// compares what it would store with what this condition holds. A text and a word are alike
+// (both compare as text); a number must read back to the same value.
+bool DKCondition::HeadReadsBack(const DKString& field, const DKString& op, const DKString& value) const {
+  if (field.IsEmpty() && op.IsEmpty() && value.IsEmpty())
+    return m_operator == opNone; // a grouping node
+  const DKChar nul = 0;
+  if (field.Find(nul) != DKString::npos || op.Find(nul) != DKString::npos || value.Find(nul) != DKString::npos)
+    return false; // the reader stops at U+0000
+  bool isAnd = false;
+  if (field.IsEmpty() || WordEnd(field, 0) != field.Length() || field[0] == '(' || IsNativeFormat(field) ||
+      IsLinkWord(field, isAnd))
+    return false;
+  const std::size_t opStart = SkipBlanks(op, 0), opEnd = WordEnd(op, opStart);
+  std::int32_t code = opNone;
+  bool isRegEx = false;
+  if (opStart == 0 || opEnd >= op.Length() || !IsBlankFrom(op, opEnd) ||
+      !ReadOperator(op.SubStr(opStart, opEnd - opStart), code, isRegEx) || code != m_operator)
+    return false;
+  const std::size_t valueStart = SkipBlanks(value, 0);
+  ValueReading read;
+  if (valueStart >= value.Length() || ValueEnd(value, valueStart) != value.Length() ||
+      !ReadValue(isRegEx, value.SubStr(valueStart), read) || read.text != m_valueText)
+    return false;
+  switch (read.kind) {
+  case kindNumber: {
+    // An integer read back exactly compares like the same value held as a double while doubles
+    // hold every integer around it.
+    constexpr double exactDoubles = 9007199254740992.0;
+    return m_valueKind == kindNumber && DKDouble::Adjust(read.number) == m_doubleValue && read.integer == m_int64Value &&
+           (read.exact == m_exactInteger || std::fabs(m_doubleValue) < exactDoubles);
+  }
+  case kindRegEx: return m_valueKind == kindRegEx && m_regEx.IsCompiled();
+  case kindDateTime: {
+    DKDateTime moment;
+    return m_valueKind == kindDateTime && ReadDateTime(read.text, moment) &&
+           static_cast<DKInt64>(moment.GetTime_t()) == m_int64Value;
+  }
+  default: return m_valueKind == kindText || m_valueKind == kindWord;
+  }
 }
 
 // Pre-order, with an explicit stack: each condition's head, then each link kind followed by the
@@ -730,12 +994,17 @@ void DKCondition::AppendNative(DKString& out) const {
       links += link.m_condition ? 1 : 0;
     out += DK_T('@');
     AppendEscaped(out, c.m_fieldName);
-    out += DKString().Format(DK_T("@%d@%d@"), static_cast<int>(c.m_operator), static_cast<int>(c.m_valueKind));
+    out += DK_T('@');
+    AppendDecimal(out, c.m_operator);
+    out += DK_T('@');
+    AppendDecimal(out, c.m_valueKind);
+    out += DK_T('@');
     AppendEscaped(out, c.m_valueText);
     out += DK_T('@');
     if (c.m_valueKind == kindDateTime)
-      out += DecimalText(c.m_int64Value);
-    out += DKString().Format(DK_T("@%zu"), links);
+      AppendDecimal(out, c.m_int64Value);
+    out += DK_T('@');
+    AppendDecimal(out, static_cast<DKInt64>(links));
   };
   struct Frame {
     const DKCondition* condition;
@@ -752,7 +1021,8 @@ void DKCondition::AppendNative(DKString& out) const {
     const LinkedCond& link = top.condition->m_subConditions[top.next++];
     if (!link.m_condition)
       continue;
-    out += DKString().Format(DK_T("@%u"), static_cast<unsigned>(link.m_linkKind));
+    out += DK_T('@');
+    AppendDecimal(out, link.m_linkKind);
     appendHead(*link.m_condition);
     stack.push_back({link.m_condition.Get(), 0});
   }
@@ -813,8 +1083,7 @@ bool DKCondition::FromNativeString(const DKPointerVector<DKChar>& tokens) {
       break;
     }
     case kindRegEx:
-      if (!c.AsRegExp())
-        return false;
+      c.AsRegExp(); // one that does not compile stays so, as operator% leaves it: it matches nothing
       break;
     default: break;
     }
@@ -838,7 +1107,7 @@ bool DKCondition::FromNativeString(const DKPointerVector<DKChar>& tokens) {
     --stack.back().remaining;
     DKCondition& parent = *stack.back().condition;
     std::size_t link = 0;
-    if (stack.size() >= maxParseDepth || pos >= tokens.size() || !ReadCount(tokens[pos++], link) || link > LinkedCond::AND)
+    if (pos >= tokens.size() || !ReadCount(tokens[pos++], link) || link > LinkedCond::AND)
       return false;
     DKSmartPtr<DKCondition> child = parent.NewChild();
     if (!child)
@@ -879,76 +1148,75 @@ bool DKCondition::ParseText(const DKString& text) {
     return FromNativeString(tokens);
   }
 
+  // The condition being read: a link word makes a linked condition, which reads the rest of the
+  // text, in this same loop.
+  DKCondition* condition = this;
   std::size_t pos = SkipBlanks(text, 0);
   if (pos >= text.Length())
     return true;
-  std::size_t last; // the last character read
-  if (text[pos] == '(') {
-    // Refuse a run of parentheses deeper than the bound before scanning for their ends.
-    std::size_t opened = 0;
-    for (std::size_t p = pos; p < text.Length() && (text[p] == '(' || IsBlank(text[p])); ++p)
-      opened += text[p] == '(' ? 1 : 0;
-    if (tlsParseDepth + opened > maxParseDepth)
-      return false;
-    last = MatchingParenthesis(text, pos);
-    if (last == DKString::npos)
-      return false;
-    DKSmartPtr<DKCondition> child = NewChild();
-    if (!child || !child->FromString(text.SubStr(pos + 1, last - pos - 1)))
-      return false;
-    LocalCopy(*child);
-  } else {
-    std::size_t end = WordEnd(text, pos);
-    const DKString word = text.SubStr(pos, end - pos);
+  for (;;) {
+    std::size_t last; // the last character read
+    if (text[pos] == '(') {
+      // Refuse a run of parentheses deeper than the bound before scanning for their ends.
+      std::size_t opened = 0;
+      for (std::size_t p = pos; p < text.Length() && (text[p] == '(' || IsBlank(text[p])); ++p)
+        opened += text[p] == '(' ? 1 : 0;
+      if (tlsParseDepth + opened > maxParseDepth + 1)
+        return false;
+      last = MatchingParenthesis(text, pos);
+      if (last == DKString::npos)
+        return false;
+      DKSmartPtr<DKCondition> child = condition->NewChild();
+      if (!child || !child->FromString(text.SubStr(pos + 1, last - pos - 1)))
+        return false;
+      // The child is copied here, but its links move over: nothing else holds them, and copies
+      // would cost as much again at every level of parentheses.
+      std::vector<LinkedCond> links = std::move(child->m_subConditions);
+      child->m_subConditions.clear();
+      condition->LocalCopy(*child);
+      condition->m_subConditions = std::move(links);
+    } else {
+      std::size_t end = WordEnd(text, pos);
+      const DKString word = text.SubStr(pos, end - pos);
+      bool isAnd = false;
+      if (IsLinkWord(word, isAnd)) {
+        // The whole rest is the linked condition; a link word needs one.
+        if (IsBlankFrom(text, end))
+          return false;
+        DKSmartPtr<DKCondition> child = condition->NewChild();
+        if (!child)
+          return false;
+        condition->m_subConditions.push_back({isAnd ? LinkedCond::AND : LinkedCond::OR, child});
+        if (!isAnd)
+          ConsoleLine("OR Parsing not implemented!");
+        condition = child.Get();
+        pos = SkipBlanks(text, end);
+        continue;
+      }
+      if (!condition->AssignFieldName(word))
+        return false;
+
+      pos = SkipBlanks(text, end);
+      end = WordEnd(text, pos);
+      bool isRegEx = false;
+      if (!condition->AssignOperatorFromStr(isRegEx, text.SubStr(pos, end - pos)))
+        return false;
+
+      pos = SkipBlanks(text, end);
+      if (pos >= text.Length())
+        return false;
+      end = ValueEnd(text, pos); // a quoted text whole, blanks included, whatever it says
+      if (end == DKString::npos || !condition->AssignSuppliedValueFromStr(isRegEx, text.SubStr(pos, end - pos)))
+        return false;
+      last = end - 1;
+    }
+
+    // What follows must be a link: "AND ..." or "OR ...".
+    if (IsBlankFrom(text, last + 1))
+      return true;
+    pos = SkipBlanks(text, last + 1);
     bool isAnd = false;
-    if (IsLinkWord(word, isAnd)) {
-      // The whole rest is the linked condition; a link word needs one.
-      if (IsBlankFrom(text, end))
-        return false;
-      DKSmartPtr<DKCondition> child = NewChild();
-      if (!child)
-        return false;
-      const bool ok = child->FromString(text.SubStr(end));
-      m_subConditions.push_back({isAnd ? LinkedCond::AND : LinkedCond::OR, child});
-      if (!isAnd)
-        ConsoleLine("OR Parsing not implemented!");
-      return ok;
-    }
-    if (!AssignFieldName(word))
+    if (!IsLinkWord(text.SubStr(pos, WordEnd(text, pos) - pos), isAnd))
       return false;
-
-    pos = SkipBlanks(text, end);
-    end = WordEnd(text, pos);
-    bool isRegEx = false;
-    if (!AssignOperatorFromStr(isRegEx, text.SubStr(pos, end - pos)))
-      return false;
-
-    pos = SkipBlanks(text, end);
-    end = WordEnd(text, pos);
-    if (pos >= text.Length())
-      return false;
-    if (text[pos] == '"') { // read whole, blanks included, whatever it says
-      end = text.Find(DK_T('"'), pos + 1);
-      if (end == DKString::npos)
-        return false;
-      ++end;
-    } else if (ContainsNoCase(text.SubStr(pos, end - pos), DK_T("TO_DATE"))) {
-      end = text.Find(DK_T(')'), pos);
-      if (end == DKString::npos)
-        return false;
-      ++end;
-    }
-    if (!AssignSuppliedValueFromStr(isRegEx, text.SubStr(pos, end - pos)))
-      return false;
-    last = end - 1;
   }
-
-  // What follows must be a link: "AND ..." or "OR ...", read by FromString into this condition.
-  if (IsBlankFrom(text, last + 1))
-    return true;
-  const std::size_t next = SkipBlanks(text, last + 1);
-  bool isAnd = false;
-  if (!IsLinkWord(text.SubStr(next, WordEnd(text, next) - next), isAnd))
-    return false;
-  return FromString(text.SubStr(last + 1));
 }

@@ -6,6 +6,7 @@
 #include <DorvikCore/DKRegEx.h>
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <unordered_map>
@@ -69,10 +70,11 @@ struct Node {
   std::uint32_t arg2 = 0;  // Repeat: maximum or unbounded
   std::uint32_t child = 0; // Concat, Alternate: first index into children; others: the child node
   std::uint32_t count = 0; // Concat, Alternate: number of children
+  std::uint32_t at = 0;    // where in the pattern the node was made (a quantifier's own position)
 };
 
 struct ParseError {
-  const char* what;
+  std::string what;
   std::size_t position;
 };
 
@@ -86,9 +88,10 @@ CharSet MakeSet(const CharSet::Range* ranges, std::size_t count, bool negate) {
   return set;
 }
 
-template <std::size_t N>
-const CharSet& CachedSet(const CharSet::Range (&ranges)[N], bool negate) {
-  static const CharSet sets[2] = {MakeSet(ranges, N, false), MakeSet(ranges, N, true)};
+// One pair of sets (as given, negated) per table: the table itself is the template argument.
+template <const auto& ranges>
+const CharSet& CachedSet(bool negate) {
+  static const CharSet sets[2] = {MakeSet(ranges, std::size(ranges), false), MakeSet(ranges, std::size(ranges), true)};
   return sets[negate];
 }
 
@@ -100,10 +103,47 @@ constexpr CharSet::Range spaceRanges[] = {{0x09, 0x0D},     {0x20, 0x20},     {0
                                           {0x3000, 0x3000}, {0xFEFF, 0xFEFF}};
 constexpr CharSet::Range lineTerminators[] = {{'\n', '\n'}, {'\r', '\r'}, {0x2028, 0x2029}};
 
-const CharSet& DigitSet(bool negate) { return CachedSet(digitRanges, negate); }
-const CharSet& WordSet(bool negate) { return CachedSet(wordRanges, negate); }
-const CharSet& SpaceSet(bool negate) { return CachedSet(spaceRanges, negate); }
-const CharSet& DotSet() { return CachedSet(lineTerminators, true); }
+const CharSet& DigitSet(bool negate) { return CachedSet<digitRanges>(negate); }
+const CharSet& WordSet(bool negate) { return CachedSet<wordRanges>(negate); }
+const CharSet& SpaceSet(bool negate) { return CachedSet<spaceRanges>(negate); }
+const CharSet& DotSet() { return CachedSet<lineTerminators>(true); }
+
+// The POSIX classes of bracket expressions, ASCII as in the C locale.
+constexpr CharSet::Range alnumRanges[] = {{'0', '9'}, {'A', 'Z'}, {'a', 'z'}};
+constexpr CharSet::Range alphaRanges[] = {{'A', 'Z'}, {'a', 'z'}};
+constexpr CharSet::Range blankRanges[] = {{'\t', '\t'}, {' ', ' '}};
+constexpr CharSet::Range cntrlRanges[] = {{0x00, 0x1F}, {0x7F, 0x7F}};
+constexpr CharSet::Range graphRanges[] = {{0x21, 0x7E}};
+constexpr CharSet::Range lowerRanges[] = {{'a', 'z'}};
+constexpr CharSet::Range printRanges[] = {{0x20, 0x7E}};
+constexpr CharSet::Range punctRanges[] = {{0x21, 0x2F}, {0x3A, 0x40}, {0x5B, 0x60}, {0x7B, 0x7E}};
+constexpr CharSet::Range asciiSpaceRanges[] = {{0x09, 0x0D}, {0x20, 0x20}};
+constexpr CharSet::Range upperRanges[] = {{'A', 'Z'}};
+constexpr CharSet::Range xdigitRanges[] = {{'0', '9'}, {'A', 'F'}, {'a', 'f'}};
+
+struct PosixClass {
+  const char* name;
+  const CharSet& (*set)(bool negate);
+};
+
+constexpr PosixClass posixClasses[] = {
+    {"alnum", &CachedSet<alnumRanges>},
+    {"alpha", &CachedSet<alphaRanges>},
+    {"blank", &CachedSet<blankRanges>},
+    {"cntrl", &CachedSet<cntrlRanges>},
+    {"digit", &DigitSet},
+    {"graph", &CachedSet<graphRanges>},
+    {"lower", &CachedSet<lowerRanges>},
+    {"print", &CachedSet<printRanges>},
+    {"punct", &CachedSet<punctRanges>},
+    {"space", &CachedSet<asciiSpaceRanges>},
+    {"upper", &CachedSet<upperRanges>},
+    {"word", &WordSet},
+    {"xdigit", &CachedSet<xdigitRanges>},
+};
+
+constexpr bool IsHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
+constexpr bool IsLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
 
 bool IsHexDigit(char32_t c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 unsigned HexValue(char32_t c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; }
@@ -142,13 +182,14 @@ private:
     bool lastIsAnchor = false; // a bare ^ or $: nothing to repeat (a group holding one is fine)
   };
 
-  [[noreturn]] void Fail(const char* what, std::size_t at) const { throw ParseError{what, Offset(at)}; }
+  [[noreturn]] void Fail(std::string what, std::size_t at) const { throw ParseError{std::move(what), Offset(at)}; }
 
-  std::uint32_t AddNode(const Node& node) {
+  std::uint32_t AddNode(Node node, std::size_t at = npos) {
     // Every node becomes at least one instruction, or joins ones that do; far more nodes than
     // the largest program means the pattern is too large, whatever it would compile to.
     if (nodes.size() >= 4 * DKRegEx::maxProgramSize)
       Fail("pattern too large", m_pos);
+    node.at = static_cast<std::uint32_t>(at == npos ? m_pos : at);
     nodes.push_back(node);
     return static_cast<std::uint32_t>(nodes.size() - 1);
   }
@@ -202,13 +243,48 @@ private:
   // Reads {m}, {m,} or {m,n} at m_pos; false (nothing read) when the text there is not one.
   bool ReadCount(std::uint32_t& min, std::uint32_t& max);
   CharSet ReadClass();
-  // An escape at m_pos (the backslash) that stands for one character; moves past it.
-  char32_t ReadCharEscape(bool inClass);
+  // An escape at m_pos (the backslash) that stands for one character; moves past it. A high
+  // surrogate followed by a low one (JoinSurrogates) is the one character they spell.
+  char32_t ReadCharEscape(bool inClass) { return JoinSurrogates(ReadSingleEscape(inClass), inClass); }
+  char32_t ReadSingleEscape(bool inClass);
+  // The character c read just before m_pos, joined with a low surrogate at m_pos (written as it
+  // is or as a \u escape) when c is a high surrogate; the text decodes such a pair as one
+  // character, so the pattern must too.
+  char32_t JoinSurrogates(char32_t c, bool inClass) { return IsHighSurrogate(c) ? JoinLowSurrogate(c, inClass) : c; }
+  char32_t JoinLowSurrogate(char32_t high, bool inClass);
   // A class escape (\d \w \s and complements) at m_pos, or null.
   const CharSet* ClassEscape() const;
+  // At m_pos inside a bracket: "[:name:]" gives its class; "[.x.]" and "[=x=]" are refused. Null
+  // (nothing read) when the text there is none of these forms. Moves past what it read.
+  const CharSet* PosixClass();
+  // The end (past the closing "]") of the form "[:...:]", "[.x.]" or "[=x=]" at pos, or npos.
+  std::size_t PosixFormEnd(std::size_t pos) const;
+  // The first "]" at or after pos, or the end. The parser only moves forward, so one search
+  // serves every position up to the "]" it found.
+  std::size_t NextBracket(std::size_t pos) const {
+    if (pos < m_bracketFrom || pos > m_bracketAt) {
+      m_bracketAt = pos;
+      while (m_bracketAt < m_text.size() && m_text[m_bracketAt] != ']')
+        ++m_bracketAt;
+    }
+    m_bracketFrom = pos;
+    return m_bracketAt;
+  }
+
+  // The pattern's characters from..to for an error text (at most 32, then "..."); "?" stands
+  // for those beyond ASCII.
+  std::string Ascii(std::size_t from, std::size_t to) const {
+    std::string out;
+    for (std::size_t i = from; i < to && i < from + 32; ++i)
+      out += m_text[i] < 128 ? static_cast<char>(m_text[i]) : '?';
+    return to - from > 32 ? out + "..." : out;
+  }
+
+  static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 
   std::vector<char32_t> m_text;
   std::vector<std::size_t> m_offsets;
+  mutable std::size_t m_bracketFrom = 1, m_bracketAt = 0; // NextBracket's last search: none yet
   std::size_t m_pos = 0;
   std::unordered_map<std::u32string, std::uint32_t> m_setIndex;
 };
@@ -227,7 +303,57 @@ const CharSet* Parser::ClassEscape() const {
   }
 }
 
-char32_t Parser::ReadCharEscape(bool inClass) {
+std::size_t Parser::PosixFormEnd(std::size_t pos) const {
+  if (pos + 1 >= m_text.size() || m_text[pos] != '[')
+    return npos;
+  const char32_t mark = m_text[pos + 1];
+  if (mark != ':' && mark != '.' && mark != '=')
+    return npos;
+  // The form ends at the first "]"; the mark must come right before it, and not be the opening one.
+  const std::size_t close = NextBracket(pos + 2);
+  if (close >= m_text.size() || close < pos + 3 || m_text[close - 1] != mark)
+    return npos;
+  return close + 1;
+}
+
+const CharSet* Parser::PosixClass() {
+  const std::size_t end = PosixFormEnd(m_pos);
+  if (end == npos)
+    return nullptr;
+  const char32_t mark = m_text[m_pos + 1];
+  if (mark == '.')
+    Fail("collating elements [.x.] are not supported", m_pos);
+  if (mark == '=')
+    Fail("equivalence classes [=x=] are not supported", m_pos);
+  const std::string name = Ascii(m_pos + 2, end - 2);
+  for (const dkre::PosixClass& posix : posixClasses)
+    if (name == posix.name) {
+      m_pos = end;
+      return &posix.set(false);
+    }
+  Fail("unknown POSIX class [:" + name + ":]", m_pos);
+}
+
+char32_t Parser::JoinLowSurrogate(char32_t c, bool inClass) {
+  if (m_pos >= m_text.size())
+    return c;
+  const std::size_t at = m_pos;
+  char32_t low = m_text[m_pos];
+  if (IsLowSurrogate(low)) {
+    ++m_pos;
+  } else if (low == '\\' && m_pos + 1 < m_text.size() && m_text[m_pos + 1] == 'u') {
+    low = ReadSingleEscape(inClass);
+    if (!IsLowSurrogate(low)) {
+      m_pos = at; // read again as a character of its own
+      return c;
+    }
+  } else {
+    return c;
+  }
+  return 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+}
+
+char32_t Parser::ReadSingleEscape(bool inClass) {
   const std::size_t at = m_pos;
   if (m_pos + 1 >= m_text.size())
     Fail("pattern ends with a lone backslash", at);
@@ -303,6 +429,12 @@ CharSet Parser::ReadClass() {
       break;
     }
     const std::size_t itemAt = m_pos;
+    if (const CharSet* posix = m_text[m_pos] == '[' ? PosixClass() : nullptr) {
+      if (m_pos + 1 < m_text.size() && m_text[m_pos] == '-' && m_text[m_pos + 1] != ']')
+        Fail("a POSIX class cannot start a range", itemAt);
+      set.Add(*posix);
+      continue;
+    }
     char32_t lo;
     if (m_text[m_pos] == '\\') {
       if (const CharSet* escape = ClassEscape()) {
@@ -315,6 +447,7 @@ CharSet Parser::ReadClass() {
       lo = ReadCharEscape(true);
     } else {
       lo = m_text[m_pos++];
+      lo = JoinSurrogates(lo, true);
     }
     char32_t hi = lo;
     if (m_pos + 1 < m_text.size() && m_text[m_pos] == '-' && m_text[m_pos + 1] != ']') {
@@ -324,7 +457,10 @@ CharSet Parser::ReadClass() {
           Fail("a class escape cannot end a range", m_pos);
         hi = ReadCharEscape(true);
       } else {
+        if (m_text[m_pos] == '[' && PosixFormEnd(m_pos) != npos)
+          Fail("a POSIX class cannot end a range", m_pos);
         hi = m_text[m_pos++];
+        hi = JoinSurrogates(hi, true);
       }
       if (hi < lo)
         Fail("range out of order", itemAt);
@@ -373,15 +509,15 @@ void Parser::Quantify(Group& group, std::uint32_t min, std::uint32_t max, std::s
   const std::uint32_t child = group.items.back();
   std::uint32_t node;
   if (min == 0 && max == unbounded)
-    node = AddNode({NodeKind::Star, 0, 0, child});
+    node = AddNode({NodeKind::Star, 0, 0, child}, at);
   else if (min == 1 && max == unbounded)
-    node = AddNode({NodeKind::Plus, 0, 0, child});
+    node = AddNode({NodeKind::Plus, 0, 0, child}, at);
   else if (min == 0 && max == 1)
-    node = AddNode({NodeKind::Quest, 0, 0, child});
+    node = AddNode({NodeKind::Quest, 0, 0, child}, at);
   else if (min == 1 && max == 1)
     node = child;
   else
-    node = AddNode({NodeKind::Repeat, min, max, child});
+    node = AddNode({NodeKind::Repeat, min, max, child}, at);
   group.items.back() = node;
   group.lastQuantified = true;
   if (m_pos < m_text.size() && m_text[m_pos] == '?')
@@ -452,9 +588,13 @@ std::uint32_t Parser::Parse() {
       ++m_pos;
       AddItem(group, AddSet(DotSet()));
       break;
-    case '[':
+    case '[': {
+      const std::size_t end = PosixFormEnd(m_pos);
+      if (end != npos && m_text[m_pos + 1] == ':')
+        Fail("POSIX class outside brackets: write [" + Ascii(m_pos, end) + "]", at);
       AddItem(group, AddSet(ReadClass()));
       break;
+    }
     case '\\':
       if (const CharSet* escape = ClassEscape()) {
         m_pos += 2;
@@ -465,7 +605,7 @@ std::uint32_t Parser::Parse() {
       break;
     default:
       ++m_pos;
-      AddItem(group, AddNode({NodeKind::Char, c}));
+      AddItem(group, AddNode({NodeKind::Char, JoinSurrogates(c, false)}));
       break;
     }
   }
@@ -475,8 +615,10 @@ std::uint32_t Parser::Parse() {
 }
 
 // Instructions each node compiles to, counted repetitions written out; saturates just above
-// the limit so that nested counts cannot overflow.
-std::uint64_t ProgramSize(const std::vector<Node>& nodes, const std::vector<std::uint32_t>& children, std::uint32_t root) {
+// the limit so that nested counts cannot overflow. over receives the first node (the smallest
+// part of the pattern) whose program passes the limit, else root.
+std::uint64_t ProgramSize(const std::vector<Node>& nodes, const std::vector<std::uint32_t>& children, std::uint32_t root,
+                          std::uint32_t& over) {
   constexpr std::uint64_t cap = DKRegEx::maxProgramSize + 1;
   std::vector<std::uint64_t> size(root + 1);
   for (std::uint32_t i = 0; i <= root; ++i) {
@@ -510,6 +652,8 @@ std::uint64_t ProgramSize(const std::vector<Node>& nodes, const std::vector<std:
     }
     }
     size[i] = std::min(s, cap);
+    if (s >= cap)
+      over = std::min(over, i);
   }
   return size[root];
 }
@@ -670,23 +814,16 @@ Emitter::Frag EmitTree(Emitter& emitter, const std::vector<Node>& nodes, const s
   return frags.back();
 }
 
-// "Invalid argument" naming the pattern (its start, when long), the problem and, unless npos, the
-// position in code units where it was found.
-DKErrorID PatternError(const DKString& pattern, const char* what, std::size_t position) {
+// "Invalid regular expression" naming the pattern (its start, when long), the position in code
+// units where the problem was found and the problem.
+DKErrorID PatternError(const DKString& pattern, const std::string& what, std::size_t position) {
   constexpr std::size_t shown = 60;
-  DKString text(DK_T("regular expression \""));
-  text += pattern.Length() > shown ? pattern.SubStr(0, shown) + DK_T("...") : pattern;
-  text += DK_T("\": ");
+  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_REGEX);
+  error->AddParam(pattern.Length() > shown ? pattern.SubStr(0, shown) + DK_T("...") : pattern);
+  error->AddParam(static_cast<long>(position));
   DKString problem;
-  problem.SetFromUTF8(what);
-  text += problem;
-  if (position != DKString::npos) {
-    DKString where;
-    where.Format(DK_T(" at position %zu"), position);
-    text += where;
-  }
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_ARGUMENT);
-  error->AddParam(text);
+  problem.SetFromUTF8(what.c_str());
+  error->AddParam(problem);
   return DKErrorID(error);
 }
 
@@ -774,9 +911,10 @@ DKErrorID Program::Compile(const DKString& pattern, std::size_t cacheBytes, std:
   } catch (const ParseError& e) {
     return PatternError(pattern, e.what, e.position);
   }
-  if (ProgramSize(parser.nodes, parser.children, root) + 1 > DKRegEx::maxProgramSize)
+  std::uint32_t over = root;
+  if (ProgramSize(parser.nodes, parser.children, root, over) + 1 > DKRegEx::maxProgramSize)
     return PatternError(pattern, "pattern too large: more than 20000 instructions once repetitions are written out",
-                        DKString::npos);
+                        parser.Offset(parser.nodes[over].at));
 
   std::vector<Inst> insts;
   Emitter emitter(insts);

@@ -17,6 +17,7 @@ DKSmartPtr<DKMessageSource> DKGetLibraryMessageSource() {
         {DK_MSG_INVALID_DATE, DK_T("Invalid date: %0:s")},
         {DK_MSG_DUPLICATE_PLUGIN_ID, DK_T("Duplicate plug-in id %0:s")},
         {DK_MSG_UNKNOWN_MESSAGE, DK_T("Unknown message %0:d")},
+        {DK_MSG_INVALID_REGEX, DK_T("Invalid regular expression \"%0:s\" at position %1:d: %2:s")},
     };
     messages->AddRef();
     return messages;

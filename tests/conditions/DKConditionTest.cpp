@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -12,10 +14,17 @@
 
 namespace {
 
+// UTF-8 to DKString, U+0000 included.
 DKString U(const std::string& utf8) {
-  DKString s;
-  s.SetFromUTF8(utf8.c_str());
-  return s;
+  DKString s, piece;
+  for (std::size_t start = 0;; s += DKChar(0)) {
+    const std::size_t end = std::min(utf8.find('\0', start), utf8.size());
+    piece.SetFromUTF8(utf8.substr(start, end - start).c_str());
+    s += piece;
+    if (end == utf8.size())
+      return s;
+    start = end + 1;
+  }
 }
 std::string N(const DKString& s) { return s.AsUTF8(); }
 
@@ -223,8 +232,8 @@ TEST_F(ConditionTest, RegularExpressionValues) {
   c /= DK_T("[a-");
   EXPECT_TRUE(c.IsRegularExpression());
   EXPECT_FALSE(c.GetRegEx().IsCompiled());
-  EXPECT_EQ(c.GetRegExError().GetCode(), DK_MSG_INVALID_ARGUMENT);
-  EXPECT_NE(N(c.GetRegExError().AsString()).find("missing ']'"), std::string::npos);
+  EXPECT_EQ(c.GetRegExError().GetCode(), DK_MSG_INVALID_REGEX);
+  EXPECT_EQ(N(c.GetRegExError().AsString()), "Invalid regular expression \"[a-\" at position 0: missing ']'");
 
   c == 5; // a new value drops the pattern
   EXPECT_FALSE(c.IsRegularExpression());
@@ -381,26 +390,129 @@ TEST_F(ConditionTest, RefusesBadText) {
   Console();
 }
 
-TEST_F(ConditionTest, NestingIsBoundedNotOverflowingTheStack) {
-  const std::size_t huge = 100000;
+TEST_F(ConditionTest, ParenthesesNestAtMostToTheBound) {
+  const auto nested = [](std::size_t depth) {
+    return DKString(DK_T('('), depth) + DK_T("a = 1") + DKString(DK_T(')'), depth);
+  };
   DKCondition c;
-  EXPECT_FALSE(c.FromString(DKString(DK_T('('), huge)));
-  EXPECT_FALSE(c.FromString(DKString(DK_T('('), huge) + DK_T("a = 1") + DKString(DK_T(')'), huge)));
-
-  // Within the bound.
-  EXPECT_TRUE(c.FromString(DKString(DK_T('('), 300) + DK_T("a = 1") + DKString(DK_T(')'), 300)));
+  EXPECT_FALSE(c.FromString(DKString(DK_T('('), 100000)));
+  EXPECT_FALSE(c.FromString(nested(100000)));
+  EXPECT_FALSE(c.FromString(nested(DKCondition::maxParseDepth + 1)));
+  ASSERT_TRUE(c.FromString(nested(DKCondition::maxParseDepth)));
   EXPECT_EQ(N(c.ToString()), "a = 1");
-  DKString chain(DK_T("f = 0"));
-  for (int i = 1; i < 400; ++i)
-    chain += DKString().Format(DK_T(" AND f = %d"), i);
-  EXPECT_TRUE(c.FromString(chain));
-  EXPECT_EQ(c.ToString(), chain);
-  // Beyond it: every link nests the rest of the text one level deeper.
-  for (int i = 400; i < 1000; ++i)
-    chain += DKString().Format(DK_T(" AND f = %d"), i);
-  EXPECT_FALSE(c.FromString(chain));
-  // The bound is per call: parsing works again afterwards.
-  EXPECT_TRUE(c.FromString(DK_T("(a = 1)")));
+  // A long chain before them does not count.
+  DKString chain(DK_T("a = 1"));
+  for (int i = 0; i < 2000; ++i)
+    chain += DK_T(" AND a = 1");
+  EXPECT_TRUE(c.FromString(chain + DK_T(" AND ") + nested(DKCondition::maxParseDepth)));
+}
+
+// Each link word hands the rest of the text to a linked condition: a flat chain of any length
+// reads as conditions each holding the next, and prints back as it was.
+TEST_F(ConditionTest, FlatChainsReadAtAnyLength) {
+  constexpr int length = 100000;
+  for (const bool alternate : {false, true}) {
+    DKString text(DK_T("f0 = 1"));
+    TruthParams params;
+    int ors = 0;
+    for (int i = 1; i < length; ++i) {
+      const bool isOr = alternate && i % 2 == 0;
+      ors += isOr ? 1 : 0;
+      text += DKString().Format(isOr ? DK_T(" OR f%d = 1") : DK_T(" AND f%d = 1"), i);
+      params.values["f" + std::to_string(i)] = i != length - 1;
+    }
+    params.values["f0"] = true;
+    TruthCondition c;
+    ASSERT_TRUE(c.FromString(text)) << alternate;
+    EXPECT_EQ(CountOf(Console(), "OR Parsing not implemented!\n"), ors);
+    int conditions = 1;
+    for (const DKCondition* node = &c; node->GetSubCondCount() == 1; ++conditions)
+      node = node->GetSubConditionV()[0].m_condition.Get();
+    EXPECT_EQ(conditions, length);
+    // AND only: every field is asked, the last is false. Alternating: f0 AND (f1 OR ...) stops at f1.
+    EXPECT_EQ(c.Evaluate(params), alternate);
+    EXPECT_EQ(params.asked.size(), alternate ? 2u : std::size_t{length});
+    EXPECT_EQ(c.ToString(), text);
+  }
+}
+
+// Builds a condition of leaves f0, f1, ... in code, n links in all:
+//   chain:  each condition holds the next through its one link
+//   forked: each condition holds the next through an AND link, then a leaf through an OR link
+//   flat:   the first condition holds all the others
+// The link kinds follow kindOf(i).
+enum class Shape { chain, forked, flat };
+
+TruthCondition BuildInCode(Shape shape, std::size_t n, std::uint32_t (*kindOf)(std::size_t)) {
+  TruthCondition root;
+  root.AssignFieldName(DK_T("f0"));
+  root == 1;
+  DKCondition* node = &root;
+  for (std::size_t i = 1; i < n; ++i) {
+    DKSmartPtr<DKCondition> next = node->NewChild();
+    next->AssignFieldName(DKString().Format(DK_T("f%zu"), i % 7));
+    *next == 1;
+    node->GetSubConditionVR().push_back({kindOf(i), next});
+    if (shape == Shape::forked) {
+      DKSmartPtr<DKCondition> leaf = node->NewChild();
+      leaf->AssignFieldName(DK_T("f2"));
+      *leaf == 1;
+      node->GetSubConditionVR().push_back({LinkedCond::OR, leaf});
+    }
+    if (shape != Shape::flat)
+      node = next.Get();
+  }
+  return root;
+}
+
+std::uint32_t AllAnd(std::size_t) { return LinkedCond::AND; }
+std::uint32_t Alternating(std::size_t i) { return static_cast<std::uint32_t>(i % 2); }
+std::uint32_t ChangingEvery100(std::size_t i) { return static_cast<std::uint32_t>(i / 100 % 2); }
+
+// Conditions far deeper and longer than any text the reader takes nested evaluate, print, copy and
+// go away without recursing per link; what ToString writes reads back to the same evaluation,
+// readable where the parentheses it needs stay within the bound, native otherwise.
+TEST_F(ConditionTest, DeepAndLongConditionsInCodeNeitherRecurseNorOverflow) {
+  struct Case {
+    Shape shape;
+    std::size_t size;
+    std::uint32_t (*kindOf)(std::size_t);
+    bool readable;
+  };
+  const Case cases[] = {
+      {Shape::chain, 300000, AllAnd, true},           {Shape::chain, 100000, Alternating, true},
+      {Shape::forked, 100000, AllAnd, false},         {Shape::flat, 100000, AllAnd, true},
+      {Shape::flat, 100000, Alternating, false},      {Shape::flat, 30000, ChangingEvery100, true},
+  };
+  for (const Case& c : cases) {
+    const std::string what = std::to_string(static_cast<int>(c.shape)) + " of " + std::to_string(c.size);
+    std::optional<TruthCondition> original(BuildInCode(c.shape, c.size, c.kindOf));
+    const TruthCondition copy(*original);
+    const DKString text = original->ToString(), native = original->ToString(true);
+    EXPECT_EQ(original->HasReadableForm(), c.readable) << what;
+    EXPECT_EQ(DKCondition::IsNativeFormat(text), !c.readable) << what;
+    TruthCondition fromText, fromNative;
+    ASSERT_TRUE(fromText.FromString(text)) << what;
+    ASSERT_TRUE(fromNative.FromString(native)) << what;
+    EXPECT_EQ(fromNative.ToString(true), native) << what;
+    for (int bits = 0; bits < 4; ++bits) {
+      TruthParams expected;
+      for (int f = 0; f < 7; ++f)
+        expected.values["f" + std::to_string(f)] = f == 0 || f == 6 || ((bits >> (f % 2)) & 1);
+      TruthParams params[3] = {expected, expected, expected};
+      const bool result = original->Evaluate(expected);
+      EXPECT_EQ(copy.Evaluate(params[0]), result) << what;
+      EXPECT_EQ(fromText.Evaluate(params[1]), result) << what;
+      EXPECT_EQ(fromNative.Evaluate(params[2]), result) << what;
+      for (const TruthParams& p : params)
+        EXPECT_TRUE(p.asked == expected.asked) << what; // the same comparisons, in the same order
+    }
+    original.reset(); // the copies stand alone
+    TruthParams params;
+    params.values["f0"] = true;
+    EXPECT_EQ(copy.Evaluate(params), fromText.Evaluate(params)) << what;
+  }
+  Console();
 }
 
 // Structure and stored values of two conditions, recursively.
@@ -455,7 +567,7 @@ TEST_F(ConditionTest, NativeFormRoundTrips) {
 // missing, a link kind out of range, a negative count, a name the derived class refuses.
 const char* const badNativeTexts[] = {
     "@@1", "@@2@f@3@2@1@@0", "@@1@f@3@2@1@@", "@@1@f@3@2@1@@0@", "@@1@f@7@2@1@@0", "@@1@f@3@6@1@@0",
-    "@@1@f@1@4@a@@0", "@@1@f@3@4@(a@@0", "@@1@f@3@2@x@@0", "@@1@f@3@1@x@5@0", "@@1@f@3@3@x@@0",
+    "@@1@f@1@4@a@@0", "@@1@f@3@2@x@@0", "@@1@f@3@1@x@5@0", "@@1@f@3@3@x@@0",
     "@@1@f@3@3@x@99999999999@0", "@@1@f@0@0@x@@0", "@@1@%4x@3@1@x@@0", "@@1@f@3@1@x@@1",
     "@@1@f@3@1@x@@1@2@g@3@1@y@@0", "@@1@f@3@1@x@@-1", "@@1@forbidden@3@1@x@@0",
 };
@@ -465,51 +577,147 @@ TEST_F(ConditionTest, RefusesBadNativeText) {
     TruthCondition cond;
     EXPECT_FALSE(cond.FromString(U(text))) << text;
   }
-  // Nested deeper than the bound.
-  DKString deep(DK_T("@@1@f@3@1@x@@1"));
-  for (unsigned i = 0; i < DKCondition::maxParseDepth + 5; ++i)
-    deep += DK_T("@1@f@3@1@x@@1");
-  deep += DK_T("@1@f@3@1@x@@0");
-  DKCondition c;
-  EXPECT_FALSE(c.FromString(deep));
 }
 
-// Random link structures: the readable text read back evaluates like the original for every
-// assignment of truth values, and so does the text of what was read back.
-TEST_F(ConditionTest, ReadableFormReadsBackToTheSameEvaluation) {
+// Random link structures of up to four levels over fields whose names the readable form may not
+// hold: what ToString writes reads back to a condition that evaluates like the original for every
+// assignment of truth values, and so does the text of what was read back. Conditions over plain
+// names are written in the readable form.
+TEST_F(ConditionTest, WhatToStringWritesReadsBackToTheSameEvaluation) {
   std::mt19937 rng(42);
-  auto randomCondition = [&rng](auto& self, int depth) -> TruthCondition {
-    TruthCondition c;
-    if (rng() % 4 != 0)
-      c = Field(("f" + std::to_string(rng() % 4)).c_str());
-    const int links = static_cast<int>(rng() % 4);
-    for (int i = 0; i < links; ++i) {
-      const TruthCondition child = depth < 2 && rng() % 3 == 0 ? self(self, depth + 1)
-                                                               : Field(("f" + std::to_string(rng() % 4)).c_str());
-      if (rng() % 2)
-        c && child;
-      else
-        c || child;
-    }
-    return c;
-  };
-  for (int n = 0; n < 500; ++n) {
-    const TruthCondition original = randomCondition(randomCondition, 0);
-    const DKString text = original.ToString();
-    TruthCondition back, again;
-    ASSERT_TRUE(back.FromString(text)) << N(text);
-    const DKString backText = back.ToString();
-    ASSERT_TRUE(again.FromString(backText)) << N(backText);
-    for (int bits = 0; bits < 16; ++bits) {
-      TruthParams params;
-      for (int f = 0; f < 4; ++f)
-        params.values["f" + std::to_string(f)] = (bits >> f) & 1;
-      const bool expected = original.Evaluate(params);
-      ASSERT_EQ(back.Evaluate(params), expected) << N(text) << " with " << bits;
-      ASSERT_EQ(again.Evaluate(params), expected) << N(backText) << " with " << bits;
+  for (const bool oddNames : {false, true}) {
+    const std::vector<std::string> names =
+        oddNames ? std::vector<std::string>{"f0", "f 1", "f2)", "(f3"} : std::vector<std::string>{"f0", "f1", "f2", "f3"};
+    auto field = [&](std::size_t i) { return Field(names[i].c_str()); };
+    auto randomCondition = [&](auto& self, int depth) -> TruthCondition {
+      TruthCondition c;
+      if (rng() % 4 != 0)
+        c = field(rng() % 4);
+      const int links = static_cast<int>(rng() % 4);
+      for (int i = 0; i < links; ++i) {
+        const TruthCondition child = depth < 4 && rng() % 3 == 0 ? self(self, depth + 1) : field(rng() % 4);
+        if (rng() % 2)
+          c && child;
+        else
+          c || child;
+      }
+      return c;
+    };
+    for (int n = 0; n < 1000; ++n) {
+      const TruthCondition original = randomCondition(randomCondition, 0);
+      const DKString text = original.ToString();
+      EXPECT_EQ(original.HasReadableForm(), !DKCondition::IsNativeFormat(text));
+      if (!oddNames) {
+        ASSERT_TRUE(original.HasReadableForm()) << N(text);
+      }
+      TruthCondition back, again;
+      ASSERT_TRUE(back.FromString(text)) << N(text);
+      const DKString backText = back.ToString();
+      ASSERT_TRUE(again.FromString(backText)) << N(backText);
+      for (int bits = 0; bits < 16; ++bits) {
+        TruthParams params;
+        for (int f = 0; f < 4; ++f)
+          params.values[names[f]] = (bits >> f) & 1;
+        const bool expected = original.Evaluate(params);
+        ASSERT_EQ(back.Evaluate(params), expected) << N(text) << " with " << bits;
+        ASSERT_EQ(again.Evaluate(params), expected) << N(backText) << " with " << bits;
+      }
     }
   }
   Console();
+}
+
+// Field names: readable alone (n = 1) and inside parentheses ((n = 1 AND g = 1) OR h = 1), or
+// written in the native form instead.
+struct NameCase {
+  std::string name;
+  bool alone;
+  bool enclosed;
+};
+
+const NameCase nameCases[] = {
+    {"qty", true, true},          {"two words", false, false}, {"tab\tname", false, false},
+    {"(x", false, false},         {"f(x)", true, true},        {"x)", true, false},
+    {"a\"b", true, false},        {"a\"b\"", true, true},      {"AND", false, false},
+    {"or", false, false},         {"", false, false},          {std::string("nul\0x", 5), false, false},
+    {"caf\xC3\xA9 \xC3\xBC", false, false},
+};
+
+TEST_F(ConditionTest, FieldNamesTheReadableFormCannotHoldAreWrittenNatively) {
+  for (const NameCase& c : nameCases) {
+    TruthCondition alone;
+    ASSERT_TRUE(alone.AssignFieldName(U(c.name)));
+    alone == 1;
+    TruthCondition enclosed = alone;
+    enclosed && Field("g");
+    enclosed || Field("h");
+    for (const auto& [cond, readable] : {std::pair<const TruthCondition*, bool>{&alone, c.alone}, {&enclosed, c.enclosed}}) {
+      const DKString text = cond->ToString();
+      EXPECT_EQ(cond->HasReadableForm(), readable) << c.name << ": " << N(text);
+      EXPECT_EQ(DKCondition::IsNativeFormat(text), !readable) << c.name << ": " << N(text);
+      TruthCondition back;
+      ASSERT_TRUE(back.FromString(text)) << c.name << ": " << N(text);
+      for (int bits = 0; bits < 8; ++bits) {
+        TruthParams params, backParams;
+        params.values = {{c.name, (bits & 1) != 0}, {"g", (bits & 2) != 0}, {"h", (bits & 4) != 0}};
+        backParams.values = params.values;
+        EXPECT_EQ(back.Evaluate(backParams), cond->Evaluate(params)) << c.name << ": " << N(text);
+        EXPECT_EQ(backParams.asked, params.asked) << c.name << ": " << N(text);
+      }
+    }
+  }
+}
+
+// The comparison of two conditions alone, a text and a word being alike (both compare as text).
+bool SameComparison(const DKCondition& a, const DKCondition& b) {
+  const auto textual = [](std::int32_t kind) { return kind == DKCondition::kindText || kind == DKCondition::kindWord; };
+  const double x = a.GetValueAsDouble(), y = b.GetValueAsDouble();
+  return a.GetFieldName() == b.GetFieldName() && a.GetOperatorCode() == b.GetOperatorCode() &&
+         (a.GetValueKind() == b.GetValueKind() || (textual(a.GetValueKind()) && textual(b.GetValueKind()))) &&
+         a.GetValueText() == b.GetValueText() && a.GetValueAsInt64() == b.GetValueAsInt64() &&
+         (x == y || (std::isnan(x) && std::isnan(y))) && a.GetRegEx().IsCompiled() == b.GetRegEx().IsCompiled();
+}
+
+// Values set in code: those that the readable form reads back as another comparison (a negative
+// number reads as a word, an exponent too) or not at all are written in the native form.
+struct CodeValueCase {
+  const char* what;
+  void (*set)(DKCondition&);
+  bool readable;
+};
+
+const CodeValueCase codeValueCases[] = {
+    {"5", [](DKCondition& c) { c == 5; }, true},
+    {"-5", [](DKCondition& c) { c == -5; }, false},
+    {"2.5", [](DKCondition& c) { c < 2.5; }, true},
+    {"0.1 + 0.2", [](DKCondition& c) { c <= 0.1 + 0.2; }, true},
+    {"1e-07", [](DKCondition& c) { c == 1e-07; }, false},
+    {"1e+20", [](DKCondition& c) { c > 1e20; }, false},
+    {"nan", [](DKCondition& c) { c != std::nan(""); }, false},
+    {"text", [](DKCondition& c) { c == DK_T("text"); }, true},
+    {"empty text", [](DKCondition& c) { c == DK_T(""); }, true},
+    {"text with a quote", [](DKCondition& c) { c == DK_T("a\"b"); }, true},
+    {"text with a quote and a blank", [](DKCondition& c) { c == DK_T("say \"hi\""); }, false},
+    {"text with TO_DATE(", [](DKCondition& c) { c >= DK_T("TO_DATE(x"); }, true},
+    {"text with U+0000", [](DKCondition& c) { c == DKString(DK_T("a\0b"), 3); }, false},
+    {"pattern of digits", [](DKCondition& c) { c % DK_T("123"); }, true},
+    {"pattern with a blank", [](DKCondition& c) { c /= DK_T("a b"); }, true},
+    {"pattern that does not compile", [](DKCondition& c) { c % DK_T("[a-"); }, false},
+    {"date", [](DKCondition& c) { c > DKDateTime(2020, 1, 5, 10, 20, 30); }, true},
+};
+
+TEST_F(ConditionTest, ValuesSetInCodeReadBackAsTheSameComparison) {
+  for (const CodeValueCase& c : codeValueCases) {
+    DKCondition cond;
+    cond.AssignFieldName(DK_T("v"));
+    c.set(cond);
+    const DKString text = cond.ToString();
+    EXPECT_EQ(cond.HasReadableForm(), c.readable) << c.what << ": " << N(text);
+    EXPECT_EQ(DKCondition::IsNativeFormat(text), !c.readable) << c.what << ": " << N(text);
+    DKCondition back;
+    ASSERT_TRUE(back.FromString(text)) << c.what << ": " << N(text);
+    EXPECT_TRUE(SameComparison(cond, back)) << c.what << ": " << N(text);
+  }
 }
 
 // ---- Helpers for OnEvaluate ------------------------------------------------------------------------

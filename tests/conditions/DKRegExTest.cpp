@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <optional>
 #include <random>
 #include <regex>
@@ -148,6 +149,12 @@ const FixedCase fixedCases[] = {
     {"[]", "a", false}, {"a[]", "a", false}, {"[^]", "\n", true}, {"[\\b]", "\b", true},
     {"a{,2}", "a{,2}", true}, {"a{0}b", "b", true}, {"]}", "]}", true}, {"\\cJ\\ca", "\n\x01", true},
     {"(^)*a", "a", true}, {"", "", true}, {"", "a", false},
+    // An escaped surrogate pair is the one character it spells, inside a class and as a range end
+    // too; escaped halves that do not pair stay characters of their own.
+    {"\\uD83D\\uDE00", "\xF0\x9F\x98\x80", true}, {"[\\uD83D\\uDE00]", "\xF0\x9F\x98\x80", true},
+    {"[\\uD83D\\uDE00-\\uD83D\\uDE4F]{2}", "\xF0\x9F\x98\x80\xF0\x9F\x99\x8F", true},
+    {"\\u{D83D}\\uDE00", "\xF0\x9F\x98\x80", true}, {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80", true},
+    {"[^\\uD83D\\uDE00]", "\xF0\x9F\x98\x80", false}, {"\\uD83D.", "\xF0\x9F\x98\x80", false},
 };
 
 TEST(DKRegExTest, MatchesFixedCases) {
@@ -159,28 +166,91 @@ TEST(DKRegExTest, MatchesFixedCases) {
   const DKChar lone[] = {0xD800, 'x', 0};
   EXPECT_TRUE(DKRegEx(DK_T("..")).Match(lone));
   EXPECT_TRUE(DKRegEx(DK_T("\\uD800x")).Match(lone));
+  // A literal high half followed by an escaped low half is one character too.
+  const DKChar mixed[] = {0xD83D, '\\', 'u', 'D', 'E', '0', '0', 0};
+  EXPECT_TRUE(DKRegEx(mixed).Match(U("\xF0\x9F\x98\x80")));
+  const DKChar twoHighs[] = {0xD83D, 0xD83D, 0xDE00, 0};
+  EXPECT_TRUE(DKRegEx(DK_T("\\uD83D\\uD83D\\uDE00")).Match(twoHighs));
+}
+
+// The POSIX classes inside brackets, against the C library's classification of every ASCII
+// character and of a few others (the classes are ASCII, as \d and \w are).
+TEST(DKRegExTest, PosixClassesInsideBrackets) {
+  struct Posix {
+    const char* name;
+    int (*is)(int);
+  };
+  static const Posix classes[] = {
+      {"alnum", [](int c) { return std::isalnum(c); }},   {"alpha", [](int c) { return std::isalpha(c); }},
+      {"digit", [](int c) { return std::isdigit(c); }},   {"xdigit", [](int c) { return std::isxdigit(c); }},
+      {"space", [](int c) { return std::isspace(c); }},   {"upper", [](int c) { return std::isupper(c); }},
+      {"lower", [](int c) { return std::islower(c); }},   {"punct", [](int c) { return std::ispunct(c); }},
+      {"blank", [](int c) { return std::isblank(c); }},   {"cntrl", [](int c) { return std::iscntrl(c); }},
+      {"graph", [](int c) { return std::isgraph(c); }},   {"print", [](int c) { return std::isprint(c); }},
+      {"word", [](int c) { return std::isalnum(c) || c == '_' ? 1 : 0; }},
+  };
+  const DKChar others[] = {0xA0, 0xE9, 0x3000, 0xFF10};
+  for (const Posix& p : classes) {
+    const std::string name = std::string("[:") + p.name + ":]";
+    const DKRegEx in(U(("[" + name + "]").c_str())), out(U(("[^" + name + "]").c_str()));
+    const DKRegEx mixed(U(("[x" + name + "-]").c_str()));
+    ASSERT_TRUE(in.IsCompiled() && out.IsCompiled() && mixed.IsCompiled()) << name << ": " << ErrorText(in);
+    for (int c = 0; c < 128; ++c) {
+      const DKString text(static_cast<DKChar>(c), 1);
+      const bool expected = p.is(c) != 0;
+      EXPECT_EQ(in.Match(text), expected) << name << " on " << c;
+      EXPECT_EQ(out.Match(text), !expected) << name << " negated on " << c;
+      EXPECT_EQ(mixed.Match(text), expected || c == 'x' || c == '-') << name << " with others on " << c;
+    }
+    for (const DKChar c : others) {
+      EXPECT_FALSE(in.Match(DKString(c, 1))) << name << " on " << static_cast<int>(c);
+      EXPECT_TRUE(out.Match(DKString(c, 1))) << name << " negated on " << static_cast<int>(c);
+    }
+  }
+  EXPECT_TRUE(DKRegEx(DK_T("[[:upper:][:digit:]]+")).Match(DK_T("AB12")));
+  EXPECT_FALSE(DKRegEx(DK_T("[[:upper:][:digit:]]+")).Match(DK_T("Ab12")));
+  // A "[:" that does not make up a class stays literal, as outside the POSIX form.
+  EXPECT_TRUE(DKRegEx(DK_T("[[:a]+")).Match(DK_T("[:a")));
+  EXPECT_TRUE(DKRegEx(DK_T("[[:]")).Match(DK_T(":")));
+  // Many "[:" without a "]" are found unterminated at once, however many there are.
+  DKString open(DK_T("["));
+  for (int i = 0; i < 200000; ++i)
+    open += DK_T("[:");
+  EXPECT_EQ(ErrorText(DKRegEx(open)), "Invalid regular expression \"" + open.SubStr(0, 60).AsUTF8() + "...\" at position 0: missing ']'");
+  EXPECT_EQ(ErrorText(DKRegEx(DK_T("[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]"))),
+            "Invalid regular expression \"[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]\" at position 1: "
+            "unknown POSIX class [:abcdefghijklmnopqrstuvwxyzabcdef...:]");
 }
 
 struct BadPattern {
   const char* pattern;
-  const char* problem;
+  std::size_t position; // in UTF-16 code units
+  const char* reason;
 };
 
+const char* const tooLarge = "pattern too large: more than 20000 instructions once repetitions are written out";
+
 const BadPattern badPatterns[] = {
-    {"(ab", "missing ')' at position 0"}, {"ab)", "unmatched ')' at position 2"}, {"x[ab", "missing ']' at position 1"},
-    {"*a", "nothing to repeat"}, {"a|+", "nothing to repeat"}, {"^*", "nothing to repeat"},
-    {"{2}", "nothing to repeat"}, {"a**", "a quantifier cannot follow another"},
-    {"a{2}{3}", "a quantifier cannot follow another"}, {"a{1001}", "repetition count above the limit of 1000"},
-    {"a{1,99999999999999999999}", "repetition count above the limit of 1000"},
-    {"a{3,2}", "repetition range out of order"}, {"[z-a]", "range out of order"},
-    {"[\\d-z]", "a class escape cannot start a range"}, {"[a-\\d]", "a class escape cannot end a range"},
-    {"ab\\", "lone backslash"}, {"(a)\\1", "back-references are not supported"}, {"\\bword", "word boundaries"},
-    {"(?=a)", "only (?: groups are supported"}, {"(?", "only (?: groups are supported"}, {"\\q", "unknown escape"},
-    {"\\x4", "invalid hexadecimal escape"}, {"\\u12G4", "invalid hexadecimal escape"},
-    {"\\u{110000}", "code point above U+10FFFF"}, {"\\u{}", "invalid \\u{...} escape"},
-    {"\\c1", "\\c must be followed by a letter"}, {"\\01", "octal escapes are not supported"},
-    {"(a{1000}){1000}", "pattern too large"}, {"((a{100}){100}){100}", "pattern too large"},
-    {"(abcd|efgh|ijkl|mnop){1000}[a-z]{1000}", "pattern too large"},
+    {"(ab", 0, "missing ')'"}, {"ab)", 2, "unmatched ')'"}, {"\xF0\x9F\x98\x80)", 2, "unmatched ')'"},
+    {"x[ab", 1, "missing ']'"}, {"*a", 0, "nothing to repeat"}, {"a|+", 2, "nothing to repeat"},
+    {"^*", 1, "nothing to repeat"}, {"{2}", 0, "nothing to repeat"}, {"a**", 2, "a quantifier cannot follow another"},
+    {"a{2}{3}", 4, "a quantifier cannot follow another"}, {"a{1001}", 1, "repetition count above the limit of 1000"},
+    {"a{1,99999999999999999999}", 1, "repetition count above the limit of 1000"},
+    {"a{3,2}", 1, "repetition range out of order"}, {"[z-a]", 1, "range out of order"},
+    {"[\\d-z]", 1, "a class escape cannot start a range"}, {"[a-\\d]", 3, "a class escape cannot end a range"},
+    {"ab\\", 2, "pattern ends with a lone backslash"}, {"(a)\\1", 3, "back-references are not supported"},
+    {"\\bword", 0, "word boundaries (\\b, \\B) are not supported"}, {"(?=a)", 0, "only (?: groups are supported"},
+    {"(?", 0, "only (?: groups are supported"}, {"\\q", 0, "unknown escape"}, {"\\x4", 0, "invalid hexadecimal escape"},
+    {"\\u12G4", 0, "invalid hexadecimal escape"}, {"\\u{110000}", 0, "code point above U+10FFFF"},
+    {"\\u{}", 0, "invalid \\u{...} escape"}, {"\\c1", 0, "\\c must be followed by a letter"},
+    {"\\01", 0, "octal escapes are not supported"}, {"(a{1000}){1000}", 9, tooLarge},
+    {"((a{100}){100}){100}", 15, tooLarge}, {"(abcd|efgh|ijkl|mnop){1000}[a-z]{1000}", 38, tooLarge},
+    {"[[:foo:]]", 1, "unknown POSIX class [:foo:]"}, {"[[:^alpha:]]", 1, "unknown POSIX class [:^alpha:]"},
+    {"[[::]]", 1, "unknown POSIX class [::]"}, {"[:alpha:]", 0, "POSIX class outside brackets: write [[:alpha:]]"},
+    {"[[=a=]]", 1, "equivalence classes [=x=] are not supported"},
+    {"[[.-.]]", 1, "collating elements [.x.] are not supported"},
+    {"[[:alpha:]-z]", 1, "a POSIX class cannot start a range"}, {"[a-[:digit:]]", 3, "a POSIX class cannot end a range"},
+    {"[[:alpha:]", 0, "missing ']'"},
 };
 
 TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
@@ -188,13 +258,18 @@ TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
     DKRegEx re;
     const DKErrorID result = re.Compile(U(bad.pattern));
     EXPECT_TRUE(result.Bad()) << bad.pattern;
-    EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_ARGUMENT);
+    EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_REGEX);
     EXPECT_FALSE(re.IsCompiled());
     EXPECT_EQ(re.GetProgramSize(), 0u);
-    EXPECT_NE(ErrorText(re).find(bad.problem), std::string::npos) << bad.pattern << " -> " << ErrorText(re);
-    EXPECT_NE(ErrorText(re).find(bad.pattern), std::string::npos) << "the pattern is named";
+    const std::string expected = std::string("Invalid regular expression \"") + bad.pattern + "\" at position " +
+                                 std::to_string(bad.position) + ": " + bad.reason;
+    EXPECT_EQ(ErrorText(re), expected);
     EXPECT_FALSE(re.Match(DK_T("a")));
   }
+  // A long pattern is named by its start.
+  const std::string tail(100, 'a');
+  DKRegEx re(U(("(" + tail).c_str()));
+  EXPECT_EQ(ErrorText(re), "Invalid regular expression \"(" + tail.substr(0, 59) + "...\" at position 0: missing ')'");
 }
 
 TEST(DKRegExTest, DeepNestingNeitherRecursesNorOverflows) {
