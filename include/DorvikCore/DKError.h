@@ -135,6 +135,7 @@ enum DKLibraryMessage : long {
   DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
   DK_MSG_UNKNOWN_MESSAGE = 11,     // "Unknown message %0:d" (a message source lacks the code)
   DK_MSG_INVALID_REGEX = 12,       // "Invalid regular expression \"%0:s\" at position %1:d: %2:s"
+  DK_MSG_LAST = DK_MSG_INVALID_REGEX, // the highest code of the set
 };
 
 // A new error of the library's own message set; add its parameters, then return it as a

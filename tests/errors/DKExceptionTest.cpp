@@ -148,7 +148,7 @@ TEST(DKMessageSourceTest, AnErrorAsksItsSourceWithItselfAndTheExecContext) {
 TEST(DKMessageSourceTest, LibrarySourceHoldsEveryLibraryMessage) {
   DKSmartPtr<DKMessageSource> source = DKGetLibraryMessageSource();
   ASSERT_FALSE(source.IsNull());
-  for (long code = DK_MSG_UNSPECIFIED; code <= DK_MSG_UNKNOWN_MESSAGE; ++code) {
+  for (long code = DK_MSG_UNSPECIFIED; code <= DK_MSG_LAST; ++code) {
     DKString text;
     EXPECT_TRUE(source->GetText(text, code, DKFormatContext()).IsSuccess()) << code;
     EXPECT_FALSE(text.IsEmpty());
