@@ -5,8 +5,6 @@
 
 namespace {
 
-DKString FromUTF8(const char* text) { return text ? DKString::FromUTF8(text) : DKString(); }
-
 // The chunks of a description as (start, length) pairs. A chunk ends at the last blank that
 // keeps it within the width, and the next one starts after that blank; without such a blank the
 // chunk is cut at the width, so every step moves forward.
@@ -59,7 +57,7 @@ void DKUsageInfo::AddCmdLineArgDesc(const DKString& name, const DKString& descri
 }
 
 void DKUsageInfo::AddCmdLineArgDesc(const char* name, const char* description, bool flag) {
-  m_entries.push_back({FromUTF8(name), FromUTF8(description), flag, ValueKind::Text});
+  m_entries.push_back({DKString(name), DKString(description), flag, ValueKind::Text});
 }
 
 void DKUsageInfo::AddCmdLineArgDesc(const DKString& name, const DKString& description, ValueKind kind) {
@@ -67,7 +65,7 @@ void DKUsageInfo::AddCmdLineArgDesc(const DKString& name, const DKString& descri
 }
 
 void DKUsageInfo::AddCmdLineArgDesc(const char* name, const char* description, ValueKind kind) {
-  m_entries.push_back({FromUTF8(name), FromUTF8(description), false, kind});
+  m_entries.push_back({DKString(name), DKString(description), false, kind});
 }
 
 // "name:{value}" takes a value, "name[:value]" may take one, "name" takes none. The name ends

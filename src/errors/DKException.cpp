@@ -2,19 +2,12 @@
 #include <DorvikCore/DKException.h>
 
 #include "os/DKSystem.h"
-#include "text/DKUtf.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
 
 namespace {
-
-DKString FromUtf8(const std::string& text) {
-  DKString out;
-  dkutf::Utf8ToUtf16(text.data(), text.size(), out, true);
-  return out;
-}
 
 // "DK_DISABLE_STACK" is read once per process. Two threads racing on the first read both read
 // the same environment, so the answer needs no lock.
@@ -60,7 +53,7 @@ DKException::DKException(const DKString& message, bool noStack) {
     m_stack = DKString(StackDisabledText);
     return;
   }
-  m_stack = FromUtf8(DKSystem::CaptureStack(1)); // the stack from the code that builds the exception
+  m_stack = DKString::FromUTF8(DKSystem::CaptureStack(1)); // the stack from the code that builds the exception
 }
 
 DKException::DKException(const DKException& other) noexcept = default;
@@ -79,9 +72,9 @@ DKString DKException::What() const { return UserText(m_message); }
 DKString DKException::BuildReport() const {
   DKString report = GetSupportNotice();
   report += DK_T("\nDATE:      ");
-  report += FromUtf8(DKSystem::LocalTimeNow());
+  report += DKSystem::LocalTimeNow();
   report += DK_T("\nTHREAD:    ");
-  report += FromUtf8(std::to_string(DKSystem::CurrentThreadId()));
+  report += DKString::Number(static_cast<unsigned long long>(DKSystem::CurrentThreadId()));
   report += DK_T("\nEXCEPTION: ");
   report += m_message;
   report += DK_T("\nSTACK:\n");
@@ -129,7 +122,7 @@ DKString DKException::GetSupportNotice() {
 DKWindowsLastErrorException::DKWindowsLastErrorException() : DKWindowsLastErrorException(DKSystem::LastErrorCode()) {}
 
 DKWindowsLastErrorException::DKWindowsLastErrorException(int errorCode)
-    : DKException(FromUtf8(DKSystem::ErrorCodeText(errorCode))), m_errorCode(errorCode) {}
+    : DKException(DKString::FromUTF8(DKSystem::ErrorCodeText(errorCode))), m_errorCode(errorCode) {}
 
 DKWindowsLastErrorException::~DKWindowsLastErrorException() = default;
 
@@ -139,11 +132,11 @@ DKStackDump::DKStackDump(int sehNumber, const DKString& stackText, bool alreadyR
 DKStackDump DKStackDump::Capture(int sehNumber) {
   if (IsStackDisabled())
     return DKStackDump(sehNumber, DKString(DKException::StackDisabledText));
-  return DKStackDump(sehNumber, FromUtf8(DKSystem::CaptureStack(1)));
+  return DKStackDump(sehNumber, DKString::FromUTF8(DKSystem::CaptureStack(1)));
 }
 
 DKSignalException::DKSignalException(const DKStackDump& dump)
-    : DKException(FromUtf8(DKSystem::CrashCodeText(dump.GetSeHNumber())), true), m_sehNumber(dump.GetSeHNumber()) {
+    : DKException(DKString::FromUTF8(DKSystem::CrashCodeText(dump.GetSeHNumber())), true), m_sehNumber(dump.GetSeHNumber()) {
   SetStack(dump.GetStackText());
   if (!dump.IsAlreadyReported())
     LogInErrorFile(LogAgain);
