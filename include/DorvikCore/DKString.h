@@ -28,17 +28,24 @@ class DKDurationEx;
 
 class DK_EXPORT DKString {
 public:
-  // The one heap block behind a string: header, then capacity + 1 code units of text.
+  // The header of the one heap block behind a string; capacity + 1 code units of text follow
+  // it directly, and text[length] is always 0.
   struct DataDef {
     std::uint32_t capacity;               // code units requested; room for capacity + 1
     std::atomic<std::int32_t> references; // additional sharers: 0 means one owner
     std::uint32_t length;                 // code units in use, without the terminator
-    DKChar text[1];                       // text[length] is always 0
 
-    DKChar* Text() noexcept { return text; }
-    const DKChar* Text() const noexcept { return text; }
+    DKChar* Text() noexcept { return reinterpret_cast<DKChar*>(reinterpret_cast<char*>(this) + sizeof(DataDef)); }
+    const DKChar* Text() const noexcept {
+      return reinterpret_cast<const DKChar*>(reinterpret_cast<const char*>(this) + sizeof(DataDef));
+    }
+    // Whether another string shares the block, so that it must be copied before a change. The
+    // acquire pairs with the release of a sharer that let go: its reads of the text happen
+    // before the owner writes.
+    bool IsShared() const noexcept { return references.load(std::memory_order_acquire) > 0; }
   };
-  static_assert(sizeof(std::atomic<std::int32_t>) == 4, "the block header is three 32-bit fields");
+  static_assert(sizeof(std::atomic<std::int32_t>) == 4 && sizeof(DataDef) == 12,
+                "the block header is three 32-bit fields, and the text starts right after it");
 
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
   // Longest text a block can hold: lengths are stored in 32 bits.
@@ -130,7 +137,7 @@ public:
     DataDef* d = m_pData;
     const std::uint32_t len = d->length;
     // Room for length + 1 + 1 units, the rule every appending form grows by.
-    if (len + 1 < d->capacity && d->references.load(std::memory_order_relaxed) < 1) {
+    if (len + 1 < d->capacity && !d->IsShared()) {
       d->Text()[len] = ch;
       d->Text()[len + 1] = 0;
       d->length = len + 1;
@@ -169,6 +176,11 @@ public:
   void Reserve(std::size_t capacity) { ResizeCapacity(capacity); }
   // Makes the block private and able to hold `capacity` code units (see the .cpp).
   void ResizeCapacity(std::size_t capacity);
+  // Makes the block private, keeping its capacity: the step before writing into the text.
+  void Detach() {
+    if (m_pData->IsShared())
+      ResizeCapacity(Capacity());
+  }
 
   // Trimming. Callers pass 0 as the start of a left trim and npos for a right trim.
   DKString& LTrim(DKChar ch = DK_T(' '), std::size_t start = 0);
@@ -286,8 +298,14 @@ public:
   static const DataDef* GetEmptyData() noexcept { return EmptyData(); }
 
 private:
-  static DataDef glbEmptyData;
-  static DataDef* EmptyData() noexcept { return &glbEmptyData; }
+  // The shared empty block: a header and its terminator. Its count is 1, so it always reads
+  // as shared: every editing operation leaves it for a block of its own, and none writes here.
+  struct EmptyBlock {
+    DataDef header;
+    DKChar terminator;
+  };
+  static EmptyBlock glbEmptyData;
+  static DataDef* EmptyData() noexcept { return &glbEmptyData.header; }
   static void Release(DataDef* data) noexcept {
     if (data != EmptyData() && data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
       FreeData(data);

@@ -14,7 +14,7 @@
 
 // The shared empty block: constant-initialised, so strings built by other static
 // initialisers can use it; never counted and never freed.
-constinit DKString::DataDef DKString::glbEmptyData = {0, 1, 0, {0}};
+constinit DKString::EmptyBlock DKString::glbEmptyData = {{0, 1, 0}, 0};
 
 namespace {
 
@@ -55,8 +55,8 @@ DKString::DataDef* DKString::AllocData(std::size_t capacity) {
     capacity = 1;
   if (capacity > maxLength + 1)
     ThrowTooLong();
-  void* raw = DMMemoryPool::New(offsetof(DataDef, text) + sizeof(DKChar) * (capacity + 1));
-  DataDef* d = new (raw) DataDef{static_cast<std::uint32_t>(capacity), 0, 0, {0}};
+  void* raw = DMMemoryPool::New(sizeof(DataDef) + sizeof(DKChar) * (capacity + 1));
+  DataDef* d = new (raw) DataDef{static_cast<std::uint32_t>(capacity), 0, 0};
   return d;
 }
 
@@ -67,17 +67,18 @@ void DKString::FreeData(DataDef* data) noexcept {
 
 void DKString::ResizeCapacity(std::size_t capacity) {
   DataDef* old = m_pData;
-  if (old != EmptyData() && capacity <= old->capacity && old->references.load(std::memory_order_acquire) < 1)
+  // The empty block always reads as shared, so it never passes these tests.
+  if (capacity <= old->capacity && !old->IsShared())
     return;
   if (capacity > maxLength + 1)
     ThrowTooLong();
   std::size_t newCapacity = old->capacity;
   if (newCapacity < capacity)
     newCapacity = std::min<std::size_t>(std::max<std::size_t>(capacity, newCapacity + newCapacity / 2), maxLength + 1);
-  if (old != EmptyData() && old->references.load(std::memory_order_acquire) < 1) {
+  if (!old->IsShared()) {
     // A private block grows in place where the allocator can (large blocks are remapped,
     // not copied).
-    void* moved = DMMemoryPool::Resize(old, offsetof(DataDef, text) + sizeof(DKChar) * (newCapacity + 1));
+    void* moved = DMMemoryPool::Resize(old, sizeof(DataDef) + sizeof(DKChar) * (newCapacity + 1));
     m_pData = static_cast<DataDef*>(moved);
     m_pData->capacity = static_cast<std::uint32_t>(newCapacity);
     return;
@@ -171,7 +172,7 @@ void DKString::SetText(const DKChar* text, std::size_t count) {
   if (count > maxLength)
     ThrowTooLong();
   DataDef* d = m_pData;
-  if (d != EmptyData() && count <= d->capacity && d->references.load(std::memory_order_acquire) < 1) {
+  if (count <= d->capacity && !d->IsShared()) {
     MoveUnits(d->Text(), text, count); // text may lie inside this block
     d->Text()[count] = 0;
     d->length = static_cast<std::uint32_t>(count);
@@ -192,7 +193,7 @@ void DKString::Set(std::size_t pos, DKChar ch) {
   // Writing at or past the end would overwrite the terminator or memory beyond the text.
   if (pos >= Length())
     return;
-  ResizeCapacity(Capacity());
+  Detach();
   m_pData->Text()[pos] = ch;
 }
 
@@ -301,7 +302,7 @@ DKString& DKString::Remove(std::size_t pos, std::size_t count) {
     }
     count = len - pos;
   }
-  ResizeCapacity(Capacity());
+  Detach();
   DKChar* t = m_pData->Text();
   MoveUnits(t + pos, t + pos + count, len - pos - count + 1);
   m_pData->length = static_cast<std::uint32_t>(len - count);
@@ -386,7 +387,7 @@ std::size_t FirstChanged(const DKString& s, Map map) noexcept {
 DKString& DKString::Upper() {
   const std::size_t i = FirstChanged(*this, DKtowupper);
   if (i < Length()) {
-    ResizeCapacity(Capacity());
+    Detach();
     DKStrUpper(m_pData->Text() + i, Length() - i);
   }
   return *this;
@@ -395,7 +396,7 @@ DKString& DKString::Upper() {
 DKString& DKString::Lower() {
   const std::size_t i = FirstChanged(*this, DKtowlower);
   if (i < Length()) {
-    ResizeCapacity(Capacity());
+    Detach();
     DKStrLower(m_pData->Text() + i, Length() - i);
   }
   return *this;
