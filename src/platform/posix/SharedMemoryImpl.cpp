@@ -94,8 +94,10 @@ std::uint64_t Fnv1a(const std::string& text) {
   return hash;
 }
 
-// The segments this process has open, by shared-memory name; the lock also serialises the
-// process's opens and closes.
+// The segments this process has open, by shared-memory name, so that its opens of one name
+// share a descriptor and a mapping. Nothing else is locked while the table's lock is held. Two
+// threads opening a name at once may each open a segment: the second one stays out of the table
+// and is a user of its own, which the locks on the segment count as any other.
 struct OpenSegments {
   std::mutex lock;
   std::map<std::string, DKSharedSegment*> byName;
@@ -137,21 +139,27 @@ DKSharedSegment* DKSharedSegment::Open(const char* kind, const std::string& name
   try {
     const std::string shmName = SegmentName(kind, name);
     OpenSegments& open = TheOpenSegments();
-    std::lock_guard<std::mutex> guard(open.lock);
     const int self = static_cast<int>(getpid());
-    auto it = open.byName.find(shmName);
-    if (it != open.byName.end() && it->second->m_pid == self) {
-      if (it->second->m_size != kObjectOffset + objectSize) {
-        error = EINVAL;
-        return nullptr;
+    {
+      std::lock_guard<std::mutex> guard(open.lock);
+      const auto it = open.byName.find(shmName);
+      // An entry a forked child inherited stays with the objects that hold it.
+      if (it != open.byName.end() && it->second->m_pid == self) {
+        if (it->second->m_size != kObjectOffset + objectSize) {
+          error = EINVAL;
+          return nullptr;
+        }
+        ++it->second->m_opens;
+        return it->second;
       }
-      ++it->second->m_opens;
-      return it->second;
     }
-    // Not open here (an entry a forked child inherited stays with the objects that hold it).
     DKSharedSegment* segment = OpenNew(shmName, objectSize, initialise, context, error);
-    if (segment)
-      open.byName[shmName] = segment;
+    if (segment) {
+      std::lock_guard<std::mutex> guard(open.lock);
+      DKSharedSegment*& entry = open.byName[shmName];
+      if (!entry || entry->m_pid != self)
+        entry = segment;
+    }
     return segment;
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
@@ -276,18 +284,19 @@ void DKSharedSegment::Close() noexcept {
     const auto it = open.byName.find(m_shmName);
     if (it != open.byName.end() && it->second == this)
       open.byName.erase(it);
-    // A forked child only lets go of what it inherited: the object is its parent's.
-    if (m_pid == static_cast<int>(getpid())) {
-      Header* header = HeaderOf(m_base);
-      if (LockHeader(header) == 0) {
-        // Removed under the header's lock: an opener that finds the segment afterwards sees it
-        // marked and starts over with a new one.
-        if (!header->removed && SetUserLock(m_fd, F_WRLCK) == 0) {
-          header->removed = 1;
-          shm_unlink(m_shmName.c_str());
-        }
-        UnlockHeader(header);
+  }
+  // A forked child only lets go of what it inherited: the object is its parent's.
+  if (m_pid == static_cast<int>(getpid())) {
+    Header* header = HeaderOf(m_base);
+    if (LockHeader(header) == 0) {
+      // Removed under the header's lock: an opener that finds the segment afterwards sees it
+      // marked and starts over with a new one. Another user, in this process or another, keeps
+      // the lock from turning exclusive.
+      if (!header->removed && SetUserLock(m_fd, F_WRLCK) == 0) {
+        header->removed = 1;
+        shm_unlink(m_shmName.c_str());
       }
+      UnlockHeader(header);
     }
   }
   munmap(m_base, m_size);
