@@ -178,9 +178,11 @@ public:
   // The COM model taken from glbComModel at construction.
   std::uint32_t GetComModel() const noexcept { return m_flags.load(std::memory_order_relaxed) & ComModelMask; }
 
+  // The priority of the object's thread: false, or DK_THREAD_PRIORITY_ERROR_RETURN, when it
+  // has not started or has ended (its identifier may then belong to another thread).
   bool SetThreadPriority(int priority);
-  // DK_THREAD_PRIORITY_ERROR_RETURN when the thread cannot be asked.
   int GetThreadPriority() const;
+  // By identifier: DK_THREAD_PRIORITY_ERROR_RETURN when the system knows no such thread.
   static bool SetThreadPriority(const DKThread_t& thread, int priority);
   static int GetThreadPriority(const DKThread_t& thread);
 
@@ -222,6 +224,7 @@ public:
 private:
   static void ThreadEntry(void* argument);
   void GiveUpRegistration();
+  bool HasEnded() const noexcept;
   void MarkFinished();
   void RunExitFunctions();
 

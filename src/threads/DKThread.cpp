@@ -402,9 +402,18 @@ bool DKThread::IsFlagSet(std::uint32_t threadId, int value) {
   return it != lock.Entries().end() && it->second.thread && it->second.thread->IsFlagSet(value);
 }
 
-bool DKThread::SetThreadPriority(int priority) { return SetThreadPriority(GetThreadID(), priority); }
+// Once the object's thread has ended, its identifier is no longer its own: the system may still
+// know it for a moment, or already give it to another thread.
+bool DKThread::SetThreadPriority(int priority) { return !HasEnded() && SetThreadPriority(GetThreadID(), priority); }
 
-int DKThread::GetThreadPriority() const { return GetThreadPriority(GetThreadID()); }
+int DKThread::GetThreadPriority() const {
+  return HasEnded() ? DK_THREAD_PRIORITY_ERROR_RETURN : GetThreadPriority(GetThreadID());
+}
+
+bool DKThread::HasEnded() const noexcept {
+  const DKThreadHandle handle = m_handle.load(std::memory_order_acquire);
+  return handle && DKThreadImpl::Wait(AsHandle(handle), 0);
+}
 
 bool DKThread::SetThreadPriority(const DKThread_t& thread, int priority) {
   return thread.m_threadID != 0 && DKThreadImpl::SetPriority(thread.m_threadID, priority) == 0;
