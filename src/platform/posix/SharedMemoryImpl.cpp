@@ -213,11 +213,21 @@ DKSharedSegment* DKSharedSegment::OpenNew(const std::string& shmName, std::size_
       return nullptr;
     }
     Header* header = HeaderOf(base);
-    const auto giveUp = [&](int rc) {
+    const auto giveUp = [&](int rc) -> DKSharedSegment* {
       munmap(base, size);
       close(fd);
       error = rc;
       return nullptr;
+    };
+    // The process's record of the open segment; without memory for it, nothing stays open.
+    const auto keep = [&]() -> DKSharedSegment* {
+      try {
+        return new DKSharedSegment(shmName, fd, base, size, static_cast<int>(getpid()));
+      } catch (const std::bad_alloc&) {
+        if (creator)
+          shm_unlink(shmName.c_str());
+        return giveUp(ENOMEM);
+      }
     };
 
     if (creator) {
@@ -238,7 +248,7 @@ DKSharedSegment* DKSharedSegment::OpenNew(const std::string& shmName, std::size_
         shm_unlink(shmName.c_str());
         return giveUp(rc);
       }
-      return new DKSharedSegment(shmName, fd, base, size, static_cast<int>(getpid()));
+      return keep();
     }
 
     if (!WaitBriefly([&] { return header->ready.load(std::memory_order_acquire) != 0; })) {
@@ -267,7 +277,7 @@ DKSharedSegment* DKSharedSegment::OpenNew(const std::string& shmName, std::size_
     UnlockHeader(header);
     if (rc != 0)
       return giveUp(rc);
-    return new DKSharedSegment(shmName, fd, base, size, static_cast<int>(getpid()));
+    return keep();
   }
   error = EAGAIN;
   return nullptr;
