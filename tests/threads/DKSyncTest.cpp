@@ -363,6 +363,10 @@ TEST(DKEventSemaphoreTest, ANamedEventIsSharedByAnyNumberOfProcesses) {
   }
 }
 
+TEST(DKEventSemaphoreTest, AnOpenThatRunsOutOfMemoryLeavesNothingOpen) {
+  EXPECT_EQ(RunHelper("open-oom " + UniqueName("event-oom")), 0);
+}
+
 TEST(DKCountingSemaphoreTest, CountsBoundsAndBadRequests) {
   DKCountingSemaphore unbounded(2);
   EXPECT_EQ(unbounded.GetSize(), 2147483647u);

@@ -156,9 +156,12 @@ DKSharedSegment* DKSharedSegment::Open(const char* kind, const std::string& name
     DKSharedSegment* segment = OpenNew(shmName, objectSize, initialise, context, error);
     if (segment) {
       std::lock_guard<std::mutex> guard(open.lock);
-      DKSharedSegment*& entry = open.byName[shmName];
-      if (!entry || entry->m_pid != self)
-        entry = segment;
+      try {
+        DKSharedSegment*& entry = open.byName[shmName];
+        if (!entry || entry->m_pid != self)
+          entry = segment;
+      } catch (const std::bad_alloc&) { // left out of the table, it is a user of its own
+      }
     }
     return segment;
   } catch (const std::bad_alloc&) {
