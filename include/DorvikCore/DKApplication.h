@@ -149,6 +149,8 @@ public:
   static constexpr const char* EntryPointName = "GetPlugInObject";
   // The longest line of a list file, in characters.
   static constexpr std::size_t MaxListLine = 260;
+  // How deep plug-in containers may be nested in one another.
+  static constexpr std::size_t MaxContainerDepth = 64;
 
   // As DKApplication; hostContext is the host program's own pointer, handed back by
   // GetHostContext (plug-ins reach it through the application).
@@ -217,6 +219,10 @@ protected:
   // Adds a plug-in (a container: its members, then the container is unloaded and dropped).
   // A plug-in added already is left alone; another with the same id is refused. Unless
   // deferDependencyCheck, every dependency must be loaded already. Nothing is initialised here.
+  // A container that holds itself, directly or through other containers (the same object or
+  // its id), is refused with the chain, "Plug-in container cycle: A -> B -> A"; so is nesting
+  // deeper than MaxContainerDepth. A plug-in that throws from a member the framework asks is
+  // refused with an error naming it and the member.
   virtual DKErrorID AddPlugIn(const DKSmartPtr<DKPlugIn>& plugIn, bool deferDependencyCheck);
   // Every dependency of the plug-in must be loaded (requireInitialized: and initialised). The
   // error names the plug-in and the missing dependency.
@@ -236,7 +242,14 @@ private:
     void* handle;
     DKString path;
   };
+  // A container whose members are being added.
+  struct OpenContainer {
+    const DKPlugIn* plugIn;
+    DKGuid id;
+    DKString name;
+  };
 
+  DKErrorID AddContainerMembers(const DKSmartPtr<DKPlugIn>& container, bool deferDependencyCheck);
   DKErrorID InitPlugIn(DKPlugIn& plugIn);
   void StartThreaded(DKThreadedRunPlugIn& plugIn);
   bool AnyRunning() const;
@@ -248,6 +261,8 @@ private:
   void* m_hostContext;
   DKSmartPtrVector<DKPlugIn> m_loadedPlugIns;
   DKSmartPtrVector<DKPlugIn> m_runnablePlugIns;
+  DKSmartPtrVector<DKThreadedRunPlugIn> m_threadedPlugIns; // those Run started on their threads
+  std::vector<OpenContainer> m_openContainers;               // innermost last
   std::vector<Module> m_modules; // in order of loading
   std::unique_ptr<DKUnitTest> m_mainMenu;
   bool m_runWithMenu = false;

@@ -62,6 +62,8 @@ public:
   // Whether the file is open.
   bool IsGood() const override;
   const DKString& GetFileName() const noexcept { return m_fileName; }
+  // Whether both are open on one file on the disk, whatever names they were given.
+  bool IsSameFile(const DKFileLogSubscriber& other) const;
   // Why the file could not be opened; empty when it is open.
   const DKString& GetErrorText() const noexcept { return m_errorText; }
 

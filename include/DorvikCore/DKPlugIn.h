@@ -92,6 +92,8 @@ public:
   // This object when IsKindOf(iuid), else null.
   DKSmartPtr<DKObjectI> QueryInterface(int iuid) const override;
 
+  // The status the application set. The application itself reads its own record: an override
+  // changes what others are told, not what the application does.
   virtual Status GetStatus() const;
   // The name printed in the application's progress messages.
   virtual DKString GetName() const = 0;
@@ -160,7 +162,8 @@ public:
   Status GetStatus() const override;
 
   // Asks Run to return soon. Called from whichever thread requests the exit (never under the
-  // plug-in's lock), possibly while Run runs on the plug-in's thread.
+  // plug-in's lock), possibly while Run runs on the plug-in's thread. An exception from it is
+  // reported by the application, which still waits for Run to return before unloading.
   virtual void Stop() = 0;
 
   // True exactly while Run executes on the plug-in's thread.
@@ -171,7 +174,8 @@ public:
 private:
   friend class DKApplicationWithPlugIns;
 
-  // Calls Stop when Run runs; with wait, returns only once Run has returned.
+  // Calls Stop when Run runs; with wait, returns only once Run has returned. What Stop throws
+  // is thrown on after the wait.
   void RequestExit(bool wait) override;
   // The body of the plug-in's thread.
   void RunInThread();

@@ -13,7 +13,8 @@
 // When a process ends without closing them (a crash), the next open notices it: a named mutex the
 // dead process held reports abandoned at the next Lock, and an object that no living process
 // has open any more is built anew from the opener's initial state, as on a system that closes a
-// dead process's handles.
+// dead process's handles. Any number of processes may open one name; a process holds one file
+// descriptor per name it has open, however many objects it opened with that name.
 #pragma once
 
 #include <DorvikCore/DKString.h>

@@ -13,10 +13,18 @@
 // Start's error: the thread then never runs and is never registered), registers it and lets it
 // go. On its thread the object runs the callback, then its exit functions in the order they were
 // added; exceptions never leave the thread (while GlbGetTraceLevel() is non-zero they are
-// reported on the console). An object with SetDeleteOnEnd(true) belongs to its thread and is
-// destroyed 100 milliseconds after the thread finished; otherwise its owner destroys it, and the
-// destructor waits for the thread. A subclass whose members the thread uses must Join in its
-// own destructor. An object held by smart pointers is kept alive by its running thread.
+// reported on the console). An object with SetDeleteOnEnd(true) belongs to its thread, which
+// holds a counted reference to it and lets go of it 100 milliseconds after it finished: the
+// object is then destroyed, unless smart pointers still hold it. Otherwise its owner destroys
+// it, and the destructor waits for the thread. A subclass whose members the thread uses must
+// Join in its own destructor. An object held by smart pointers is kept alive by its running
+// thread.
+//
+// The object may be destroyed by its own thread (from the callback or an exit function): the
+// thread then goes on without it and runs no further exit function. An object that counted
+// references hold must only be let go through them: destroying it while a smart pointer (or its
+// running thread) still holds it ends the process with a message on the standard error, as it
+// would otherwise be used after it is freed.
 //
 // The environment variable "DK_THREAD_STACKSIZE" (bytes, read at the first Start of the
 // process) sets the stack size of every thread; 0 or absent means the system's default.
@@ -133,8 +141,8 @@ public:
   // and an error when the object was started before.
   DKErrorID Start(int priority = DK_THREAD_PRIORITY_NORMAL);
   // Waits without limit for the thread to end, once; returns at once for a thread never started
-  // or joined already. On the thread itself it cannot wait: it only gives up the thread's
-  // registry entry.
+  // or joined already. A thread cannot wait for itself: called from its own thread it returns at
+  // once and changes nothing, so that the owner's Join (and the destructor) still wait.
   void Join();
 
   // Started: the thread has an identifier.
@@ -145,7 +153,14 @@ public:
   bool Exists() const;
 
   bool GetDeleteOnEnd() const noexcept { return m_deleteOnEnd.load(std::memory_order_acquire); }
-  void SetDeleteOnEnd(bool deleteOnEnd) noexcept { m_deleteOnEnd.store(deleteOnEnd, std::memory_order_release); }
+  // Decided before Start: who owns the object is settled when the thread starts. False, and
+  // nothing changes, once Start was called (a Start that failed does not count).
+  bool SetDeleteOnEnd(bool deleteOnEnd) noexcept {
+    if (m_startClaimed.load(std::memory_order_acquire))
+      return false;
+    m_deleteOnEnd.store(deleteOnEnd, std::memory_order_release);
+    return true;
+  }
 
   // Adds a callback run on the thread after the run callback (in the order added).
   void AddExitFunction(const DKSmartPtr<DKCallback>& function);
@@ -163,9 +178,11 @@ public:
   // The COM model taken from glbComModel at construction.
   std::uint32_t GetComModel() const noexcept { return m_flags.load(std::memory_order_relaxed) & ComModelMask; }
 
+  // The priority of the object's thread: false, or DK_THREAD_PRIORITY_ERROR_RETURN, when it
+  // has not started or has ended (its identifier may then belong to another thread).
   bool SetThreadPriority(int priority);
-  // DK_THREAD_PRIORITY_ERROR_RETURN when the thread cannot be asked.
   int GetThreadPriority() const;
+  // By identifier: DK_THREAD_PRIORITY_ERROR_RETURN when the system knows no such thread.
   static bool SetThreadPriority(const DKThread_t& thread, int priority);
   static int GetThreadPriority(const DKThread_t& thread);
 
@@ -206,11 +223,15 @@ public:
 
 private:
   static void ThreadEntry(void* argument);
+  void GiveUpRegistration();
+  bool HasEnded() const noexcept;
   void MarkFinished();
   void RunExitFunctions();
 
   std::atomic<bool> m_deleteOnEnd;
-  bool m_threadReference; // the running thread holds a reference (released when it ends)
+  // The running thread holds a counted reference, released when it ends: taken at Start for an
+  // object that is counted already or that the thread is to destroy (delete-on-end).
+  bool m_threadReference;
   bool m_joined;
   std::mutex m_exitLock; // guards m_exitFunctions
   std::vector<DKSmartPtr<DKCallback>> m_exitFunctions;

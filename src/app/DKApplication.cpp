@@ -277,6 +277,11 @@ bool DKApplication::StartLoggingToFile(const DKString& fileName, bool alsoConsol
     DKLockedCOUT() << "ERR> *** " << file->GetErrorText() << std::endl;
     return false;
   }
+  // A file written already, under this name or another, is not written a second time.
+  for (const DKSmartPtr<DKLogSubscriberI>& subscriber : m_logSubscribers)
+    if (const auto* existing = dynamic_cast<const DKFileLogSubscriber*>(subscriber.Get()))
+      if (existing->IsSameFile(*file))
+        return GetCout().good();
   return AddLogSubscriber(file.Get());
 }
 

@@ -9,6 +9,7 @@
 #include <DorvikCore/DKUnitTest.h>
 
 #include "app/DKAppPath.h"
+#include "app/DKPlugInCalls.h"
 #include "os/DKEnvironment.h"
 #include "os/DKFile.h"
 #include "os/DKModule.h"
@@ -20,6 +21,13 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
+
+using dkapp::CallPlugIn;
+using dkapp::ExceptionText;
+using dkapp::FromUTF8;
+using dkapp::Guarded;
+using dkapp::SafeName;
+using dkapp::TextError;
 
 namespace {
 
@@ -62,42 +70,6 @@ private:
   void* m_token;
 };
 
-DKErrorID TextError(const DKString& text) { return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text))); }
-
-DKString FromUTF8(const std::string& text) {
-  DKString result;
-  if (!result.SetFromUTF8(text.c_str(), text.size()).IsSuccess())
-    result = DK_T("?");
-  return result;
-}
-
-DKString ExceptionText(const std::exception& e) {
-  if (const auto* own = dynamic_cast<const DKException*>(&e))
-    return own->What();
-  return FromUTF8(e.what());
-}
-
-// Runs fn, turning an exception into an error: plug-ins are foreign code, and one of them
-// throwing must not bring the host down.
-template <class F>
-DKErrorID Guarded(const DKString& what, F&& fn) {
-  try {
-    return fn();
-  } catch (const std::exception& e) {
-    return TextError(what + DK_T(" threw: ") + ExceptionText(e));
-  } catch (...) {
-    return TextError(what + DK_T(" threw an unknown exception"));
-  }
-}
-
-DKString SafeName(const DKPlugIn& plugIn) {
-  try {
-    return plugIn.GetName();
-  } catch (...) {
-    return DKString(DK_T("(plug-in without a name)"));
-  }
-}
-
 // A plug-in whose id cannot be read has the null id; one whose dependencies cannot be read has
 // none. The destructor relies on these never throwing.
 DKGuid SafeGuid(const DKPlugIn& plugIn) {
@@ -115,6 +87,10 @@ std::vector<DKPlugIn::PlugInIdEx> SafeDependencies(const DKPlugIn& plugIn) {
     return {};
   }
 }
+
+// The status as the framework set it. Plug-in code is not asked: the framework keeps the status
+// itself, and a plug-in that could not tell it would be neither run nor unloaded.
+DKPlugIn::Status StatusOf(const DKPlugIn& plugIn) { return plugIn.DKPlugIn::GetStatus(); }
 
 // The main menu is named after the program, without directory and extension.
 std::unique_ptr<DKUnitTest> NewMainMenu(const DKApplication& app) {
@@ -143,13 +119,15 @@ DKApplicationWithPlugIns::~DKApplicationWithPlugIns() {
   RequestExit(true);
   // No plug-in is unloaded while a thread of the plug-ins still runs. One still running was
   // asked without waiting by the run loop: it is asked again, now waiting.
-  for (const DKSmartPtr<DKPlugIn>& plugIn : m_runnablePlugIns)
-    if (DKSmartPtr<DKThreadedRunPlugIn> threaded = DKQueryInterface<DKThreadedRunPlugIn>(plugIn.Get())) {
-      if (threaded->IsRunning())
-        threaded->RequestExit(true);
-      if (DKSmartPtr<DKThread> thread = threaded->GetThread())
-        thread->Join();
+  for (const DKSmartPtr<DKThreadedRunPlugIn>& threaded : m_threadedPlugIns) {
+    if (threaded->IsRunning()) {
+      const DKErrorID asked = CallPlugIn(*threaded, DK_T("RequestExit"), [&] { threaded->RequestExit(true); });
+      if (asked.Bad())
+        PrintError(asked.AsString());
     }
+    if (DKSmartPtr<DKThread> thread = threaded->GetThread())
+      thread->Join();
+  }
   // The menu's tests are code of the plug-ins' modules: they go before any module is closed.
   m_mainMenu->Clear();
   UnloadAll();
@@ -415,24 +393,32 @@ DKErrorID DKApplicationWithPlugIns::AddPlugIn(const DKSmartPtr<DKPlugIn>& plugIn
   if (!plugIn)
     return TextError(DK_T("AddPlugIn: no plug-in"));
 
-  if (plugIn->IsContainerPlugIn()) {
-    DKErrorID result;
-    if (DKSmartPtr<DKPlugInContainer> container = DKQueryInterface<DKPlugInContainer>(plugIn.Get())) {
-      for (const DKSmartPtr<DKPlugIn>& member : container->GetPlugInList()) {
-        if (member && !member->m_module)
-          member->m_module = plugIn->m_module;
-        result = AddPlugIn(member, deferDependencyCheck);
-        if (result.Bad())
-          break;
-      }
-    }
-    plugIn->Unload();
-    return result;
+  bool container = false;
+  DKErrorID asked = CallPlugIn(*plugIn, DK_T("IsContainerPlugIn"), [&] { container = plugIn->IsContainerPlugIn(); });
+  if (asked.Bad()) {
+    PrintError(asked.AsString());
+    return asked;
   }
+  if (container)
+    return AddContainerMembers(plugIn, deferDependencyCheck);
 
   if (IsLoaded(plugIn.Get()))
     return DKErrorID();
-  if (FindPlugIn(plugIn->GetId().GetGuid())) {
+  // Everything the framework needs to know of the plug-in is asked before it is added, so that
+  // one that cannot answer is refused whole.
+  DKGuid id;
+  bool runnable = false;
+  DKUsageInfo usage;
+  asked = CallPlugIn(*plugIn, DK_T("GetId"), [&] { id = plugIn->GetId().GetGuid(); });
+  if (asked.Good())
+    asked = CallPlugIn(*plugIn, DK_T("IsRunningPlugIn"), [&] { runnable = plugIn->IsRunningPlugIn(); });
+  if (asked.Good())
+    asked = CallPlugIn(*plugIn, DK_T("GetUsageInfo"), [&] { usage = plugIn->GetUsageInfo(); });
+  if (asked.Bad()) {
+    PrintError(asked.AsString());
+    return asked;
+  }
+  if (FindPlugIn(id)) {
     DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_DUPLICATE_PLUGIN_ID);
     error->AddParam(SafeName(*plugIn));
     const DKErrorID result(error);
@@ -447,22 +433,79 @@ DKErrorID DKApplicationWithPlugIns::AddPlugIn(const DKSmartPtr<DKPlugIn>& plugIn
     }
   }
   m_loadedPlugIns.push_back(plugIn);
-  if (plugIn->IsRunningPlugIn())
+  if (runnable)
     m_runnablePlugIns.push_back(plugIn);
-  AddCustomUsageInfo(plugIn->GetUsageInfo());
+  AddCustomUsageInfo(usage);
   return DKErrorID();
+}
+
+DKErrorID DKApplicationWithPlugIns::AddContainerMembers(const DKSmartPtr<DKPlugIn>& container,
+                                                        bool deferDependencyCheck) {
+  // A container met again inside itself (the same object, or one with its id) would be
+  // expanded for ever: the cycle is refused with its chain. So is nesting beyond any sensible
+  // depth, which only a container that makes ever new containers reaches.
+  const DKString name = SafeName(*container);
+  const DKGuid id = SafeGuid(*container);
+  const auto open = std::find_if(m_openContainers.begin(), m_openContainers.end(), [&](const OpenContainer& o) {
+    return o.plugIn == container.Get() || (id != DKGuid() && o.id == id);
+  });
+  DKErrorID result;
+  if (open != m_openContainers.end()) {
+    DKString chain;
+    for (auto it = open; it != m_openContainers.end(); ++it)
+      chain += it->name + DK_T(" -> ");
+    result = TextError(DK_T("Plug-in container cycle: ") + chain + name);
+  } else if (m_openContainers.size() >= MaxContainerDepth) {
+    result = TextError(DKFormatString(DK_T("Plug-in containers nested more than %d deep, at <%s>"),
+                                      static_cast<int>(MaxContainerDepth), name.c_str()));
+  }
+  if (result.Bad()) {
+    PrintError(result.AsString());
+    return result;
+  }
+
+  DKSmartPtrVector<DKPlugIn> members;
+  result = CallPlugIn(*container, DK_T("GetPlugInList"), [&] {
+    if (DKSmartPtr<DKPlugInContainer> asContainer = DKQueryInterface<DKPlugInContainer>(container.Get()))
+      members = asContainer->GetPlugInList();
+  });
+  if (result.Bad()) {
+    PrintError(result.AsString());
+  } else {
+    m_openContainers.push_back({container.Get(), id, name});
+    struct Close {
+      std::vector<OpenContainer>& open;
+      ~Close() { open.pop_back(); }
+    } close{m_openContainers};
+    for (const DKSmartPtr<DKPlugIn>& member : members) {
+      if (member && !member->m_module)
+        member->m_module = container->m_module;
+      result = AddPlugIn(member, deferDependencyCheck);
+      if (result.Bad())
+        break;
+    }
+  }
+  // The container's own clean-up failing costs its members nothing: it is only reported.
+  const DKErrorID unloaded = CallPlugIn(*container, DK_T("Unload"), [&] { container->Unload(); });
+  if (unloaded.Bad())
+    PrintError(unloaded.AsString());
+  return result;
 }
 
 DKErrorID DKApplicationWithPlugIns::CheckDependents(const DKSmartPtrToConst<DKPlugIn>& plugIn, bool requireInitialized) {
   if (!plugIn)
     return TextError(DK_T("CheckDependents: no plug-in"));
-  for (const DKPlugIn::PlugInIdEx& dependency : plugIn->GetDependentV()) {
+  std::vector<DKPlugIn::PlugInIdEx> dependencies;
+  const DKErrorID asked = CallPlugIn(*plugIn, DK_T("GetDependentV"), [&] { dependencies = plugIn->GetDependentV(); });
+  if (asked.Bad())
+    return asked;
+  for (const DKPlugIn::PlugInIdEx& dependency : dependencies) {
     const DKSmartPtr<DKPlugIn> found = FindPlugIn(dependency.GetGuid());
     const DKString name = found ? SafeName(*found) : dependency.GetName();
     const DKString label = (name.IsEmpty() ? DKString() : DK_T("<") + name + DK_T("> ")) + dependency.GetGuid().AsString();
     if (!found)
       return TextError(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not loaded"));
-    if (requireInitialized && found->GetStatus() == DKPlugIn::NotLoaded)
+    if (requireInitialized && StatusOf(*found) == DKPlugIn::NotLoaded)
       return TextError(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not initialised"));
   }
   return DKErrorID();
@@ -471,15 +514,20 @@ DKErrorID DKApplicationWithPlugIns::CheckDependents(const DKSmartPtrToConst<DKPl
 DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKSmartPtr<DKPlugIn>& plugIn) {
   if (!plugIn)
     return TextError(DK_T("LoadPlugIn: no plug-in"));
-  if (plugIn->IsContainerPlugIn()) {
-    DKSmartPtrVector<DKPlugIn> members;
-    if (DKSmartPtr<DKPlugInContainer> container = DKQueryInterface<DKPlugInContainer>(plugIn.Get()))
-      members = container->GetPlugInList();
-    // The members may depend on each other in any order: they are checked when initialised.
+  bool container = false;
+  const DKErrorID asked = CallPlugIn(*plugIn, DK_T("IsContainerPlugIn"), [&] { container = plugIn->IsContainerPlugIn(); });
+  if (asked.Bad()) {
+    PrintError(asked.AsString());
+    return asked;
+  }
+  if (container) {
+    // The plug-ins it hands over, those of nested containers included, are the ones added now.
+    // They may depend on each other in any order: they are checked when initialised.
+    const std::size_t before = m_loadedPlugIns.size();
     DKErrorID result = AddPlugIn(plugIn, true);
-    for (const DKSmartPtr<DKPlugIn>& member : GetPlugInHier(members)) {
-      if (!IsLoaded(member.Get()))
-        continue;
+    const DKSmartPtrVector<DKPlugIn> added(m_loadedPlugIns.begin() + static_cast<std::ptrdiff_t>(before),
+                                           m_loadedPlugIns.end());
+    for (const DKSmartPtr<DKPlugIn>& member : GetPlugInHier(added)) {
       const DKErrorID initialised = LoadPlugIn(member);
       if (result.Good())
         result = initialised;
@@ -492,7 +540,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKSmartPtr<DKPlugIn>& plugI
     if (added.Bad())
       return added;
   }
-  if (plugIn->GetStatus() != DKPlugIn::NotLoaded)
+  if (StatusOf(*plugIn) != DKPlugIn::NotLoaded)
     return DKErrorID();
   const DKErrorID ready = CheckDependents(plugIn, true);
   if (ready.Bad()) {
@@ -600,19 +648,27 @@ int DKApplicationWithPlugIns::Run() {
   QuitSignalHold quitSignals;
 
   for (const DKSmartPtr<DKPlugIn>& plugIn : GetPlugInHier(m_runnablePlugIns)) {
-    if (plugIn->GetStatus() != DKPlugIn::Initialized || !plugIn->IsRunningPlugIn())
+    if (StatusOf(*plugIn) != DKPlugIn::Initialized)
       continue;
     if (quitSignals.ExitPosted())
       break; // asked to quit: nothing more is started
+    DKSmartPtr<DKThreadedRunPlugIn> threaded;
+    const DKErrorID asked = CallPlugIn(*plugIn, DK_T("QueryInterface"),
+                                       [&] { threaded = DKQueryInterface<DKThreadedRunPlugIn>(plugIn.Get()); });
+    auto* runnable = dynamic_cast<DKRunPlugIn*>(plugIn.Get());
+    if (asked.Bad() || !runnable) {
+      PrintError(asked.Bad() ? asked.AsString()
+                             : DK_T("<") + SafeName(*plugIn) + DK_T(">: runs, but is no DKRunPlugIn: not run"));
+      continue;
+    }
     const DKString name = SafeName(*plugIn);
     GetCout(1) << "RUN> Running <" << name << ">..." << std::flush;
-    if (DKSmartPtr<DKThreadedRunPlugIn> threaded = DKQueryInterface<DKThreadedRunPlugIn>(plugIn.Get())) {
+    if (threaded) {
       GetCout(1) << "(threaded)" << std::endl;
       StartThreaded(*threaded);
       continue;
     }
     GetCout(1) << std::endl;
-    auto* runnable = static_cast<DKRunPlugIn*>(plugIn.Get());
     runnable->SetStatus(DKPlugIn::Running);
     try {
       const QuitSignalHold::LetThrough letThrough(quitSignals);
@@ -652,6 +708,7 @@ void DKApplicationWithPlugIns::StartThreaded(DKThreadedRunPlugIn& plugIn) {
   DKThreadedRunPlugIn* target = &plugIn; // kept alive by the loaded list until the thread is joined
   DKSmartPtr<DKThread> thread(new DKThread(DKMakeCallback([target] { target->RunInThread(); })));
   plugIn.SetThread(thread);
+  m_threadedPlugIns.push_back(&plugIn);
   const DKErrorID started = Guarded(DK_T("DKThread::Start"), [&] { return thread->Start(0); });
   if (started.Bad()) {
     PrintError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + started.AsString());
@@ -662,7 +719,7 @@ void DKApplicationWithPlugIns::StartThreaded(DKThreadedRunPlugIn& plugIn) {
 
 bool DKApplicationWithPlugIns::AnyRunning() const {
   return std::any_of(m_runnablePlugIns.begin(), m_runnablePlugIns.end(),
-                     [](const DKSmartPtr<DKPlugIn>& plugIn) { return plugIn->GetStatus() == DKPlugIn::Running; });
+                     [](const DKSmartPtr<DKPlugIn>& plugIn) { return StatusOf(*plugIn) == DKPlugIn::Running; });
 }
 
 void DKApplicationWithPlugIns::RequestExit(bool wait) {
@@ -673,12 +730,9 @@ void DKApplicationWithPlugIns::RequestExit(bool wait) {
   if (!g_exitAnnounced.exchange(true))
     GetCout(1) << ">>>> Quit signal received. Requesting exit to all plug-ins..." << std::endl;
   for (const DKSmartPtr<DKPlugIn>& plugIn : m_loadedPlugIns) {
-    const DKErrorID result = Guarded(DK_T("RequestExit"), [&] {
-      plugIn->RequestExit(wait);
-      return DKErrorID();
-    });
+    const DKErrorID result = CallPlugIn(*plugIn, DK_T("RequestExit"), [&] { plugIn->RequestExit(wait); });
     if (result.Bad())
-      PrintError(DK_T("<") + SafeName(*plugIn) + DK_T(">: ") + result.AsString());
+      PrintError(result.AsString());
   }
 }
 
@@ -689,15 +743,12 @@ void DKApplicationWithPlugIns::UnloadAll() {
   DKSmartPtrVector<DKPlugIn> ordered = GetPlugInHier(m_loadedPlugIns);
   for (auto it = ordered.rbegin(); it != ordered.rend(); ++it) {
     DKPlugIn& plugIn = **it;
-    if (plugIn.GetStatus() == DKPlugIn::NotLoaded)
+    if (StatusOf(plugIn) == DKPlugIn::NotLoaded)
       continue;
     GetCout(1) << ">>>> Unloading <" << SafeName(plugIn) << ">..." << std::endl;
-    const DKErrorID result = Guarded(DK_T("Unload"), [&] {
-      plugIn.Unload();
-      return DKErrorID();
-    });
+    const DKErrorID result = CallPlugIn(plugIn, DK_T("Unload"), [&] { plugIn.Unload(); });
     if (result.Bad())
-      PrintError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + result.AsString());
+      PrintError(result.AsString());
   }
 
   // Each plug-in is released in reverse dependency order (a dependent may hold a reference to
@@ -705,6 +756,7 @@ void DKApplicationWithPlugIns::UnloadAll() {
   // code must stay mapped for as long as the object lives.
   m_loadedPlugIns.clear();
   m_runnablePlugIns.clear();
+  m_threadedPlugIns.clear();
   std::unordered_set<void*> stillInUse;
   for (auto it = ordered.rbegin(); it != ordered.rend(); ++it) {
     DKPlugIn* plugIn = it->Get();

@@ -53,6 +53,13 @@ void DKFileLogSubscriber::Write(std::uint32_t, std::uint32_t, std::string_view t
   std::fflush(m_file);
 }
 
+bool DKFileLogSubscriber::IsSameFile(const DKFileLogSubscriber& other) const {
+  if (&other == this)
+    return IsGood();
+  std::scoped_lock guard(m_lock, other.m_lock);
+  return DKFileSystem::IsSameFile(m_file, other.m_file);
+}
+
 bool DKFileLogSubscriber::IsGood() const {
   std::lock_guard guard(m_lock);
   return m_file != nullptr;

@@ -2,6 +2,9 @@
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKPlugIn.h>
 
+#include "app/DKPlugInCalls.h"
+
+#include <exception>
 #include <mutex>
 
 DKObjectI::~DKObjectI() = default;
@@ -98,13 +101,21 @@ void DKThreadedRunPlugIn::RunInThread() {
     SetStatus(Running);
   }
   m_changed.Post();
+  // The thread must reach the end below whatever the plug-in throws, or whoever waits for the
+  // run would wait for ever.
+  DKString failure;
   try {
     Run();
   } catch (const std::exception& e) {
-    // The thread must reach the end below, or whoever waits for the run would wait for ever.
-    DKApplication::GetAppCout(1) << "ERR> *** " << GetName() << ": " << e.what() << std::endl;
+    failure = dkapp::ExceptionText(e);
   } catch (...) {
-    DKApplication::GetAppCout(1) << "ERR> *** " << GetName() << ": unknown exception" << std::endl;
+    failure = DK_T("unknown exception");
+  }
+  if (!failure.IsEmpty()) {
+    try {
+      DKApplication::GetAppCout(1) << "ERR> *** " << dkapp::SafeName(*this) << ": " << failure << std::endl;
+    } catch (...) {
+    }
   }
   {
     std::lock_guard guard(m_cs);
@@ -135,17 +146,24 @@ void DKThreadedRunPlugIn::WaitUntilStarted() {
 void DKThreadedRunPlugIn::RequestExit(bool wait) {
   if (!IsRunning())
     return;
-  Stop();
-  if (!wait)
-    return;
+  // A Stop that throws is a request Run may not have heard: the wait still holds, so that
+  // nothing is unloaded under a running thread, and the exception goes to the caller after it.
+  std::exception_ptr stopFailure;
+  try {
+    Stop();
+  } catch (...) {
+    stopFailure = std::current_exception();
+  }
   // Run may ignore the request: the caller then waits as long as Run takes.
-  for (;;) {
+  while (wait) {
     m_changed.Reset();
     if (!IsRunning())
-      return;
+      break;
     DKThread::Sleep(0);
     m_changed.Wait(200);
   }
+  if (stopFailure)
+    std::rethrow_exception(stopFailure);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -23,4 +23,7 @@ public:
   static bool RemoveDirectory(const std::string& path) noexcept;
   // Opens a file with a C stdio mode ("w", "rb", ...); null on failure.
   static std::FILE* OpenFile(const std::string& path, const char* mode) noexcept;
+  // Whether two open files are one file on the disk, whatever names (links, relative paths)
+  // they were opened by.
+  static bool IsSameFile(std::FILE* a, std::FILE* b) noexcept;
 };

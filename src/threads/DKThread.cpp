@@ -17,6 +17,7 @@
 #include <cxxabi.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <map>
@@ -157,7 +158,8 @@ void ReportUnhandled() {
 }
 
 // Runs a callback; false when it ended by an exception, which is reported and goes no further.
-bool RunGuarded(const DKSmartPtr<DKCallback>& callback) {
+// The callback is held for the call: the thread object that keeps it may be destroyed by it.
+bool RunGuarded(const DKSmartPtr<DKCallback> callback) {
   try {
     if (callback)
       callback->Call();
@@ -180,12 +182,52 @@ DKThread::DKThread(const DKSmartPtr<DKCallback>& run)
     : m_deleteOnEnd(false), m_threadReference(false), m_joined(false), m_run(run), m_flags(glbComModel.load(std::memory_order_relaxed) & ComModelMask),
       m_id(0), m_handle(nullptr), m_startClaimed(false) {}
 
+namespace {
+
+// Destroying an object that counted references still hold leaves them pointing at freed
+// memory: that is stopped here, loudly, rather than left to corrupt the process later.
+[[noreturn]] void DestroyedWhileHeld(std::uint32_t references) {
+  std::fprintf(stderr,
+               "DKThread: a thread object is destroyed while %u counted reference(s) still hold it; let it go "
+               "through its smart pointers instead of deleting it\n",
+               static_cast<unsigned>(references));
+  std::fflush(stderr);
+  std::abort();
+}
+
+} // namespace
+
 DKThread::~DKThread() {
-  if (t_runningThread == this)
-    t_threadDestroyed = true; // destroyed by its own thread: the entry must not touch it again
-  Join();
+  const bool byOwnThread = t_runningThread == this;
+  // The reference of the thread itself, when it still holds one, is the only one allowed here:
+  // then the object is destroyed by its own thread, which lets go of it without a release.
+  const std::uint32_t allowed = byOwnThread && m_threadReference ? 1 : 0;
+  if (NbRef() > allowed)
+    DestroyedWhileHeld(NbRef());
+  if (byOwnThread) {
+    // The entry must not touch the object again, and nobody is left to wait for the thread.
+    t_threadDestroyed = true;
+    GiveUpRegistration();
+  } else {
+    Join();
+  }
   if (DKThreadHandle handle = m_handle.load(std::memory_order_acquire))
     DKThreadImpl::Release(AsHandle(handle));
+}
+
+void DKThread::GiveUpRegistration() {
+  DKThreadHandleImpl* handle = nullptr;
+  {
+    RegistryLock lock;
+    auto it = lock.Entries().find(CurrentId());
+    if (it != lock.Entries().end() && it->second.thread == this) {
+      handle = it->second.handle;
+      lock.Entries().erase(it);
+    }
+  }
+  if (handle)
+    DKThreadImpl::Close(handle); // on the thread itself: the system reclaims it when it ends
+  m_joined = true;
 }
 
 DKErrorID DKThread::Start(int priority) {
@@ -241,10 +283,11 @@ DKErrorID DKThread::Start(int priority) {
     m_handle.store(handle, std::memory_order_release);
     m_id.store(id, std::memory_order_release);
   }
-  // A counted object is kept alive by its running thread. The reference is taken here, before
-  // the thread runs, so that an owner dropping its own reference right after Start cannot
-  // destroy the object first.
-  m_threadReference = NbRef() != 0;
+  // A counted object is kept alive by its running thread, and an object the thread is to
+  // destroy is counted from now on, so that smart pointers may share it safely. The reference
+  // is taken here, before the thread runs, so that an owner dropping its own reference right
+  // after Start cannot destroy the object first.
+  m_threadReference = NbRef() != 0 || GetDeleteOnEnd();
   if (m_threadReference)
     AddRef();
   DKThreadImpl::Resume(handle);
@@ -268,29 +311,30 @@ void DKThread::ThreadEntry(void* argument) {
     t_runningThread = nullptr;
     throw;
   }
-  if (t_threadDestroyed) {
+  if (!t_threadDestroyed) {
+    self->MarkFinished();
+    self->RunExitFunctions();
+  }
+  if (t_threadDestroyed || !referenced) {
     t_runningThread = nullptr;
     return;
   }
-  self->MarkFinished();
-  self->RunExitFunctions();
-  t_runningThread = nullptr;
-  if (t_threadDestroyed)
-    return;
-
   if (self->GetDeleteOnEnd()) {
-    // Destroyed a little later, from another thread, once this one has left the object's code.
+    // Let go of it a little later, from another thread, once this one has left the object's code.
+    t_runningThread = nullptr;
     try {
       std::thread([self] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        delete self;
+        self->Release();
       }).detach();
+      return;
     } catch (...) {
-      delete self;
+      t_runningThread = self;
     }
-  } else if (referenced) {
-    self->Release();
   }
+  // Still this thread's object while it lets go: a last release destroys it from here.
+  self->Release();
+  t_runningThread = nullptr;
 }
 
 void DKThread::MarkFinished() {
@@ -317,6 +361,8 @@ void DKThread::RunExitFunctions() {
 }
 
 void DKThread::Join() {
+  if (t_runningThread == this)
+    return; // a thread cannot outlive its own wait
   std::lock_guard<DKCriticalSection> guard(m_cs);
   const DKThread_t identity = GetThreadID();
   if (!identity.m_hThread || !identity.m_threadID || m_joined)
@@ -356,9 +402,18 @@ bool DKThread::IsFlagSet(std::uint32_t threadId, int value) {
   return it != lock.Entries().end() && it->second.thread && it->second.thread->IsFlagSet(value);
 }
 
-bool DKThread::SetThreadPriority(int priority) { return SetThreadPriority(GetThreadID(), priority); }
+// Once the object's thread has ended, its identifier is no longer its own: the system may still
+// know it for a moment, or already give it to another thread.
+bool DKThread::SetThreadPriority(int priority) { return !HasEnded() && SetThreadPriority(GetThreadID(), priority); }
 
-int DKThread::GetThreadPriority() const { return GetThreadPriority(GetThreadID()); }
+int DKThread::GetThreadPriority() const {
+  return HasEnded() ? DK_THREAD_PRIORITY_ERROR_RETURN : GetThreadPriority(GetThreadID());
+}
+
+bool DKThread::HasEnded() const noexcept {
+  const DKThreadHandle handle = m_handle.load(std::memory_order_acquire);
+  return handle && DKThreadImpl::Wait(AsHandle(handle), 0);
+}
 
 bool DKThread::SetThreadPriority(const DKThread_t& thread, int priority) {
   return thread.m_threadID != 0 && DKThreadImpl::SetPriority(thread.m_threadID, priority) == 0;

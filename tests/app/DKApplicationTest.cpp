@@ -121,15 +121,23 @@ TEST_F(DKApplicationTest, ConsoleOptionsSendTheOutputToTheConsoleTheFileBothOrNo
   }
 }
 
-TEST_F(DKApplicationTest, UnwritableLogFileIsReportedAndRefused) {
+TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritableOneIsRefused) {
   ScratchDir dir;
   DKApplication app(Text(dir / "prog.exe /noConsole"));
   EXPECT_FALSE(app.StartLoggingToFile(Text(dir / "missing/x.log"), false));
   EXPECT_NE(Console().find("ERR> *** cannot open the log file " + dir / "missing/x.log"), std::string::npos)
       << Console();
   EXPECT_TRUE(app.StartLoggingToFile(Text(dir / "ok.log"), true));
+  fs::create_hard_link(dir / "ok.log", dir / "hard.log");
+  fs::create_symlink(dir / "ok.log", dir / "soft.log");
+  for (const std::string& again : {dir / "ok.log", dir / "./ok.log", dir / "hard.log", dir / "soft.log"})
+    EXPECT_TRUE(app.StartLoggingToFile(Text(again), true)) << again;
+  EXPECT_TRUE(app.StartLoggingToFile(Text(dir / "other.log"), false));
   app.GetCout() << "line" << std::endl;
   EXPECT_EQ(ReadFile(dir / "ok.log"), "line\n");
+  EXPECT_EQ(ReadFile(dir / "other.log"), "line\n");
+  const std::vector<std::string> lines = SplitLines(Console());
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "line"), 1) << "the console is added once too: " << Console();
 }
 
 TEST_F(DKApplicationTest, ConfigurationBesideTheProgramGivesTheTemporaryDirectoryAndErrorLog) {

@@ -151,7 +151,7 @@ TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
 // ordered), the absent ones are not, and the host ends with its exit line and code.
 TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) {
   ScratchDir dir;
-  WriteFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n");
+  WriteFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
   const struct {
     std::vector<std::string> kinds, extra;
     bool ordered;
@@ -192,6 +192,23 @@ TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) {
        {"RUN> Running <Worker>...(threaded)", "Worker: done after 3 ticks", "Worker2: done after 1 ticks"},
        {"Worker: stop requested", "Worker2: stop requested"}, 0},
       {{"threadthrows"}, {}, false, {"ERR> *** ThreadThrows: ThreadThrows is broken"}, {}, 0},
+      {{"nameless"}, {}, false,
+       {"RUN> Running <(plug-in without a name)>...(threaded)", "ERR> *** (plug-in without a name): ThreadThrows is broken"},
+       {}, 0},
+      // The run step's exception ends the run (code 2); the threaded plug-in whose Stop throws
+      // is waited for until its run ends by itself, and only then unloaded.
+      {{"stopthrows", "runthrows"}, {"/config:" + dir / "host.ini"}, true,
+       {"ERR> *** <RunThrows>: RunThrows is broken", "StopThrows: stop requested", "StopThrows: done after 10 ticks",
+        "ERR> *** <StopThrows>: RequestExit threw: StopThrows cannot stop", ">>>> Unloading <StopThrows>..."},
+       {}, 2},
+      {{"depsthrow", "good"}, {}, true,
+       {"ERR> *** <DepsThrow>: GetDependentV threw: DepsThrow cannot tell", "Good: run", ">>>> Unloading <Good>..."},
+       {">>>> Initializing <DepsThrow>...", "DepsThrow: run"}, 0},
+      {{"selfbox", "good"}, {}, true,
+       {"ERR> *** Plug-in container cycle: SelfBox -> SelfBox",
+        "LoaPlugIn failed on " + Module("selfbox") + ": AddPlugIn failed", ">>>> Initializing <SelfBoxOne>... Done.",
+        "Good: run"},
+       {}, 0},
       {{"good", "missingdep"}, {"/trace:0"}, false, {}, {}, 0},
   };
   for (const auto& c : cases) {

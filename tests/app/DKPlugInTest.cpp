@@ -5,6 +5,8 @@
 #include "AppTestSupport.h"
 
 #include <atomic>
+#include <functional>
+#include <stdexcept>
 
 using namespace apptest;
 
@@ -50,11 +52,57 @@ private:
   bool m_failInit;
 };
 
+// A container; makeMembers, when given, makes its member list at every call.
 class Crate : public DKPlugInContainer {
 public:
-  DKString GetName() const override { return DK_T("Crate"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(Id(50)); }
-  void Unload() override { Journal().push_back("Unload Crate"); }
+  explicit Crate(const char* name = "Crate", std::uint8_t id = 50,
+                 std::function<DKSmartPtrVector<DKPlugIn>(const Crate&)> makeMembers = nullptr, bool unloadThrows = false)
+      : m_name(name), m_id(Id(id)), m_makeMembers(std::move(makeMembers)), m_unloadThrows(unloadThrows) {}
+  DKString GetName() const override { return Text(m_name); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(m_id); }
+  DKSmartPtrVector<DKPlugIn> GetPlugInList() const override {
+    return m_makeMembers ? m_makeMembers(*this) : DKPlugInContainer::GetPlugInList();
+  }
+  void Unload() override {
+    Journal().push_back("Unload " + m_name);
+    if (m_unloadThrows)
+      throw std::runtime_error("boom");
+  }
+
+private:
+  std::string m_name;
+  DKGuid m_id;
+  std::function<DKSmartPtrVector<DKPlugIn>(const Crate&)> m_makeMembers;
+  bool m_unloadThrows;
+};
+
+// A run plug-in that throws from the member named at construction.
+class Thrower : public Probe {
+public:
+  explicit Thrower(std::string member) : Probe("Thrower", 80), m_member(std::move(member)) {}
+  DKString GetName() const override { return Throws("GetName"), Probe::GetName(); }
+  PlugInIdEx GetId() const override { return Throws("GetId"), PlugInIdEx(Id(80)); }
+  bool IsRunningPlugIn() const override { return Throws("IsRunningPlugIn"), Probe::IsRunningPlugIn(); }
+  bool IsContainerPlugIn() const override { return Throws("IsContainerPlugIn"), Probe::IsContainerPlugIn(); }
+  DKUsageInfo GetUsageInfo() const override { return Throws("GetUsageInfo"), Probe::GetUsageInfo(); }
+  std::vector<PlugInIdEx> GetDependentV() const override { return Throws("GetDependentV"), Probe::GetDependentV(); }
+  Status GetStatus() const override { return Throws("GetStatus"), Probe::GetStatus(); }
+  DKSmartPtr<DKObjectI> QueryInterface(int iuid) const override {
+    return Throws("QueryInterface"), Probe::QueryInterface(iuid);
+  }
+  DKErrorID Init(const DKApplicationWithPlugIns& app) override { return Throws("Init"), Probe::Init(app); }
+  void Unload() override { Throws("Unload"), Probe::Unload(); }
+
+protected:
+  void RequestExit(bool wait) override { Throws("RequestExit"), Probe::RequestExit(wait); }
+
+private:
+  int Throws(const char* member) const {
+    if (m_member == member)
+      throw std::runtime_error("boom");
+    return 0;
+  }
+  std::string m_member;
 };
 
 // Exposes the protected steps.
@@ -273,6 +321,113 @@ TEST_F(DKPlugInTest, QuitRequestReachesThePlugInsOfEveryApplication) {
         std::exit(failure);
       },
       ::testing::ExitedWithCode(0), "");
+}
+
+// Whatever member of a plug-in throws, that plug-in alone fails (with the member named) and
+// the host goes on: the other plug-in is run and unloaded, and the application ends normally.
+TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
+  const struct {
+    const char* member;
+    bool loads;       // LoadPlugIn succeeds
+    bool runs;        // its run step is called
+    const char* line; // a console line the case must show
+  } cases[] = {
+      {"GetId", false, false, "ERR> *** <Thrower>: GetId threw: boom"},
+      {"IsRunningPlugIn", false, false, "ERR> *** <Thrower>: IsRunningPlugIn threw: boom"},
+      {"IsContainerPlugIn", false, false, "ERR> *** <Thrower>: IsContainerPlugIn threw: boom"},
+      {"GetUsageInfo", false, false, "ERR> *** <Thrower>: GetUsageInfo threw: boom"},
+      {"GetDependentV", false, false, "ERR> *** <Thrower>: GetDependentV threw: boom"},
+      {"Init", false, false, "ERR> *** <Thrower>: Init threw: boom"},
+      {"QueryInterface", true, false, "ERR> *** <Thrower>: QueryInterface threw: boom"},
+      {"GetStatus", true, true, ">>>> Unloading <Thrower>..."},
+      {"GetName", true, true, ">>>> Initializing <(plug-in without a name)>... Done."},
+      {"Unload", true, true, "ERR> *** <Thrower>: Unload threw: boom"},
+      {"RequestExit", true, true, "ERR> *** <Thrower>: RequestExit threw: boom"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.member);
+    Journal().clear();
+    m_console.str("");
+    {
+      TestApp app;
+      ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
+      EXPECT_EQ(app.LoadPlugIn(new Thrower(c.member)).Good(), c.loads);
+      EXPECT_EQ(app.Run(), 1);
+    }
+    const auto& journal = Journal();
+    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Run Thrower"), c.runs ? 1 : 0);
+    for (const char* entry : {"Run Good", "Unload Good", "Gone Good", "Gone Thrower"})
+      EXPECT_EQ(std::count(journal.begin(), journal.end(), entry), 1) << entry;
+    EXPECT_TRUE(ConsoleHas(c.line)) << Console();
+    EXPECT_TRUE(ConsoleHas("Exiting application..."));
+  }
+}
+
+// Containers that hold themselves, directly, through another container or as a fresh object
+// with their own id, are refused with the chain instead of being expanded for ever; so is a
+// container that makes ever new ones. Members added before the refusal stay; nested members
+// are initialised; a container whose own calls throw is reported.
+TEST_F(DKPlugInTest, ContainerCyclesAndFailingContainersAreRefusedWithTheirChain) {
+  const auto probe = [](const char* name, std::uint8_t id) { return DKSmartPtr<DKPlugIn>(new Probe(name, id)); };
+  const auto crate = [](const char* name, std::uint8_t id, std::function<DKSmartPtrVector<DKPlugIn>(const Crate&)> make) {
+    return DKSmartPtr<DKPlugIn>(new Crate(name, id, std::move(make)));
+  };
+  std::function<DKSmartPtrVector<DKPlugIn>(const Crate&)> endless = [&](const Crate& self) {
+    const std::uint8_t next = static_cast<std::uint8_t>(self.GetId().GetGuid().Data4()[7] + 1);
+    return DKSmartPtrVector<DKPlugIn>{crate("Endless", next, endless)};
+  };
+  const struct {
+    const char* label;
+    DKSmartPtr<DKPlugIn> container;
+    const char* error; // the whole error, or empty for success
+    std::vector<std::string> initialised;
+  } cases[] = {
+      {"lists itself",
+       crate("Self", 51, [&](const Crate& self) { return DKSmartPtrVector<DKPlugIn>{probe("Before", 1), const_cast<Crate*>(&self)}; }),
+       "Plug-in container cycle: Self -> Self", {"Init Before"}},
+      {"through another container",
+       crate("Outer", 52,
+             [&](const Crate& self) {
+               DKSmartPtr<DKPlugIn> outer(const_cast<Crate*>(&self));
+               return DKSmartPtrVector<DKPlugIn>{crate("Inner", 53, [outer](const Crate&) { return DKSmartPtrVector<DKPlugIn>{outer}; })};
+             }),
+       "Plug-in container cycle: Outer -> Inner -> Outer", {}},
+      {"a fresh copy with its id", crate("Copy", 54, [&](const Crate&) { return DKSmartPtrVector<DKPlugIn>{crate("Copy", 54, nullptr)}; }),
+       "Plug-in container cycle: Copy -> Copy", {}},
+      {"ever new containers", crate("Endless", 100, endless), "Plug-in containers nested more than 64 deep, at <Endless>", {}},
+      {"nested members", crate("Outer", 55, [&](const Crate&) {
+                           return DKSmartPtrVector<DKPlugIn>{crate("Inner", 56, [&](const Crate&) {
+                             return DKSmartPtrVector<DKPlugIn>{probe("Deep", 2)};
+                           }), probe("Shallow", 3)};
+                         }),
+       "", {"Init Deep", "Init Shallow"}},
+      {"member list throws", crate("Broken", 57, [](const Crate&) -> DKSmartPtrVector<DKPlugIn> { throw std::runtime_error("boom"); }),
+       "<Broken>: GetPlugInList threw: boom", {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    Journal().clear();
+    m_console.str("");
+    TestApp app;
+    const DKErrorID result = app.LoadPlugIn(c.container);
+    EXPECT_EQ(result.Good() ? std::string() : result.AsString().AsUTF8(), c.error);
+    if (*c.error) {
+      EXPECT_TRUE(ConsoleHas(std::string("ERR> *** ") + c.error)) << Console();
+    }
+    std::vector<std::string> initialised;
+    for (const std::string& entry : Journal())
+      if (entry.rfind("Init ", 0) == 0)
+        initialised.push_back(entry);
+    EXPECT_EQ(initialised, c.initialised);
+    EXPECT_EQ(app.FindPlugIn(c.container->GetId().GetGuid()), nullptr) << "a container is never kept";
+  }
+
+  TestApp app;
+  DKSmartPtr<Crate> failingUnload(new Crate("Leaky", 58, nullptr, true));
+  failingUnload->AddPlugIn(new Probe("Member", 4));
+  EXPECT_TRUE(app.LoadPlugIn(failingUnload).Good()) << "its members are loaded all the same";
+  EXPECT_TRUE(ConsoleHas("ERR> *** <Leaky>: Unload threw: boom")) << Console();
+  EXPECT_EQ(Names(app.GetLoadedPlugIns()), std::vector<std::string>{"Member"});
 }
 
 } // namespace

@@ -102,6 +102,42 @@ public:
   DKErrorID Run() override { throw std::runtime_error("ThreadThrows is broken"); }
 };
 
+// Throws from Stop without stopping: only its ticks end its run.
+class StopThrows : public Worker {
+public:
+  StopThrows() : Worker(DK_T("StopThrows"), TestId(22)) {}
+  void Stop() override {
+    Out() << "StopThrows: stop requested" << std::endl;
+    throw std::runtime_error("StopThrows cannot stop");
+  }
+};
+
+// A threaded run step that throws, from a plug-in that cannot tell its name either.
+class Nameless : public ThreadThrows {
+public:
+  DKString GetName() const override { throw std::runtime_error("no name"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(TestId(26)); }
+};
+
+class DepsThrow : public Reporter {
+public:
+  DepsThrow() : Reporter(DK_T("DepsThrow"), TestId(23)) {}
+  std::vector<PlugInIdEx> GetDependentV() const override { throw std::runtime_error("DepsThrow cannot tell"); }
+};
+
+// A container that lists itself among its members.
+class SelfBox : public DKPlugInContainer {
+public:
+  SelfBox() { AddPlugIn(new Reporter(DK_T("SelfBoxOne"), TestId(25))); }
+  DKString GetName() const override { return DK_T("SelfBox"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(TestId(24), GetName()); }
+  DKSmartPtrVector<DKPlugIn> GetPlugInList() const override {
+    DKSmartPtrVector<DKPlugIn> members = DKPlugInContainer::GetPlugInList();
+    members.push_back(const_cast<SelfBox*>(this));
+    return members;
+  }
+};
+
 // A run step on the main thread that lasts until the application is asked to quit: a quit
 // signal must reach it while it runs.
 class Patient : public Reporter {
@@ -137,6 +173,10 @@ DKPlugIn* DKTestMakePlugIn(const char* kind) {
       {"worker2", [] { return new Worker(DK_T("Worker2"), TestId(17)); }},
       {"threadthrows", [] { return new ThreadThrows; }},
       {"patient", [] { return new Patient; }},
+      {"stopthrows", [] { return new StopThrows; }},
+      {"nameless", [] { return new Nameless; }},
+      {"depsthrow", [] { return new DepsThrow; }},
+      {"selfbox", [] { return new SelfBox; }},
       {"entrythrows", []() -> DKPlugIn* { throw std::runtime_error("the plug-in cannot be made"); }},
   };
   const auto maker = makers.find(kind);

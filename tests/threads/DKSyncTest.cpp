@@ -338,6 +338,35 @@ TEST(DKEventSemaphoreTest, LastCloseOrADeadCreatorLeavesNoState) {
   EXPECT_FALSE(DKEventSemaphore(Text(name), false).Posted());
 }
 
+TEST(DKEventSemaphoreTest, ANamedEventIsSharedByAnyNumberOfProcesses) {
+  constexpr int kProcesses = 72; // more than a fixed table of users would hold
+  const std::string name = UniqueName("event-crowd");
+  const std::string readyName = UniqueName("event-crowd-ready");
+  DKEventSemaphore event(Text(name));
+  DKEventSemaphore ready(Text(readyName));
+  std::vector<std::future<int>> helpers;
+  int opened = 0;
+  for (; opened < kProcesses; ++opened) { // one at a time, each holding the event open
+    ready.Reset();
+    helpers.push_back(std::async(std::launch::async, [&] { return RunHelper("event-wait " + name + " " + readyName); }));
+    std::future<int>& helper = helpers.back();
+    WaitUntil([&] { return ready.Posted() || helper.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    if (!ready.Posted())
+      break;
+  }
+  event.Post(); // lets every helper go
+  EXPECT_EQ(opened, kProcesses) << "the process that could not open the event ended with " << helpers.back().get();
+  for (std::future<int>& helper : helpers) {
+    if (helper.valid()) {
+      EXPECT_EQ(helper.get(), 0);
+    }
+  }
+}
+
+TEST(DKEventSemaphoreTest, AnOpenThatRunsOutOfMemoryLeavesNothingOpen) {
+  EXPECT_EQ(RunHelper("open-oom " + UniqueName("event-oom")), 0);
+}
+
 TEST(DKCountingSemaphoreTest, CountsBoundsAndBadRequests) {
   DKCountingSemaphore unbounded(2);
   EXPECT_EQ(unbounded.GetSize(), 2147483647u);

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
@@ -34,6 +35,28 @@ public:
     Join();
     ++g_destroyed;
   }
+};
+
+// A run callback that destroys its own thread object, and notes whether it was freed before
+// its call returned (its captures would then be freed memory for the rest of the call).
+std::atomic<bool> g_inSelfDestroyingCall{false};
+std::atomic<bool> g_callbackFreedDuringItsCall{false};
+class SelfDestroyingCallback : public DKCallback {
+public:
+  explicit SelfDestroyingCallback(std::function<void()> record) : m_record(std::move(record)) {}
+  ~SelfDestroyingCallback() override {
+    if (g_inSelfDestroyingCall.load())
+      g_callbackFreedDuringItsCall = true;
+  }
+  void Call() override {
+    g_inSelfDestroyingCall = true;
+    delete DKThread::GetCurrentThreadP();
+    m_record();
+    g_inSelfDestroyingCall = false;
+  }
+
+private:
+  std::function<void()> m_record;
 };
 
 TEST(DKThreadTest, StartJoinAndTheRegistryWhileTheThreadRuns) {
@@ -188,10 +211,7 @@ TEST(DKThreadTest, ObjectsEndedByTheirOwnThreadsAreDestroyedOnceAndLeaveTheRegis
     ASSERT_TRUE(thread->Start().Good()); // the object is the thread's from here on
   }
   std::atomic<bool> exitFunctionRan{false};
-  auto* self = new CountedThread(DKMakeCallback([&] {
-    record();
-    delete DKThread::GetCurrentThreadP(); // while its callback runs
-  }));
+  auto* self = new CountedThread(DKSmartPtr<DKCallback>(new SelfDestroyingCallback(record)));
   self->AddExitFunction(DKMakeCallback([&] { exitFunctionRan = true; }));
   ASSERT_TRUE(self->Start().Good());
   DKEventSemaphore release;
@@ -204,12 +224,96 @@ TEST(DKThreadTest, ObjectsEndedByTheirOwnThreadsAreDestroyedOnceAndLeaveTheRegis
   } // the counted thread holds its last reference now
   ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kDeleteOnEnd + 1; }));
   EXPECT_FALSE(exitFunctionRan.load()); // they went with the object
+  EXPECT_FALSE(g_callbackFreedDuringItsCall.load()); // the callback outlives its call
   release.Post();
   ASSERT_TRUE(WaitUntil([] { return g_destroyed.load() == kDeleteOnEnd + 2; }));
   std::lock_guard<std::mutex> guard(idsLock);
   ASSERT_EQ(ids.size(), std::size_t(kDeleteOnEnd + 2));
   for (const std::uint32_t id : ids)
     EXPECT_TRUE(WaitUntil([id] { return !IsRegistered(id); }));
+}
+
+TEST(DKThreadTest, DeleteOnEndObjectsHeldBySmartPointersLiveUntilTheLastOneLetsGo) {
+  for (const bool heldBeforeStart : {true, false}) {
+    g_destroyed = 0;
+    DKEventSemaphore release;
+    auto* raw = new CountedThread(DKMakeCallback([&] { release.Wait(); }));
+    DKSmartPtr<CountedThread> held;
+    if (heldBeforeStart)
+      held = raw;
+    ASSERT_TRUE(raw->SetDeleteOnEnd(true));
+    ASSERT_TRUE(raw->Start().Good());
+    held = raw;
+    EXPECT_FALSE(held->SetDeleteOnEnd(false)) << "settled when the thread started";
+    EXPECT_TRUE(held->GetDeleteOnEnd());
+    release.Post();
+    ASSERT_TRUE(WaitUntil([&] { return held->NbRef() == 1; })) << "the ended thread lets go of its reference";
+    EXPECT_EQ(g_destroyed.load(), 0) << heldBeforeStart;
+    held = nullptr;
+    EXPECT_EQ(g_destroyed.load(), 1) << heldBeforeStart;
+  }
+}
+
+TEST(DKThreadTest, JoinOnTheThreadItselfChangesNothingAndTheDestructorStillWaits) {
+  // Lets the thread go on only once its destruction has begun.
+  class ReleasedOnDestruction : public DKThread {
+  public:
+    ReleasedOnDestruction(const DKSmartPtr<DKCallback>& run, DKEventSemaphore& release) : DKThread(run), m_release(release) {}
+    ~ReleasedOnDestruction() override { m_release.Post(); }
+
+  private:
+    DKEventSemaphore& m_release;
+  };
+  DKEventSemaphore release;
+  std::atomic<int> stillRegistered{-1};
+  std::atomic<bool> finished{false};
+  auto* thread = new ReleasedOnDestruction(DKMakeCallback([&] {
+    DKThread* self = DKThread::GetCurrentThreadP();
+    self->Join(); // returns at once
+    stillRegistered = self->IsRunning() && DKThread::GetCurrentThreadP() == self;
+    release.Wait();
+    self->SetFlag(0x100); // the object is still there
+    finished = true;
+  }), release);
+  ASSERT_TRUE(thread->Start().Good());
+  ASSERT_TRUE(WaitUntil([&] { return stillRegistered.load() != -1; }));
+  EXPECT_EQ(stillRegistered.load(), 1);
+  delete thread;
+  EXPECT_TRUE(finished.load()) << "the destructor returned while the thread still ran";
+}
+
+TEST(DKThreadDeathTest, DestroyingAnObjectThatCountedReferencesStillHoldEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // Each statement ends by itself (so that the test fails instead of hanging) when the process
+  // survives the destruction.
+  const struct {
+    const char* label;
+    void (*run)();
+    const char* message;
+  } cases[] = {
+      {"deleted by its own callback while a smart pointer holds it",
+       [] {
+         static std::atomic<bool> survived{false};
+         DKSmartPtr<DKThread> held(new DKThread(DKMakeCallback([] {
+           delete DKThread::GetCurrentThreadP();
+           survived = true;
+         })));
+         (void)held->Start();
+         WaitUntil([] { return survived.load(); });
+       },
+       "destroyed while 2 counted reference"},
+      {"a delete-on-end object deleted by another thread while it runs",
+       [] {
+         static DKEventSemaphore release;
+         auto* thread = new DKThread(DKMakeCallback([] { release.Wait(60000); }));
+         thread->SetDeleteOnEnd(true);
+         (void)thread->Start();
+         delete thread;
+       },
+       "destroyed while 1 counted reference"},
+  };
+  for (const auto& c : cases)
+    EXPECT_DEATH(c.run(), c.message) << c.label;
 }
 
 TEST(DKThreadTest, DestroyingARunningThreadWaitsForIt) {

@@ -18,12 +18,12 @@ namespace {
 volatile int g_sink;
 
 // The undefined-behaviour checks would report these first and end the process their own way.
-[[gnu::noinline, gnu::no_sanitize("undefined")]] void WriteThroughNull() {
+__attribute__((noinline, no_sanitize("undefined"))) void WriteThroughNull() {
   volatile int* volatile nowhere = nullptr; // not provably null, so the store stays
   *nowhere = 1;
 }
 
-[[gnu::noinline, gnu::no_sanitize("undefined")]] void DivideByZero() {
+__attribute__((noinline, no_sanitize("undefined"))) void DivideByZero() {
   volatile int numerator = 7; // a constant 1 / x would be folded into a comparison
   volatile int zero = 0;
   g_sink = numerator / zero;

@@ -5,10 +5,60 @@
 #include <DorvikCore/DKSync.h>
 #include <DorvikCore/DKThread.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <filesystem>
+#include <new>
 #include <string>
 
+// Every plain form of new and delete is replaced, so that each allocation of the program and of
+// the library goes through one counter and each block is freed as it was allocated (malloc).
+#if defined(__GNUC__) && !defined(__clang__)
+#  pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 namespace {
+
+// Allocations left before one fails (the mode open-oom arms it); negative: none fails.
+std::atomic<long> g_allocationsBeforeFailure{-1};
+
+void* Allocate(std::size_t size) {
+  if (g_allocationsBeforeFailure.load(std::memory_order_relaxed) >= 0 &&
+      g_allocationsBeforeFailure.fetch_sub(1, std::memory_order_relaxed) == 0)
+    throw std::bad_alloc();
+  if (void* block = std::malloc(size ? size : 1))
+    return block;
+  throw std::bad_alloc();
+}
+
+void* AllocateOrNull(std::size_t size) noexcept {
+  try {
+    return Allocate(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+} // namespace
+
+void* operator new(std::size_t size) { return Allocate(size); }
+void* operator new[](std::size_t size) { return Allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
+
+namespace {
+
+std::size_t OpenFileCount() {
+  std::size_t count = 0;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
+    ++count;
+  return count;
+}
 
 std::size_t StackOfNewThread() {
   std::size_t size = 0;
@@ -53,6 +103,28 @@ int main(int argc, char** argv) {
   if (mode == "event-create-and-die" && argc == 3) {
     new DKEventSemaphore(name, true);
     std::_Exit(0);
+  }
+  // open-oom NAME: opens the named event again and again, each time with one more allocation
+  // before one fails, until an open gets through; 0 when no failure left a descriptor open, 17
+  // when one did, 18 when an open never got through.
+  if (mode == "open-oom" && argc == 3) {
+    const std::size_t before = OpenFileCount();
+    for (long allowed = 0; allowed < 1000; ++allowed) {
+      bool opened = false;
+      g_allocationsBeforeFailure = allowed;
+      try {
+        DKEventSemaphore event(name);
+        opened = true;
+      } catch (const std::bad_alloc&) {
+      } catch (const DKException&) {
+      }
+      g_allocationsBeforeFailure = -1;
+      if (OpenFileCount() != before)
+        return 17;
+      if (opened)
+        return 0;
+    }
+    return 18;
   }
   // stacksize BYTES: every thread gets BYTES of stack (from DK_THREAD_STACKSIZE), also after the
   // variable changes; 13 for the first thread, 14 for the one started after the change.

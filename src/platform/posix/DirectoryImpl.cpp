@@ -28,3 +28,9 @@ bool DKFileSystem::RemoveDirectory(const std::string& path) noexcept {
 std::FILE* DKFileSystem::OpenFile(const std::string& path, const char* mode) noexcept {
   return std::fopen(path.c_str(), mode);
 }
+
+bool DKFileSystem::IsSameFile(std::FILE* a, std::FILE* b) noexcept {
+  struct stat first {}, second {};
+  return a && b && fstat(fileno(a), &first) == 0 && fstat(fileno(b), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}

@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,22 +12,18 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <mutex>
 #include <new>
 #include <thread>
 
 namespace {
 
 constexpr std::uint32_t kMagic = 0x444B5348; // "DKSH"
-constexpr std::uint32_t kVersion = 1;
-constexpr int kMaxUsers = 64;
+constexpr std::uint32_t kVersion = 2;
 // How long an opener waits for a creator to finish building the segment before it takes the
 // segment for the remains of a creator that died.
 constexpr auto kCreationGrace = std::chrono::seconds(2);
-
-struct User {
-  pid_t pid;
-  std::uint32_t count;
-};
 
 struct Header {
   std::atomic<std::uint32_t> ready; // set once the creator has built the header and the object
@@ -36,8 +31,8 @@ struct Header {
   std::uint32_t version;
   std::uint32_t objectSize;
   std::uint32_t removed; // the last user closed it and removed the name
-  pthread_mutex_t lock;  // robust and process-shared: guards everything below and the users
-  User users[kMaxUsers];
+  pthread_mutex_t lock;  // robust and process-shared: guards removed, the object's rebuilding
+                         // and every change of a process's lock on the segment
 };
 
 constexpr std::size_t kObjectOffset = (sizeof(Header) + 63) & ~std::size_t(63);
@@ -47,55 +42,26 @@ void* ObjectOf(void* base) { return static_cast<char*>(base) + kObjectOffset; }
 
 int LockHeader(Header* header) {
   const int rc = pthread_mutex_lock(&header->lock);
-  if (rc == EOWNERDEAD) // a process died inside the header's few lines: the table is still usable
+  if (rc == EOWNERDEAD) // a process died inside the header's few lines: the header is still usable
     return pthread_mutex_consistent(&header->lock);
   return rc;
 }
 
 void UnlockHeader(Header* header) { pthread_mutex_unlock(&header->lock); }
 
-bool ProcessAlive(pid_t pid) { return kill(pid, 0) == 0 || errno != ESRCH; }
-
-// Drops the counts of processes that no longer exist; true when a living user remains.
-bool PruneUsers(Header* header) {
-  bool anyone = false;
-  for (User& user : header->users) {
-    if (user.count == 0)
-      continue;
-    if (ProcessAlive(user.pid))
-      anyone = true;
-    else
-      user = User{0, 0};
-  }
-  return anyone;
-}
-
-bool AddUser(Header* header, pid_t pid) {
-  User* free = nullptr;
-  for (User& user : header->users) {
-    if (user.count != 0 && user.pid == pid) {
-      ++user.count;
-      return true;
-    }
-    if (user.count == 0 && !free)
-      free = &user;
-  }
-  if (!free)
-    return false;
-  *free = User{pid, 1};
-  return true;
-}
-
-// Drops one count of pid; true when no process has the segment open any more.
-bool RemoveUser(Header* header, pid_t pid) {
-  bool anyone = false;
-  for (User& user : header->users) {
-    if (user.count != 0 && user.pid == pid && --user.count == 0)
-      user = User{0, 0};
-    if (user.count != 0)
-      anyone = true;
-  }
-  return !anyone;
+// The lock on the segment's first byte that marks a process as a user: shared while it has the
+// segment open, exclusive for the one that finds itself alone. It belongs to the open file
+// description, so the system drops it when the process ends. 0 or the system's error (EAGAIN
+// when another process holds a lock that conflicts).
+int SetUserLock(int fd, short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = 0;
+  lock.l_len = 1;
+  if (fcntl(fd, F_OFD_SETLK, &lock) == 0)
+    return 0;
+  return errno == EACCES ? EAGAIN : errno;
 }
 
 int InitHeaderLock(Header* header) {
@@ -128,6 +94,20 @@ std::uint64_t Fnv1a(const std::string& text) {
   return hash;
 }
 
+// The segments this process has open, by shared-memory name, so that its opens of one name
+// share a descriptor and a mapping. Nothing else is locked while the table's lock is held. Two
+// threads opening a name at once may each open a segment: the second one stays out of the table
+// and is a user of its own, which the locks on the segment count as any other.
+struct OpenSegments {
+  std::mutex lock;
+  std::map<std::string, DKSharedSegment*> byName;
+};
+
+OpenSegments& TheOpenSegments() {
+  static OpenSegments* segments = new OpenSegments; // never destroyed: objects may close late
+  return *segments;
+}
+
 } // namespace
 
 std::string DKSharedSegment::SegmentName(const char* kind, const std::string& name) {
@@ -158,130 +138,181 @@ DKSharedSegment* DKSharedSegment::Open(const char* kind, const std::string& name
                                        Initialise initialise, void* context, int& error) noexcept {
   try {
     const std::string shmName = SegmentName(kind, name);
-    const std::size_t size = kObjectOffset + objectSize;
-    const pid_t self = getpid();
-    // A segment being removed, or the remains of a creator that died, make the loop start over.
-    for (int attempt = 0; attempt < 64; ++attempt) {
-      int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-      const bool creator = fd >= 0;
-      if (!creator) {
-        if (errno != EEXIST) {
-          error = errno;
+    OpenSegments& open = TheOpenSegments();
+    const int self = static_cast<int>(getpid());
+    {
+      std::lock_guard<std::mutex> guard(open.lock);
+      const auto it = open.byName.find(shmName);
+      // An entry a forked child inherited stays with the objects that hold it.
+      if (it != open.byName.end() && it->second->m_pid == self) {
+        if (it->second->m_size != kObjectOffset + objectSize) {
+          error = EINVAL;
           return nullptr;
         }
-        fd = shm_open(shmName.c_str(), O_RDWR | O_CLOEXEC, 0);
-        if (fd < 0) {
-          if (errno == ENOENT)
-            continue;
-          error = errno;
-          return nullptr;
-        }
-        struct stat status {};
-        const bool sized = WaitBriefly([&] { return fstat(fd, &status) == 0 && status.st_size != 0; });
-        if (!sized || static_cast<std::size_t>(status.st_size) != size) {
-          close(fd);
-          if (sized) { // another kind of object, or another version of the library
-            error = EINVAL;
-            return nullptr;
-          }
-          shm_unlink(shmName.c_str());
-          continue;
-        }
-      } else if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        error = errno;
-        close(fd);
-        shm_unlink(shmName.c_str());
-        return nullptr;
+        ++it->second->m_opens;
+        return it->second;
       }
-
-      void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      const int mapError = errno;
-      close(fd);
-      if (base == MAP_FAILED) {
-        if (creator)
-          shm_unlink(shmName.c_str());
-        error = mapError;
-        return nullptr;
-      }
-      Header* header = HeaderOf(base);
-
-      if (creator) {
-        header->magic = kMagic;
-        header->version = kVersion;
-        header->objectSize = static_cast<std::uint32_t>(objectSize);
-        int rc = InitHeaderLock(header);
-        if (rc == 0)
-          rc = LockHeader(header);
-        if (rc == 0) {
-          rc = initialise(ObjectOf(base), context);
-          AddUser(header, self);
-          header->ready.store(1, std::memory_order_release);
-          UnlockHeader(header);
-        }
-        if (rc != 0) {
-          munmap(base, size);
-          shm_unlink(shmName.c_str());
-          error = rc;
-          return nullptr;
-        }
-        return new DKSharedSegment(shmName, base, size);
-      }
-
-      if (!WaitBriefly([&] { return header->ready.load(std::memory_order_acquire) != 0; })) {
-        munmap(base, size);
-        shm_unlink(shmName.c_str());
-        continue;
-      }
-      if (header->magic != kMagic || header->version != kVersion || header->objectSize != objectSize) {
-        munmap(base, size);
-        error = EINVAL;
-        return nullptr;
-      }
-      int rc = LockHeader(header);
-      if (rc != 0) {
-        munmap(base, size);
-        error = rc;
-        return nullptr;
-      }
-      if (header->removed) {
-        UnlockHeader(header);
-        munmap(base, size);
-        continue;
-      }
-      if (!PruneUsers(header))
-        rc = initialise(ObjectOf(base), context);
-      if (rc == 0 && !AddUser(header, self))
-        rc = EMFILE;
-      UnlockHeader(header);
-      if (rc != 0) {
-        munmap(base, size);
-        error = rc;
-        return nullptr;
-      }
-      return new DKSharedSegment(shmName, base, size);
     }
-    error = EAGAIN;
-    return nullptr;
+    DKSharedSegment* segment = OpenNew(shmName, objectSize, initialise, context, error);
+    if (segment) {
+      std::lock_guard<std::mutex> guard(open.lock);
+      try {
+        DKSharedSegment*& entry = open.byName[shmName];
+        if (!entry || entry->m_pid != self)
+          entry = segment;
+      } catch (const std::bad_alloc&) { // left out of the table, it is a user of its own
+      }
+    }
+    return segment;
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
     return nullptr;
   }
 }
 
+DKSharedSegment* DKSharedSegment::OpenNew(const std::string& shmName, std::size_t objectSize, Initialise initialise,
+                                          void* context, int& error) {
+  const std::size_t size = kObjectOffset + objectSize;
+  // A segment being removed, or the remains of a creator that died, make the loop start over.
+  for (int attempt = 0; attempt < 64; ++attempt) {
+    int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    const bool creator = fd >= 0;
+    if (!creator) {
+      if (errno != EEXIST) {
+        error = errno;
+        return nullptr;
+      }
+      fd = shm_open(shmName.c_str(), O_RDWR | O_CLOEXEC, 0);
+      if (fd < 0) {
+        if (errno == ENOENT)
+          continue;
+        error = errno;
+        return nullptr;
+      }
+      struct stat status {};
+      const bool sized = WaitBriefly([&] { return fstat(fd, &status) == 0 && status.st_size != 0; });
+      if (!sized || static_cast<std::size_t>(status.st_size) != size) {
+        close(fd);
+        if (sized) { // another kind of object, or another version of the library
+          error = EINVAL;
+          return nullptr;
+        }
+        shm_unlink(shmName.c_str());
+        continue;
+      }
+    } else if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+      error = errno;
+      close(fd);
+      shm_unlink(shmName.c_str());
+      return nullptr;
+    }
+
+    void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) {
+      error = errno;
+      close(fd);
+      if (creator)
+        shm_unlink(shmName.c_str());
+      return nullptr;
+    }
+    Header* header = HeaderOf(base);
+    const auto giveUp = [&](int rc) -> DKSharedSegment* {
+      munmap(base, size);
+      close(fd);
+      error = rc;
+      return nullptr;
+    };
+    // The process's record of the open segment; without memory for it, nothing stays open.
+    const auto keep = [&]() -> DKSharedSegment* {
+      try {
+        return new DKSharedSegment(shmName, fd, base, size, static_cast<int>(getpid()));
+      } catch (const std::bad_alloc&) {
+        if (creator)
+          shm_unlink(shmName.c_str());
+        return giveUp(ENOMEM);
+      }
+    };
+
+    if (creator) {
+      header->magic = kMagic;
+      header->version = kVersion;
+      header->objectSize = static_cast<std::uint32_t>(objectSize);
+      int rc = InitHeaderLock(header);
+      if (rc == 0)
+        rc = LockHeader(header);
+      if (rc == 0) {
+        rc = SetUserLock(fd, F_RDLCK);
+        if (rc == 0)
+          rc = initialise(ObjectOf(base), context);
+        header->ready.store(1, std::memory_order_release);
+        UnlockHeader(header);
+      }
+      if (rc != 0) {
+        shm_unlink(shmName.c_str());
+        return giveUp(rc);
+      }
+      return keep();
+    }
+
+    if (!WaitBriefly([&] { return header->ready.load(std::memory_order_acquire) != 0; })) {
+      giveUp(0);
+      shm_unlink(shmName.c_str());
+      continue;
+    }
+    if (header->magic != kMagic || header->version != kVersion || header->objectSize != objectSize)
+      return giveUp(EINVAL);
+    int rc = LockHeader(header);
+    if (rc != 0)
+      return giveUp(rc);
+    if (header->removed) {
+      UnlockHeader(header);
+      giveUp(0);
+      continue;
+    }
+    // Alone: every process that had the object open has ended, and it starts afresh.
+    rc = SetUserLock(fd, F_WRLCK);
+    if (rc == 0)
+      rc = initialise(ObjectOf(base), context);
+    else if (rc == EAGAIN)
+      rc = 0;
+    if (rc == 0)
+      rc = SetUserLock(fd, F_RDLCK); // no one holds it exclusively outside the header's lock
+    UnlockHeader(header);
+    if (rc != 0)
+      return giveUp(rc);
+    return keep();
+  }
+  error = EAGAIN;
+  return nullptr;
+}
+
 void* DKSharedSegment::Object() const noexcept { return ObjectOf(m_base); }
 
 void DKSharedSegment::Close() noexcept {
-  Header* header = HeaderOf(m_base);
-  if (LockHeader(header) == 0) {
-    PruneUsers(header);
-    if (RemoveUser(header, getpid())) {
-      // Removed under the lock: an opener that finds the segment afterwards sees it marked and
-      // starts over with a new one.
-      header->removed = 1;
-      shm_unlink(m_shmName.c_str());
+  OpenSegments& open = TheOpenSegments();
+  {
+    std::lock_guard<std::mutex> guard(open.lock);
+    if (--m_opens != 0)
+      return;
+    const auto it = open.byName.find(m_shmName);
+    if (it != open.byName.end() && it->second == this)
+      open.byName.erase(it);
+  }
+  // A forked child only lets go of what it inherited: the object is its parent's.
+  if (m_pid == static_cast<int>(getpid())) {
+    Header* header = HeaderOf(m_base);
+    if (LockHeader(header) == 0) {
+      // Removed under the header's lock: an opener that finds the segment afterwards sees it
+      // marked and starts over with a new one. Another user, in this process or another, keeps
+      // the lock from turning exclusive.
+      if (!header->removed && SetUserLock(m_fd, F_WRLCK) == 0) {
+        header->removed = 1;
+        shm_unlink(m_shmName.c_str());
+      }
+      UnlockHeader(header);
     }
-    UnlockHeader(header);
   }
   munmap(m_base, m_size);
+  close(m_fd); // drops this process's lock
   delete this;
 }

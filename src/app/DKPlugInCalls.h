@@ -1,0 +1,67 @@
+// Calls into plug-in code (internal). Plug-ins are foreign code: whatever one of them throws is
+// caught where the framework calls it and becomes an error naming the plug-in and the call, so
+// that this plug-in fails while the host and the other plug-ins go on.
+#pragma once
+
+#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKException.h>
+#include <DorvikCore/DKPlugIn.h>
+#include <DorvikCore/DKString.h>
+
+#include <exception>
+#include <string>
+
+namespace dkapp {
+
+inline DKErrorID TextError(const DKString& text) {
+  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text)));
+}
+
+inline DKString FromUTF8(const std::string& text) {
+  DKString result;
+  if (!result.SetFromUTF8(text.c_str(), text.size()).IsSuccess())
+    result = DK_T("?");
+  return result;
+}
+
+inline DKString ExceptionText(const std::exception& e) {
+  if (const auto* own = dynamic_cast<const DKException*>(&e))
+    return own->What();
+  return FromUTF8(e.what());
+}
+
+// Runs fn, which returns a DKErrorID; an exception becomes the error "<what> threw: <text>".
+template <class F>
+DKErrorID Guarded(const DKString& what, F&& fn) {
+  try {
+    return fn();
+  } catch (const std::exception& e) {
+    return TextError(what + DK_T(" threw: ") + ExceptionText(e));
+  } catch (...) {
+    return TextError(what + DK_T(" threw an unknown exception"));
+  }
+}
+
+// The plug-in's name, or a stand-in when it cannot tell.
+inline DKString SafeName(const DKPlugIn& plugIn) {
+  try {
+    return plugIn.GetName();
+  } catch (...) {
+    return DKString(DK_T("(plug-in without a name)"));
+  }
+}
+
+// Runs fn, a call of the plug-in's member call; an exception becomes the error
+// "<name>: <call> threw: <text>" (the name is asked only then).
+template <class F>
+DKErrorID CallPlugIn(const DKPlugIn& plugIn, const DKChar* call, F&& fn) {
+  DKErrorID failed = Guarded(DKString(call), [&] {
+    fn();
+    return DKErrorID();
+  });
+  if (failed.Bad())
+    failed = TextError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + failed.AsString());
+  return failed;
+}
+
+} // namespace dkapp
