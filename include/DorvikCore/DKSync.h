@@ -3,10 +3,20 @@
 // turns in a fixed order.
 //
 // Timeouts are in milliseconds: DK_INFINITE (any negative value) waits without limit, 0 tries
-// once. Lock and unlock exist under two spellings (Lock/lock, Unlock/unlock, ...), so the
-// standard lock guards work with these classes:
-//   DKCriticalSection section;
-//   std::lock_guard<DKCriticalSection> guard(section);
+// once. Lock and unlock exist under two spellings (Lock/lock, Unlock/unlock, ...). Besides,
+// DKCriticalSection, DKSynchronizedCriticalSection, DKMutex and DKCountingSemaphore (for one
+// unit) have the standard forms lock(), try_lock(), try_lock_for(duration),
+// try_lock_until(time point) and unlock(), so the standard guards work with them:
+//   DKMutex mutex(DK_T("jobs"));
+//   {
+//     std::lock_guard guard(mutex);           // returns holding it, also when abandoned
+//     if (mutex.WasAbandoned()) RepairSharedState();
+//   }
+//   std::unique_lock lock(mutex, std::chrono::milliseconds(200)); // try_lock_for
+//   if (lock.owns_lock()) ...
+//   std::scoped_lock both(section, mutex);   // several at once, without deadlock
+// A standard lock() returns only once the caller holds the object; unlock() after it cannot
+// fail, so a guard's destructor never throws.
 //
 // Named mutexes and events live in shared memory, one object per name (mutexes and events have
 // names of their own), shared by the processes of one user; the last close removes the object.
@@ -21,11 +31,27 @@
 #include <DorvikCore/DKTypes.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 
 // Wait without limit.
 inline constexpr int DK_INFINITE = -1;
+
+// A standard duration for the timed forms, clamped to what a millisecond count can hold, so
+// that std::chrono::duration::max() waits long rather than overflowing.
+template <class Rep, class Period>
+std::chrono::steady_clock::duration DKSyncClampedDuration(const std::chrono::duration<Rep, Period>& d) {
+  using Ms = std::chrono::duration<double, std::milli>;
+  const double ms = std::chrono::duration_cast<Ms>(d).count();
+  if (!(ms > 0))
+    return std::chrono::steady_clock::duration::zero();
+  constexpr double longest = 2147483647.0; // about 24 days, as a millisecond timeout holds
+  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(Ms(ms < longest ? ms : longest));
+}
+
+// Milliseconds left until a deadline, rounded up and within [0, INT_MAX].
+DK_EXPORT int DKSyncMillisecondsUntil(std::chrono::steady_clock::time_point deadline) noexcept;
 // The raw results of DKEventSemaphore::Wait.
 inline constexpr std::uint32_t DK_WAIT_OBJECT_0 = 0;
 inline constexpr std::uint32_t DK_WAIT_TIMEOUT = 258;
@@ -45,7 +71,7 @@ public:
   DKCriticalSection(const DKCriticalSection&) = delete;
   DKCriticalSection& operator=(const DKCriticalSection&) = delete;
 
-  void Lock() {
+  void Lock() noexcept {
     const std::thread::id self = std::this_thread::get_id();
     if (m_owner.load(std::memory_order_relaxed) == self) {
       ++m_count;
@@ -57,20 +83,30 @@ public:
     m_owner.store(self, std::memory_order_relaxed);
     m_count = 1;
   }
-  void lock() { Lock(); }
-  void obtain() { Lock(); }
-  void Unlock() {
+  void lock() noexcept { Lock(); }
+  void obtain() noexcept { Lock(); }
+  void Unlock() noexcept {
     if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
       return;
     m_owner.store(std::thread::id(), std::memory_order_relaxed);
     if (m_state.exchange(Free, std::memory_order_release) == HeldWaited)
       WakeWaiter();
   }
-  void unlock() { Unlock(); }
-  void release() { Unlock(); }
+  void unlock() noexcept { Unlock(); }
+  void release() noexcept { Unlock(); }
   // Enters when the section is free or already held by the caller.
-  bool TryLock();
-  bool try_lock() { return TryLock(); }
+  bool TryLock() noexcept;
+  bool try_lock() noexcept { return TryLock(); }
+  // Enters when the section becomes free within the time (waiting in growing steps of at
+  // most a millisecond: a section is meant to be held briefly).
+  template <class Rep, class Period>
+  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
+    return TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
+  }
+  template <class Clock, class Duration>
+  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
+    return try_lock_for(deadline - Clock::now());
+  }
   // Whether the caller could enter now: 0 when another thread holds the section, otherwise the
   // recursion count the caller had while trying (1 when the section was free, more when the
   // caller already held it). A non-zero result does not mean the section is held by anyone.
@@ -78,7 +114,8 @@ public:
 
 private:
   enum : std::uint32_t { Free = 0, Held = 1, HeldWaited = 2 };
-  void LockContended();
+  bool TryLockUntil(std::chrono::steady_clock::time_point deadline);
+  void LockContended() noexcept;
   void WakeWaiter();
 
   // Free, Held, or HeldWaited: held, and someone may be asleep waiting for it.
@@ -107,7 +144,7 @@ public:
   // True when the caller now holds the mutex. False when the timeout passed, or when the
   // previous owner ended while holding it (the mutex is then made consistent and left free).
   bool Lock(int timeoutMs = DK_INFINITE);
-  bool lock(int timeoutMs = DK_INFINITE) { return Lock(timeoutMs); }
+  bool lock(int timeoutMs) { return Lock(timeoutMs); }
   // Locks without limit; returns holding the mutex (an abandoned mutex is taken over).
   void obtain();
   // Throws when the caller does not hold the mutex.
@@ -115,10 +152,32 @@ public:
   void unlock() { Unlock(); }
   void release() { Unlock(); }
 
+  // The standard forms. Each returns holding the mutex (or false for the tries): a mutex whose
+  // previous owner ended while holding it is made consistent and taken over, as the kernel
+  // hands it over, and WasAbandoned() then tells the new holder, who may want to repair what
+  // the mutex guards.
+  void lock();
+  bool try_lock() { return LockTakingOver(0); }
+  template <class Rep, class Period>
+  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
+    return try_lock_until(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
+  }
+  template <class Clock, class Duration>
+  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
+    return LockTakingOver(DKSyncMillisecondsUntil(std::chrono::steady_clock::now() +
+                                                  DKSyncClampedDuration(deadline - Clock::now())));
+  }
+  // Whether the holder's last successful standard lock took the mutex over from an owner that
+  // ended while holding it. Meaningful to the holder only.
+  bool WasAbandoned() const noexcept { return m_abandoned; }
+
   void* GetHandle() const noexcept { return m_handle; }
 
 private:
+  bool LockTakingOver(int timeoutMs);
+
   DKMutexImpl* m_handle;
+  bool m_abandoned = false;
 };
 
 // A manual-reset event: once posted it stays posted, releasing every waiter, until Reset.
@@ -196,12 +255,27 @@ public:
   void Unlock(std::uint32_t n = 1);
   void post(std::uint32_t n = 1) { Unlock(n); }
 
+  // The standard forms, for one unit: a guard takes one unit and gives it back.
+  void lock() { Lock(1); }
+  bool try_lock() { return TryLock(1); }
+  template <class Rep, class Period>
+  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
+    return TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
+  }
+  template <class Clock, class Duration>
+  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
+    return try_lock_for(deadline - Clock::now());
+  }
+  void unlock() { Unlock(1); }
+
   std::uint32_t GetCount();
   // The maximum.
   std::uint32_t GetSize();
 
 private:
-  DKMutexImpl* m_mutex;
+  bool TryLockUntil(std::chrono::steady_clock::time_point deadline);
+
+  DKMutex m_mutex;
   std::uint32_t m_count;
   std::uint32_t m_maximum;
 };

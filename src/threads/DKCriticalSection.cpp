@@ -5,6 +5,9 @@
 // on it until the holder's release wakes one sleeper.
 #include <DorvikCore/DKSync.h>
 
+#include <algorithm>
+#include <thread>
+
 DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std::thread::id()), m_count(0) {
   if (lockNow)
     Lock();
@@ -12,7 +15,7 @@ DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std:
 
 DKCriticalSection::~DKCriticalSection() = default;
 
-void DKCriticalSection::LockContended() {
+void DKCriticalSection::LockContended() noexcept {
   // A short spin first: sections are usually held for a few instructions.
   for (int i = 0; i < 100; ++i) {
     std::uint32_t expected = Free;
@@ -27,7 +30,7 @@ void DKCriticalSection::LockContended() {
 
 void DKCriticalSection::WakeWaiter() { m_state.notify_one(); }
 
-bool DKCriticalSection::TryLock() {
+bool DKCriticalSection::TryLock() noexcept {
   const std::thread::id self = std::this_thread::get_id();
   if (m_owner.load(std::memory_order_relaxed) == self) {
     ++m_count;
@@ -39,6 +42,19 @@ bool DKCriticalSection::TryLock() {
   m_owner.store(self, std::memory_order_relaxed);
   m_count = 1;
   return true;
+}
+
+bool DKCriticalSection::TryLockUntil(std::chrono::steady_clock::time_point deadline) {
+  auto pause = std::chrono::microseconds(20);
+  for (;;) {
+    if (TryLock())
+      return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline)
+      return false;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(pause, deadline - now));
+    pause = std::min(pause * 2, std::chrono::microseconds(1000));
+  }
 }
 
 unsigned DKCriticalSection::IsLocked() {

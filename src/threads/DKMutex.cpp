@@ -40,6 +40,36 @@ void DKMutex::obtain() {
 
 void DKMutex::Unlock() { DKUnlockOrThrow(m_handle); }
 
+bool DKMutex::LockTakingOver(int timeoutMs) {
+  int error = 0;
+  switch (m_handle->Lock(timeoutMs, error)) {
+  case DKWaitStatus::Signalled:
+    m_abandoned = false;
+    return true;
+  case DKWaitStatus::Abandoned:
+    m_abandoned = true; // made consistent by the platform, and now held by the caller
+    return true;
+  case DKWaitStatus::TimedOut:
+    return false;
+  case DKWaitStatus::Failed:
+    break;
+  }
+  DKThrowSystemError(error);
+}
+
+void DKMutex::lock() {
+  while (!LockTakingOver(DK_INFINITE)) {
+  }
+}
+
+int DKSyncMillisecondsUntil(std::chrono::steady_clock::time_point deadline) noexcept {
+  const auto left = deadline - std::chrono::steady_clock::now();
+  if (left <= std::chrono::steady_clock::duration::zero())
+    return 0;
+  const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+  return ms > 2147483647 ? 2147483647 : static_cast<int>(ms);
+}
+
 DKEventSemaphore::DKEventSemaphore(const DKString& name, bool initiallyPosted) {
   int error = 0;
   m_handle = DKEventImpl::Open(name.AsUTF8(), initiallyPosted, error);

@@ -3,68 +3,67 @@
 
 #include "threads/DKSyncCommon.h"
 
+#include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
-
-namespace {
-
-DKMutexImpl* OpenUnnamedMutex(bool owned) {
-  int error = 0;
-  DKMutexImpl* mutex = DKMutexImpl::Open(std::string(), owned, error);
-  if (!mutex)
-    DKThrowSystemError(error);
-  return mutex;
-}
-
-} // namespace
 
 DKCountingSemaphore::DKCountingSemaphore(std::uint32_t initial) : DKCountingSemaphore(initial, DefaultMaximum) {}
 
 DKCountingSemaphore::DKCountingSemaphore(std::uint32_t initial, std::uint32_t maximum)
-    : m_mutex(nullptr), m_count(initial), m_maximum(maximum) {
+    : m_count(initial), m_maximum(maximum) {
   if (initial > maximum)
     throw DKException(DK_T("DKCountingSemaphore exception: initial greater than the maximum"));
-  m_mutex = OpenUnnamedMutex(false);
 }
 
-DKCountingSemaphore::~DKCountingSemaphore() { m_mutex->Close(); }
+DKCountingSemaphore::~DKCountingSemaphore() = default;
 
 void DKCountingSemaphore::Lock(std::uint32_t n) {
   if (n > m_maximum)
     throw DKException(DK_T("DKCountingSemaphore exception: request greater than the maximum"));
-  DKLockOrThrow(m_mutex);
+  std::unique_lock guard(m_mutex);
   // There is no kernel semaphore underneath: poll every 10 milliseconds.
   while (m_count < n) {
-    DKUnlockOrThrow(m_mutex);
+    guard.unlock();
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    DKLockOrThrow(m_mutex);
+    guard.lock();
   }
   m_count -= n;
-  DKUnlockOrThrow(m_mutex);
 }
 
 bool DKCountingSemaphore::TryLock(std::uint32_t n) {
-  DKMutexImplGuard guard(m_mutex);
+  std::lock_guard guard(m_mutex);
   if (m_count < n)
     return false;
   m_count -= n;
   return true;
 }
 
+bool DKCountingSemaphore::TryLockUntil(std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    if (TryLock(1))
+      return true;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline)
+      return false;
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(std::chrono::milliseconds(10), deadline - now));
+  }
+}
+
 void DKCountingSemaphore::Unlock(std::uint32_t n) {
-  DKMutexImplGuard guard(m_mutex);
+  std::lock_guard guard(m_mutex);
   if (static_cast<std::uint64_t>(m_count) + n > m_maximum)
     throw DKException(DK_T("DKCountingSemaphore overflow"));
   m_count += n;
 }
 
 std::uint32_t DKCountingSemaphore::GetCount() {
-  DKMutexImplGuard guard(m_mutex);
+  std::lock_guard guard(m_mutex);
   return m_count;
 }
 
 std::uint32_t DKCountingSemaphore::GetSize() {
-  DKMutexImplGuard guard(m_mutex);
+  std::lock_guard guard(m_mutex);
   return m_maximum;
 }
 

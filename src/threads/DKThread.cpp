@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <exception>
 #include <map>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -49,29 +50,11 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-class RegistryLock {
+// Holds the registry mutex: a standard lock over it, with the registry's entries at hand.
+class RegistryLock : public std::unique_lock<DKMutex> {
 public:
-  RegistryLock() : m_registry(TheRegistry()) { m_registry.mutex.obtain(); }
-  ~RegistryLock() {
-    if (m_held)
-      m_registry.mutex.Unlock();
-  }
-  RegistryLock(const RegistryLock&) = delete;
-  RegistryLock& operator=(const RegistryLock&) = delete;
-
-  void Unlock() {
-    m_registry.mutex.Unlock();
-    m_held = false;
-  }
-  void Relock() {
-    m_registry.mutex.obtain();
-    m_held = true;
-  }
-  std::map<std::uint32_t, RegistryEntry>& Entries() { return m_registry.entries; }
-
-private:
-  Registry& m_registry;
-  bool m_held = true;
+  RegistryLock() : std::unique_lock<DKMutex>(TheRegistry().mutex) {}
+  std::map<std::uint32_t, RegistryEntry>& Entries() { return TheRegistry().entries; }
 };
 
 std::uint32_t CurrentId() noexcept { return static_cast<std::uint32_t>(DKProcess::CurrentThreadId()); }
@@ -99,19 +82,19 @@ bool WaitRegistered(const DKThread_t& who, int sliceMs) {
     if (who.m_threadID == CurrentId()) {
       // A thread cannot outlive its own wait: it only gives up its entry.
       lock.Entries().erase(it);
-      lock.Unlock();
+      lock.unlock();
       DKThreadImpl::Close(handle);
       return true;
     }
     const bool running = it->second.running;
     DKThreadImpl::AddRef(handle);
-    lock.Unlock();
+    lock.unlock();
     const bool ended = DKThreadImpl::Wait(handle, running ? sliceMs : -1);
-    lock.Relock();
+    lock.lock();
     it = lock.Entries().find(who.m_threadID);
     const bool ours = it != lock.Entries().end() && it->second.handle == handle;
     if (!ours) { // another waiter finished the job
-      lock.Unlock();
+      lock.unlock();
       DKThreadImpl::Release(handle);
       return true;
     }
@@ -119,7 +102,7 @@ bool WaitRegistered(const DKThread_t& who, int sliceMs) {
       it->second.running = false;
     } else if (ended) {
       lock.Entries().erase(it);
-      lock.Unlock();
+      lock.unlock();
       DKThreadImpl::Release(handle); // ours
       DKThreadImpl::Close(handle);   // the registration's
       return true;
@@ -244,14 +227,14 @@ DKErrorID DKThread::Start(int priority) {
   int error = 0;
   DKThreadHandleImpl* handle = DKThreadImpl::CreateHeld(stackSize, &DKThread::ThreadEntry, this, id, error);
   if (!handle) {
-    lock.Unlock();
+    lock.unlock();
     m_startClaimed.store(false, std::memory_order_release);
     throw DKException(DK_T("_beginthreadex failed in DKThread::Start()"));
   }
   if (priority != 0) {
     if (const int refused = DKThreadImpl::SetPriority(id, priority)) {
       // The thread never runs and is never registered; it ends at the gate.
-      lock.Unlock();
+      lock.unlock();
       DKThreadImpl::Cancel(handle);
       DKThreadImpl::Close(handle);
       m_startClaimed.store(false, std::memory_order_release);
@@ -267,13 +250,13 @@ DKErrorID DKThread::Start(int priority) {
       it->second = RegistryEntry{true, handle, this};
     }
   } catch (...) {
-    lock.Unlock();
+    lock.unlock();
     DKThreadImpl::Cancel(handle);
     DKThreadImpl::Close(handle);
     m_startClaimed.store(false, std::memory_order_release);
     throw;
   }
-  lock.Unlock();
+  lock.unlock();
   if (stale)
     DKThreadImpl::Close(stale);
 

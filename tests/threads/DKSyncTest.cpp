@@ -9,9 +9,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -231,6 +233,82 @@ TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
   }
   for (auto& mutex : mutexes)
     mutex->Unlock();
+}
+
+// The standard guards over every lockable class: one contract, one typed test.
+template <class Lockable>
+struct StandardLockable {
+  static std::unique_ptr<Lockable> Make() { return std::make_unique<Lockable>(); }
+};
+template <>
+struct StandardLockable<DKCountingSemaphore> {
+  static std::unique_ptr<DKCountingSemaphore> Make() { return std::make_unique<DKCountingSemaphore>(1, 1); }
+};
+struct NamedMutex : DKMutex {
+  NamedMutex() : DKMutex(Text(UniqueName("guarded"))) {}
+};
+
+template <class Lockable>
+class DKStandardGuardsTest : public ::testing::Test {};
+using Lockables = ::testing::Types<DKCriticalSection, DKSynchronizedCriticalSection, DKMutex, NamedMutex,
+                                   DKCountingSemaphore>;
+TYPED_TEST_SUITE(DKStandardGuardsTest, Lockables);
+
+TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeOut) {
+  const auto lockable = StandardLockable<TypeParam>::Make();
+  TypeParam& object = *lockable;
+  ExpectExclusion(
+      4, 2000, [&](int, int) { object.lock(); }, [&] { object.unlock(); });
+  {
+    std::lock_guard guard(object);
+    // Held here: another thread's timed tries give up, by duration and by deadline.
+    EXPECT_FALSE(OnOtherThread([&] {
+      std::unique_lock<TypeParam> lock(object, std::chrono::milliseconds(30));
+      return lock.owns_lock();
+    }));
+    EXPECT_FALSE(OnOtherThread([&] {
+      return object.try_lock_until(std::chrono::system_clock::now() + std::chrono::milliseconds(5));
+    }));
+  }
+  EXPECT_TRUE(OnOtherThread([&] {
+    std::unique_lock<TypeParam> lock(object, std::chrono::hours(1)); // free: at once
+    return lock.owns_lock();
+  }));
+  DKCriticalSection other;
+  {
+    std::scoped_lock both(object, other);
+    EXPECT_FALSE(OnOtherThread([&] { return other.try_lock(); }));
+  }
+  EXPECT_TRUE(OnOtherThread([&] {
+    std::scoped_lock both(other, object); // the other order: no deadlock either way
+    return true;
+  }));
+  // A wait of "forever" (the largest duration) is clamped, not overflowed: free, so at once.
+  EXPECT_TRUE(object.try_lock_for(std::chrono::nanoseconds::max()));
+  object.unlock();
+  EXPECT_TRUE(object.try_lock_for(std::chrono::milliseconds(-5))); // a past deadline still tries once
+  object.unlock();
+}
+
+TEST(DKMutexTest, AnAbandonedNamedMutexIsTakenOverUnderAStandardGuard) {
+  const std::string name = UniqueName("mutex-guard-abandoned");
+  DKMutex mutex(Text(name));
+  ASSERT_EQ(RunHelper("mutex-abandon " + name), 0);
+  {
+    std::lock_guard guard(mutex); // returns holding it
+    EXPECT_TRUE(mutex.WasAbandoned());
+    EXPECT_EQ(RunHelper("mutex-try " + name), 10); // another process finds it held
+  } // the guard's unlock does not throw
+  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+  {
+    std::unique_lock lock(mutex, std::chrono::milliseconds(100));
+    ASSERT_TRUE(lock.owns_lock());
+    EXPECT_FALSE(mutex.WasAbandoned()); // an ordinary lock this time
+  }
+  // In one process too: a thread that ended holding it hands it over to the guard.
+  std::thread([&] { ASSERT_TRUE(mutex.Lock()); }).join();
+  std::lock_guard guard(mutex);
+  EXPECT_TRUE(mutex.WasAbandoned());
 }
 
 TEST(DKEventSemaphoreTest, ManualResetStatesAndWaitResults) {
