@@ -9,9 +9,9 @@
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 
-#include <climits>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 class DKMessageSource;
@@ -144,16 +144,23 @@ DK_EXPORT DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severi
 
 namespace dkerror_detail {
 
-// Stores one parameter by its kind: integers as int when they fit and long otherwise, other
-// arithmetic types as double, text of either kind as DKString.
+// Stores one parameter by its kind: integers no wider than int as int, long as long, wider
+// ones as long when the value fits (and as their decimal text when it does not, where long is
+// 32 bits); other arithmetic types as double; text of either kind as DKString.
 template <class T>
 void AddParam(DKErrorWithArgs& error, const T& value) {
-  if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
-    const auto wide = static_cast<long long>(value);
-    if (wide >= INT_MIN && wide <= INT_MAX)
-      error.AddParam(static_cast<int>(wide));
+  if constexpr (std::is_enum_v<T>) {
+    AddParam(error, static_cast<std::underlying_type_t<T>>(value));
+  } else if constexpr (std::is_integral_v<T> && sizeof(T) <= sizeof(int) && !std::is_same_v<T, unsigned>) {
+    error.AddParam(static_cast<int>(value));
+  } else if constexpr (std::is_same_v<T, long>) {
+    error.AddParam(value);
+  } else if constexpr (std::is_integral_v<T>) {
+    if (std::in_range<long>(value))
+      error.AddParam(static_cast<long>(value));
     else
-      error.AddParam(static_cast<long>(wide));
+      error.AddParam(std::is_signed_v<T> ? DKString::Number(static_cast<long long>(value))
+                                         : DKString::Number(static_cast<unsigned long long>(value)));
   } else if constexpr (std::is_floating_point_v<T>) {
     error.AddParam(static_cast<double>(value));
   } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {

@@ -41,10 +41,7 @@ DKString JoinPath(const DKString& directory, const DKString& name) {
 
 DKString CurrentDirectory() {
   std::string utf8;
-  DKString path;
-  if (DKEnvironment::GetCurrentDirectory(utf8))
-    path.SetFromUTF8(utf8.c_str(), utf8.size());
-  return path;
+  return DKEnvironment::GetCurrentDirectory(utf8) ? DKString::FromUTF8(utf8) : DKString();
 }
 
 DKString MakeAbsolute(const DKString& path) {

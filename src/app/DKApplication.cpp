@@ -317,9 +317,7 @@ void DKApplication::AddToPath(const DKString& text) {
   DKString value = text;
   DKString path;
   if (DKProcess::GetEnvironmentVariable("PATH", path) && !path.IsEmpty()) {
-    DKString separator;
-    separator.SetFromUTF8(DKEnvironment::PathListSeparator());
-    value += separator + path;
+    value += DKString(DKEnvironment::PathListSeparator()) + path;
   }
   DKEnvironment::SetVariable("PATH", value.AsUTF8());
 }

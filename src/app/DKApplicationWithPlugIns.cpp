@@ -24,7 +24,6 @@
 
 using dkapp::CallPlugIn;
 using dkapp::ExceptionText;
-using dkapp::FromUTF8;
 using dkapp::Guarded;
 using dkapp::SafeName;
 using dkapp::TextError;
@@ -277,7 +276,7 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
     // Sorted, so that the order does not depend on the file system.
     std::sort(names.begin(), names.end());
     for (const std::string& name : names) {
-      const DKString file = FromUTF8(name);
+      const DKString file = DKString::FromUTF8(name);
       if (EndsWithIgnoringCase(file, extension))
         modules.push_back(dkapp::JoinPath(searchDirectory, file));
     }
@@ -340,7 +339,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
   DKModule::Handle module = DKModule::Open(path, error);
   if (!module) {
     GetCout(1) << "LoadLibrary fails on " << moduleFile << ": " << error << std::endl;
-    return TextError(moduleFile + DK_T(": ") + FromUTF8(error));
+    return TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
   }
   DKTrace::Msg(TL_NORMAL, TS_DL, "DKApplicationWithPlugIns", "loaded %S\n", moduleFile.c_str());
 
@@ -350,13 +349,13 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": Cannot locate \"" << entry << "\" entry point"
                << std::endl;
     CloseModule({module, moduleFile});
-    return TextError(moduleFile + DK_T(": ") + FromUTF8(error));
+    return TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
   }
 
   DKSmartPtr<DKPlugIn> plugIn;
-  DKErrorID result = Guarded(FromUTF8(entry), [&] {
+  DKErrorID result = Guarded(DKString::FromUTF8(entry), [&] {
     plugIn = getPlugIn();
-    return plugIn ? DKErrorID() : TextError(FromUTF8(entry) + DK_T(" returned no plug-in"));
+    return plugIn ? DKErrorID() : TextError(DKString::FromUTF8(entry) + DK_T(" returned no plug-in"));
   });
   if (result.Bad()) {
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": " << result.AsString() << std::endl;
@@ -782,5 +781,5 @@ void DKApplicationWithPlugIns::UnloadAll() {
 void DKApplicationWithPlugIns::CloseModule(const Module& module) {
   std::string error;
   if (!DKModule::Close(module.handle, error))
-    PrintError(DKString(DK_T("Cannot unload ")) + module.path + DK_T(": ") + FromUTF8(error));
+    PrintError(DKString(DK_T("Cannot unload ")) + module.path + DK_T(": ") + DKString::FromUTF8(error));
 }

@@ -34,9 +34,7 @@ DKFileLogSubscriber::DKFileLogSubscriber(const DKString& fileName, OpenMode mode
   m_file = DKFileSystem::OpenFile(path, mode == Truncate ? "wb" : "ab");
   if (!m_file) {
     const int code = DKSystem::LastErrorCode();
-    DKString reason;
-    reason.SetFromUTF8(DKSystem::ErrorCodeText(code).c_str());
-    m_errorText = DKString(DK_T("cannot open the log file ")) + fileName + DK_T(": ") + reason;
+    m_errorText = DKStrCat(DK_T("cannot open the log file "), fileName, DK_T(": "), DKSystem::ErrorCodeText(code));
   }
 }
 

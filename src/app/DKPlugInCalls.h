@@ -17,17 +17,10 @@ inline DKErrorID TextError(const DKString& text) {
   return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text)));
 }
 
-inline DKString FromUTF8(const std::string& text) {
-  DKString result;
-  if (!result.SetFromUTF8(text.c_str(), text.size()).IsSuccess())
-    result = DK_T("?");
-  return result;
-}
-
 inline DKString ExceptionText(const std::exception& e) {
   if (const auto* own = dynamic_cast<const DKException*>(&e))
     return own->What();
-  return FromUTF8(e.what());
+  return DKString::FromUTF8(e.what());
 }
 
 // Runs fn, which returns a DKErrorID; an exception becomes the error "<what> threw: <text>".

@@ -26,12 +26,6 @@ DKErrorID InvalidArgument(const DKString& text) {
 
 DKString Quoted(const DKString& name) { return DK_T("<") + name + DK_T(">"); }
 
-DKString FromUTF8(const char* text) {
-  DKString result;
-  if (result.SetFromUTF8(text).Bad())
-    result = DK_T("(text that is not UTF-8)");
-  return result;
-}
 
 // A reason is printed on the test's one line.
 DKString OneLine(DKString text) {
@@ -54,7 +48,7 @@ bool Passes(const DKUnitTest::ErrorTest& test, DKString& reason) {
   } catch (const DKException& e) {
     reason = DK_T("exception: ") + e.What();
   } catch (const std::exception& e) {
-    reason = DK_T("exception: ") + FromUTF8(e.what());
+    reason = DK_T("exception: ") + DKString::FromUTF8(e.what());
   } catch (...) {
     reason = DK_T("unknown exception");
   }

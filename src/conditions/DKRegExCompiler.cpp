@@ -818,13 +818,8 @@ Emitter::Frag EmitTree(Emitter& emitter, const std::vector<Node>& nodes, const s
 // units where the problem was found and the problem.
 DKErrorID PatternError(const DKString& pattern, const std::string& what, std::size_t position) {
   constexpr std::size_t shown = 60;
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_REGEX);
-  error->AddParam(pattern.Length() > shown ? pattern.SubStr(0, shown) + DK_T("...") : pattern);
-  error->AddParam(static_cast<long>(position));
-  DKString problem;
-  problem.SetFromUTF8(what.c_str());
-  error->AddParam(problem);
-  return DKErrorID(error);
+  return DKLibraryErrorID(DK_MSG_INVALID_REGEX, pattern.Length() > shown ? pattern.SubStr(0, shown) + DK_T("...") : pattern,
+                          static_cast<long>(position), what);
 }
 
 } // namespace

@@ -58,9 +58,7 @@ int DKTimeZone::GetBias() const noexcept { return IsUTC() ? 0 : -DKClock::LocalS
 DKString DKTimeZone::GetName(bool daylight) const {
   if (IsUTC())
     return DKString(DK_T("UTC"));
-  DKString name;
-  name.SetFromUTF8(DKClock::LocalZoneName(daylight).c_str());
-  return name;
+  return DKString::FromUTF8(DKClock::LocalZoneName(daylight));
 }
 
 void DKTimeZone::Reload() noexcept { DKClock::ReloadZone(); }

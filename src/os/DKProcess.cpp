@@ -7,14 +7,6 @@
 
 namespace {
 
-// Decodes UTF-8 text; where it is not valid UTF-8 the bad bytes become U+FFFD instead of
-// losing the whole text.
-DKString FromUTF8(const std::string& text) {
-  DKString result;
-  if (!result.SetFromUTF8(text.c_str(), text.size()).IsSuccess())
-    result = DKFormatString(DK_T("%S"), text.c_str());
-  return result;
-}
 
 } // namespace
 
@@ -34,12 +26,12 @@ bool DKProcess::GetExecutablePath(DKString& path) {
   std::string utf8;
   if (!ExecutablePathUTF8(utf8))
     return false;
-  path = FromUTF8(utf8);
+  path = DKString::FromUTF8(utf8);
   return true;
 }
 
 DKString DKProcess::GetTempFolder() {
-  DKString folder = FromUTF8(TempFolderUTF8());
+  DKString folder = DKString::FromUTF8(TempFolderUTF8());
   if (!folder.IsEmpty() && DKFileSystem::IsSeparator(folder[folder.Length() - 1]))
     folder.Remove(folder.Length() - 1, 1);
   return folder;
@@ -49,6 +41,6 @@ bool DKProcess::GetEnvironmentVariable(const char* name, DKString& value) {
   std::string utf8;
   if (!EnvironmentVariableUTF8(name, utf8))
     return false;
-  value = FromUTF8(utf8);
+  value = DKString::FromUTF8(utf8);
   return true;
 }

@@ -29,8 +29,5 @@ void DKInitCatchSignal() {
 bool DKSetCrashReportFile(const DKString& path) { return DKCrash::SetReportFile(path.AsUTF8()); }
 
 DKString DKGetCrashReportFile() {
-  const std::string path = DKCrash::GetReportFile();
-  DKString text;
-  text.SetFromUTF8(path.c_str(), path.size());
-  return text;
+  return DKString::FromUTF8(DKCrash::GetReportFile());
 }

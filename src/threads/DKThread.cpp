@@ -123,12 +123,7 @@ std::size_t ConfiguredStackSize() {
 }
 
 DKErrorID SystemError(int error) {
-  auto result = DKLibraryError(DK_MSG_SYSTEM_ERROR);
-  result->AddParam(error);
-  DKString text;
-  text.SetFromUTF8(DKSystem::ErrorCodeText(error).c_str());
-  result->AddParam(text);
-  return DKErrorID(result);
+  return DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, error, DKSystem::ErrorCodeText(error));
 }
 
 // The thread object whose entry runs on this thread, and whether its own callback destroyed it.

@@ -250,7 +250,14 @@ TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
   const DKErrorID system = DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, std::size_t{2}, "No such file \xC3\xA9");
   EXPECT_EQ(system.AsString(), DK_T("System error 2: No such file \u00E9"));
   const auto* args = static_cast<const DKErrorWithArgs*>(system.GetError().Get());
-  EXPECT_EQ(args->GetParameterType(0), DKErrorI::ParamInt);
+  EXPECT_EQ(args->GetParameterType(0), DKErrorI::ParamLong); // a size_t is stored as a long
+  EXPECT_EQ(args->GetParameterType(1), DKErrorI::ParamDKString);
+  const DKErrorID kinds = DKLibraryErrorID(DK_MSG_UNSPECIFIED, 'x', short{2}, 3, 4L, 5.5f, DK_T("six"));
+  const auto* kindArgs = static_cast<const DKErrorWithArgs*>(kinds.GetError().Get());
+  const DKErrorI::ErrorParamType expectedKinds[] = {DKErrorI::ParamInt,    DKErrorI::ParamInt,    DKErrorI::ParamInt,
+                                                    DKErrorI::ParamLong,   DKErrorI::ParamDouble, DKErrorI::ParamDKString};
+  for (std::size_t i = 0; i < std::size(expectedKinds); ++i)
+    EXPECT_EQ(kindArgs->GetParameterType(i), expectedKinds[i]) << i;
   EXPECT_EQ(DKLibraryErrorID(DK_MSG_TEXT_TOO_LONG, 5000000000LL).AsString(), DK_T("Text too long: 5000000000 code units"));
   EXPECT_EQ(DKLibraryErrorID(DK_MSG_INVALID_DATE, DKString(DK_T("x")), std::string("y")).GetError()->GetParameterCount(), 2u);
   const DKErrorID text = DKErrorID::FromText(DK_T("disk full"), 28);
