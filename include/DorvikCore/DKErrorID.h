@@ -55,7 +55,7 @@ private:
 
 // The result of a fallible operation: success (no error, or an error whose code is 0) or a
 // shared reference to an error object. Copies share the object.
-class DK_EXPORT DKErrorID {
+class [[nodiscard, DK_EXPORT_ATTRIBUTE]] DKErrorID {
 public:
   enum DefaultConstant { SUCCESS = 0 };
 
@@ -75,6 +75,10 @@ public:
   const DKSmartPtrToConst<DKErrorI>& GetError() const noexcept { return m_error; }
   // "SUCCESS" when there is no error object, else the error's text in a default context.
   DKString AsString() const;
+
+  // Drops the result on purpose: a DKErrorID that is not used is a compile-time warning
+  // otherwise. Say why where it is called.
+  void IgnoreError() const noexcept {}
 
   // An error that carries its text ready made (a DKErrorString), in one expression.
   static DKErrorID FromText(const DKString& text, long code = -1);

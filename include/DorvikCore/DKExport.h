@@ -5,9 +5,14 @@
 #if defined(_WIN32)
 #  if defined(DORVIKCORE_BUILDING)
 #    define DK_EXPORT __declspec(dllexport)
+#    define DK_EXPORT_ATTRIBUTE gnu::dllexport
 #  else
 #    define DK_EXPORT __declspec(dllimport)
+#    define DK_EXPORT_ATTRIBUTE gnu::dllimport
 #  endif
 #else
 #  define DK_EXPORT __attribute__((visibility("default")))
+#  define DK_EXPORT_ATTRIBUTE gnu::visibility("default")
 #endif
+// The same as a standard attribute, for a class that carries another standard attribute
+// (GCC accepts no mix of the two syntaxes there): class [[nodiscard, DK_EXPORT_ATTRIBUTE]] X.

@@ -671,7 +671,7 @@ int DKApplicationWithPlugIns::Run() {
     runnable->SetStatus(DKPlugIn::Running);
     try {
       const QuitSignalHold::LetThrough letThrough(quitSignals);
-      runnable->Run();
+      runnable->Run().IgnoreError(); // the run step's result is released unread
     } catch (const std::exception& e) {
       runnable->SetStatus(DKPlugIn::Finished);
       PrintError(DK_T("<") + name + DK_T(">: ") + ExceptionText(e));

@@ -105,7 +105,7 @@ void DKThreadedRunPlugIn::RunInThread() {
   // run would wait for ever.
   DKString failure;
   try {
-    Run();
+    Run().IgnoreError(); // the run step's result is released unread
   } catch (const std::exception& e) {
     failure = dkapp::ExceptionText(e);
   } catch (...) {

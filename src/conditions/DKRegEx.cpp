@@ -5,7 +5,7 @@
 #include <utility>
 
 DKRegEx::DKRegEx() noexcept = default;
-DKRegEx::DKRegEx(const DKString& pattern) { Compile(pattern); }
+DKRegEx::DKRegEx(const DKString& pattern) { Compile(pattern).IgnoreError(); } // IsCompiled tells
 DKRegEx::DKRegEx(const DKRegEx& other) noexcept = default;
 DKRegEx::DKRegEx(DKRegEx&& other) noexcept = default;
 DKRegEx& DKRegEx::operator=(const DKRegEx& other) noexcept = default;

@@ -216,7 +216,7 @@ DKString DKErrorID::AsString() const {
   if (!m_error)
     return DKString(DK_T("SUCCESS"));
   DKString text;
-  m_error->AsString(text, DKFormatContext());
+  m_error->AsString(text, DKFormatContext()).IgnoreError(); // a failure still leaves a text to show
   return text;
 }
 

@@ -149,9 +149,9 @@ namespace {
 DKString SourceText(long code, const DKSmartPtr<DKMessageSource>& source) {
   DKString text;
   if (source)
-    source->GetText(text, code, DKFormatContext());
+    source->GetText(text, code, DKFormatContext()).IgnoreError(); // the text is the message either way
   else
-    DKMessageSource::UnknownCode(text, code);
+    DKMessageSource::UnknownCode(text, code).IgnoreError();
   return text;
 }
 

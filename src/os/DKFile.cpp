@@ -14,9 +14,7 @@ namespace {
 
 bool Failed(int code, const DKChar* what, const DKString& path, DKString& error) {
   error = DKString(what) + DK_T(" ") + path + DK_T(": ");
-  DKString text;
-  text.SetFromUTF8(DKSystem::ErrorCodeText(code).c_str());
-  error += text;
+  error += DKString::FromUTF8(DKSystem::ErrorCodeText(code));
   return false;
 }
 

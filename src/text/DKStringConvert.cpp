@@ -48,7 +48,7 @@ std::string DKString::AsMbString(unsigned int codePage) const {
   if (!converter)
     return AsUTF8();
   std::string out;
-  converter->FromUnicode(c_str(), Length(), out); // a replacing converter does not fail
+  converter->FromUnicode(c_str(), Length(), out).IgnoreError(); // a replacing converter does not fail
   return out;
 }
 

@@ -33,8 +33,7 @@ TEST(DKGuidTest, ReadsTheTextFormOrRefusesIt) {
     const DKGuid before = narrow;
     EXPECT_EQ(DKGuid::Parse(text, narrow), valid);
     EXPECT_EQ(narrow, valid ? kSample : before) << "a refused text leaves the value alone";
-    DKString wide;
-    wide.SetFromUTF8(text);
+    const DKString wide = DKString::FromUTF8(text);
     bool ok = !valid;
     EXPECT_EQ(DKGuid::FromString(wide, &ok), valid ? kSample : DKGuid());
     EXPECT_EQ(ok, valid);

@@ -23,10 +23,10 @@ DKErrorID Error(const char* text) {
 // Main: 1 A, 2 Sub > (1 B fails, 2 Inner > (1 C)). The tests note their names in ran.
 struct Tree {
   Tree() : main(DK_T("Main")) {
-    main.AddTest(DK_T("A"), [this] { ran.push_back("A"); });
+    EXPECT_TRUE(main.AddTest(DK_T("A"), [this] { ran.push_back("A"); }).Good());
     DKUnitTest& sub = main.AddMenu(DK_T("Sub"));
-    sub.AddTest(DK_T("B"), [this] { return ran.push_back("B"), Error("no"); });
-    sub.AddMenu(DK_T("Inner")).AddTest(DK_T("C"), [this] { ran.push_back("C"); });
+    EXPECT_TRUE(sub.AddTest(DK_T("B"), [this] { return ran.push_back("B"), Error("no"); }).Good());
+    EXPECT_TRUE(sub.AddMenu(DK_T("Inner")).AddTest(DK_T("C"), [this] { ran.push_back("C"); }).Good());
   }
   std::vector<std::string> ran;
   DKUnitTest main;
@@ -177,7 +177,7 @@ TEST(DKUnitTestInteractive, StopsWhenAskedAndSurvivesAClearOfAnOpenScope) {
   EXPECT_EQ(tree.ran, std::vector<std::string>{"A"}) << "stop is asked before each choice";
 
   tree.ran.clear();
-  tree.main.FindMenu(DK_T("Sub"))->AddTest(DK_T("Clear"), [&] { tree.main.Clear(); });
+  EXPECT_TRUE(tree.main.FindMenu(DK_T("Sub"))->AddTest(DK_T("Clear"), [&] { tree.main.Clear(); }).Good());
   std::istringstream clearing("2\n3\n2\n1\n0\n0\n");
   EXPECT_EQ(tree.main.RunInteractive(clearing, out).passed, 2u);
   EXPECT_EQ(tree.ran, std::vector<std::string>{"C"}) << "the open scope lives on until it is left";
@@ -196,9 +196,9 @@ TEST(DKUnitTestThreads, AddingWhileRunningNeitherCrashesNorLosesEntries) {
     writers.emplace_back([&, w] {
       shared[w] = &main.AddMenu(DK_T("Shared"));
       for (int i = 0; i < kPerWriter; ++i)
-        main.AddMenu(Text("S" + std::to_string(i % 7))).AddTest(Text(std::to_string(w) + "-" + std::to_string(i)), [&] {
-          ++runs;
-        });
+        EXPECT_TRUE(main.AddMenu(Text("S" + std::to_string(i % 7)))
+                        .AddTest(Text(std::to_string(w) + "-" + std::to_string(i)), [&] { ++runs; })
+                        .Good());
       ++done;
     });
   for (int rounds = 0; done.load() < 2 || rounds < 2; ++rounds) {

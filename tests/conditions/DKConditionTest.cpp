@@ -15,17 +15,7 @@
 namespace {
 
 // UTF-8 to DKString, U+0000 included.
-DKString U(const std::string& utf8) {
-  DKString s, piece;
-  for (std::size_t start = 0;; s += DKChar(0)) {
-    const std::size_t end = std::min(utf8.find('\0', start), utf8.size());
-    piece.SetFromUTF8(utf8.substr(start, end - start).c_str());
-    s += piece;
-    if (end == utf8.size())
-      return s;
-    start = end + 1;
-  }
-}
+DKString U(const std::string& utf8) { return DKString::FromUTF8(utf8); }
 std::string N(const DKString& s) { return s.AsUTF8(); }
 
 // Truth values per field name, and the order in which fields were asked for.

@@ -13,11 +13,7 @@
 
 namespace {
 
-DKString U(const char* utf8) {
-  DKString s;
-  s.SetFromUTF8(utf8);
-  return s;
-}
+DKString U(const char* utf8) { return DKString::FromUTF8(utf8); }
 
 std::string ErrorText(const DKRegEx& re) { return re.GetError().AsString().AsUTF8(); }
 
@@ -116,7 +112,7 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
     const std::string pattern = gen.Pattern();
     DKRegEx cached(U(pattern.c_str()));
     DKRegEx uncached;
-    uncached.Compile(U(pattern.c_str()), 0);
+    ASSERT_TRUE(uncached.Compile(U(pattern.c_str()), 0).Good());
     ASSERT_TRUE(cached.IsCompiled()) << pattern << ": " << ErrorText(cached);
     const std::optional<std::regex> oracle = StdCompile(pattern);
     if (!oracle)
@@ -326,7 +322,7 @@ DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, i
 TEST(DKRegExTest, CopiesShareTheProgramAndMatchFromManyThreads) {
   DKRegEx re(DK_T("[A-Z][a-z]+[0-9]*"));
   const DKRegEx copy = re;
-  re.Compile(DK_T("x"));
+  ASSERT_TRUE(re.Compile(DK_T("x")).Good());
   EXPECT_TRUE(copy.Match(DK_T("Hello42")));
   EXPECT_FALSE(re.Match(DK_T("Hello42")));
 

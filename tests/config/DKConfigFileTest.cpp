@@ -32,11 +32,7 @@ const char* const kAfterClosingBracket = "unexpected character after the closing
 
 std::string U8(const DKString& s) { return s.AsUTF8(); }
 
-DKString Dk(const std::string& utf8) {
-  DKString s;
-  s.SetFromUTF8(utf8.c_str(), utf8.size());
-  return s;
-}
+DKString Dk(const std::string& utf8) { return DKString::FromUTF8(utf8); }
 
 // The tree on one line: each comment as ";text" in front of its item, sections as "[name]",
 // lines as "key=value", items separated by " | ".

@@ -45,11 +45,7 @@ private:
   fs::path m_path;
 };
 
-inline DKString ToDK(const std::string& utf8) {
-  DKString text;
-  text.SetFromUTF8(utf8.c_str());
-  return text;
-}
+inline DKString ToDK(const std::string& utf8) { return DKString::FromUTF8(utf8); }
 
 inline std::string ReadWholeFile(const fs::path& path) {
   std::ostringstream text;

@@ -70,8 +70,7 @@ int main(int argc, char** argv) {
       const int value = Number(argument(1));
       Print(command, command == "level" ? DKTrace::SetTraceLevel(value) : DKTrace::SetTraceDelim(value));
     } else if (command == "folder" || command == "subjects") {
-      DKString text;
-      text.SetFromUTF8(argument(1));
+      const DKString text = DKString::FromUTF8(argument(1));
       const DKChar* value = std::strcmp(argument(1), "-") == 0 ? nullptr : text.c_str();
       Print(command, command == "folder" ? DKTrace::SetTraceFolderName(value) : DKTrace::SetTraceSubjects(value));
     } else if (command == "quiet") {

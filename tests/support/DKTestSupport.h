@@ -67,8 +67,4 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds bound = kGenerousB
 }
 
 // UTF-8 text as a DKString.
-inline DKString Text(const std::string& utf8) {
-  DKString text;
-  text.SetFromUTF8(utf8.c_str());
-  return text;
-}
+inline DKString Text(const std::string& utf8) { return DKString::FromUTF8(utf8); }

@@ -89,15 +89,15 @@ int main(int argc, char** argv) {
     how = "segv"; // and then a crash nobody recovers from
   }
   if (argc > 2) {
-    DKString reportFile;
-    reportFile.SetFromUTF8(argv[2]);
+    const DKString reportFile = DKString::FromUTF8(argv[2]);
     if (!DKSetCrashReportFile(reportFile))
       return 3;
   }
   if (how.rfind("thread-", 0) == 0) {
     const std::string inThread = how.substr(7);
     DKThread thread(DKMakeCallback([inThread] { Crash(inThread); }));
-    thread.Start(0);
+    if (thread.Start(0).Bad())
+      return 3;
     thread.Join();
     return 4;
   }

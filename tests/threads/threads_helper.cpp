@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   DKString name; // the named object, or the number the mode expects
   if (argc > 2)
-    name.SetFromUTF8(argv[2]);
+    name = DKString::FromUTF8(argv[2]);
 
   // mutex-try NAME: 0 when the mutex could be taken at once, 10 when another holds it.
   if (mode == "mutex-try" && argc == 3) {
@@ -91,8 +91,7 @@ int main(int argc, char** argv) {
   // event-wait NAME READY: says it is ready on READY, then 0 when NAME is posted within 30 s.
   if (mode == "event-wait" && argc == 4) {
     DKEventSemaphore event(name);
-    DKString readyName;
-    readyName.SetFromUTF8(argv[3]);
+    const DKString readyName = DKString::FromUTF8(argv[3]);
     DKEventSemaphore(readyName).Post();
     return event.Wait(30000) == DK_WAIT_OBJECT_0 ? 0 : 11;
   }
