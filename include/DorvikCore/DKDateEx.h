@@ -66,12 +66,12 @@ public:
   DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day);
   // An empty format means the default format.
   explicit DKDateEx(const DKString& text, const DKString& format = DKString());
-  explicit DKDateEx(const SYSTEMTIME& time);
+  explicit DKDateEx(const dk::SYSTEMTIME& time);
   explicit DKDateEx(const std::tm& time);
   // An instant: its date in the zone.
-  explicit DKDateEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateEx(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
   // VT_NULL and VT_EMPTY give the null date; VT_DATE and VT_R8 hold an automation date.
-  explicit DKDateEx(const VARIANT& value);
+  explicit DKDateEx(const dk::VARIANT& value);
   explicit DKDateEx(double variantDate);
   explicit DKDateEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateEx(const DKDateAndTime& fields);
@@ -106,10 +106,10 @@ public:
   // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
   // date alone.
   DKErrorID FromString(const DKString& text, const DKString& format = DKString());
-  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time) noexcept;
   bool FromStructTM(const std::tm& time) noexcept;
-  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromVariant(const VARIANT& value) noexcept;
+  bool FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const dk::VARIANT& value) noexcept;
   // The date is set to null first; a value in (-1, 1) leaves it null and succeeds.
   bool FromVariant(double value) noexcept;
   bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -118,12 +118,12 @@ public:
   void GetDateAndTime(DKDateAndTime& fields) const noexcept;
 
   // The As... getters fail for a date that is not valid (AsVariant accepts the null date).
-  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time) const noexcept;
   bool AsStructTM(std::tm& time) const noexcept;
   // Midnight at the start of the date in the zone.
-  bool AsFileTime(FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   // The null date gives VT_NULL; otherwise VT_DATE, for years 1601..9999 only.
-  bool AsVariant(VARIANT& value) const noexcept;
+  bool AsVariant(dk::VARIANT& value) const noexcept;
 
   // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString). Never
   // fails: the null date and a word that is not a valid date give the empty text.
@@ -184,10 +184,10 @@ public:
   // The constructors throw DKDateExceptionEx when the source is not a valid time.
   DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t second = 0, std::uint32_t millisecond = 0);
   explicit DKTimeEx(const DKString& text, const DKString& format = DKString());
-  explicit DKTimeEx(const SYSTEMTIME& time);
+  explicit DKTimeEx(const dk::SYSTEMTIME& time);
   explicit DKTimeEx(const std::tm& time);
-  explicit DKTimeEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKTimeEx(const VARIANT& value);
+  explicit DKTimeEx(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKTimeEx(const dk::VARIANT& value);
   explicit DKTimeEx(double variantDate);
   explicit DKTimeEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKTimeEx(const DKDateAndTime& fields);
@@ -216,10 +216,10 @@ public:
   // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
   // time alone, with or without milliseconds.
   DKErrorID FromString(const DKString& text, const DKString& format = DKString());
-  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time) noexcept;
   bool FromStructTM(const std::tm& time) noexcept;
-  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromVariant(const VARIANT& value) noexcept;
+  bool FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const dk::VARIANT& value) noexcept;
   // The time of day of an automation date (its date is dropped).
   bool FromVariant(double value) noexcept;
   bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -228,10 +228,10 @@ public:
 
   // The As... getters fail for the null time (AsVariant gives VT_NULL for it). The records get
   // the date 1899-12-30 (automation) or 1601-01-01 (FILETIME, in UTC) or 1900-01-01 (tm).
-  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time) const noexcept;
   bool AsStructTM(std::tm& time) const noexcept;
-  bool AsFileTime(FILETIME& time) const noexcept;
-  bool AsVariant(VARIANT& value) const noexcept;
+  bool AsFileTime(dk::FILETIME& time) const noexcept;
+  bool AsVariant(dk::VARIANT& value) const noexcept;
 
   // As DKDateEx::AsString: the null time and a count outside the day give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
@@ -295,10 +295,10 @@ public:
   explicit DKDateTimeEx(const DKDateEx& date) : DKDateTimeEx(date, DKTimeEx()) {}
   explicit DKDateTimeEx(const DKTimeEx& time) : DKDateTimeEx(DKDateEx(), time) {}
   explicit DKDateTimeEx(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTimeEx(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTimeEx(const FILETIME& time);
-  explicit DKDateTimeEx(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const dk::FILETIME& time);
+  explicit DKDateTimeEx(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(double variantDate, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(const DKDateTime& time);
   explicit DKDateTimeEx(const DKDateAndTime& fields);
@@ -349,10 +349,10 @@ public:
   // The format for the parts this value holds.
   const DKString& GetDefaultFormat(bool full = false, bool withMilliseconds = false) const;
 
-  bool FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromStructTM(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromFileTime(const FILETIME& time) noexcept;
-  bool FromVariant(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromFileTime(const dk::FILETIME& time) noexcept;
+  bool FromVariant(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   // An automation date is a wall-clock reading in the zone; a value in (-1, 1) gives a
   // time-only value.
   bool FromVariant(double value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -360,10 +360,10 @@ public:
 
   // The As... getters need both parts (AsVariant also takes the null value, as VT_NULL, and
   // a date alone or a time alone).
-  bool AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   bool AsStructTM(std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
-  bool AsFileTime(FILETIME& time) const noexcept;
-  bool AsVariant(VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(dk::FILETIME& time) const noexcept;
+  bool AsVariant(dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   // Whole seconds and milliseconds since 1970-01-01 UTC; false unless both parts are set.
   bool AsUnixTime(DKInt64& seconds, std::int32_t* milliseconds = nullptr) const noexcept;
   bool FromUnixTime(DKInt64 seconds, std::int32_t milliseconds = 0) noexcept;
