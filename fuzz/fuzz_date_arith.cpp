@@ -636,11 +636,7 @@ void Records(Input& in) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "Europe/Paris", 1);
-  DKTimeZone::Reload();
-  return 0;
-}
+DK_FUZZ_LOCAL_ZONE("Europe/Paris")
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > 4096)

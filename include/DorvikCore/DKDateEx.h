@@ -16,12 +16,30 @@
 #include <DorvikCore/DKSystemTime.h>
 #include <DorvikCore/DKTimeZone.h>
 
+#include <chrono>
 #include <compare>
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
+#include <limits>
+#include <ratio>
+#include <type_traits>
+#include <utility>
 
 class DKDateTime;
+
+namespace dkdate_detail {
+// The std::chrono units a value converts into: integral counts of a unit that divides a
+// millisecond (milliseconds, microseconds, nanoseconds, ...).
+template <class D>
+concept DividesMillisecond = std::is_integral_v<typename D::rep> && sizeof(typename D::rep) <= 8 &&
+                             std::ratio_divide<std::milli, typename D::period>::den == 1;
+// The units a value is read from: also whole multiples of a millisecond (seconds, days, ...).
+template <class D>
+concept MillisecondMultipleOrPart = std::is_integral_v<typename D::rep> && sizeof(typename D::rep) <= 8 &&
+                                    (std::ratio_divide<typename D::period, std::milli>::num == 1 ||
+                                     std::ratio_divide<typename D::period, std::milli>::den == 1);
+} // namespace dkdate_detail
 
 // Calendar fields of one moment, and the zone they are expressed in. `flags` marks a part
 // that is absent, so that a record filled field by field holds a date and a time.
@@ -129,6 +147,15 @@ public:
   // fails: the null date and a word that is not a valid date give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   DKString AsString(const DKString& format = DKString()) const;
+
+  // std::chrono's day count since 1970-01-01. From year 0 on both use the same (proleptic
+  // Gregorian) calendar, so std::chrono::year_month_day of the count names the same date.
+  // Before year 0 the leap years follow DKIsLeapYear, which std::chrono does not know: the
+  // count still runs on day by day, so differences and order agree, but the label chrono gives
+  // a day may differ. AsSysDays fails for a date that is not valid, FromSysDays (date
+  // unchanged) for a day outside minimum..maximum.
+  [[nodiscard]] bool AsSysDays(std::chrono::sys_days& days) const noexcept;
+  bool FromSysDays(std::chrono::sys_days days) noexcept;
 
   static DKDateEx GetCurrentDate(bool local = true);
 
@@ -349,6 +376,30 @@ public:
   // The format for the parts this value holds.
   const DKString& GetDefaultFormat(bool full = false, bool withMilliseconds = false) const;
 
+  // ISO 8601 text, within the profile of RFC 3339 where a value has both parts.
+  // Writing: a value with both parts gives its wall-clock reading in `zone`, always with
+  // milliseconds, then "Z" for the UTC zone or the zone's offset at that instant ("+02:00";
+  // "+00:00" for another zone that is at UTC then): "2021-03-28T01:30:00.007Z",
+  // "2021-03-28T03:30:00.007+02:00". An offset that is not a whole number of minutes (the
+  // local mean time of old dates) has no ISO form, so such an instant is written in UTC. A date
+  // alone gives "2021-03-28" and a time alone "01:30:00.007", neither shifted. A year outside
+  // 0..9999 carries its sign and at least four digits ("-0044-03-15", "+12021-01-01"). The
+  // null value and a value that is not valid give the empty text.
+  [[nodiscard]] DKString AsISO8601(const DKTimeZone& zone = DKTimeZone::UTC) const;
+  // Reading takes the extended forms, the text and nothing else:
+  //   date       YYYY-MM-DD, or a signed year of 4 to 9 digits (+12021-01-01, -0044-03-15);
+  //   time       hh:mm, hh:mm:ss or hh:mm:ss followed by "." or "," and any number of digits,
+  //              of which those past the millisecond are dropped (towards the earlier instant);
+  //   date-time  a date, "T", "t" or one space, a time, then optionally "Z", "z", +hh:mm,
+  //              +hhmm or +hh (or with "-"). Without them the reading is wall-clock time in
+  //              `zone`, and a reading that occurs twice or not at all is placed as
+  //              DKTimeZone::ToUTC says.
+  // A date alone or a time alone takes no zone. The empty text reads as the null value.
+  // Anything else (a field out of range such as 2021-02-29, 24:00, 23:59:60 or an offset of
+  // 24 hours, any other character, blanks around the text, an instant outside
+  // minimum..maximum) gives the library's message 9 with the text, and the null value.
+  DKErrorID FromISO8601(const DKString& text, const DKTimeZone& zone = DKTimeZone::Local);
+
   bool FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromStructTM(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromFileTime(const dk::FILETIME& time) noexcept;
@@ -367,6 +418,23 @@ public:
   // Whole seconds and milliseconds since 1970-01-01 UTC; false unless both parts are set.
   bool AsUnixTime(DKInt64& seconds, std::int32_t* milliseconds = nullptr) const noexcept;
   bool FromUnixTime(DKInt64 seconds, std::int32_t milliseconds = 0) noexcept;
+
+  // std::chrono. A value with both parts is an instant on the system clock's time line:
+  // AsTimePoint writes it into any std::chrono::sys_time whose unit divides a millisecond
+  // (system_clock::time_point, sys_time<milliseconds>, ...), and fails unless both parts are
+  // set or when the count does not fit the time point's type (system_clock::time_point holds
+  // nanoseconds: about the years 1678 to 2261). FromTimePoint takes any integral sys_time,
+  // dropping what lies below the millisecond (towards the earlier instant, as
+  // std::chrono::floor does); it fails (value unchanged) outside minimum..maximum. Day counts
+  // are those of DKDateEx::AsSysDays.
+  template <dkdate_detail::DividesMillisecond Duration>
+  [[nodiscard]] bool AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept;
+  template <dkdate_detail::MillisecondMultipleOrPart Duration>
+  bool FromTimePoint(std::chrono::sys_time<Duration> time) noexcept;
+  // The date as a day: a date alone, or the (UTC) date of a value with both parts. FromSysDays
+  // makes a date alone; it fails (value unchanged) outside minimum..maximum.
+  [[nodiscard]] bool AsSysDays(std::chrono::sys_days& days) const noexcept;
+  bool FromSysDays(std::chrono::sys_days days) noexcept;
 
   static DKDateTimeEx GetCurrentDateTime();
   // Today's date alone, or the time of day alone, in the local zone or in UTC.
@@ -407,6 +475,44 @@ private:
 inline constexpr DKDateTimeEx DKDateTimeEx::null{};
 inline constexpr DKDateTimeEx DKDateTimeEx::minimum = DKDateTimeEx::FromParts(DKDateEx::minimum, DKTimeEx::minimum);
 inline constexpr DKDateTimeEx DKDateTimeEx::maximum = DKDateTimeEx::FromParts(DKDateEx::maximum, DKTimeEx::maximum);
+
+template <dkdate_detail::DividesMillisecond Duration>
+bool DKDateTimeEx::AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept {
+  DKInt64 seconds = 0;
+  std::int32_t milliseconds = 0;
+  if (!AsUnixTime(seconds, &milliseconds))
+    return false;
+  // At most about 1.4e17 milliseconds: the product overflows only the time point's own type.
+  constexpr std::intmax_t unitsPerMs = std::ratio_divide<std::milli, typename Duration::period>::num;
+  typename Duration::rep count{};
+  if (__builtin_mul_overflow(seconds * 1000 + milliseconds, unitsPerMs, &count))
+    return false;
+  time = std::chrono::sys_time<Duration>(Duration(count));
+  return true;
+}
+
+template <dkdate_detail::MillisecondMultipleOrPart Duration>
+bool DKDateTimeEx::FromTimePoint(std::chrono::sys_time<Duration> time) noexcept {
+  using ToMs = std::ratio_divide<typename Duration::period, std::milli>;
+  // Far beyond minimum..maximum (about 1.4e17 ms), far from overflowing.
+  constexpr DKInt64 limit = DKInt64{1} << 60;
+  const auto count = time.time_since_epoch().count();
+  DKInt64 ms = 0;
+  if constexpr (ToMs::den == 1) { // milliseconds or a coarser unit
+    if (std::cmp_greater(count, limit / ToMs::num) || std::cmp_less(count, -limit / ToMs::num))
+      return false;
+    ms = static_cast<DKInt64>(count) * ToMs::num;
+  } else if constexpr (std::is_signed_v<typename Duration::rep>) { // a finer unit: round down
+    const DKInt64 units = count;
+    ms = units / ToMs::den - (units % ToMs::den < 0 ? 1 : 0);
+  } else {
+    ms = static_cast<DKInt64>(static_cast<DKUInt64>(count) / static_cast<DKUInt64>(ToMs::den));
+  }
+  if (ms > limit || ms < -limit)
+    return false;
+  const DKInt64 seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+  return FromUnixTime(seconds, static_cast<std::int32_t>(ms - seconds * 1000));
+}
 
 DK_EXPORT DKDateTimeEx operator+(const DKDateTimeEx& value, const DKDurationEx& duration);
 DK_EXPORT DKDateTimeEx operator-(const DKDateTimeEx& value, const DKDurationEx& duration);
