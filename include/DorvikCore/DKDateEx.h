@@ -21,7 +21,6 @@
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
-#include <limits>
 #include <ratio>
 #include <type_traits>
 #include <utility>
