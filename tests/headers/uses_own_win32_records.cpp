@@ -1,6 +1,8 @@
 // A program that defines the Windows record names itself (as a portability header or a
 // C library's own declarations would) and still includes the date headers: the library's
 // records live in the namespace dk, so neither definition hides or redefines the other.
+// (On Windows those names belong to the system, whose headers the date headers include.)
+#if !defined(_WIN32)
 #include <cstdint>
 
 struct SYSTEMTIME {
@@ -40,3 +42,4 @@ bool UsesBothRecordSets(const FILETIME& own, SYSTEMTIME& ownTime) {
   ownTime.year = value.AsSystemTime(record, DKTimeZone::UTC) ? record.wYear : 0;
   return value.AsVariant(variant, DKTimeZone::UTC) && variant.vt == dk::VT_DATE;
 }
+#endif
