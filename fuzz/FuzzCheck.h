@@ -11,3 +11,12 @@
       std::abort();                                                                                \
     }                                                                                              \
   } while (0)
+
+// The start-up hook of the date targets: the local zone is set before the first input, and the
+// library reads it again.
+#define DK_FUZZ_LOCAL_ZONE(zone)                                                                   \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                                            \
+    setenv("TZ", zone, 1);                                                                         \
+    DKTimeZone::Reload();                                                                          \
+    return 0;                                                                                      \
+  }

@@ -427,12 +427,12 @@ void DurationOps(Input& in) {
 
 void FileTimes(Input& in) {
   const auto ticks = static_cast<std::uint64_t>(in.Int64());
-  const FILETIME ft{static_cast<std::uint32_t>(ticks), static_cast<std::uint32_t>(ticks >> 32)};
+  const dk::FILETIME ft{static_cast<std::uint32_t>(ticks), static_cast<std::uint32_t>(ticks >> 32)};
   DKDateTimeEx value;
   const bool ok = value.FromFileTime(ft);
   FUZZ_CHECK(ok == (ticks <= static_cast<std::uint64_t>(i64max)));
   if (ok) {
-    FILETIME back{};
+    dk::FILETIME back{};
     FUZZ_CHECK(value.IsDateAndTime() && value.AsFileTime(back));
     FUZZ_CHECK((std::uint64_t{back.dwHighDateTime} << 32 | back.dwLowDateTime) == ticks - ticks % 10000);
   }
@@ -475,7 +475,7 @@ void Variants(Input& in) {
   DKDateTimeEx value;
   if (value.FromVariant(v, DKTimeZone::UTC)) {
     FUZZ_CHECK(value.IsValid());
-    VARIANT out{};
+    dk::VARIANT out{};
     if (value.IsDateAndTime() && value.GetDate().GetYear() >= 1601) {
       DKDateTimeEx back;
       FUZZ_CHECK(value.AsVariant(out, DKTimeZone::UTC) && back.FromVariant(out, DKTimeZone::UTC));
@@ -485,14 +485,14 @@ void Variants(Input& in) {
   DKDateEx date;
   if (date.FromVariant(v) && !date.IsNull()) {
     FUZZ_CHECK(date.IsValid());
-    VARIANT out{};
+    dk::VARIANT out{};
     DKDateEx back;
     if (date.GetYear() >= 1601) // 1899-12-30 is the value 0, which reads as no date
       FUZZ_CHECK(date.AsVariant(out) && back.FromVariant(out) && (back == date || date == DKDateEx(1899, 12, 30)));
   }
   DKTimeEx time;
   if (time.FromVariant(v)) {
-    VARIANT out{};
+    dk::VARIANT out{};
     DKTimeEx back;
     FUZZ_CHECK(time.IsValid() && time.AsVariant(out) && back.FromVariant(out) && back == time);
   }
@@ -594,17 +594,17 @@ void Records(Input& in) {
   (void)date.FromStructTM(tm);
   (void)time.FromStructTM(tm);
 
-  SYSTEMTIME st{};
+  dk::SYSTEMTIME st{};
   for (std::uint16_t* field : {&st.wYear, &st.wMonth, &st.wDay, &st.wHour, &st.wMinute, &st.wSecond, &st.wMilliseconds})
     *field = static_cast<std::uint16_t>(in.Int32());
   FUZZ_CHECK(value.FromSystemTime(st, DKTimeZone::UTC) == DKIsValidSystemTime(st));
   if (DKIsValidSystemTime(st)) {
-    SYSTEMTIME back{};
+    dk::SYSTEMTIME back{};
     FUZZ_CHECK(value.AsSystemTime(back, DKTimeZone::UTC));
     back.wDayOfWeek = st.wDayOfWeek;
     FUZZ_CHECK(std::memcmp(&back, &st, sizeof st) == 0);
   }
-  SYSTEMTIME shifted{};
+  dk::SYSTEMTIME shifted{};
   if (DKTimeZone().SystemTimeToZone(st, shifted))
     FUZZ_CHECK(DKIsValidSystemTime(shifted));
   if (DKTimeZone().ZoneToSystemTime(st, shifted))
@@ -612,7 +612,7 @@ void Records(Input& in) {
   (void)DKSystemTimeDifference(st, shifted);
   double variant = 0;
   if (DKSystemTimeToVariantTime(st, variant)) {
-    SYSTEMTIME back{};
+    dk::SYSTEMTIME back{};
     FUZZ_CHECK(DKVariantTimeToSystemTime(variant, back));
   }
 
@@ -636,11 +636,7 @@ void Records(Input& in) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "Europe/Paris", 1);
-  DKTimeZone::Reload();
-  return 0;
-}
+DK_FUZZ_LOCAL_ZONE("Europe/Paris")
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size > 4096)

@@ -10,6 +10,8 @@
 //   - a value read back from its own text in a complete format is the same value;
 //   - writing with the fuzzed format into buffers of every small size stays inside the
 //     buffer and terminates the text.
+#include "FuzzCheck.h"
+
 #include <DorvikCore/DKDateTime.h>
 
 #include <cstdint>
@@ -57,11 +59,7 @@ void CheckWriting(const DKDateTimeEx& value, const DKString& format, const DKTim
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("TZ", "Europe/Paris", 1);
-  DKTimeZone::Reload();
-  return 0;
-}
+DK_FUZZ_LOCAL_ZONE("Europe/Paris")
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0 || size > 4096)

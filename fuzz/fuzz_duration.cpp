@@ -1,14 +1,22 @@
-// Fuzz target for the duration text reader (DKDurationEx::FromString) and the conversions.
+// Fuzz target for the duration text readers (DKDurationEx::FromString and
+// FromReadableString) and the conversions.
 //
 // Input: one byte choosing the default unit (mod 9), then the text as UTF-8 (other inputs
-// are passed over).
+// are passed over). Both readers get the text.
 // Properties checked besides "no crash":
-//   - the only exception is DKDurationExceptionEx, for a count below -2147483647;
-//   - the result is true exactly when the unit is valid;
-//   - a valid duration reads back from both of its text forms as the same value;
+//   - the only exception is DKDurationExceptionEx, for a count below -2147483647, and only
+//     from FromString;
+//   - the result is true exactly when the unit is valid; the readable reader gives invalid_
+//     when it fails;
+//   - a valid duration reads back from both of its text forms as the same value, and from
+//     its readable text as the same amount (the same std::chrono milliseconds, or for years
+//     and months an equivalent duration) whose readable text is the same again;
+//   - a duration with a fixed length goes to std::chrono::milliseconds and back unchanged in
+//     amount;
 //   - conversions keep the count in range or throw DKDurationExceptionEx.
 #include <DorvikCore/DKDateTime.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 
@@ -24,6 +32,27 @@ bool Decode(const std::uint8_t* data, std::size_t size, DKString& text) {
   return text.SetFromUTF8(reinterpret_cast<const char*>(data), size).Good();
 }
 
+// The readable text of a valid duration reads back as the same amount, and writes the same.
+void CheckReadable(const DKDurationEx& d) {
+  for (bool longForm : {true, false}) {
+    const DKString text = d.AsReadableString(longForm);
+    DKDurationEx back;
+    Check(back.FromReadableString(text));
+    std::chrono::milliseconds before{}, after{};
+    if (d.AsChrono(before))
+      Check(back.AsChrono(after) && after == before);
+    else
+      Check(back.IsEquivalent(d));
+    Check(back.AsReadableString(longForm) == text);
+  }
+  std::chrono::milliseconds amount{};
+  if (d.AsChrono(amount)) {
+    DKDurationEx fromChrono;
+    std::chrono::milliseconds back{};
+    Check(fromChrono.FromChrono(amount) && fromChrono.IsEquivalent(d) && fromChrono.AsChrono(back) && back == amount);
+  }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -33,6 +62,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   DKString text;
   if (!Decode(data + 1, size - 1, text))
     return 0;
+
+  DKDurationEx readable(1, DKDurationEx::Day);
+  if (readable.FromReadableString(text)) {
+    Check(readable.IsValid());
+    CheckReadable(readable);
+  } else {
+    Check(readable == DKDurationEx::invalid_);
+  }
 
   DKDurationEx d;
   bool ok = false;
@@ -46,6 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Check(d.GetDuration() != -2147483647 - 1);
   if (!ok)
     return 0;
+  CheckReadable(d);
   for (bool longForm : {false, true}) {
     DKDurationEx back;
     Check(back.FromString(d.AsString(longForm), DKDurationEx::Invalid) || d.GetDuration() == 0);

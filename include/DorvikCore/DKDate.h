@@ -29,10 +29,10 @@ public:
   // The constructors throw DKDateException when the source is not a valid date in range.
   DKDate(unsigned day, unsigned month, int year);
   explicit DKDate(const DKString& text, const DKString& format = DKString());
-  explicit DKDate(const SYSTEMTIME& time);
+  explicit DKDate(const dk::SYSTEMTIME& time);
   explicit DKDate(const std::tm& time);
-  explicit DKDate(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDate(const VARIANT& value);
+  explicit DKDate(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDate(const dk::VARIANT& value);
   explicit DKDate(double variantDate);
   explicit DKDate(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDate(const DKDateAndTime& fields);
@@ -52,10 +52,10 @@ public:
   static int days_in_month(unsigned short month, short year) noexcept;
 
   DKErrorID FromString(const DKString& text, const DKString& format = DKString());
-  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time) noexcept;
   bool FromStructTM(const std::tm& time) noexcept;
-  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromVariant(const VARIANT& value) noexcept;
+  bool FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const dk::VARIANT& value) noexcept;
   bool FromVariant(double value) noexcept;
   bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool SetDateAndTime(const DKDateAndTime& fields) noexcept;
@@ -63,10 +63,10 @@ public:
   // The same day as a packed date; false outside DKDateEx's years.
   bool AsDKDateEx(DKDateEx& date) const noexcept;
 
-  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time) const noexcept;
   bool AsStructTM(std::tm& time) const noexcept;
-  bool AsFileTime(FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
-  bool AsVariant(VARIANT& value) const noexcept;
+  bool AsFileTime(dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsVariant(dk::VARIANT& value) const noexcept;
   DKString AsString(const DKString& format = DKString()) const;
 
   static DKDate GetCurrentDate(bool local = true);
@@ -124,10 +124,10 @@ public:
   DKDateTime(int year, unsigned month, unsigned day, unsigned hour = 0, unsigned minute = 0, unsigned second = 0,
              const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTime(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTime(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTime(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTime(const FILETIME& time);
-  explicit DKDateTime(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTime(const dk::FILETIME& time);
+  explicit DKDateTime(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTime(double variantDate, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTime(const DKDateAndTime& fields);
   explicit DKDateTime(const DKDateTimeEx& value);
@@ -144,10 +144,10 @@ public:
   DKString AsString(const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local) const;
   DKErrorID FromString(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
 
-  bool FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromStructTM(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromFileTime(const FILETIME& time) noexcept;
-  bool FromVariant(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromFileTime(const dk::FILETIME& time) noexcept;
+  bool FromVariant(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromVariant(double value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   // A date alone stands for its local midnight; a time alone is refused.
   bool FromDKDateTimeEx(const DKDateTimeEx& value) noexcept;
@@ -155,10 +155,10 @@ public:
   void GetDateAndTime(DKDateAndTime& fields, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   DKDateTimeEx AsDKDateTimeEx() const noexcept;
 
-  bool AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   bool AsStructTM(std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
-  bool AsFileTime(FILETIME& time) const noexcept;
-  bool AsVariant(VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(dk::FILETIME& time) const noexcept;
+  bool AsVariant(dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
 
   static DKDateTime GetCurrentDateTime();
 

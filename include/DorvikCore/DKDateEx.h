@@ -16,12 +16,29 @@
 #include <DorvikCore/DKSystemTime.h>
 #include <DorvikCore/DKTimeZone.h>
 
+#include <chrono>
 #include <compare>
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
+#include <ratio>
+#include <type_traits>
+#include <utility>
 
 class DKDateTime;
+
+namespace dkdate_detail {
+// The std::chrono units a value converts into: integral counts of a unit that divides a
+// millisecond (milliseconds, microseconds, nanoseconds, ...).
+template <class D>
+concept DividesMillisecond = std::is_integral_v<typename D::rep> && sizeof(typename D::rep) <= 8 &&
+                             std::ratio_divide<std::milli, typename D::period>::den == 1;
+// The units a value is read from: also whole multiples of a millisecond (seconds, days, ...).
+template <class D>
+concept MillisecondMultipleOrPart = std::is_integral_v<typename D::rep> && sizeof(typename D::rep) <= 8 &&
+                                    (std::ratio_divide<typename D::period, std::milli>::num == 1 ||
+                                     std::ratio_divide<typename D::period, std::milli>::den == 1);
+} // namespace dkdate_detail
 
 // Calendar fields of one moment, and the zone they are expressed in. `flags` marks a part
 // that is absent, so that a record filled field by field holds a date and a time.
@@ -66,12 +83,12 @@ public:
   DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day);
   // An empty format means the default format.
   explicit DKDateEx(const DKString& text, const DKString& format = DKString());
-  explicit DKDateEx(const SYSTEMTIME& time);
+  explicit DKDateEx(const dk::SYSTEMTIME& time);
   explicit DKDateEx(const std::tm& time);
   // An instant: its date in the zone.
-  explicit DKDateEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateEx(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
   // VT_NULL and VT_EMPTY give the null date; VT_DATE and VT_R8 hold an automation date.
-  explicit DKDateEx(const VARIANT& value);
+  explicit DKDateEx(const dk::VARIANT& value);
   explicit DKDateEx(double variantDate);
   explicit DKDateEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateEx(const DKDateAndTime& fields);
@@ -106,10 +123,10 @@ public:
   // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
   // date alone.
   DKErrorID FromString(const DKString& text, const DKString& format = DKString());
-  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time) noexcept;
   bool FromStructTM(const std::tm& time) noexcept;
-  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromVariant(const VARIANT& value) noexcept;
+  bool FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const dk::VARIANT& value) noexcept;
   // The date is set to null first; a value in (-1, 1) leaves it null and succeeds.
   bool FromVariant(double value) noexcept;
   bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -118,17 +135,26 @@ public:
   void GetDateAndTime(DKDateAndTime& fields) const noexcept;
 
   // The As... getters fail for a date that is not valid (AsVariant accepts the null date).
-  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time) const noexcept;
   bool AsStructTM(std::tm& time) const noexcept;
   // Midnight at the start of the date in the zone.
-  bool AsFileTime(FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   // The null date gives VT_NULL; otherwise VT_DATE, for years 1601..9999 only.
-  bool AsVariant(VARIANT& value) const noexcept;
+  bool AsVariant(dk::VARIANT& value) const noexcept;
 
   // Writes at most size - 1 characters and a terminator (see DKDateTimeEx::AsString). Never
   // fails: the null date and a word that is not a valid date give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
   DKString AsString(const DKString& format = DKString()) const;
+
+  // std::chrono's day count since 1970-01-01. From year 0 on both use the same (proleptic
+  // Gregorian) calendar, so std::chrono::year_month_day of the count names the same date.
+  // Before year 0 the leap years follow DKIsLeapYear, which std::chrono does not know: the
+  // count still runs on day by day, so differences and order agree, but the label chrono gives
+  // a day may differ. AsSysDays fails for a date that is not valid, FromSysDays (date
+  // unchanged) for a day outside minimum..maximum.
+  [[nodiscard]] bool AsSysDays(std::chrono::sys_days& days) const noexcept;
+  bool FromSysDays(std::chrono::sys_days days) noexcept;
 
   static DKDateEx GetCurrentDate(bool local = true);
 
@@ -184,10 +210,10 @@ public:
   // The constructors throw DKDateExceptionEx when the source is not a valid time.
   DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t second = 0, std::uint32_t millisecond = 0);
   explicit DKTimeEx(const DKString& text, const DKString& format = DKString());
-  explicit DKTimeEx(const SYSTEMTIME& time);
+  explicit DKTimeEx(const dk::SYSTEMTIME& time);
   explicit DKTimeEx(const std::tm& time);
-  explicit DKTimeEx(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKTimeEx(const VARIANT& value);
+  explicit DKTimeEx(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKTimeEx(const dk::VARIANT& value);
   explicit DKTimeEx(double variantDate);
   explicit DKTimeEx(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKTimeEx(const DKDateAndTime& fields);
@@ -216,10 +242,10 @@ public:
   // for unreadable text. An empty format reads "%Y/%m/%d %H:%M:%S.%L", which also takes a
   // time alone, with or without milliseconds.
   DKErrorID FromString(const DKString& text, const DKString& format = DKString());
-  bool FromSystemTime(const SYSTEMTIME& time) noexcept;
+  bool FromSystemTime(const dk::SYSTEMTIME& time) noexcept;
   bool FromStructTM(const std::tm& time) noexcept;
-  bool FromFileTime(const FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromVariant(const VARIANT& value) noexcept;
+  bool FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromVariant(const dk::VARIANT& value) noexcept;
   // The time of day of an automation date (its date is dropped).
   bool FromVariant(double value) noexcept;
   bool FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -228,10 +254,10 @@ public:
 
   // The As... getters fail for the null time (AsVariant gives VT_NULL for it). The records get
   // the date 1899-12-30 (automation) or 1601-01-01 (FILETIME, in UTC) or 1900-01-01 (tm).
-  bool AsSystemTime(SYSTEMTIME& time) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time) const noexcept;
   bool AsStructTM(std::tm& time) const noexcept;
-  bool AsFileTime(FILETIME& time) const noexcept;
-  bool AsVariant(VARIANT& value) const noexcept;
+  bool AsFileTime(dk::FILETIME& time) const noexcept;
+  bool AsVariant(dk::VARIANT& value) const noexcept;
 
   // As DKDateEx::AsString: the null time and a count outside the day give the empty text.
   DKErrorID AsString(DKChar* buffer, unsigned size, const DKChar* format) const;
@@ -295,10 +321,10 @@ public:
   explicit DKDateTimeEx(const DKDateEx& date) : DKDateTimeEx(date, DKTimeEx()) {}
   explicit DKDateTimeEx(const DKTimeEx& time) : DKDateTimeEx(DKDateEx(), time) {}
   explicit DKDateTimeEx(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTimeEx(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local);
-  explicit DKDateTimeEx(const FILETIME& time);
-  explicit DKDateTimeEx(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
+  explicit DKDateTimeEx(const dk::FILETIME& time);
+  explicit DKDateTimeEx(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(double variantDate, const DKTimeZone& zone = DKTimeZone::Local);
   explicit DKDateTimeEx(const DKDateTime& time);
   explicit DKDateTimeEx(const DKDateAndTime& fields);
@@ -349,10 +375,34 @@ public:
   // The format for the parts this value holds.
   const DKString& GetDefaultFormat(bool full = false, bool withMilliseconds = false) const;
 
-  bool FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  // ISO 8601 text, within the profile of RFC 3339 where a value has both parts.
+  // Writing: a value with both parts gives its wall-clock reading in `zone`, always with
+  // milliseconds, then "Z" for the UTC zone or the zone's offset at that instant ("+02:00";
+  // "+00:00" for another zone that is at UTC then): "2021-03-28T01:30:00.007Z",
+  // "2021-03-28T03:30:00.007+02:00". An offset that is not a whole number of minutes (the
+  // local mean time of old dates) has no ISO form, so such an instant is written in UTC. A date
+  // alone gives "2021-03-28" and a time alone "01:30:00.007", neither shifted. A year outside
+  // 0..9999 carries its sign and at least four digits ("-0044-03-15", "+12021-01-01"). The
+  // null value and a value that is not valid give the empty text.
+  [[nodiscard]] DKString AsISO8601(const DKTimeZone& zone = DKTimeZone::UTC) const;
+  // Reading takes the extended forms, the text and nothing else:
+  //   date       YYYY-MM-DD, or a signed year of 4 to 9 digits (+12021-01-01, -0044-03-15);
+  //   time       hh:mm, hh:mm:ss or hh:mm:ss followed by "." or "," and any number of digits,
+  //              of which those past the millisecond are dropped (towards the earlier instant);
+  //   date-time  a date, "T", "t" or one space, a time, then optionally "Z", "z", +hh:mm,
+  //              +hhmm or +hh (or with "-"). Without them the reading is wall-clock time in
+  //              `zone`, and a reading that occurs twice or not at all is placed as
+  //              DKTimeZone::ToUTC says.
+  // A date alone or a time alone takes no zone. The empty text reads as the null value.
+  // Anything else (a field out of range such as 2021-02-29, 24:00, 23:59:60 or an offset of
+  // 24 hours, any other character, blanks around the text, an instant outside
+  // minimum..maximum) gives the library's message 9 with the text, and the null value.
+  DKErrorID FromISO8601(const DKString& text, const DKTimeZone& zone = DKTimeZone::Local);
+
+  bool FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   bool FromStructTM(const std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
-  bool FromFileTime(const FILETIME& time) noexcept;
-  bool FromVariant(const VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
+  bool FromFileTime(const dk::FILETIME& time) noexcept;
+  bool FromVariant(const dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
   // An automation date is a wall-clock reading in the zone; a value in (-1, 1) gives a
   // time-only value.
   bool FromVariant(double value, const DKTimeZone& zone = DKTimeZone::Local) noexcept;
@@ -360,13 +410,30 @@ public:
 
   // The As... getters need both parts (AsVariant also takes the null value, as VT_NULL, and
   // a date alone or a time alone).
-  bool AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsSystemTime(dk::SYSTEMTIME& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   bool AsStructTM(std::tm& time, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
-  bool AsFileTime(FILETIME& time) const noexcept;
-  bool AsVariant(VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
+  bool AsFileTime(dk::FILETIME& time) const noexcept;
+  bool AsVariant(dk::VARIANT& value, const DKTimeZone& zone = DKTimeZone::Local) const noexcept;
   // Whole seconds and milliseconds since 1970-01-01 UTC; false unless both parts are set.
   bool AsUnixTime(DKInt64& seconds, std::int32_t* milliseconds = nullptr) const noexcept;
   bool FromUnixTime(DKInt64 seconds, std::int32_t milliseconds = 0) noexcept;
+
+  // std::chrono. A value with both parts is an instant on the system clock's time line:
+  // AsTimePoint writes it into any std::chrono::sys_time whose unit divides a millisecond
+  // (system_clock::time_point, sys_time<milliseconds>, ...), and fails unless both parts are
+  // set or when the count does not fit the time point's type (system_clock::time_point holds
+  // nanoseconds: about the years 1678 to 2261). FromTimePoint takes any integral sys_time,
+  // dropping what lies below the millisecond (towards the earlier instant, as
+  // std::chrono::floor does); it fails (value unchanged) outside minimum..maximum. Day counts
+  // are those of DKDateEx::AsSysDays.
+  template <dkdate_detail::DividesMillisecond Duration>
+  [[nodiscard]] bool AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept;
+  template <dkdate_detail::MillisecondMultipleOrPart Duration>
+  bool FromTimePoint(std::chrono::sys_time<Duration> time) noexcept;
+  // The date as a day: a date alone, or the (UTC) date of a value with both parts. FromSysDays
+  // makes a date alone; it fails (value unchanged) outside minimum..maximum.
+  [[nodiscard]] bool AsSysDays(std::chrono::sys_days& days) const noexcept;
+  bool FromSysDays(std::chrono::sys_days days) noexcept;
 
   static DKDateTimeEx GetCurrentDateTime();
   // Today's date alone, or the time of day alone, in the local zone or in UTC.
@@ -407,6 +474,44 @@ private:
 inline constexpr DKDateTimeEx DKDateTimeEx::null{};
 inline constexpr DKDateTimeEx DKDateTimeEx::minimum = DKDateTimeEx::FromParts(DKDateEx::minimum, DKTimeEx::minimum);
 inline constexpr DKDateTimeEx DKDateTimeEx::maximum = DKDateTimeEx::FromParts(DKDateEx::maximum, DKTimeEx::maximum);
+
+template <dkdate_detail::DividesMillisecond Duration>
+bool DKDateTimeEx::AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept {
+  DKInt64 seconds = 0;
+  std::int32_t milliseconds = 0;
+  if (!AsUnixTime(seconds, &milliseconds))
+    return false;
+  // At most about 1.4e17 milliseconds: the product overflows only the time point's own type.
+  constexpr std::intmax_t unitsPerMs = std::ratio_divide<std::milli, typename Duration::period>::num;
+  typename Duration::rep count{};
+  if (__builtin_mul_overflow(seconds * 1000 + milliseconds, unitsPerMs, &count))
+    return false;
+  time = std::chrono::sys_time<Duration>(Duration(count));
+  return true;
+}
+
+template <dkdate_detail::MillisecondMultipleOrPart Duration>
+bool DKDateTimeEx::FromTimePoint(std::chrono::sys_time<Duration> time) noexcept {
+  using ToMs = std::ratio_divide<typename Duration::period, std::milli>;
+  // Far beyond minimum..maximum (about 1.4e17 ms), far from overflowing.
+  constexpr DKInt64 limit = DKInt64{1} << 60;
+  const auto count = time.time_since_epoch().count();
+  DKInt64 ms = 0;
+  if constexpr (ToMs::den == 1) { // milliseconds or a coarser unit
+    if (std::cmp_greater(count, limit / ToMs::num) || std::cmp_less(count, -limit / ToMs::num))
+      return false;
+    ms = static_cast<DKInt64>(count) * ToMs::num;
+  } else if constexpr (std::is_signed_v<typename Duration::rep>) { // a finer unit: round down
+    const DKInt64 units = count;
+    ms = units / ToMs::den - (units % ToMs::den < 0 ? 1 : 0);
+  } else {
+    ms = static_cast<DKInt64>(static_cast<DKUInt64>(count) / static_cast<DKUInt64>(ToMs::den));
+  }
+  if (ms > limit || ms < -limit)
+    return false;
+  const DKInt64 seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+  return FromUnixTime(seconds, static_cast<std::int32_t>(ms - seconds * 1000));
+}
 
 DK_EXPORT DKDateTimeEx operator+(const DKDateTimeEx& value, const DKDurationEx& duration);
 DK_EXPORT DKDateTimeEx operator-(const DKDateTimeEx& value, const DKDurationEx& duration);

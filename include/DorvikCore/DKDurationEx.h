@@ -4,6 +4,7 @@
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTypes.h>
 
+#include <chrono>
 #include <cstdint>
 #include <iosfwd>
 
@@ -41,6 +42,12 @@ public:
 #endif
   // Reads text as FromString does (an unreadable text gives an invalid duration).
   DKDurationEx(const DKString& text, Unit defaultUnit);
+  // An amount of std::chrono time (seconds, hours and days convert on their own) in the
+  // coarsest unit from week down to millisecond that holds it exactly: 90 minutes stay 90
+  // minutes, 7200 seconds become 2 hours. Throws DKDurationExceptionEx when no unit holds it
+  // (more than 2147483647 milliseconds that are not whole seconds, and so on); FromChrono
+  // reports that by returning false instead (value unchanged).
+  explicit DKDurationEx(std::chrono::milliseconds amount);
 
   Unit GetUnit() const noexcept { return m_unit; }
   void SetUnit(Unit unit) noexcept { m_unit = unit; }
@@ -54,6 +61,10 @@ public:
   // The older duration count: whole seconds, truncated. Throws DKDurationExceptionEx when the
   // seconds do not fit the count's range.
   DKDuration AsDKDuration() const;
+  // The amount as std::chrono::milliseconds; false (amount unchanged) for an invalid duration
+  // and for years and months, which have no fixed length.
+  [[nodiscard]] bool AsChrono(std::chrono::milliseconds& amount) const noexcept;
+  bool FromChrono(std::chrono::milliseconds amount) noexcept;
 
   // Converts to another unit with the conversion table (a year is 12 months, 52 weeks or 365
   // days; a month 4 weeks or 30 days). Towards a coarser unit the count is divided; unless
@@ -80,6 +91,24 @@ public:
   // unit word is unknown; an empty text gives invalid_. Throws DKDurationExceptionEx for a
   // count below minimum_.
   bool FromString(const DKString& text, Unit defaultUnit);
+
+  // Text that needs no Normalize to be read: the amount in days, hours, minutes, seconds and
+  // milliseconds, largest first, leaving out the parts that are 0: 36 hours give
+  // "1 day 12 hours", 90000 milliseconds "1 minute 30 seconds". Weeks are written as days.
+  // Years and months have no fixed length in days: they are written as years and months
+  // ("1 year 2 months" for 14 months). A negative amount has the sign on every part
+  // ("-1 day -12 hours"), so that the text reads as the sum of its parts. A count of 0 gives
+  // "0" and the unit ("0 hours"); an invalid duration the empty text. The short form uses the
+  // short names: "1d 12h", "-1y -2mo".
+  [[nodiscard]] DKString AsReadableString(bool longForm = true) const;
+  // Reads that text: parts of a count and a unit word (long name, long name with "s", or
+  // short name, as spelled in the unit table) separated by blanks, each unit at most once and
+  // larger units first, all of them signed with "-" or none of them, years and months not
+  // mixed with the other units. The result is the sum in the finest unit named
+  // ("1 day 12 hours" gives 36 hours), or in the nearest coarser unit that holds it exactly
+  // when that count would be too large (more than 2147483647 days are weeks). False, with
+  // invalid_, for any other text, and for an amount that no such unit holds.
+  bool FromReadableString(const DKString& text);
 
   // Scaling and negation; all throw DKDurationExceptionEx when the result leaves the range,
   // and division by 0 throws too.

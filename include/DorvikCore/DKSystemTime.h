@@ -6,11 +6,25 @@
 
 #include <cstdint>
 
+// The records live in the namespace dk, so that they never clash with a program's own
+// definitions of the same names. Portable code spells them dk::SYSTEMTIME, dk::FILETIME,
+// dk::VARIANT and dk::VT_DATE on every system: on Windows these are the system's own types
+// and values, elsewhere stand-ins with the same layout and members.
 #if defined(_WIN32)
-#  include <windows.h> // SYSTEMTIME, FILETIME
-#  include <oaidl.h>   // VARIANT
+#  include <windef.h>
+#  include <minwinbase.h> // SYSTEMTIME, FILETIME
+// The full VARIANT (<oaidl.h>) is needed only where its members are read.
+struct tagVARIANT;
+
+namespace dk {
+using ::FILETIME;
+using ::SYSTEMTIME;
+using VARIANT = ::tagVARIANT;
+using VARTYPE = unsigned short;
+} // namespace dk
 #else
-// The records as Windows lays them out, so that code written against them builds here too.
+namespace dk {
+
 struct SYSTEMTIME {
   std::uint16_t wYear;
   std::uint16_t wMonth; // 1..12
@@ -28,14 +42,13 @@ struct FILETIME {
   std::uint32_t dwHighDateTime;
 };
 
-// The variant types the date classes read and write.
-enum DKVariantType : std::uint16_t { VT_EMPTY = 0, VT_NULL = 1, VT_R8 = 5, VT_DATE = 7 };
+using VARTYPE = std::uint16_t;
 
 // An automation variant reduced to the members a date needs. `date` is an automation date:
 // days since 1899-12-30, the fraction being the time of day (for a negative value the
 // fraction still counts forward from midnight: -1.25 is 1899-12-29 06:00).
 struct VARIANT {
-  std::uint16_t vt;
+  VARTYPE vt;
   std::uint16_t wReserved1;
   std::uint16_t wReserved2;
   std::uint16_t wReserved3;
@@ -46,18 +59,30 @@ struct VARIANT {
     std::int32_t lVal;
   };
 };
+
+} // namespace dk
 #endif
 
+namespace dk {
+// The variant types the date classes read and write, with the system's values. (Under
+// `using namespace dk` they would be ambiguous with the system's own VT_ names on Windows:
+// qualify them.)
+inline constexpr VARTYPE VT_EMPTY = 0;
+inline constexpr VARTYPE VT_NULL = 1;
+inline constexpr VARTYPE VT_R8 = 5;
+inline constexpr VARTYPE VT_DATE = 7;
+} // namespace dk
+
 // A SYSTEMTIME with constructors.
-class DK_EXPORT DKSystemTime : public SYSTEMTIME {
+class DK_EXPORT DKSystemTime : public dk::SYSTEMTIME {
 public:
-  DKSystemTime() noexcept : SYSTEMTIME{} {}
+  DKSystemTime() noexcept : dk::SYSTEMTIME{} {}
   DKSystemTime(std::uint16_t year, std::uint16_t month, std::uint16_t dayOfWeek, std::uint16_t day, std::uint16_t hour,
                std::uint16_t minute, std::uint16_t second, std::uint16_t milliseconds) noexcept
-      : SYSTEMTIME{year, month, dayOfWeek, day, hour, minute, second, milliseconds} {}
-  DKSystemTime(const SYSTEMTIME& other) noexcept : SYSTEMTIME(other) {}
+      : dk::SYSTEMTIME{year, month, dayOfWeek, day, hour, minute, second, milliseconds} {}
+  DKSystemTime(const dk::SYSTEMTIME& other) noexcept : dk::SYSTEMTIME(other) {}
 
-  static void Assign(SYSTEMTIME& to, const SYSTEMTIME& from) noexcept { to = from; }
+  static void Assign(dk::SYSTEMTIME& to, const dk::SYSTEMTIME& from) noexcept { to = from; }
 };
 
 // The year is tested in its unsigned form: a negative year counts as 2^32 plus the year, so
@@ -66,19 +91,19 @@ DK_EXPORT bool DKIsLeapYear(unsigned year) noexcept;
 
 // a - b in seconds (milliseconds ignored), clamped to the int range. Fields out of range
 // count as they stand.
-DK_EXPORT int DKSystemTimeDifference(const SYSTEMTIME& a, const SYSTEMTIME& b) noexcept;
+DK_EXPORT int DKSystemTimeDifference(const dk::SYSTEMTIME& a, const dk::SYSTEMTIME& b) noexcept;
 
 // True when the record names a real moment: month 1..12, day within the month, hour 0..23,
 // minute and second 0..59, milliseconds 0..999. The day of the week is not checked.
-DK_EXPORT bool DKIsValidSystemTime(const SYSTEMTIME& time) noexcept;
+DK_EXPORT bool DKIsValidSystemTime(const dk::SYSTEMTIME& time) noexcept;
 
 // Automation dates. The record must be valid with a year in 100..9999; milliseconds are
 // ignored. The value must lie between -657434 (year 100) and 2958466 (exclusive, after
 // 9999-12-31); the time is rounded to the nearest second and the day of the week filled in.
-DK_EXPORT bool DKSystemTimeToVariantTime(const SYSTEMTIME& time, double& variantTime) noexcept;
-DK_EXPORT bool DKVariantTimeToSystemTime(double variantTime, SYSTEMTIME& time) noexcept;
+DK_EXPORT bool DKSystemTimeToVariantTime(const dk::SYSTEMTIME& time, double& variantTime) noexcept;
+DK_EXPORT bool DKVariantTimeToSystemTime(double variantTime, dk::SYSTEMTIME& time) noexcept;
 
 // FILETIME <-> SYSTEMTIME (both UTC). A FILETIME above 0x7FFFFFFFFFFFFFFF and a record before
 // 1601 or not valid are refused.
-DK_EXPORT bool DKFileTimeToSystemTime(const FILETIME& fileTime, SYSTEMTIME& time) noexcept;
-DK_EXPORT bool DKSystemTimeToFileTime(const SYSTEMTIME& time, FILETIME& fileTime) noexcept;
+DK_EXPORT bool DKFileTimeToSystemTime(const dk::FILETIME& fileTime, dk::SYSTEMTIME& time) noexcept;
+DK_EXPORT bool DKSystemTimeToFileTime(const dk::SYSTEMTIME& time, dk::FILETIME& fileTime) noexcept;

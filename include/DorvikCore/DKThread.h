@@ -270,7 +270,7 @@ public:
   static DKString ThreadPriorityText(int priority);
   // A time counted in 100-nanosecond units, in milliseconds.
   static DKInt64 TimeAsMilliSec(DKInt64 hundredNanoseconds) noexcept { return hundredNanoseconds / 10000; }
-  static DKInt64 TimeAsMilliSec(const FILETIME& time) noexcept;
+  static DKInt64 TimeAsMilliSec(const dk::FILETIME& time) noexcept;
   // Milliseconds as "hours:minutes:seconds.milliseconds", e.g. "1:02:03.004".
   static DKString FmtTime(DKInt64 milliseconds);
 

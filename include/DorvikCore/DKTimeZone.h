@@ -37,8 +37,8 @@ public:
   DKInt64 FromUTC(DKInt64 utcSeconds) const noexcept;
 
   // SYSTEMTIME between UTC and this zone; false when the record is not valid.
-  bool SystemTimeToZone(const SYSTEMTIME& utc, SYSTEMTIME& zoneTime) const noexcept;
-  bool ZoneToSystemTime(const SYSTEMTIME& zoneTime, SYSTEMTIME& utc) const noexcept;
+  bool SystemTimeToZone(const dk::SYSTEMTIME& utc, dk::SYSTEMTIME& zoneTime) const noexcept;
+  bool ZoneToSystemTime(const dk::SYSTEMTIME& zoneTime, dk::SYSTEMTIME& utc) const noexcept;
 
   // Minutes to add to the zone's standard time to get UTC (Paris: -60, New York: 300).
   int GetBias() const noexcept;

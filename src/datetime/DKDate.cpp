@@ -132,10 +132,10 @@ DKDate::DKDate(const DKString& text, const DKString& format) : m_date(0) {
   if (result.Bad())
     throw DKDateException(result.AsString());
 }
-DKDate::DKDate(const SYSTEMTIME& time) : m_date(0) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
+DKDate::DKDate(const dk::SYSTEMTIME& time) : m_date(0) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
 DKDate::DKDate(const std::tm& time) : m_date(0) { Require(FromStructTM(time), DK_T("struct tm")); }
-DKDate::DKDate(const FILETIME& time, const DKTimeZone& zone) : m_date(0) { Require(FromFileTime(time, zone), DK_T("FILETIME")); }
-DKDate::DKDate(const VARIANT& value) : m_date(0) { Require(FromVariant(value), DK_T("VARIANT")); }
+DKDate::DKDate(const dk::FILETIME& time, const DKTimeZone& zone) : m_date(0) { Require(FromFileTime(time, zone), DK_T("FILETIME")); }
+DKDate::DKDate(const dk::VARIANT& value) : m_date(0) { Require(FromVariant(value), DK_T("VARIANT")); }
 DKDate::DKDate(double variantDate) : m_date(0) { Require(FromVariant(variantDate), DK_T("automation date")); }
 DKDate::DKDate(const DKDateTime& time, const DKTimeZone& zone) : m_date(0) {
   Require(FromDKDateTime(time, zone), DK_T("DKDateTime"));
@@ -228,19 +228,19 @@ DKString DKDate::AsString(const DKString& format) const {
                            DateExtras(y, static_cast<int>(m), static_cast<int>(d)));
 }
 
-bool DKDate::FromSystemTime(const SYSTEMTIME& time) noexcept { return SetDate(time.wDay, time.wMonth, time.wYear); }
+bool DKDate::FromSystemTime(const dk::SYSTEMTIME& time) noexcept { return SetDate(time.wDay, time.wMonth, time.wYear); }
 
 bool DKDate::FromStructTM(const std::tm& time) noexcept {
   DKDateEx date;
   return date.FromStructTM(time) && SetDate(date.GetDay(), date.GetMonth(), date.GetYear());
 }
 
-bool DKDate::FromFileTime(const FILETIME& time, const DKTimeZone& zone) noexcept {
+bool DKDate::FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone) noexcept {
   DKDateEx date;
   return date.FromFileTime(time, zone) && SetDate(date.GetDay(), date.GetMonth(), date.GetYear());
 }
 
-bool DKDate::FromVariant(const VARIANT& value) noexcept {
+bool DKDate::FromVariant(const dk::VARIANT& value) noexcept {
   DKDateEx date;
   if (!date.FromVariant(value))
     return false;
@@ -252,8 +252,8 @@ bool DKDate::FromVariant(const VARIANT& value) noexcept {
 }
 
 bool DKDate::FromVariant(double value) noexcept {
-  VARIANT variant{};
-  variant.vt = VT_DATE;
+  dk::VARIANT variant{};
+  variant.vt = dk::VT_DATE;
   variant.date = value;
   return FromVariant(variant);
 }
@@ -287,7 +287,7 @@ bool DKDate::AsDKDateEx(DKDateEx& date) const noexcept {
   return date.SetDate(y, m, d);
 }
 
-bool DKDate::AsSystemTime(SYSTEMTIME& time) const noexcept {
+bool DKDate::AsSystemTime(dk::SYSTEMTIME& time) const noexcept {
   DKDateEx date;
   return AsDKDateEx(date) && date.AsSystemTime(time);
 }
@@ -297,15 +297,15 @@ bool DKDate::AsStructTM(std::tm& time) const noexcept {
   return AsDKDateEx(date) && date.AsStructTM(time);
 }
 
-bool DKDate::AsFileTime(FILETIME& time, const DKTimeZone& zone) const noexcept {
+bool DKDate::AsFileTime(dk::FILETIME& time, const DKTimeZone& zone) const noexcept {
   DKDateEx date;
   return AsDKDateEx(date) && date.AsFileTime(time, zone);
 }
 
-bool DKDate::AsVariant(VARIANT& value) const noexcept {
+bool DKDate::AsVariant(dk::VARIANT& value) const noexcept {
   DKDateEx date;
   if (IsNull()) {
-    value.vt = VT_NULL;
+    value.vt = dk::VT_NULL;
     return true;
   }
   return AsDKDateEx(date) && date.AsVariant(value);
@@ -400,14 +400,14 @@ DKDateTime::DKDateTime(const DKString& text, const DKString& format, const DKTim
   if (result.Bad())
     throw DKDateException(result.AsString());
 }
-DKDateTime::DKDateTime(const SYSTEMTIME& time, const DKTimeZone& zone) : m_time(0) {
+DKDateTime::DKDateTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone) : m_time(0) {
   Require(FromSystemTime(time, zone), DK_T("SYSTEMTIME"));
 }
 DKDateTime::DKDateTime(const std::tm& time, const DKTimeZone& zone) : m_time(0) {
   Require(FromStructTM(time, zone), DK_T("struct tm"));
 }
-DKDateTime::DKDateTime(const FILETIME& time) : m_time(0) { Require(FromFileTime(time), DK_T("FILETIME")); }
-DKDateTime::DKDateTime(const VARIANT& value, const DKTimeZone& zone) : m_time(0) {
+DKDateTime::DKDateTime(const dk::FILETIME& time) : m_time(0) { Require(FromFileTime(time), DK_T("FILETIME")); }
+DKDateTime::DKDateTime(const dk::VARIANT& value, const DKTimeZone& zone) : m_time(0) {
   Require(FromVariant(value, zone), DK_T("VARIANT"));
 }
 DKDateTime::DKDateTime(double variantDate, const DKTimeZone& zone) : m_time(0) {
@@ -458,7 +458,7 @@ void DKDateTime::GetDateAndTime(DKDateAndTime& fields, const DKTimeZone& zone) c
   AsDKDateTimeEx().GetDateAndTime(fields, zone);
 }
 
-bool DKDateTime::FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
+bool DKDateTime::FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
   DKDateTimeEx value;
   return value.FromSystemTime(time, zone) && FromDKDateTimeEx(value);
 }
@@ -468,12 +468,12 @@ bool DKDateTime::FromStructTM(const std::tm& time, const DKTimeZone& zone) noexc
   return value.FromStructTM(time, zone) && FromDKDateTimeEx(value);
 }
 
-bool DKDateTime::FromFileTime(const FILETIME& time) noexcept {
+bool DKDateTime::FromFileTime(const dk::FILETIME& time) noexcept {
   DKDateTimeEx value;
   return value.FromFileTime(time) && FromDKDateTimeEx(value);
 }
 
-bool DKDateTime::FromVariant(const VARIANT& value, const DKTimeZone& zone) noexcept {
+bool DKDateTime::FromVariant(const dk::VARIANT& value, const DKTimeZone& zone) noexcept {
   DKDateTimeEx ex;
   return ex.FromVariant(value, zone) && ex.IsDateAndTime() && FromDKDateTimeEx(ex);
 }
@@ -483,14 +483,14 @@ bool DKDateTime::FromVariant(double value, const DKTimeZone& zone) noexcept {
   return ex.FromVariant(value, zone) && ex.IsDateAndTime() && FromDKDateTimeEx(ex);
 }
 
-bool DKDateTime::AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone) const noexcept {
+bool DKDateTime::AsSystemTime(dk::SYSTEMTIME& time, const DKTimeZone& zone) const noexcept {
   return AsDKDateTimeEx().AsSystemTime(time, zone);
 }
 bool DKDateTime::AsStructTM(std::tm& time, const DKTimeZone& zone) const noexcept {
   return AsDKDateTimeEx().AsStructTM(time, zone);
 }
-bool DKDateTime::AsFileTime(FILETIME& time) const noexcept { return AsDKDateTimeEx().AsFileTime(time); }
-bool DKDateTime::AsVariant(VARIANT& value, const DKTimeZone& zone) const noexcept {
+bool DKDateTime::AsFileTime(dk::FILETIME& time) const noexcept { return AsDKDateTimeEx().AsFileTime(time); }
+bool DKDateTime::AsVariant(dk::VARIANT& value, const DKTimeZone& zone) const noexcept {
   return AsDKDateTimeEx().AsVariant(value, zone);
 }
 

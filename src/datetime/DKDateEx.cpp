@@ -38,7 +38,7 @@ bool TimeOfInstant(const DKDateTimeEx& instant, const DKTimeZone& zone, DKTimeEx
 }
 
 // A record of the automation origin, 1899-12-30, at a time of day.
-SYSTEMTIME OriginRecord(const DKTimeEx& time) noexcept {
+dk::SYSTEMTIME OriginRecord(const DKTimeEx& time) noexcept {
   return DKSystemTime(1899, 12, 6, 30, static_cast<std::uint16_t>(time.GetHour()), static_cast<std::uint16_t>(time.GetMinute()),
                       static_cast<std::uint16_t>(time.GetSecond()), static_cast<std::uint16_t>(time.GetMillisecond()));
 }
@@ -60,10 +60,10 @@ DKDateEx::DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day) : 
 }
 
 DKDateEx::DKDateEx(const DKString& text, const DKString& format) : m_date(0) { RequireRead(FromString(text, format)); }
-DKDateEx::DKDateEx(const SYSTEMTIME& time) : m_date(0) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
+DKDateEx::DKDateEx(const dk::SYSTEMTIME& time) : m_date(0) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
 DKDateEx::DKDateEx(const std::tm& time) : m_date(0) { Require(FromStructTM(time), DK_T("struct tm")); }
-DKDateEx::DKDateEx(const FILETIME& time, const DKTimeZone& zone) : m_date(0) { Require(FromFileTime(time, zone), DK_T("FILETIME")); }
-DKDateEx::DKDateEx(const VARIANT& value) : m_date(0) { Require(FromVariant(value), DK_T("VARIANT")); }
+DKDateEx::DKDateEx(const dk::FILETIME& time, const DKTimeZone& zone) : m_date(0) { Require(FromFileTime(time, zone), DK_T("FILETIME")); }
+DKDateEx::DKDateEx(const dk::VARIANT& value) : m_date(0) { Require(FromVariant(value), DK_T("VARIANT")); }
 DKDateEx::DKDateEx(double variantDate) : m_date(0) { Require(FromVariant(variantDate), DK_T("automation date")); }
 DKDateEx::DKDateEx(const DKDateTime& time, const DKTimeZone& zone) : m_date(0) {
   Require(FromDKDateTime(time, zone), DK_T("DKDateTime"));
@@ -111,7 +111,7 @@ DKErrorID DKDateEx::FromString(const DKString& text, const DKString& format) {
   return DKErrorID();
 }
 
-bool DKDateEx::FromSystemTime(const SYSTEMTIME& time) noexcept { return SetDate(time.wYear, time.wMonth, time.wDay); }
+bool DKDateEx::FromSystemTime(const dk::SYSTEMTIME& time) noexcept { return SetDate(time.wYear, time.wMonth, time.wDay); }
 
 bool DKDateEx::FromStructTM(const std::tm& time) noexcept {
   const DKInt64 year = static_cast<DKInt64>(time.tm_year) + 1900;
@@ -119,18 +119,18 @@ bool DKDateEx::FromStructTM(const std::tm& time) noexcept {
          SetDate(static_cast<std::int32_t>(year), static_cast<std::uint32_t>(time.tm_mon) + 1, static_cast<std::uint32_t>(time.tm_mday));
 }
 
-bool DKDateEx::FromFileTime(const FILETIME& time, const DKTimeZone& zone) noexcept {
+bool DKDateEx::FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone) noexcept {
   DKDateTimeEx instant;
   return instant.FromFileTime(time) && DateOfInstant(instant, zone, *this);
 }
 
-bool DKDateEx::FromVariant(const VARIANT& value) noexcept { return dkdt::FromVariantRecord(*this, value); }
+bool DKDateEx::FromVariant(const dk::VARIANT& value) noexcept { return dkdt::FromVariantRecord(*this, value); }
 
 bool DKDateEx::FromVariant(double value) noexcept {
   SetNull();
   if (value > -1.0 && value < 1.0) // the day 1899-12-30 stands for no date
     return true;
-  SYSTEMTIME record;
+  dk::SYSTEMTIME record;
   return DKVariantTimeToSystemTime(value, record) && FromSystemTime(record);
 }
 
@@ -154,7 +154,7 @@ void DKDateEx::GetDateAndTime(DKDateAndTime& fields) const noexcept {
   fields.day = GetDay();
 }
 
-bool DKDateEx::AsSystemTime(SYSTEMTIME& time) const noexcept {
+bool DKDateEx::AsSystemTime(dk::SYSTEMTIME& time) const noexcept {
   if (!IsValid() || GetYear() < 0 || GetYear() > 65535)
     return false;
   const std::int64_t days = dkcal::DaysFromCivil(GetYear(), static_cast<int>(GetMonth()), static_cast<int>(GetDay()));
@@ -177,7 +177,7 @@ bool DKDateEx::AsStructTM(std::tm& time) const noexcept {
   return true;
 }
 
-bool DKDateEx::AsFileTime(FILETIME& time, const DKTimeZone& zone) const noexcept {
+bool DKDateEx::AsFileTime(dk::FILETIME& time, const DKTimeZone& zone) const noexcept {
   DKDateTimeEx midnight;
   DKDateAndTime fields;
   GetDateAndTime(fields);
@@ -186,16 +186,16 @@ bool DKDateEx::AsFileTime(FILETIME& time, const DKTimeZone& zone) const noexcept
   return IsValid() && midnight.SetDateAndTime(fields) && midnight.AsFileTime(time);
 }
 
-bool DKDateEx::AsVariant(VARIANT& value) const noexcept {
+bool DKDateEx::AsVariant(dk::VARIANT& value) const noexcept {
   if (IsNull()) {
-    value.vt = VT_NULL;
+    value.vt = dk::VT_NULL;
     return true;
   }
-  SYSTEMTIME record;
+  dk::SYSTEMTIME record;
   double date = 0;
   if (!IsValid() || GetYear() < 1601 || GetYear() > 9999 || !AsSystemTime(record) || !DKSystemTimeToVariantTime(record, date))
     return false;
-  value.vt = VT_DATE;
+  value.vt = dk::VT_DATE;
   value.date = date;
   return true;
 }
@@ -290,12 +290,12 @@ DKTimeEx::DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t secon
 }
 
 DKTimeEx::DKTimeEx(const DKString& text, const DKString& format) : m_time(NULL_TIME) { RequireRead(FromString(text, format)); }
-DKTimeEx::DKTimeEx(const SYSTEMTIME& time) : m_time(NULL_TIME) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
+DKTimeEx::DKTimeEx(const dk::SYSTEMTIME& time) : m_time(NULL_TIME) { Require(FromSystemTime(time), DK_T("SYSTEMTIME")); }
 DKTimeEx::DKTimeEx(const std::tm& time) : m_time(NULL_TIME) { Require(FromStructTM(time), DK_T("struct tm")); }
-DKTimeEx::DKTimeEx(const FILETIME& time, const DKTimeZone& zone) : m_time(NULL_TIME) {
+DKTimeEx::DKTimeEx(const dk::FILETIME& time, const DKTimeZone& zone) : m_time(NULL_TIME) {
   Require(FromFileTime(time, zone), DK_T("FILETIME"));
 }
-DKTimeEx::DKTimeEx(const VARIANT& value) : m_time(NULL_TIME) { Require(FromVariant(value), DK_T("VARIANT")); }
+DKTimeEx::DKTimeEx(const dk::VARIANT& value) : m_time(NULL_TIME) { Require(FromVariant(value), DK_T("VARIANT")); }
 DKTimeEx::DKTimeEx(double variantDate) : m_time(NULL_TIME) { Require(FromVariant(variantDate), DK_T("automation date")); }
 DKTimeEx::DKTimeEx(const DKDateTime& time, const DKTimeZone& zone) : m_time(NULL_TIME) {
   Require(FromDKDateTime(time, zone), DK_T("DKDateTime"));
@@ -332,7 +332,7 @@ DKErrorID DKTimeEx::FromString(const DKString& text, const DKString& format) {
   return DKErrorID();
 }
 
-bool DKTimeEx::FromSystemTime(const SYSTEMTIME& time) noexcept {
+bool DKTimeEx::FromSystemTime(const dk::SYSTEMTIME& time) noexcept {
   return SetTime(time.wHour, time.wMinute, time.wSecond, time.wMilliseconds);
 }
 
@@ -341,15 +341,15 @@ bool DKTimeEx::FromStructTM(const std::tm& time) noexcept {
          SetTime(static_cast<std::uint32_t>(time.tm_hour), static_cast<std::uint32_t>(time.tm_min), static_cast<std::uint32_t>(time.tm_sec));
 }
 
-bool DKTimeEx::FromFileTime(const FILETIME& time, const DKTimeZone& zone) noexcept {
+bool DKTimeEx::FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone) noexcept {
   DKDateTimeEx instant;
   return instant.FromFileTime(time) && TimeOfInstant(instant, zone, *this);
 }
 
-bool DKTimeEx::FromVariant(const VARIANT& value) noexcept { return dkdt::FromVariantRecord(*this, value); }
+bool DKTimeEx::FromVariant(const dk::VARIANT& value) noexcept { return dkdt::FromVariantRecord(*this, value); }
 
 bool DKTimeEx::FromVariant(double value) noexcept {
-  SYSTEMTIME record;
+  dk::SYSTEMTIME record;
   return DKVariantTimeToSystemTime(value, record) && FromSystemTime(record);
 }
 
@@ -374,7 +374,7 @@ void DKTimeEx::GetDateAndTime(DKDateAndTime& fields) const noexcept {
   fields.millisecond = GetMillisecond();
 }
 
-bool DKTimeEx::AsSystemTime(SYSTEMTIME& time) const noexcept {
+bool DKTimeEx::AsSystemTime(dk::SYSTEMTIME& time) const noexcept {
   if (!IsValid())
     return false;
   time = OriginRecord(*this);
@@ -394,7 +394,7 @@ bool DKTimeEx::AsStructTM(std::tm& time) const noexcept {
   return true;
 }
 
-bool DKTimeEx::AsFileTime(FILETIME& time) const noexcept {
+bool DKTimeEx::AsFileTime(dk::FILETIME& time) const noexcept {
   if (!IsValid())
     return false;
   const DKUInt64 ticks = static_cast<DKUInt64>(m_time) * 10000;
@@ -403,15 +403,15 @@ bool DKTimeEx::AsFileTime(FILETIME& time) const noexcept {
   return true;
 }
 
-bool DKTimeEx::AsVariant(VARIANT& value) const noexcept {
+bool DKTimeEx::AsVariant(dk::VARIANT& value) const noexcept {
   if (IsNull()) {
-    value.vt = VT_NULL;
+    value.vt = dk::VT_NULL;
     return true;
   }
   double date = 0;
   if (!IsValid() || !DKSystemTimeToVariantTime(OriginRecord(*this), date))
     return false;
-  value.vt = VT_DATE;
+  value.vt = dk::VT_DATE;
   value.date = date;
   return true;
 }

@@ -162,14 +162,14 @@ DKDateTimeEx::DKDateTimeEx(const DKString& text, const DKString& format, const D
     throw DKDateExceptionEx(result.AsString());
 }
 
-DKDateTimeEx::DKDateTimeEx(const SYSTEMTIME& time, const DKTimeZone& zone) : DKDateTimeEx() {
+DKDateTimeEx::DKDateTimeEx(const dk::SYSTEMTIME& time, const DKTimeZone& zone) : DKDateTimeEx() {
   Require(FromSystemTime(time, zone), DK_T("SYSTEMTIME"));
 }
 DKDateTimeEx::DKDateTimeEx(const std::tm& time, const DKTimeZone& zone) : DKDateTimeEx() {
   Require(FromStructTM(time, zone), DK_T("struct tm"));
 }
-DKDateTimeEx::DKDateTimeEx(const FILETIME& time) : DKDateTimeEx() { Require(FromFileTime(time), DK_T("FILETIME")); }
-DKDateTimeEx::DKDateTimeEx(const VARIANT& value, const DKTimeZone& zone) : DKDateTimeEx() {
+DKDateTimeEx::DKDateTimeEx(const dk::FILETIME& time) : DKDateTimeEx() { Require(FromFileTime(time), DK_T("FILETIME")); }
+DKDateTimeEx::DKDateTimeEx(const dk::VARIANT& value, const DKTimeZone& zone) : DKDateTimeEx() {
   Require(FromVariant(value, zone), DK_T("VARIANT"));
 }
 DKDateTimeEx::DKDateTimeEx(double variantDate, const DKTimeZone& zone) : DKDateTimeEx() {
@@ -237,12 +237,12 @@ bool DKDateTimeEx::SetDateAndTime(const DKDateAndTime& fields) noexcept {
 
 // ---- Records -----------------------------------------------------------------------------------------
 
-bool DKDateTimeEx::FromSystemTime(const SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
+bool DKDateTimeEx::FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
   return DKIsValidSystemTime(time) && SetDateAndTime(DKDateAndTime(time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
                                                                    time.wSecond, time.wMilliseconds, zone));
 }
 
-bool DKDateTimeEx::AsSystemTime(SYSTEMTIME& time, const DKTimeZone& zone) const noexcept {
+bool DKDateTimeEx::AsSystemTime(dk::SYSTEMTIME& time, const DKTimeZone& zone) const noexcept {
   DKDateAndTime fields;
   if (!IsDateAndTime() || !GetDateAndTime(fields, zone) || fields.year < 0 || fields.year > 65535)
     return false;
@@ -284,14 +284,14 @@ bool DKDateTimeEx::AsStructTM(std::tm& time, const DKTimeZone& zone) const noexc
   return true;
 }
 
-bool DKDateTimeEx::FromFileTime(const FILETIME& time) noexcept {
+bool DKDateTimeEx::FromFileTime(const dk::FILETIME& time) noexcept {
   const DKUInt64 ticks = static_cast<DKUInt64>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
   if (ticks > static_cast<DKUInt64>(std::numeric_limits<DKInt64>::max()))
     return false;
   return PackMoment(dkcal::MsToMoment(static_cast<DKInt64>(ticks / 10000) - dkcal::fileTimeOriginMs), *this);
 }
 
-bool DKDateTimeEx::AsFileTime(FILETIME& time) const noexcept {
+bool DKDateTimeEx::AsFileTime(dk::FILETIME& time) const noexcept {
   if (!IsDateAndTime() || !IsValid())
     return false;
   const DKInt64 ms = UtcMs(*this) + dkcal::fileTimeOriginMs;
@@ -303,12 +303,12 @@ bool DKDateTimeEx::AsFileTime(FILETIME& time) const noexcept {
   return true;
 }
 
-bool DKDateTimeEx::FromVariant(const VARIANT& value, const DKTimeZone& zone) noexcept {
+bool DKDateTimeEx::FromVariant(const dk::VARIANT& value, const DKTimeZone& zone) noexcept {
   return dkdt::FromVariantRecord(*this, value, zone);
 }
 
 bool DKDateTimeEx::FromVariant(double value, const DKTimeZone& zone) noexcept {
-  SYSTEMTIME record;
+  dk::SYSTEMTIME record;
   if (!DKVariantTimeToSystemTime(value, record))
     return false;
   if (value > -1.0 && value < 1.0) { // no date: the time of day alone
@@ -318,9 +318,9 @@ bool DKDateTimeEx::FromVariant(double value, const DKTimeZone& zone) noexcept {
   return FromSystemTime(record, zone);
 }
 
-bool DKDateTimeEx::AsVariant(VARIANT& value, const DKTimeZone& zone) const noexcept {
+bool DKDateTimeEx::AsVariant(dk::VARIANT& value, const DKTimeZone& zone) const noexcept {
   if (IsNull()) {
-    value.vt = VT_NULL;
+    value.vt = dk::VT_NULL;
     return true;
   }
   if (!IsValid())
@@ -329,11 +329,11 @@ bool DKDateTimeEx::AsVariant(VARIANT& value, const DKTimeZone& zone) const noexc
     return m_date.AsVariant(value);
   if (IsOnlyTime())
     return m_time.AsVariant(value);
-  SYSTEMTIME record;
+  dk::SYSTEMTIME record;
   double date = 0;
   if (!AsSystemTime(record, zone) || record.wYear < 1601 || record.wYear > 9999 || !DKSystemTimeToVariantTime(record, date))
     return false;
-  value.vt = VT_DATE;
+  value.vt = dk::VT_DATE;
   value.date = date;
   return true;
 }

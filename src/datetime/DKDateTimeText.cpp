@@ -80,9 +80,9 @@ unsigned RenderCode(DKChar code, DKChar* to, const WriteFields& f, const WriteEx
 
 } // namespace
 
-void AppendInt(DKString& out, DKInt64 value) {
+void AppendInt(DKString& out, DKInt64 value, unsigned minDigits) {
   DKChar digits[24];
-  const unsigned n = PutNumber(digits, value, 1);
+  const unsigned n = PutNumber(digits, value, minDigits < 20 ? minDigits : 20);
   out.Append(digits, n);
 }
 

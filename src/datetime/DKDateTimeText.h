@@ -14,8 +14,8 @@
 
 namespace dkdt {
 
-// Appends a signed decimal number.
-void AppendInt(DKString& out, DKInt64 value);
+// Appends a signed decimal number, its magnitude padded with zeros to minDigits digits.
+void AppendInt(DKString& out, DKInt64 value, unsigned minDigits = 1);
 
 // The fields a format can print. Fields the value does not hold stay 0.
 struct WriteFields {

@@ -8,6 +8,7 @@
 #include <istream>
 #include <limits>
 #include <ostream>
+#include <span>
 
 namespace {
 
@@ -76,6 +77,11 @@ DKDurationEx::DKDurationEx(long count, const wchar_t* unitShortName)
 
 DKDurationEx::DKDurationEx(const DKString& text, Unit defaultUnit) : DKDurationEx() { FromString(text, defaultUnit); }
 
+DKDurationEx::DKDurationEx(std::chrono::milliseconds amount) : DKDurationEx() {
+  if (!FromChrono(amount))
+    throw DKDurationExceptionEx(amount.count(), Millisecond);
+}
+
 void DKDurationEx::SetDuration(long count) { SetCount(count); }
 
 void DKDurationEx::SetCount(DKInt64 count) {
@@ -103,6 +109,29 @@ DKDuration DKDurationEx::AsDKDuration() const {
   if (seconds < minimum_ || seconds > maximum_)
     throw DKDurationExceptionEx(*this);
   return static_cast<DKDuration>(seconds);
+}
+
+bool DKDurationEx::AsChrono(std::chrono::milliseconds& amount) const noexcept {
+  if (!IsValid() || m_unit <= Month)
+    return false;
+  amount = std::chrono::milliseconds(static_cast<DKInt64>(m_duration) * unitMs[m_unit]); // at most 1.3e18
+  return true;
+}
+
+bool DKDurationEx::FromChrono(std::chrono::milliseconds amount) noexcept {
+  const DKInt64 ms = amount.count();
+  // The coarsest exact unit gives the smallest count: when that does not fit, none does.
+  for (int unit = Week; unit <= Millisecond; ++unit) {
+    if (ms % unitMs[unit] != 0)
+      continue;
+    const DKInt64 count = ms / unitMs[unit];
+    if (count < minimum_ || count > maximum_)
+      return false;
+    m_unit = static_cast<Unit>(unit);
+    m_duration = static_cast<std::int32_t>(count);
+    return true;
+  }
+  return false;
 }
 
 std::int32_t DKDurationEx::GetConversionStep(Unit from, Unit to) noexcept {
@@ -280,6 +309,141 @@ bool DKDurationEx::FromString(const DKString& text, Unit defaultUnit) {
         m_unit = static_cast<Unit>(unit);
   }
   return IsValid();
+}
+
+namespace {
+
+// The parts of the readable text: years and months for the calendar units (counted in
+// months), days to milliseconds for the others (counted in milliseconds).
+struct ReadablePart {
+  DKDurationEx::Unit unit;
+  DKInt64 length;
+};
+constexpr ReadablePart calendarParts[] = {{DKDurationEx::Year, 12}, {DKDurationEx::Month, 1}};
+constexpr ReadablePart clockParts[] = {{DKDurationEx::Day, 86400000}, {DKDurationEx::Hour, 3600000},
+                                       {DKDurationEx::Minute, 60000}, {DKDurationEx::Second, 1000},
+                                       {DKDurationEx::Millisecond, 1}};
+
+constexpr bool IsCalendarUnit(DKDurationEx::Unit unit) noexcept { return unit <= DKDurationEx::Month; }
+
+// The length of a unit in the finest unit of its family (months or milliseconds).
+constexpr DKInt64 FamilyLength(DKDurationEx::Unit unit) noexcept {
+  return unit == DKDurationEx::Year ? 12 : unit == DKDurationEx::Month ? 1 : unitMs[unit];
+}
+
+void AppendPart(DKString& out, DKInt64 count, DKDurationEx::Unit unit, bool longForm) {
+  dkdt::AppendInt(out, count);
+  if (longForm) {
+    out += DK_T(' ');
+    out += longNames[unit];
+    if (count != 1 && count != -1)
+      out += DK_T('s');
+  } else {
+    out += shortNames[unit];
+  }
+}
+
+// The unit a word names (long name, long name with "s", or short name); Invalid otherwise.
+DKDurationEx::Unit UnitByWord(const DKChar* word, std::size_t length) noexcept {
+  const DKStringView text(word, length);
+  for (int unit = 0; unit < unitCount; ++unit) {
+    const DKStringView name(longNames[unit]);
+    if (text == DKStringView(shortNames[unit]) || text == name ||
+        (length == name.size() + 1 && text.substr(0, name.size()) == name && word[length - 1] == 's'))
+      return static_cast<DKDurationEx::Unit>(unit);
+  }
+  return DKDurationEx::Invalid;
+}
+
+} // namespace
+
+DKString DKDurationEx::AsReadableString(bool longForm) const {
+  DKString out;
+  if (!IsValid())
+    return out;
+  if (m_duration == 0) {
+    AppendPart(out, 0, m_unit, longForm);
+    return out;
+  }
+  const DKInt64 amount = static_cast<DKInt64>(m_duration) * FamilyLength(m_unit); // at most 1.3e18
+  const DKInt64 sign = amount < 0 ? -1 : 1;
+  DKInt64 rest = amount * sign;
+  for (const ReadablePart& part : IsCalendarUnit(m_unit) ? std::span<const ReadablePart>(calendarParts)
+                                                          : std::span<const ReadablePart>(clockParts)) {
+    const DKInt64 count = rest / part.length;
+    rest %= part.length;
+    if (count == 0)
+      continue;
+    if (!out.IsEmpty())
+      out += DK_T(' ');
+    AppendPart(out, sign * count, part.unit, longForm);
+  }
+  return out;
+}
+
+bool DKDurationEx::FromReadableString(const DKString& text) {
+  *this = invalid_;
+  const DKChar* p = text.c_str();
+  const DKChar* const end = p + text.Length();
+  const auto skipBlanks = [&] {
+    while (p != end && *p == ' ')
+      ++p;
+  };
+  skipBlanks();
+  if (p == end)
+    return false;
+  int previous = -1;
+  bool negative = false;
+  DKInt64 total = 0; // in months or milliseconds
+  Unit finest = Invalid;
+  for (int part = 0; p != end; ++part) {
+    const bool minus = *p == '-';
+    if (*p == '-' || *p == '+')
+      ++p;
+    if (part == 0)
+      negative = minus;
+    else if (minus != negative)
+      return false;
+    if (p == end || *p < '0' || *p > '9')
+      return false;
+    // A part may hold more than a count can (2147483647 weeks are written as days), but never
+    // more than the largest amount, so that the sum cannot overflow.
+    constexpr DKInt64 largestAmount = DKInt64{maximum_} * unitMs[Week];
+    DKInt64 count = 0;
+    for (; p != end && *p >= '0' && *p <= '9'; ++p) {
+      const int digit = *p - '0';
+      if (count > (largestAmount - digit) / 10)
+        return false;
+      count = count * 10 + digit;
+    }
+    skipBlanks();
+    const DKChar* const word = p;
+    while (p != end && ((*p >= 'a' && *p <= 'z') || (*p >= 'A' && *p <= 'Z')))
+      ++p;
+    const Unit unit = UnitByWord(word, static_cast<std::size_t>(p - word));
+    if (unit == Invalid || unit <= previous || (previous >= 0 && IsCalendarUnit(unit) != IsCalendarUnit(finest)))
+      return false;
+    if (p != end && *p != ' ')
+      return false;
+    skipBlanks();
+    if (count > largestAmount / FamilyLength(unit))
+      return false;
+    previous = unit;
+    finest = unit;
+    total += count * FamilyLength(unit); // at most 8 parts of 1.3e18
+  }
+  // The finest unit named, or the nearest coarser one that holds the sum exactly when its
+  // count would be too large (more than 2147483647 days can only be weeks).
+  const int coarsest = IsCalendarUnit(finest) ? Year : Week;
+  for (int unit = finest; unit >= coarsest; --unit) {
+    const DKInt64 length = FamilyLength(static_cast<Unit>(unit));
+    if (total % length == 0 && total / length <= maximum_) {
+      m_unit = static_cast<Unit>(unit);
+      m_duration = static_cast<std::int32_t>(negative ? -(total / length) : total / length);
+      return true;
+    }
+  }
+  return false;
 }
 
 std::ostream& operator<<(std::ostream& os, const DKDurationEx& duration) { return os << duration.AsString(); }

@@ -10,7 +10,7 @@ namespace {
 
 // Seconds since 1970 of a record read as it stands: a month or day out of range carries into
 // the neighbouring months, as arithmetic on the fields would.
-std::int64_t RecordSeconds(const SYSTEMTIME& t) noexcept {
+std::int64_t RecordSeconds(const dk::SYSTEMTIME& t) noexcept {
   const std::int64_t months = static_cast<std::int64_t>(t.wMonth) - 1;
   const std::int64_t year = t.wYear + dkcal::FloorDiv(months, 12);
   const int month = static_cast<int>(dkcal::FloorMod(months, 12)) + 1;
@@ -19,7 +19,7 @@ std::int64_t RecordSeconds(const SYSTEMTIME& t) noexcept {
 }
 
 // Fills a record from a moment; false when its year does not fit the record.
-bool MomentToRecord(const dkcal::Moment& moment, SYSTEMTIME& t) noexcept {
+bool MomentToRecord(const dkcal::Moment& moment, dk::SYSTEMTIME& t) noexcept {
   if (moment.date.year < 0 || moment.date.year > 65535)
     return false;
   int hour, minute, second, millisecond;
@@ -36,7 +36,7 @@ bool MomentToRecord(const dkcal::Moment& moment, SYSTEMTIME& t) noexcept {
   return true;
 }
 
-dkcal::Moment RecordMoment(const SYSTEMTIME& t) noexcept {
+dkcal::Moment RecordMoment(const dk::SYSTEMTIME& t) noexcept {
   dkcal::Moment moment;
   moment.date = {t.wYear, t.wMonth, t.wDay};
   moment.msOfDay = dkcal::TimeMs(t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
@@ -47,7 +47,7 @@ dkcal::Moment RecordMoment(const SYSTEMTIME& t) noexcept {
 
 bool DKIsLeapYear(unsigned year) noexcept { return year % 4 == 0 && (year % 100 != 0 || year % 400 == 0); }
 
-int DKSystemTimeDifference(const SYSTEMTIME& a, const SYSTEMTIME& b) noexcept {
+int DKSystemTimeDifference(const dk::SYSTEMTIME& a, const dk::SYSTEMTIME& b) noexcept {
   const std::int64_t difference = RecordSeconds(a) - RecordSeconds(b);
   if (difference > std::numeric_limits<int>::max())
     return std::numeric_limits<int>::max();
@@ -56,11 +56,11 @@ int DKSystemTimeDifference(const SYSTEMTIME& a, const SYSTEMTIME& b) noexcept {
   return static_cast<int>(difference);
 }
 
-bool DKIsValidSystemTime(const SYSTEMTIME& t) noexcept {
+bool DKIsValidSystemTime(const dk::SYSTEMTIME& t) noexcept {
   return dkcal::IsValidDate(t.wYear, t.wMonth, t.wDay) && dkcal::IsValidTime(t.wHour, t.wMinute, t.wSecond, t.wMilliseconds);
 }
 
-bool DKSystemTimeToVariantTime(const SYSTEMTIME& time, double& variantTime) noexcept {
+bool DKSystemTimeToVariantTime(const dk::SYSTEMTIME& time, double& variantTime) noexcept {
   if (!DKIsValidSystemTime(time) || time.wYear < 100 || time.wYear > 9999)
     return false;
   const std::int64_t days = dkcal::DaysFromCivil(time.wYear, time.wMonth, time.wDay) - dkcal::variantOrigin;
@@ -70,7 +70,7 @@ bool DKSystemTimeToVariantTime(const SYSTEMTIME& time, double& variantTime) noex
   return true;
 }
 
-bool DKVariantTimeToSystemTime(double variantTime, SYSTEMTIME& time) noexcept {
+bool DKVariantTimeToSystemTime(double variantTime, dk::SYSTEMTIME& time) noexcept {
   if (!(variantTime > -657435.0 && variantTime < 2958466.0)) // also refuses NaN
     return false;
   const double whole = std::trunc(variantTime);
@@ -88,7 +88,7 @@ bool DKVariantTimeToSystemTime(double variantTime, SYSTEMTIME& time) noexcept {
   return MomentToRecord(moment, time);
 }
 
-bool DKFileTimeToSystemTime(const FILETIME& fileTime, SYSTEMTIME& time) noexcept {
+bool DKFileTimeToSystemTime(const dk::FILETIME& fileTime, dk::SYSTEMTIME& time) noexcept {
   const std::uint64_t ticks = static_cast<std::uint64_t>(fileTime.dwHighDateTime) << 32 | fileTime.dwLowDateTime;
   if (ticks > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
     return false;
@@ -96,7 +96,7 @@ bool DKFileTimeToSystemTime(const FILETIME& fileTime, SYSTEMTIME& time) noexcept
   return MomentToRecord(dkcal::MsToMoment(ms), time);
 }
 
-bool DKSystemTimeToFileTime(const SYSTEMTIME& time, FILETIME& fileTime) noexcept {
+bool DKSystemTimeToFileTime(const dk::SYSTEMTIME& time, dk::FILETIME& fileTime) noexcept {
   if (!DKIsValidSystemTime(time) || time.wYear < 1601)
     return false;
   const std::int64_t ms = dkcal::MomentToMs(RecordMoment(time)) + dkcal::fileTimeOriginMs;

@@ -24,7 +24,7 @@ DKInt64 DKTimeZone::FromUTC(DKInt64 utcSeconds) const noexcept {
 
 namespace {
 
-bool ShiftRecord(const SYSTEMTIME& from, SYSTEMTIME& to, DKInt64 (*shift)(const DKTimeZone&, DKInt64),
+bool ShiftRecord(const dk::SYSTEMTIME& from, dk::SYSTEMTIME& to, DKInt64 (*shift)(const DKTimeZone&, DKInt64),
                  const DKTimeZone& zone) noexcept {
   if (!DKIsValidSystemTime(from))
     return false;
@@ -45,11 +45,11 @@ bool ShiftRecord(const SYSTEMTIME& from, SYSTEMTIME& to, DKInt64 (*shift)(const 
 
 } // namespace
 
-bool DKTimeZone::SystemTimeToZone(const SYSTEMTIME& utc, SYSTEMTIME& zoneTime) const noexcept {
+bool DKTimeZone::SystemTimeToZone(const dk::SYSTEMTIME& utc, dk::SYSTEMTIME& zoneTime) const noexcept {
   return ShiftRecord(utc, zoneTime, [](const DKTimeZone& z, DKInt64 s) { return z.FromUTC(s); }, *this);
 }
 
-bool DKTimeZone::ZoneToSystemTime(const SYSTEMTIME& zoneTime, SYSTEMTIME& utc) const noexcept {
+bool DKTimeZone::ZoneToSystemTime(const dk::SYSTEMTIME& zoneTime, dk::SYSTEMTIME& utc) const noexcept {
   return ShiftRecord(zoneTime, utc, [](const DKTimeZone& z, DKInt64 s) { return z.ToUTC(s); }, *this);
 }
 

@@ -6,6 +6,7 @@
 #include <DorvikCore/DKSystemTime.h>
 
 #include "datetime/DKDateTimeText.h"
+#include "datetime/DKVariantRecord.h"
 
 #include <istream>
 #include <ostream>
@@ -44,12 +45,12 @@ std::istream& ReadValue(std::istream& is, T& value) {
 // VT_NULL and VT_EMPTY make the value null; VT_DATE and VT_R8 are read as automation dates
 // (with the zone, for a class that takes one); other types are refused.
 template <class T, class... Zone>
-bool FromVariantRecord(T& value, const VARIANT& variant, const Zone&... zone) noexcept {
+bool FromVariantRecord(T& value, const dk::VARIANT& variant, const Zone&... zone) noexcept {
   switch (variant.vt) {
-  case VT_NULL:
-  case VT_EMPTY: value.SetNull(); return true;
-  case VT_DATE: return value.FromVariant(variant.date, zone...);
-  case VT_R8: return value.FromVariant(variant.dblVal, zone...);
+  case dk::VT_NULL:
+  case dk::VT_EMPTY: value.SetNull(); return true;
+  case dk::VT_DATE: return value.FromVariant(variant.date, zone...);
+  case dk::VT_R8: return value.FromVariant(variant.dblVal, zone...);
   default: return false;
   }
 }

@@ -60,7 +60,7 @@ DKString DKThreadInfo::ThreadPriorityText(int priority) {
   }
 }
 
-DKInt64 DKThreadInfo::TimeAsMilliSec(const FILETIME& time) noexcept {
+DKInt64 DKThreadInfo::TimeAsMilliSec(const dk::FILETIME& time) noexcept {
   const auto units = static_cast<DKInt64>(static_cast<DKUInt64>(time.dwHighDateTime) << 32 | time.dwLowDateTime);
   return TimeAsMilliSec(units);
 }

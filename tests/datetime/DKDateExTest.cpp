@@ -108,9 +108,9 @@ TEST(DateExTest, LeavingTheRangeThrowsWithTheBound) {
 // ---- DKDateEx: records -------------------------------------------------------------------------
 
 TEST(DateExTest, AutomationDates) {
-  VARIANT v{};
+  dk::VARIANT v{};
   EXPECT_TRUE(DKDateEx().AsVariant(v));
-  EXPECT_EQ(v.vt, VT_NULL);
+  EXPECT_EQ(v.vt, dk::VT_NULL);
   EXPECT_TRUE(DKDateEx(2020, 1, 5).AsVariant(v));
   EXPECT_EQ(v.date, 43835.0);
   EXPECT_FALSE(DKDateEx(1600, 12, 31).AsVariant(v));
@@ -133,14 +133,14 @@ TEST(DateExTest, AutomationDates) {
     EXPECT_EQ(d.FromVariant(r.value), r.ok) << r.value;
     EXPECT_EQ(d, r.date) << r.value; // set to null first, whatever the result
   }
-  VARIANT text{};
+  dk::VARIANT text{};
   text.vt = 8; // a string: not a date
   DKDateEx d;
   EXPECT_FALSE(d.FromVariant(text));
 }
 
 TEST(DateExTest, SystemTimeTmAndFileTime) {
-  SYSTEMTIME st{};
+  dk::SYSTEMTIME st{};
   ASSERT_TRUE(DKDateEx(2021, 7, 14).AsSystemTime(st));
   EXPECT_EQ(st.wMonth, 7);
   EXPECT_EQ(st.wDayOfWeek, 3); // a Wednesday
@@ -159,12 +159,12 @@ TEST(DateExTest, SystemTimeTmAndFileTime) {
   DKDateEx d;
   EXPECT_FALSE(d.FromStructTM(tm));
 
-  FILETIME ft{};
+  dk::FILETIME ft{};
   ASSERT_TRUE(DKDateEx(1970, 1, 1).AsFileTime(ft, DKTimeZone::UTC));
   EXPECT_EQ((static_cast<DKUInt64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime, 116444736000000000ULL);
   EXPECT_EQ(DKDateEx(ft, DKTimeZone::UTC), DKDateEx(1970, 1, 1));
   EXPECT_FALSE(DKDateEx(1600, 12, 31).AsFileTime(ft, DKTimeZone::UTC));
-  FILETIME huge{0xFFFFFFFFu, 0xFFFFFFFFu};
+  dk::FILETIME huge{0xFFFFFFFFu, 0xFFFFFFFFu};
   EXPECT_FALSE(d.FromFileTime(huge));
 
   DKDateAndTime fields;
@@ -260,7 +260,7 @@ TEST(TimeExTest, ArithmeticWrapsAroundMidnight) {
 }
 
 TEST(TimeExTest, Records) {
-  VARIANT v{};
+  dk::VARIANT v{};
   ASSERT_TRUE(DKTimeEx(18, 0).AsVariant(v));
   EXPECT_EQ(v.date, 0.75);
   EXPECT_EQ(DKTimeEx(0.75), DKTimeEx(18, 0));
@@ -268,11 +268,11 @@ TEST(TimeExTest, Records) {
   EXPECT_EQ(DKTimeEx(43835.5), DKTimeEx(12, 0)); // the date is dropped
   EXPECT_EQ(DKTimeEx(0.999999999), DKTimeEx(0, 0)); // rounded to the second: the next midnight
 
-  FILETIME ft{};
+  dk::FILETIME ft{};
   ASSERT_TRUE(DKTimeEx(1, 0).AsFileTime(ft));
   EXPECT_EQ(ft.dwLowDateTime, 36000000000ULL & 0xFFFFFFFFu);
   EXPECT_EQ(ft.dwHighDateTime, 36000000000ULL >> 32);
-  FILETIME epoch{0xD53E8000u, 0x019DB1DEu}; // 1970-01-01 00:00 UTC
+  dk::FILETIME epoch{0xD53E8000u, 0x019DB1DEu}; // 1970-01-01 00:00 UTC
   EXPECT_EQ(DKTimeEx(epoch, DKTimeZone::UTC), DKTimeEx(0, 0));
 
   std::tm tm{};
@@ -283,7 +283,7 @@ TEST(TimeExTest, Records) {
   DKTimeEx t;
   EXPECT_FALSE(t.FromStructTM(tm));
 
-  SYSTEMTIME st{};
+  dk::SYSTEMTIME st{};
   ASSERT_TRUE(DKTimeEx(23, 59, 59, 999).AsSystemTime(st));
   EXPECT_EQ(DKTimeEx(st), DKTimeEx(23, 59, 59, 999));
   EXPECT_FALSE(DKTimeEx().AsSystemTime(st));

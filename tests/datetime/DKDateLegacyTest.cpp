@@ -56,11 +56,11 @@ TEST(DateTest, RecordsAndText) {
   ASSERT_TRUE(d.AsDKDateEx(ex));
   EXPECT_EQ(ex, DKDateEx(2020, 1, 5));
   EXPECT_EQ(DKDate(ex), d);
-  VARIANT v{};
+  dk::VARIANT v{};
   ASSERT_TRUE(d.AsVariant(v));
   EXPECT_EQ(v.date, 43835.0);
   EXPECT_EQ(DKDate(v), d);
-  SYSTEMTIME st{};
+  dk::SYSTEMTIME st{};
   ASSERT_TRUE(d.AsSystemTime(st));
   EXPECT_EQ(DKDate(st), d);
   std::tm tm{};

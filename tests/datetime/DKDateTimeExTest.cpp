@@ -81,15 +81,15 @@ TEST(TimeZoneTest, PredefinedZonesFollowTZ) {
 TEST(TimeZoneTest, SystemTimeBetweenUtcAndZone) {
   DK_IN_ZONE(newYork);
   const DKSystemTime utc(2021, 7, 0, 4, 16, 30, 0, 5);
-  SYSTEMTIME local{};
+  dk::SYSTEMTIME local{};
   ASSERT_TRUE(DKTimeZone().SystemTimeToZone(utc, local));
   EXPECT_EQ(local.wHour, 12);
   EXPECT_EQ(local.wDayOfWeek, 0); // 2021-07-04 was a Sunday
   EXPECT_EQ(DKSystemTimeDifference(local, utc), -4 * 3600);
-  SYSTEMTIME back{};
+  dk::SYSTEMTIME back{};
   ASSERT_TRUE(DKTimeZone().ZoneToSystemTime(local, back));
   EXPECT_EQ(DKSystemTimeDifference(back, utc), 0);
-  SYSTEMTIME invalid = utc;
+  dk::SYSTEMTIME invalid = utc;
   invalid.wMonth = 13;
   EXPECT_FALSE(DKTimeZone().SystemTimeToZone(invalid, local));
 }
@@ -267,7 +267,7 @@ TEST(DateTimeExArithmeticTest, DifferenceUnits) {
 TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
   DK_IN_ZONE(paris);
   const DKDateTimeEx summer = Utc(2021, 7, 1, 10, 0, 0, 123);
-  FILETIME ft{};
+  dk::FILETIME ft{};
   ASSERT_TRUE(summer.AsFileTime(ft));
   EXPECT_EQ(DKDateTimeEx(ft), summer);
   EXPECT_FALSE(Utc(1600, 12, 31, 23).AsFileTime(ft));
@@ -280,15 +280,15 @@ TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
   ASSERT_TRUE(summer.AsStructTM(tm, DKTimeZone::UTC));
   EXPECT_EQ(tm.tm_isdst, 0);
 
-  SYSTEMTIME st{};
+  dk::SYSTEMTIME st{};
   ASSERT_TRUE(summer.AsSystemTime(st));
   EXPECT_EQ(st.wHour, 12);
   EXPECT_EQ(DKDateTimeEx(st), summer);
   EXPECT_EQ(DKDateTimeEx(st, DKTimeZone::UTC), Utc(2021, 7, 1, 12, 0, 0, 123));
 
-  VARIANT v{};
+  dk::VARIANT v{};
   ASSERT_TRUE(summer.AsVariant(v));
-  EXPECT_EQ(v.vt, VT_DATE);
+  EXPECT_EQ(v.vt, dk::VT_DATE);
   EXPECT_DOUBLE_EQ(v.date, 44378.5); // local noon; milliseconds are dropped
   EXPECT_EQ(DKDateTimeEx(v), Utc(2021, 7, 1, 10));
   EXPECT_EQ(DKDateTimeEx(0.25), DKDateTimeEx(DKTimeEx(6, 0)));

@@ -1,6 +1,8 @@
 // DKDurationEx: counts, the conversion table, normalisation, arithmetic and text.
 #include "DateTimeTestSupport.h"
 
+#include <chrono>
+#include <random>
 #include <sstream>
 
 namespace {
@@ -261,6 +263,158 @@ TEST(DurationExTest, Streams) {
   DKDurationEx d;
   EXPECT_TRUE(static_cast<bool>(last >> d));
   EXPECT_EQ(d, DKDurationEx(42, U::Second));
+}
+
+// ---- Readable text and std::chrono -------------------------------------------------------------
+
+TEST(DurationExReadableTest, WritesTheAmountInItsParts) {
+  const struct {
+    DKDurationEx value;
+    const DKChar* longForm;
+    const DKChar* shortForm;
+  } cases[] = {
+      {{36, U::Hour}, DK_T("1 day 12 hours"), DK_T("1d 12h")},
+      {{-36, U::Hour}, DK_T("-1 day -12 hours"), DK_T("-1d -12h")},
+      {{90000, U::Millisecond}, DK_T("1 minute 30 seconds"), DK_T("1m 30s")},
+      {{2, U::Week}, DK_T("14 days"), DK_T("14d")},
+      {{14, U::Month}, DK_T("1 year 2 months"), DK_T("1y 2mo")},
+      {{-25, U::Month}, DK_T("-2 years -1 month"), DK_T("-2y -1mo")},
+      {{1, U::Day}, DK_T("1 day"), DK_T("1d")},
+      {{0, U::Hour}, DK_T("0 hours"), DK_T("0h")},
+      {{2147483647L, U::Millisecond}, DK_T("24 days 20 hours 31 minutes 23 seconds 647 milliseconds"), DK_T("24d 20h 31m 23s 647ms")},
+      {{-2147483647L, U::Week}, DK_T("-15032385529 days"), DK_T("-15032385529d")},
+      {{-2147483647L, U::Year}, DK_T("-2147483647 years"), DK_T("-2147483647y")},
+      {DKDurationEx::invalid_, DK_T(""), DK_T("")},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.value.AsReadableString(), c.longForm);
+    EXPECT_EQ(c.value.AsReadableString(false), c.shortForm);
+  }
+}
+
+TEST(DurationExReadableTest, ReadsPartsIntoTheFinestUnit) {
+  const struct {
+    const DKChar* text;
+    DKDurationEx value;
+  } good[] = {
+      {DK_T("1 day 12 hours"), {36, U::Hour}},         {DK_T("1d 12h"), {36, U::Hour}},
+      {DK_T("-1 day -12 hours"), {-36, U::Hour}},      {DK_T("2 weeks 3 days"), {17, U::Day}},
+      {DK_T("1 year 2 months"), {14, U::Month}},       {DK_T("  5 days  "), {5, U::Day}},
+      {DK_T("1day"), {1, U::Day}},                     {DK_T("0 hours"), {0, U::Hour}},
+      {DK_T("+1 hour +30 minutes"), {90, U::Minute}},  {DK_T("2147483647 ms"), {2147483647L, U::Millisecond}},
+      {DK_T("1 minute 1 millisecond"), {60001, U::Millisecond}},
+      {DK_T("-0s"), {0, U::Second}},
+      {DK_T("15032385529 days"), {2147483647L, U::Week}}, // too many days: the weeks hold it
+  };
+  for (const auto& c : good) {
+    DKDurationEx d;
+    EXPECT_TRUE(d.FromReadableString(c.text)) << DKString(c.text).AsUTF8();
+    EXPECT_EQ(d, c.value) << DKString(c.text).AsUTF8();
+  }
+  const DKChar* bad[] = {
+      DK_T(""),               DK_T("   "),               DK_T("1"),                 DK_T("day"),
+      DK_T("1 day 12"),       DK_T("1 day 2 days"),      DK_T("12 hours 1 day"),    DK_T("-1 day 12 hours"),
+      DK_T("1 day -12 hours"), DK_T("1 month 3 days"),   DK_T("1 dayz"),            DK_T("1 Day"),
+      DK_T("2 mins"),         DK_T("1 day, 12 hours"),   DK_T("2147483648 ms"),     DK_T("2147483647 s 1 ms"),
+      DK_T("1 day-12 hours"), DK_T("--1 day"),           DK_T("1.5 days"),          DK_T("1 d ay"),
+      DK_T("99999999999999999999999 days"),
+  };
+  for (const DKChar* text : bad) {
+    DKDurationEx d(5, U::Day);
+    EXPECT_FALSE(d.FromReadableString(text)) << DKString(text).AsUTF8();
+    EXPECT_EQ(d, DKDurationEx::invalid_) << DKString(text).AsUTF8();
+  }
+}
+
+// What is written reads back as the same amount (compared through std::chrono), and a text
+// that was read writes the same again.
+TEST(DurationExReadableTest, RoundTripsKeepTheAmount) {
+  std::mt19937_64 random(77);
+  std::uniform_int_distribution<long> anyCount(-2147483647L, 2147483647L);
+  for (int unit = 0; unit < 8; ++unit) {
+    for (int i = 0; i < 2000; ++i) {
+      const long count = i < 4 ? std::initializer_list<long>{0L, 1L, 2147483647L, -2147483647L}.begin()[i] : anyCount(random) >> (i % 31);
+      const DKDurationEx d(count, U(unit));
+      for (bool longForm : {true, false}) {
+        const DKString text = d.AsReadableString(longForm);
+        DKDurationEx back;
+        ASSERT_TRUE(back.FromReadableString(text)) << text.AsUTF8();
+        std::chrono::milliseconds before{}, after{};
+        if (d.AsChrono(before)) {
+          ASSERT_TRUE(back.AsChrono(after));
+          ASSERT_EQ(after, before) << text.AsUTF8();
+        } else {
+          ASSERT_TRUE(back.IsEquivalent(d)) << text.AsUTF8();
+        }
+        ASSERT_EQ(back.AsReadableString(longForm), text);
+      }
+    }
+  }
+}
+
+TEST(DurationExChronoTest, ToChrono) {
+  using namespace std::chrono;
+  const struct {
+    DKDurationEx value;
+    bool ok;
+    milliseconds amount;
+  } cases[] = {
+      {{36, U::Hour}, true, hours{36}},
+      {{-2, U::Week}, true, -weeks{2}},
+      {{2147483647L, U::Week}, true, weeks{2147483647L}},
+      {{-2147483647L, U::Millisecond}, true, milliseconds{-2147483647L}},
+      {{0, U::Second}, true, milliseconds{0}},
+      {{1, U::Year}, false, milliseconds{7}},
+      {{1, U::Month}, false, milliseconds{7}},
+      {DKDurationEx::invalid_, false, milliseconds{7}},
+  };
+  for (const auto& c : cases) {
+    milliseconds amount{7};
+    EXPECT_EQ(c.value.AsChrono(amount), c.ok) << c.value.AsString(true).AsUTF8();
+    EXPECT_EQ(amount, c.amount) << c.value.AsString(true).AsUTF8();
+  }
+}
+
+// From std::chrono: the coarsest exact unit from week down, or false when no unit's count
+// holds the amount; checked against the unit lengths that std::chrono gives.
+TEST(DurationExChronoTest, FromChronoTakesTheCoarsestExactUnit) {
+  using namespace std::chrono;
+  const milliseconds lengths[] = {weeks{1}, days{1}, hours{1}, minutes{1}, seconds{1}, milliseconds{1}};
+  std::mt19937_64 random(99);
+  std::uniform_int_distribution<long long> anyCount(-2147483647LL * 2, 2147483647LL * 2);
+  for (int i = 0; i < 20000; ++i) {
+    const milliseconds amount = lengths[i % 6] * anyCount(random);
+    int unit = 0;
+    while (amount % lengths[unit] != milliseconds{0})
+      ++unit; // ends at the millisecond
+    const long long count = amount / lengths[unit];
+    DKDurationEx d(3, U::Day);
+    const bool ok = d.FromChrono(amount);
+    const bool fits = count >= -2147483647LL && count <= 2147483647LL;
+    ASSERT_EQ(ok, fits) << amount.count();
+    if (!ok) {
+      ASSERT_EQ(d, DKDurationEx(3, U::Day));
+      ASSERT_THROW(DKDurationEx{amount}, DKDurationExceptionEx);
+      continue;
+    }
+    ASSERT_EQ(d, DKDurationEx(static_cast<long>(count), U(U::Week + unit))) << amount.count();
+    milliseconds back{};
+    ASSERT_TRUE(d.AsChrono(back));
+    ASSERT_EQ(back, amount);
+  }
+  EXPECT_EQ(DKDurationEx(minutes{90}), DKDurationEx(90, U::Minute));
+  EXPECT_EQ(DKDurationEx(seconds{7200}), DKDurationEx(2, U::Hour));
+  EXPECT_EQ(DKDurationEx(days{14}), DKDurationEx(2, U::Week));
+  EXPECT_EQ(DKDurationEx(milliseconds{0}), DKDurationEx(0, U::Week));
+  try {
+    DKDurationEx{milliseconds{2147483648LL}};
+    FAIL() << "no exception";
+  } catch (const DKDurationExceptionEx& e) {
+    EXPECT_EQ(e.GetCount(), 2147483648LL);
+  }
+  DKDurationEx d;
+  EXPECT_FALSE(d.FromChrono(milliseconds::min()));
+  EXPECT_FALSE(d.FromChrono(milliseconds::max()));
 }
 
 } // namespace

@@ -414,7 +414,7 @@ TEST(DKThreadInfoTest, TimesAndTheDumpOfOneLinePerThread) {
   for (const auto& c : cases)
     EXPECT_EQ(DKThreadInfo::FmtTime(c.ms).AsUTF8(), c.text) << c.ms;
   EXPECT_EQ(DKThreadInfo::TimeAsMilliSec(123456789), 12345);
-  FILETIME time{};
+  dk::FILETIME time{};
   time.dwHighDateTime = 1;
   EXPECT_EQ(DKThreadInfo::TimeAsMilliSec(time), (DKInt64(1) << 32) / 10000);
 

@@ -1,0 +1,333 @@
+// The exchange forms of the date values: std::chrono day counts and time points, and ISO 8601
+// text. The reference is std::chrono's own calendar (sys_days, year_month_day, hh_mm_ss), over
+// random instants of the years chrono knows, and the ends of the library's range.
+#include "DateTimeTestSupport.h"
+
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+
+namespace {
+
+using namespace std::chrono;
+using U = DKDurationEx::Unit;
+using sys_ms = sys_time<milliseconds>;
+
+// A random instant of the years 0..32767, with its chrono reading.
+struct Instant {
+  year_month_day date;
+  milliseconds msOfDay;
+  sys_ms Chrono() const { return sys_days{date} + msOfDay; }
+  DKDateTimeEx Value() const {
+    const hh_mm_ss<milliseconds> t{msOfDay};
+    return Utc(int{date.year()}, unsigned{date.month()}, unsigned{date.day()}, static_cast<unsigned>(t.hours().count()),
+               static_cast<unsigned>(t.minutes().count()), static_cast<unsigned>(t.seconds().count()),
+               static_cast<unsigned>(t.subseconds().count()));
+  }
+};
+
+class RandomInstants {
+public:
+  explicit RandomInstants(int lastYear) : m_days(0, (sys_days{year{lastYear} / 12 / 31} - sys_days{year{0} / 1 / 1}).count()) {}
+  Instant Next() {
+    return {year_month_day{sys_days{year{0} / 1 / 1} + days{m_days(m_random)}}, milliseconds{m_ms(m_random)}};
+  }
+  std::mt19937_64& Engine() { return m_random; }
+
+private:
+  std::mt19937_64 m_random{20240229};
+  std::uniform_int_distribution<long> m_days;
+  std::uniform_int_distribution<long> m_ms{0, 86399999};
+};
+
+// The ISO text of a chrono instant, built from chrono's fields alone (years 0..9999).
+std::string IsoOf(sys_ms instant, int offsetMinutes) {
+  const sys_ms wall = instant + minutes{offsetMinutes};
+  const sys_days day = floor<days>(wall);
+  const year_month_day ymd{day};
+  const hh_mm_ss<milliseconds> t{wall - day};
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03d", int{ymd.year()}, unsigned{ymd.month()},
+                unsigned{ymd.day()}, static_cast<int>(t.hours().count()), static_cast<int>(t.minutes().count()),
+                static_cast<int>(t.seconds().count()), static_cast<int>(t.subseconds().count()));
+  std::string result = text;
+  if (offsetMinutes == 0)
+    return result + "Z";
+  const int magnitude = offsetMinutes < 0 ? -offsetMinutes : offsetMinutes;
+  std::snprintf(text, sizeof text, "%c%02d:%02d", offsetMinutes < 0 ? '-' : '+', magnitude / 60, magnitude % 60);
+  return result + text;
+}
+
+DKString Text(const std::string& utf8) { return DKString::FromUTF8(utf8); }
+
+constexpr const char* paris = "Europe/Paris";
+
+// ---- std::chrono -------------------------------------------------------------------------
+
+// Days of years 0..32767 with a stride prime to the week and month lengths, both ways, for
+// DKDateEx and for a date alone in DKDateTimeEx.
+TEST(ChronoExchangeTest, SysDaysNameTheSameDatesAsYearMonthDay) {
+  const int first = sys_days{year{0} / 1 / 1}.time_since_epoch().count();
+  const int last = sys_days{year{32767} / 12 / 31}.time_since_epoch().count();
+  for (int n = first; n <= last; n += 97) {
+    const sys_days day{days{n}};
+    const year_month_day ymd{day};
+    const DKDateEx date(int{ymd.year()}, unsigned{ymd.month()}, unsigned{ymd.day()});
+    sys_days back{};
+    ASSERT_TRUE(date.AsSysDays(back));
+    ASSERT_EQ(back, day);
+    DKDateEx read;
+    ASSERT_TRUE(read.FromSysDays(day));
+    ASSERT_EQ(read, date);
+    DKDateTimeEx value;
+    ASSERT_TRUE(value.FromSysDays(day));
+    ASSERT_TRUE(value.IsOnlyDate());
+    ASSERT_EQ(value.GetDate(), date);
+  }
+}
+
+TEST(ChronoExchangeTest, SysDaysAtTheEndsOfTheRange) {
+  sys_days first{}, last{};
+  ASSERT_TRUE(DKDateEx::minimum.AsSysDays(first));
+  ASSERT_TRUE(DKDateEx::maximum.AsSysDays(last));
+  // Before year 0 the days run on without a gap: the span is the sum of the years' lengths.
+  long long span = 0;
+  for (int y = DKDateEx::minYear; y <= DKDateEx::maxYear; ++y)
+    span += DKIsLeapYear(static_cast<unsigned>(y)) ? 366 : 365;
+  EXPECT_EQ((last - first).count() + 1, span);
+  sys_days lastBeforeZero{};
+  ASSERT_TRUE(DKDateEx(-1, 12, 31).AsSysDays(lastBeforeZero));
+  EXPECT_EQ(lastBeforeZero + days{1}, sys_days{year{0} / 1 / 1});
+
+  DKDateEx date(2021, 3, 28);
+  EXPECT_FALSE(date.FromSysDays(last + days{1}));
+  EXPECT_FALSE(date.FromSysDays(first - days{1}));
+  EXPECT_FALSE(date.FromSysDays(sys_days{days{std::numeric_limits<days::rep>::max()}}));
+  EXPECT_FALSE(date.FromSysDays(sys_days{days{std::numeric_limits<days::rep>::min()}}));
+  EXPECT_EQ(date, DKDateEx(2021, 3, 28));
+  ASSERT_TRUE(date.FromSysDays(last));
+  EXPECT_EQ(date, DKDateEx::maximum);
+
+  sys_days untouched = last;
+  EXPECT_FALSE(DKDateEx().AsSysDays(untouched));
+  EXPECT_FALSE(DKDateEx::Pack(2021, 2, 29).AsSysDays(untouched));
+  EXPECT_FALSE(DKDateTimeEx(DKTimeEx(10, 0)).AsSysDays(untouched));
+  EXPECT_EQ(untouched, last);
+  // A date and a time give the UTC date.
+  ASSERT_TRUE(Utc(2021, 3, 28, 23, 59, 59, 999).AsSysDays(untouched));
+  EXPECT_EQ(untouched, sys_days{2021y / 3 / 28});
+}
+
+TEST(ChronoExchangeTest, TimePointsMatchChronoArithmetic) {
+  RandomInstants instants(32767);
+  for (int i = 0; i < 20000; ++i) {
+    const Instant instant = instants.Next();
+    const DKDateTimeEx value = instant.Value();
+    sys_ms ms{};
+    ASSERT_TRUE(value.AsTimePoint(ms));
+    ASSERT_EQ(ms, instant.Chrono());
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromTimePoint(instant.Chrono()));
+    ASSERT_EQ(back, value);
+
+    // The system clock's nanoseconds reach only about 1678..2261; finer units are floored.
+    system_clock::time_point tp{};
+    const bool fits = instant.date.year() >= year{1678} && instant.date.year() <= year{2261};
+    if (instant.date.year() < year{1677} || instant.date.year() > year{2262} || fits) {
+      ASSERT_EQ(value.AsTimePoint(tp), fits);
+      if (fits) {
+        ASSERT_EQ(tp, instant.Chrono());
+        ASSERT_TRUE(back.FromTimePoint(tp + 999999ns));
+        ASSERT_EQ(back, value);
+        ASSERT_TRUE(back.FromTimePoint(tp - 1ns)); // towards the earlier instant, also before 1970
+        ASSERT_EQ(back, value - DKDurationEx(1, U::Millisecond));
+      }
+    }
+    ASSERT_TRUE(back.FromTimePoint(floor<seconds>(instant.Chrono())));
+    ASSERT_EQ(back.GetTime().GetMillisecond(), 0u);
+    ASSERT_EQ(back, value - DKDurationEx(static_cast<long>(value.GetTime().GetMillisecond()), U::Millisecond));
+  }
+}
+
+TEST(ChronoExchangeTest, TimePointsAtTheEndsAndForValuesWithoutAnInstant) {
+  for (const DKDateTimeEx& end : {DKDateTimeEx::minimum, DKDateTimeEx::maximum}) {
+    sys_ms ms{};
+    ASSERT_TRUE(end.AsTimePoint(ms));
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromTimePoint(ms));
+    EXPECT_EQ(back, end);
+    const sys_ms beyond = end == DKDateTimeEx::minimum ? ms - 1ms : ms + 1ms;
+    EXPECT_FALSE(back.FromTimePoint(beyond));
+    EXPECT_EQ(back, end); // unchanged
+    system_clock::time_point tp{};
+    EXPECT_FALSE(end.AsTimePoint(tp));
+  }
+  DKDateTimeEx value = Utc(2021, 3, 28);
+  EXPECT_FALSE(value.FromTimePoint(sys_ms::max()));
+  EXPECT_FALSE(value.FromTimePoint(sys_ms::min()));
+  EXPECT_FALSE(value.FromTimePoint(sys_seconds::max()));
+  EXPECT_FALSE(value.FromTimePoint(sys_time<hours>{hours{std::numeric_limits<hours::rep>::min()}}));
+  EXPECT_EQ(value, Utc(2021, 3, 28));
+  EXPECT_TRUE(value.FromTimePoint(system_clock::time_point::max()));
+  EXPECT_EQ(value.GetDate(), DKDateEx(2262, 4, 11));
+
+  sys_ms ms{12345ms};
+  for (const DKDateTimeEx& v : {DKDateTimeEx(), DKDateTimeEx(DKDateEx(2021, 3, 28)), DKDateTimeEx(DKTimeEx(10, 0))})
+    EXPECT_FALSE(v.AsTimePoint(ms));
+  EXPECT_EQ(ms, sys_ms{12345ms});
+  // The time point of now is the library's now, to the millisecond.
+  const DKDateTimeEx before = DKDateTimeEx::GetCurrentDateTime();
+  ASSERT_TRUE(value.FromTimePoint(system_clock::now()));
+  EXPECT_LE(before, value);
+  EXPECT_LE(value, DKDateTimeEx::GetCurrentDateTime());
+}
+
+// ---- ISO 8601 ----------------------------------------------------------------------------
+
+// Written in UTC exactly as chrono's fields say, and read back from chrono's text with any
+// offset, in any of the spellings the reader takes.
+TEST(IsoTextTest, AgreesWithChronoFieldsAndOffsets) {
+  RandomInstants instants(9999);
+  std::uniform_int_distribution<int> offsets(-23 * 60 - 59, 23 * 60 + 59);
+  for (int i = 0; i < 20000; ++i) {
+    const Instant instant = instants.Next();
+    const DKDateTimeEx value = instant.Value();
+    if (instant.date.year() == year{0} || instant.date.year() == year{9999})
+      continue; // an offset could move the reading out of four-digit years
+    ASSERT_EQ(value.AsISO8601().AsUTF8(), IsoOf(instant.Chrono(), 0));
+    const int offset = offsets(instants.Engine());
+    std::string text = IsoOf(instant.Chrono(), offset);
+    switch (i % 5) { // the other spellings of the same instant
+    case 1: text[10] = ' '; break;
+    case 2: text[10] = 't'; break;
+    case 3:
+      if (offset != 0)
+        text.erase(text.size() - 3, 1); // +hhmm
+      break;
+    case 4: text.insert(23, "999999"); break; // more digits than milliseconds: dropped
+    }
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromISO8601(Text(text)).Good()) << text;
+    ASSERT_EQ(back, value) << text;
+  }
+}
+
+TEST(IsoTextTest, FormsOfEachKindOfValue) {
+  const struct {
+    DKDateTimeEx value;
+    const char* text;
+  } cases[] = {
+      {Utc(2021, 3, 28, 1, 30, 0, 7), "2021-03-28T01:30:00.007Z"},
+      {DKDateTimeEx(DKDateEx(2021, 3, 28)), "2021-03-28"},
+      {DKDateTimeEx(DKTimeEx(1, 30, 0, 7)), "01:30:00.007"},
+      {DKDateTimeEx(DKDateEx(-44, 3, 15)), "-0044-03-15"},
+      {DKDateTimeEx(DKDateEx(0, 2, 29)), "0000-02-29"},
+      {DKDateTimeEx(DKDateEx(-100, 2, 29)), "-0100-02-29"}, // the library's leap rule before year 0
+      {Utc(12021, 1, 1), "+12021-01-01T00:00:00.000Z"},
+      {DKDateTimeEx::maximum, "+4194303-12-31T23:59:59.999Z"},
+      {DKDateTimeEx::minimum, "-4194303-01-01T00:00:00.000Z"},
+      {DKDateTimeEx(), ""},
+      {DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx()), ""},
+      {DKDateTimeEx::FromParts(DKDateEx(), DKTimeEx::FromMilliseconds(86400000)), ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(c.value.AsISO8601().AsUTF8(), c.text);
+    if (!c.value.IsNull() && !c.value.IsValid())
+      continue;
+    DKDateTimeEx back = Utc(1999, 1, 1);
+    ASSERT_TRUE(back.FromISO8601(Text(c.text), DKTimeZone::UTC).Good());
+    EXPECT_EQ(back, c.value);
+  }
+  // Shorter readings of the same kinds.
+  const struct {
+    const char* text;
+    DKDateTimeEx value;
+  } reads[] = {
+      {"2021-03-28T01:30Z", Utc(2021, 3, 28, 1, 30)},
+      {"2021-03-28t01:30:05,5z", Utc(2021, 3, 28, 1, 30, 5, 500)},
+      {"2021-03-28T03:30:00+02", Utc(2021, 3, 28, 1, 30)},
+      {"2021-03-28T00:00:00-00:00", Utc(2021, 3, 28)},
+      {"2021-03-28T00:00:00.9999999999999999999999-23:59", Utc(2021, 3, 28, 23, 59, 0, 999)},
+      {"+0012021-01-01", DKDateTimeEx(DKDateEx(12021, 1, 1))},
+      {"-0000-01-01", DKDateTimeEx(DKDateEx(0, 1, 1))},
+      {"23:59", DKDateTimeEx(DKTimeEx(23, 59))},
+      // One year beyond either end, and back in range once the offset is taken off.
+      {"+4194304-01-01T00:59:59.999+01:00", DKDateTimeEx::maximum},
+      {"-4194304-12-31T23:00:00-01:00", DKDateTimeEx::minimum},
+  };
+  for (const auto& r : reads) {
+    SCOPED_TRACE(r.text);
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromISO8601(Text(r.text)).Good());
+    EXPECT_EQ(back, r.value);
+  }
+}
+
+TEST(IsoTextTest, UnreadableTextGivesMessageNineAndTheNullValue) {
+  const char* texts[] = {
+      "2021-02-29", "1900-02-29", "2021-13-01", "2021-00-10", "2021-01-00", "2021-01-32", "2021-1-01", "21-01-01",
+      "12021-01-01", "+123-01-01", "+1234567890-01-01", "+4194304-01-01", "-4194304-12-31", "2021-01-01T",
+      "2021-01-01T24:00", "2021-01-01T23:60", "2021-01-01T23:59:60", "2021-01-01T10:00:00.", "2021-01-01T10",
+      "2021-01-01T10:00:00Z ", " 2021-01-01", "2021-01-01  10:00", "2021-01-01x10:00", "2021-01-01T10:00+24:00",
+      "2021-01-01T10:00+01:60", "2021-01-01T10:00+1", "2021-01-01T10:00+01:", "2021-01-01T10:00+01:0",
+      "2021-01-01T10:00+0100x", "2021-01-01T10:00Zz", "2021-01-01Z", "10:00Z", "10:00:00+01:00", "10", "10:0",
+      "1:00", "SYSDATE", "2021/01/01", "20210101", "2021-01-01T100000Z", "--2021-01-01", "+-2021-01-01",
+      "\xef\xbc\x92\xef\xbc\x90\xef\xbc\x92\xef\xbc\x91-01-01", // full-width digits
+      "+4194303-12-31T23:59:59.999-00:01",                   // past the maximum in UTC
+      "-4194303-01-01T00:00:00+00:01",                       // before the minimum
+      "+4194305-01-01T00:00:00Z",
+  };
+  for (const char* text : texts) {
+    SCOPED_TRACE(text);
+    DKDateTimeEx v = Utc(1999, 1, 1);
+    const DKErrorID result = v.FromISO8601(Text(text), DKTimeZone::UTC);
+    ASSERT_TRUE(result.Bad());
+    EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_DATE);
+    EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), Text(text));
+    EXPECT_TRUE(v.IsNull());
+  }
+  DKDateTimeEx v = Utc(1999, 1, 1);
+  EXPECT_TRUE(v.FromISO8601(DKString()).Good());
+  EXPECT_TRUE(v.IsNull());
+}
+
+// Local time: the offset in force is written, so that every instant reads back exactly; text
+// without an offset is a wall-clock reading in the zone given.
+TEST(IsoTextTest, LocalZoneWritesItsOffset) {
+  DK_IN_ZONE(paris);
+  EXPECT_EQ(Utc(2021, 3, 28, 0, 59, 59, 999).AsISO8601(DKTimeZone::Local).AsUTF8(), "2021-03-28T01:59:59.999+01:00");
+  EXPECT_EQ(Utc(2021, 3, 28, 1).AsISO8601(DKTimeZone::Local).AsUTF8(), "2021-03-28T03:00:00.000+02:00");
+  // Paris kept local mean time (+00:09:21) until 1891: no ISO offset has seconds, so UTC.
+  EXPECT_EQ(Utc(1850, 6, 1, 12).AsISO8601(DKTimeZone::Local).AsUTF8(), "1850-06-01T12:00:00.000Z");
+  // A date alone and a time alone are not shifted.
+  EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 30)).AsISO8601(DKTimeZone::Local).AsUTF8(), "23:30:00.000");
+
+  for (DKDateTimeEx v = Utc(2021, 1, 1, 0, 0, 0, 125); v < Utc(2022, 1, 1); v += DKDurationEx(15, U::Minute)) {
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromISO8601(v.AsISO8601(DKTimeZone::Local), DKTimeZone::UTC).Good());
+    ASSERT_EQ(back, v);
+  }
+  const struct {
+    const char* text;
+    DKDateTimeEx value;
+  } readings[] = {
+      {"2021-07-01T12:00:00", Utc(2021, 7, 1, 10)},
+      {"2021-03-28T02:30:00", Utc(2021, 3, 28, 1, 30)}, // skipped hour: moved on by the gap
+      {"2021-10-31T02:30:00", Utc(2021, 10, 31, 0, 30)}, // repeated hour: the earlier instant
+  };
+  for (const auto& r : readings) {
+    DKDateTimeEx back;
+    ASSERT_TRUE(back.FromISO8601(Text(r.text)).Good()) << r.text;
+    EXPECT_EQ(back, r.value) << r.text;
+  }
+}
+
+TEST(IsoTextTest, AnotherZoneAtUtcShowsAZeroOffset) {
+  DK_IN_ZONE("Europe/London");
+  EXPECT_EQ(Utc(2021, 1, 15, 8).AsISO8601(DKTimeZone::Local).AsUTF8(), "2021-01-15T08:00:00.000+00:00");
+  EXPECT_EQ(Utc(2021, 7, 15, 8).AsISO8601(DKTimeZone::Local).AsUTF8(), "2021-07-15T09:00:00.000+01:00");
+}
+
+} // namespace
