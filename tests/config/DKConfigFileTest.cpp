@@ -38,14 +38,16 @@ DKString Dk(const std::string& utf8) {
   return s;
 }
 
-// The tree on one line: each comment as ";text" in front of its item, sections as "[name]",
-// lines as "key=value", items separated by " | ".
+// The tree on one line: the leading text as "{text}", each comment as its marker and text in
+// front of its item, sections as "[name]", lines as "key=value", items separated by " | ".
 std::string Dump(const DKConfigFile& file) {
   std::string out;
   const auto add = [&](const std::string& item) { out += (out.empty() ? "" : " | ") + item; };
+  if (!file.GetLeadingText().IsEmpty())
+    add("{" + U8(file.GetLeadingText()) + "}");
   const auto comments = [&](const DKConfigComments& block) {
-    for (const DKString& text : block)
-      add(";" + U8(text));
+    for (auto it = block.begin(); it != block.end(); ++it)
+      add(static_cast<char>(block.GetMarker(it)) + U8(*it));
   };
   for (const DKConfigSection& section : file) {
     comments(section.GetComments());
@@ -103,8 +105,12 @@ const FileCase kFileCases[] = {
     {"", "", nullptr},
     {"[Main]\nk=v\n", "[Main] | k=v", nullptr},
     {"; only\n\n;comments\n", "; only | ; | ;comments | []", nullptr},
-    {"k=lost\n", "", ""},
-    {";note\nk=lost\n;kept\n[Main]\n", ";kept | [Main]", ";kept\n[Main]\n"},
+    // Key lines before the first header are not in the tree; their text is kept and written back.
+    {"k=kept\n", "{k=kept\n}", nullptr},
+    {";note\nk=kept\n;block\n[Main]\n", "{;note\nk=kept\n} | ;block | [Main]", nullptr},
+    {"# comment\n[Foo Bar]\nfoo=newbar\n", "{# comment\n[Foo Bar]\nfoo=newbar\n}", nullptr},
+    {"x=1\n  y = 2 \r", "{x=1\n  y = 2 \n}", "x=1\n  y = 2 \n"},
+    {"k=1\r\n\r\n[A]\r\n", "{k=1\n} | ; | [A]", nullptr},
     {"[A]\n  key \t =  \t some value \t \r\n", "[A] | key=some value", "[A]\nkey=some value\n"},
     {"[A]\nk=a = b\n", "[A] | k=a = b", nullptr},
     {"[A]\nk=\r a\rb \n", "[A] | k=ab", "[A]\nk=ab\n"},
@@ -124,9 +130,14 @@ const FileCase kFileCases[] = {
     {"[A]\r\nk=v\r\n;c\r\n\r\n", "[A] | k=v | ;c | ; | []", nullptr},
     {"[A]\r\nk=v\n;c\n", "[A] | k=v | ;c | []", "[A]\r\nk=v\r\n;c\r\n"},
     {"[A]\nk=v\r\n", "[A] | k=v", "[A]\nk=v\n"},
-    {"[A]\n;c\r\n", "[A] | ;c\r | []", nullptr},
-    // The comment keeps its CR; with the key line dropped the first line would end in CR LF, so all lines do.
-    {"k=1\n;c\r\n[A]\n", ";c\r | [A]", ";c\r\r\n[A]\r\n"},
+    {"[A]\n;c\r\n", "[A] | ;c | []", "[A]\n;c\n"},
+    {"[A]\n;c\r\r\n;\r\n;d\r", "[A] | ;c | ; | ;d | []", "[A]\n;c\n\n;d\n"},
+    {"k=1\n;c\r\n[A]\n", "{k=1\n} | ;c | [A]", "k=1\n;c\n[A]\n"},
+    {"[A]\n;a\rb\nk=v\n", "[A] | ;a\rb | k=v", nullptr},
+    // Inside a key or a name that spans lines, each line end is one line feed.
+    {"[A]\nab\r\r\ncd=v\n", "[A] | ab\ncd=v", "[A]\nab\ncd=v\n"},
+    {"x\r\n=1\r\ny\r=2\n[A]\n", "{x\n=1\ny\r=2\n} | [A]", "x\r\n=1\r\ny\r=2\r\n[A]\r\n"},
+    {"[a\r\nb]\r\nk=v\n", "[a\nb] | k=v", "[a\r\nb]\r\nk=v\r\n"},
     {"\xEF\xBB\xBF[Main]\nk=v\n", "[Main] | k=v", nullptr},
     {"[Gr\xC3\xBC\xC3\x9F""e]\nk=\xF0\x9F\x98\x80\n", "[Gr\xC3\xBC\xC3\x9F""e] | k=\xF0\x9F\x98\x80", nullptr},
 };
