@@ -111,6 +111,11 @@ struct NoteList {
     if (notes.size() < DKConfigFile::maxLoadNotes)
       notes.push_back({kind, first, last});
   }
+  // In file order: a key's own note comes after those about the lines inside it.
+  void Sort() {
+    std::stable_sort(notes.begin(), notes.end(),
+                     [](const DKConfigLoadNote& a, const DKConfigLoadNote& b) { return a.firstLine < b.firstLine; });
+  }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -545,6 +550,8 @@ public:
     }
     if (!open)
       Leading(leading, leadingEnd);
+    if (m_notes)
+      m_notes->Sort();
     closeSection();
     if (!block.empty()) {
       DKConfigSection& closing = out.emplace_back();
@@ -829,38 +836,40 @@ struct Layout {
   bool crlf = false;
 };
 
-// What the NUL bytes at the start of a text without a byte-order mark say about its encoding.
-enum class NulPattern { None, Utf16LE, Utf16BE, Utf32LE, Utf32BE, LeansLE, LeansBE };
-
-// So much of a file is looked at for NUL bytes.
-constexpr std::size_t kSniffBytes = 65536;
+// What the NUL bytes of a text without a byte-order mark say about its encoding.
+struct NulBytes {
+  enum Pattern { None, Utf16LE, Utf16BE, Utf32LE, Utf32BE, Unclear } pattern = None;
+  std::size_t even = 0, odd = 0; // how many at even and at odd offsets
+};
 
 // UTF-8 text holds no NUL byte (U+0000 is no character of a configuration file). In UTF-16 of
-// mostly Latin text every other byte is NUL, at odd offsets in little-endian order and at even
-// ones in big-endian order; in UTF-32 two of every four are. The pattern must be plain: NULs
-// in at least one unit of 16 on one side, and at most one for every 8 of them on the other.
-NulPattern ClassifyNuls(const unsigned char* bytes, std::size_t size) {
-  size = std::min(size, kSniffBytes);
+// Latin text every other byte is NUL: at odd offsets in little-endian order, at even ones in
+// big-endian order; characters such as U+4E00 put a few on the other side. In UTF-32 two of
+// every four bytes are NUL. The UTF-16 pattern must be plain: at most one NUL on the other side
+// for every 8 on the first. Saving takes out whole units only, so a file whose NULs all sit on
+// one side keeps its pattern.
+NulBytes CountNuls(const unsigned char* bytes, std::size_t size) {
+  NulBytes nuls;
   if (!std::memchr(bytes, 0, size))
-    return NulPattern::None;
+    return nuls;
   std::size_t zeros[4] = {0, 0, 0, 0};
   for (std::size_t i = 0; i < size; ++i)
     zeros[i & 3] += bytes[i] == 0;
+  nuls.even = zeros[0] + zeros[2];
+  nuls.odd = zeros[1] + zeros[3];
   const std::size_t groups = size / 4;
-  if (groups >= 2) {
-    const auto mostly = [&](std::size_t count) { return count * 8 >= groups * 7; };
-    if (mostly(zeros[2]) && mostly(zeros[3]))
-      return NulPattern::Utf32LE;
-    if (mostly(zeros[0]) && mostly(zeros[1]))
-      return NulPattern::Utf32BE;
-  }
-  const std::size_t even = zeros[0] + zeros[2], odd = zeros[1] + zeros[3];
-  const std::size_t enough = std::max<std::size_t>(1, size / 2 / 16);
-  if (odd >= enough && even * 8 <= odd)
-    return NulPattern::Utf16LE;
-  if (even >= enough && odd * 8 <= even)
-    return NulPattern::Utf16BE;
-  return odd > even ? NulPattern::LeansLE : NulPattern::LeansBE;
+  const auto mostly = [&](std::size_t count) { return groups >= 2 && count * 8 >= groups * 7; };
+  if (mostly(zeros[2]) && mostly(zeros[3]))
+    nuls.pattern = NulBytes::Utf32LE;
+  else if (mostly(zeros[0]) && mostly(zeros[1]))
+    nuls.pattern = NulBytes::Utf32BE;
+  else if (nuls.odd && nuls.even * 8 <= nuls.odd)
+    nuls.pattern = NulBytes::Utf16LE;
+  else if (nuls.even && nuls.odd * 8 <= nuls.even)
+    nuls.pattern = NulBytes::Utf16BE;
+  else
+    nuls.pattern = NulBytes::Unclear;
+  return nuls;
 }
 
 // How many lines of UTF-8 text start with "[": the sections it will have, in most files.
@@ -884,7 +893,6 @@ bool Sniff(const unsigned char* bytes, std::size_t size, Layout& layout, DKStrin
     error = DK_T("the text is UTF-32 (its byte-order mark says so); configuration files are UTF-8 or UTF-16");
     return false;
   }
-  NulPattern nuls = NulPattern::None;
   if (startsWith("\xFF\xFE", 2)) {
     layout.encoding = DKConfigFile::Utf16LE;
     layout.start = 2;
@@ -894,21 +902,34 @@ bool Sniff(const unsigned char* bytes, std::size_t size, Layout& layout, DKStrin
   } else if (startsWith("\xEF\xBB\xBF", 3)) {
     layout.encoding = DKConfigFile::Utf8WithBom;
     layout.start = 3;
-  } else {
-    switch (nuls = ClassifyNuls(bytes, size)) {
-    case NulPattern::Utf16LE: layout.encoding = DKConfigFile::Utf16LEWithoutBom; break;
-    case NulPattern::Utf16BE: layout.encoding = DKConfigFile::Utf16BEWithoutBom; break;
-    case NulPattern::Utf32LE:
-    case NulPattern::Utf32BE:
+  }
+  const unsigned char* text = bytes + layout.start;
+  const std::size_t length = size - layout.start;
+  if (!IsUtf16(layout.encoding)) {
+    const NulBytes nuls = CountNuls(text, length);
+    switch (nuls.pattern) {
+    case NulBytes::None: break;
+    case NulBytes::Utf16LE:
+    case NulBytes::Utf16BE:
+      if (layout.start) {
+        error = DK_T("the text holds NUL bytes after a UTF-8 byte-order mark");
+        return false;
+      }
+      layout.encoding = nuls.pattern == NulBytes::Utf16LE ? DKConfigFile::Utf16LEWithoutBom : DKConfigFile::Utf16BEWithoutBom;
+      break;
+    case NulBytes::Utf32LE:
+    case NulBytes::Utf32BE:
       error.Format(DK_T("the text looks like UTF-32 %s without a byte-order mark; configuration files are UTF-8 or UTF-16"),
-                   nuls == NulPattern::Utf32LE ? DK_T("LE") : DK_T("BE"));
+                   nuls.pattern == NulBytes::Utf32LE ? DK_T("LE") : DK_T("BE"));
       return false;
-    default: break;
+    case NulBytes::Unclear:
+      error.Format(DK_T("the text holds NUL bytes (%llu at even offsets, %llu at odd ones): it is not UTF-8, nor plainly ")
+                       DK_T("UTF-16 LE or BE without a byte-order mark"),
+                   static_cast<unsigned long long>(nuls.even), static_cast<unsigned long long>(nuls.odd));
+      return false;
     }
   }
 
-  const unsigned char* text = bytes + layout.start;
-  const std::size_t length = size - layout.start;
   if (IsUtf16(layout.encoding)) {
     if (length % 2) {
       if (layout.start)
@@ -933,10 +954,6 @@ bool Sniff(const unsigned char* bytes, std::size_t size, Layout& layout, DKStrin
   const std::size_t bad = dkutf::FindInvalidUtf8(reinterpret_cast<const char*>(text), length);
   if (bad != DKString::npos) {
     error.Format(DK_T("the text is not valid UTF-8 (byte %llu)"), static_cast<unsigned long long>(layout.start + bad));
-    if (nuls == NulPattern::Utf16LE || nuls == NulPattern::LeansLE)
-      error += DK_T("; its NUL bytes suggest UTF-16 LE without a byte-order mark");
-    else if (nuls == NulPattern::Utf16BE || nuls == NulPattern::LeansBE)
-      error += DK_T("; its NUL bytes suggest UTF-16 BE without a byte-order mark");
     return false;
   }
   const void* lf = std::memchr(text, '\n', length);

@@ -225,7 +225,7 @@ struct NoteCase {
 
 const NoteCase kNoteCases[] = {
     {"[A]\nk=v\n;c\n", false, ""},
-    {"# comment\n# more\n[Unit]\nA=1\n", false, "H1 H2 S3 M1-4 B1-4"},
+    {"# comment\n# more\n[Unit]\nA=1\n", false, "H1 M1-4 B1-4 H2 S3"},
     {"# comment\n# more\n[Unit]\nA=1\n", true, ""},
     {"k=1\r\nj=2\r\n[A]\r\nx\r\n\r\ny=3", false, "B1 B2 M4-6"},
     {"[A]\n  #k=v\n", false, "H2"},
@@ -342,10 +342,11 @@ TEST(DKConfigFileReadTest, TextWithoutAByteOrderMarkIsReadAsItsNulBytesSayOrRefu
       {"[\0\0\0A\0\0\0]\0\0\0\n\0\0\0"s, -1, "the text looks like UTF-32 LE"},
       {"\0\0\0[\0\0\0A\0\0\0]\0\0\0\n"s, -1, "the text looks like UTF-32 BE"},
       {"\xFF\xFE\0\0[\0\0\0"s, -1, "the text is UTF-32"},
-      // A stray NUL in UTF-8 text is a character; with invalid UTF-8 the error names the suspicion.
-      {"[A]\nk=a\0b\n"s + std::string(40, 'x') + "=1\n", DKConfigFile::Utf8, nullptr},
-      {"[\0A\0]\0\n\0k\0=\0\xE9\0\n\0"s, DKConfigFile::Utf16LEWithoutBom, nullptr},
-      {"[\0A\0]\0"s + std::string(20, '\xE9'), -1, "the text is not valid UTF-8 (byte 6); its NUL bytes suggest UTF-16 LE"},
+      // U+00E9 and U+4E00 put NUL bytes on both sides, in the plain proportions of UTF-16.
+      {"[\0A\0]\0\n\0k\0=\0\xE9\0\0\x4E\n\0"s, DKConfigFile::Utf16LEWithoutBom, nullptr},
+      // NUL bytes on both sides: no text of a configuration file.
+      {"[A]\nk=a\0\0b\n"s, -1, "the text holds NUL bytes (1 at even offsets, 1 at odd ones): it is not UTF-8, nor plainly UTF-16"},
+      {"\xEF\xBB\xBF[\0A\0]\0\n\0"s, -1, "the text holds NUL bytes after a UTF-8 byte-order mark"},
   };
   for (const EncodingCase& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.bytes));
