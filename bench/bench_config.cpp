@@ -1,17 +1,25 @@
 // Configuration files: DKConfigFile::Reload and Save of a 10 MB file of 100,000 sections, against
 // the standard library's nearest equivalent (the file read into a std::string with std::ifstream
 // and split into a tree of std::string sections, keys and values; the same tree written with
-// std::ofstream); and DKConfigFile::GetString on 50 sections of 20 keys against a nested
-// std::map look-up (case-sensitive, where GetString ignores case).
+// std::ofstream); DKConfigFile::GetString on 50 sections of 20 keys against a nested std::map
+// look-up (case-sensitive, where GetString ignores case); and the peak memory of a load, as times
+// the file's size, for files of long lines and for the file of 100,000 sections, against the
+// standard library's reading of the same file.
 #include <DorvikCore/DKConfigFile.h>
 #include <DorvikCore/DKError.h>
 
 #include <benchmark/benchmark.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
@@ -241,5 +249,70 @@ void BM_StdMapLookup(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_StdMapLookup);
+
+// How many times the file's size the resident set of a fresh process grows while it runs load:
+// the peak (VmHWM, reset first through /proc/self/clear_refs) less the resident size before.
+// -1 where the system does not tell.
+double PeakPerFileByte(const std::string& path, const std::function<void()>& load) {
+  int pipe[2];
+  if (::pipe(pipe) != 0)
+    return -1;
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const auto read = [](const char* field) {
+      std::ifstream status("/proc/self/status");
+      for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0)
+          return std::stod(line.substr(std::strlen(field))) * 1024;
+      return -1.0;
+    };
+    double ratio = -1;
+    if (std::ofstream("/proc/self/clear_refs") << "5") {
+      const double before = read("VmRSS:");
+      load();
+      const double peak = read("VmHWM:");
+      if (before >= 0 && peak >= 0)
+        ratio = (peak - before) / static_cast<double>(fs::file_size(path));
+    }
+    const bool written = ::write(pipe[1], &ratio, sizeof ratio) == sizeof ratio;
+    ::_exit(written ? 0 : 1);
+  }
+  ::close(pipe[1]);
+  double ratio = -1;
+  if (::read(pipe[0], &ratio, sizeof ratio) != sizeof ratio)
+    ratio = -1;
+  ::close(pipe[0]);
+  ::waitpid(pid, nullptr, 0);
+  return ratio;
+}
+
+// Counters: peak_per_file_byte for DKConfigFile::Load, std_peak_per_file_byte for StdRead.
+void BM_ConfigLoadPeakMemory(benchmark::State& state, int megabytesOfOneLine) {
+  std::unique_ptr<TempFile> oneLine;
+  std::string path = LargeFile().Path();
+  if (megabytesOfOneLine) {
+    oneLine = std::make_unique<TempFile>("dk-bench-config-one-line.ini");
+    path = oneLine->Path();
+    std::ofstream out(path, std::ios::binary);
+    out << "[Section]\nKey=";
+    for (int i = 0; i < megabytesOfOneLine; ++i)
+      out << std::string(1 << 20, 'v');
+    out << "\n";
+  }
+  DKString dkPath;
+  dkPath.SetFromUTF8(path.c_str());
+  double dk = 0, standard = 0;
+  for (auto _ : state) {
+    dk = PeakPerFileByte(path, [&] { benchmark::DoNotOptimize(DKConfigFile::Load(dkPath)); });
+    standard = PeakPerFileByte(path, [&] { benchmark::DoNotOptimize(StdRead(path)); });
+  }
+  if (dk < 0 || standard < 0)
+    state.SkipWithError("the system gives no peak resident size");
+  state.counters["peak_per_file_byte"] = dk;
+  state.counters["std_peak_per_file_byte"] = standard;
+}
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, OneLineOf10MB, 10)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, OneLineOf50MB, 50)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, Sections100k, 0)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
