@@ -657,7 +657,7 @@ private:
   }
 
   Source& m_in;
-  const MarkerSet& m_markers;
+  const MarkerSet m_markers;
   NoteList* m_notes;
   std::size_t m_line = 1;
   std::size_t m_hold = static_cast<std::size_t>(-1);
