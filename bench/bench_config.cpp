@@ -10,11 +10,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
+#include "support/DKPeakMemory.h"
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -250,42 +248,6 @@ void BM_StdMapLookup(benchmark::State& state) {
 }
 BENCHMARK(BM_StdMapLookup);
 
-// How many times the file's size the resident set of a fresh process grows while it runs load:
-// the peak (VmHWM, reset first through /proc/self/clear_refs) less the resident size before.
-// -1 where the system does not tell.
-double PeakPerFileByte(const std::string& path, const std::function<void()>& load) {
-  int pipe[2];
-  if (::pipe(pipe) != 0)
-    return -1;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    const auto read = [](const char* field) {
-      std::ifstream status("/proc/self/status");
-      for (std::string line; std::getline(status, line);)
-        if (line.rfind(field, 0) == 0)
-          return std::stod(line.substr(std::strlen(field))) * 1024;
-      return -1.0;
-    };
-    double ratio = -1;
-    if (std::ofstream("/proc/self/clear_refs") << "5") {
-      const double before = read("VmRSS:");
-      load();
-      const double peak = read("VmHWM:");
-      if (before >= 0 && peak >= 0)
-        ratio = (peak - before) / static_cast<double>(fs::file_size(path));
-    }
-    const bool written = ::write(pipe[1], &ratio, sizeof ratio) == sizeof ratio;
-    ::_exit(written ? 0 : 1);
-  }
-  ::close(pipe[1]);
-  double ratio = -1;
-  if (::read(pipe[0], &ratio, sizeof ratio) != sizeof ratio)
-    ratio = -1;
-  ::close(pipe[0]);
-  ::waitpid(pid, nullptr, 0);
-  return ratio;
-}
-
 // Counters: peak_per_file_byte for DKConfigFile::Load, std_peak_per_file_byte for StdRead.
 void BM_ConfigLoadPeakMemory(benchmark::State& state, int megabytesOfOneLine) {
   std::unique_ptr<TempFile> oneLine;
@@ -303,8 +265,8 @@ void BM_ConfigLoadPeakMemory(benchmark::State& state, int megabytesOfOneLine) {
   dkPath.SetFromUTF8(path.c_str());
   double dk = 0, standard = 0;
   for (auto _ : state) {
-    dk = PeakPerFileByte(path, [&] { benchmark::DoNotOptimize(DKConfigFile::Load(dkPath)); });
-    standard = PeakPerFileByte(path, [&] { benchmark::DoNotOptimize(StdRead(path)); });
+    dk = dktest::PeakResidentPerFileByte(path, [&] { benchmark::DoNotOptimize(DKConfigFile::Load(dkPath)); });
+    standard = dktest::PeakResidentPerFileByte(path, [&] { benchmark::DoNotOptimize(StdRead(path)); });
   }
   if (dk < 0 || standard < 0)
     state.SkipWithError("the system gives no peak resident size");
