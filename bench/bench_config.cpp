@@ -1,17 +1,23 @@
 // Configuration files: DKConfigFile::Reload and Save of a 10 MB file of 100,000 sections, against
 // the standard library's nearest equivalent (the file read into a std::string with std::ifstream
 // and split into a tree of std::string sections, keys and values; the same tree written with
-// std::ofstream); and DKConfigFile::GetString on 50 sections of 20 keys against a nested
-// std::map look-up (case-sensitive, where GetString ignores case).
+// std::ofstream); DKConfigFile::GetString on 50 sections of 20 keys against a nested std::map
+// look-up (case-sensitive, where GetString ignores case); and the peak memory of a load, as times
+// the file's size, for files of long lines and for the file of 100,000 sections, against the
+// standard library's reading of the same file.
 #include <DorvikCore/DKConfigFile.h>
 #include <DorvikCore/DKError.h>
 
 #include <benchmark/benchmark.h>
 
+#include "support/DKPeakMemory.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
@@ -241,5 +247,34 @@ void BM_StdMapLookup(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_StdMapLookup);
+
+// Counters: peak_per_file_byte for DKConfigFile::Load, std_peak_per_file_byte for StdRead.
+void BM_ConfigLoadPeakMemory(benchmark::State& state, int megabytesOfOneLine) {
+  std::unique_ptr<TempFile> oneLine;
+  std::string path = LargeFile().Path();
+  if (megabytesOfOneLine) {
+    oneLine = std::make_unique<TempFile>("dk-bench-config-one-line.ini");
+    path = oneLine->Path();
+    std::ofstream out(path, std::ios::binary);
+    out << "[Section]\nKey=";
+    for (int i = 0; i < megabytesOfOneLine; ++i)
+      out << std::string(1 << 20, 'v');
+    out << "\n";
+  }
+  DKString dkPath;
+  dkPath.SetFromUTF8(path.c_str());
+  double dk = 0, standard = 0;
+  for (auto _ : state) {
+    dk = dktest::PeakResidentPerFileByte(path, [&] { benchmark::DoNotOptimize(DKConfigFile::Load(dkPath)); });
+    standard = dktest::PeakResidentPerFileByte(path, [&] { benchmark::DoNotOptimize(StdRead(path)); });
+  }
+  if (dk < 0 || standard < 0)
+    state.SkipWithError("the system gives no peak resident size");
+  state.counters["peak_per_file_byte"] = dk;
+  state.counters["std_peak_per_file_byte"] = standard;
+}
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, OneLineOf10MB, 10)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, OneLineOf50MB, 50)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ConfigLoadPeakMemory, Sections100k, 0)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -69,7 +69,10 @@ public:
   static DKApplication* GetApp();
 
   const DKCommandLine& GetCmdLine() const noexcept { return m_cmdLine; }
-  // Null when no configuration file was loaded.
+  // Null when no configuration file was loaded. When the file holds text that is no setting
+  // (its load notes: '#' lines, keys over several lines, key lines before the first section),
+  // start-up writes each note to the trace (subject DK) and one line that sums them up to the
+  // console ("ERR> *** The configuration file ... holds text that is no setting: ...").
   DKSmartPtr<DKConfigFile> GetConfigFile() const { return m_configFile; }
   const DKString& GetTmpDirectory() const noexcept { return m_tmpDirectory; }
   std::uint32_t GetTraceLevel() const noexcept { return m_traceLevel.load(std::memory_order_relaxed); }
@@ -126,6 +129,9 @@ private:
   // The start-up every constructor runs once the command line is parsed.
   void CTor(DKLogSubscriberI* subscriber);
   void LoadConfigFile();
+  // Writes what the loaded configuration file holds that is no setting (its load notes): each
+  // note to the trace, and one summary line to the console.
+  void ReportConfigNotes();
   void ChooseTmpDirectory();
   void NameErrorLog();
 

@@ -35,7 +35,8 @@ public:
   DKConfig(const DKConfig&) = delete;
   DKConfig& operator=(const DKConfig&) = delete;
 
-  // Opens the file (closing the one open before); false when it does not exist or cannot be read.
+  // Opens the file (closing the one open before); false when it does not exist, cannot be read
+  // or is not a plain file (a FIFO, a socket or a device is never waited on).
   bool Open(const DKString& fileName);
   bool IsOpen() const;
   DKString GetFileName() const;

@@ -7,10 +7,15 @@
 //   [Section name]
 //   key=value
 // Comment blocks belong to the key line or section header that follows them; comments after
-// the last item form a final section with an empty name. Key lines in front of the first
-// header are dropped. Names are looked up without regard to case and written as stored. A
-// section without a name is written with the header "[]", unless it only holds the comments
-// that end the file.
+// the last item form a final section with an empty name. A line without "=" is part of the key
+// of the next "=" line. Key lines in front of the first header are not in the tree: the file
+// keeps their text apart (GetLeadingText) and writes it back first, so that a save never loses
+// them. Names are looked up without regard to case and written as stored. A section without a
+// name is written with the header "[]", unless it only holds the comments that end the file.
+//
+// Only ";" starts a comment. Files of the wider INI family that comment with "#" are read
+// that way after SetCommentMarkers(";#"); the loader notes every "#" line it reads as text
+// otherwise (GetLoadNotes).
 //
 // Threads: every item of a file locks through the file's one lock, and each operation of the
 // file and its items holds it while it runs. Iterators and references into the tree, and copying
@@ -29,6 +34,7 @@
 #include <vector>
 
 struct DKConfigIO;
+class DKFileBytes;
 
 // Something that can be locked. The configuration items lock through their owner.
 class DK_EXPORT DKConfigLockableI {
@@ -88,7 +94,8 @@ public:
   virtual long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const = 0;
 };
 
-// The comment block in front of a line or a section: comment texts without their ";".
+// The comment block in front of a line or a section: comment texts without their marker
+// (";" unless the file reads other markers, see DKConfigFile::SetCommentMarkers).
 class DK_EXPORT DKConfigComments : public DKConfigLockable {
 public:
   typedef std::vector<DKString> CommentVector;
@@ -111,21 +118,37 @@ public:
   ConstIterator begin() const { return m_comments.begin(); }
   ConstIterator end() const { return m_comments.end(); }
 
-  // Inserts a comment before `before` (at the end without it); returns its position. An
-  // empty text is written as an empty line.
+  // Inserts a comment before `before` (at the end without it); returns its position. The
+  // marker is ";" unless given; an empty ";" comment is written as an empty line. Carriage
+  // returns at the end of a text are not written (they would read back as part of the line end).
   Iterator AddComment(const DKString& text);
   Iterator AddComment(const DKString& text, Iterator before);
+  Iterator AddComment(const DKString& text, Iterator before, DKChar marker);
+  // The character that starts the comment's line: ';', or another marker of the file it was
+  // read from. A marker is ASCII punctuation other than "[", "]" and "="; AddComment takes
+  // anything else as ';', SetMarker refuses it. A file refuses to save a comment whose marker
+  // it does not read as one.
+  DKChar GetMarker(ConstIterator position) const;
+  bool SetMarker(Iterator position, DKChar marker);
   // Removes one comment; returns the position after it.
   Iterator DeleteComment(Iterator position);
   std::size_t GetSize() const;
   bool IsEmpty() const { return GetSize() == 0; }
   void Clear();
 
-  friend bool operator==(const DKConfigComments& a, const DKConfigComments& b) { return a.m_comments == b.m_comments; }
+  friend bool operator==(const DKConfigComments& a, const DKConfigComments& b) {
+    return a.m_comments == b.m_comments && a.SameMarkers(b);
+  }
 
 private:
   friend struct DKConfigIO;
+  bool SameMarkers(const DKConfigComments& other) const noexcept;
+  // AddComment with the lock held.
+  Iterator InsertComment(Iterator before, const DKString& text, DKChar marker);
+
   CommentVector m_comments;
+  // One marker per comment, or empty while every marker is ';' (the usual case costs nothing).
+  DKString m_markers;
 };
 
 // One key line: its comment block, key and value.
@@ -240,23 +263,58 @@ private:
   LineVector m_lines;
 };
 
+// Something the reader met that the format does not take as a setting. Line numbers count
+// from 1; a note about one line has the same first and last line.
+struct DK_EXPORT DKConfigLoadNote {
+  enum Kind {
+    KeyOverSeveralLines,   // lines without "=" joined the key of the next "=" line
+    KeyBeforeFirstSection, // a key line in front of the first header: kept as text, not in the tree
+    HashLineAsText,        // a line starting with '#' read as text, as '#' is no comment marker
+    HeaderInsideKey,       // a line that looks like a section header is part of a key
+  };
+  Kind kind = KeyOverSeveralLines;
+  std::size_t firstLine = 0;
+  std::size_t lastLine = 0;
+
+  // "lines 3-5: ..." or "line 3: ...", in English.
+  DKString GetText() const;
+  friend bool operator==(const DKConfigLoadNote&, const DKConfigLoadNote&) = default;
+};
+
 // A configuration file loaded into an editable tree. Counted: hold it in a DKSmartPtr.
 //
-// On disk the file is UTF-8 (with or without a byte-order mark) or UTF-16 with a byte-order
-// mark; its lines end in LF or CR LF. Saving writes the encoding and the line ends the file
-// was read with (UTF-8 without a mark and LF for a new file).
+// On disk the file is UTF-8 (with or without a byte-order mark) or UTF-16 (with a byte-order
+// mark, or without one when its NUL bytes show the byte order plainly). Lines end in LF or
+// CR LF; the carriage returns right before a line feed belong to the line end. Saving writes the
+// encoding the file was read with, and ends every line as the file's first line ends (UTF-8
+// without a mark and LF for a new file).
+//
+// Only plain files are read and written: a FIFO, a socket or a device is refused at once and
+// nothing waits on it.
 class DK_EXPORT DKConfigFile : public DKRefCount, public DKConfigI, public DKConfigLockableI {
 public:
   typedef std::vector<DKConfigSection> SectionVector;
   typedef SectionVector::iterator SectionIterator;
   typedef SectionVector::const_iterator ConstSectionIterator;
 
-  enum Encoding { Utf8 = 0, Utf8WithBom = 1, Utf16LE = 2, Utf16BE = 3 };
+  enum Encoding {
+    Utf8 = 0,
+    Utf8WithBom = 1,
+    Utf16LE = 2, // with a byte-order mark
+    Utf16BE = 3, // with a byte-order mark
+    Utf16LEWithoutBom = 4,
+    Utf16BEWithoutBom = 5,
+  };
   enum LineEnd { LineEndLF = 0, LineEndCRLF = 1 };
 
+  // At most this many load notes are kept; GetLoadNoteCount counts them all.
+  static constexpr std::size_t maxLoadNotes = 1000;
+
   // A file object for path, loaded; null when the file cannot be read. A syntax error in the
-  // file throws DKConfigStreamException.
+  // file throws DKConfigStreamException. The second form reads the file with these comment
+  // markers (see SetCommentMarkers).
   static DKSmartPtr<DKConfigFile> Load(const DKString& path);
+  static DKSmartPtr<DKConfigFile> Load(const DKString& path, const DKString& commentMarkers);
 
   // An empty tree for the file name (nothing is read).
   explicit DKConfigFile(const DKString& path = DKString());
@@ -264,27 +322,55 @@ public:
   DKConfigFile(const DKConfigFile&) = delete;
   DKConfigFile& operator=(const DKConfigFile&) = delete;
 
-  // Replaces the tree by the parse of the file. False, with the tree unchanged, when the file
-  // cannot be read or its text is not valid in its encoding (GetLastErrorText says why).
-  // A syntax error throws DKConfigStreamException and also leaves the tree unchanged.
+  // Replaces the tree, the leading text and the load notes by the parse of the file. False,
+  // with all three unchanged, when the file cannot be read, is not a plain file, or its text
+  // is not valid in its encoding (GetLastErrorText says why). A syntax error throws
+  // DKConfigStreamException and also leaves them unchanged.
   bool Reload();
   // The same from the bytes of a file held in memory.
   bool ReloadFromBytes(const void* data, std::size_t size);
 
-  // Writes the tree over the file, in place. True when the whole file was written. A failure
-  // part way (a full disk) can leave the file cut short; Save2 cannot.
+  // Writes the leading text and the tree over the file, in place. True when the whole file was
+  // written. A failure part way (a full disk) can leave the file cut short; Save2 cannot.
+  // Refuses a file this process may not write.
   bool Save() const;
-  // Writes the tree to a temporary file beside the file, flushes it to the disk and renames
-  // it over the file: whatever happens, the file holds either the old or the new text. The
-  // folder must be writable. The new file keeps the old one's permissions, and a symbolic link
-  // is followed and stays a link. A save killed part way can leave the hidden temporary file
-  // behind; it is never read.
+  // Writes the leading text and the tree to a temporary file beside the file, flushes it to the
+  // disk and renames it over the file: whatever happens, the file holds either the old or the
+  // new text. Refuses, as Save does, a file this process may not write (a read-only file stays
+  // read-only and unchanged); the folder must be writable too. The new file keeps the old one's
+  // permissions, and its owner where the system allows it (a process that may not give files
+  // away makes the new file its own). A symbolic link is followed and stays a link. A save
+  // killed part way can leave the hidden temporary file behind; it is never read.
   bool Save2() const;
   // The bytes Save would write.
   bool SaveToBytes(std::string& out) const;
   // The three saves refuse, writing nothing, a tree that the file format cannot carry: a line
-  // feed in a comment or a value, "]" in a section name, "=" in a key, or a key that would read
-  // back as a comment or a header.
+  // feed in a comment or a value, "]" in a section name, "=" in a key, a key that would read
+  // back as a comment or a header, or a comment whose marker the file does not read.
+
+  // The text in front of the first section header that the format leaves out of the tree: the
+  // key lines there, with the comment and other lines between them, as read (every line ended
+  // by a line feed). Every save writes it first, so nothing of it is lost; empty when the file
+  // has no such lines.
+  DKString GetLeadingText() const;
+  // Drops the leading text: the next save no longer writes it.
+  void ClearLeadingText();
+
+  // The characters that start a comment line, ";" first. By default only ";", as the format
+  // has it. Adding '#' (SetCommentMarkers(";#")) reads files of the wider INI family: lines
+  // that start with '#' are comments then, kept and written back with their '#'. A marker
+  // only starts a comment at the start of a line: "key=value # text" keeps "value # text" as
+  // its value, and a line without "=" still joins the next key. Takes effect at the next
+  // load. False, with nothing changed, for a marker that is not ASCII punctuation or is one of
+  // "[", "]" and "=".
+  bool SetCommentMarkers(const DKString& markers);
+  DKString GetCommentMarkers() const;
+
+  // What the last load that succeeded met but did not take as settings, in file order: keys
+  // that span lines, key lines before the first header, '#' lines read as text, headers
+  // swallowed by a key. At most maxLoadNotes of them; GetLoadNoteCount counts all.
+  std::vector<DKConfigLoadNote> GetLoadNotes() const;
+  std::size_t GetLoadNoteCount() const;
 
   // Why the last Reload, ReloadFromBytes, Save, Save2 or SaveToBytes failed; empty after a success.
   DKString GetLastErrorText() const;
@@ -323,7 +409,7 @@ public:
   // Removes the first section at or after `from` whose name matches; false when there is none.
   bool DeleteSection(const DKString& name);
   bool DeleteSection(const DKString& name, SectionIterator from);
-  // Removes every section.
+  // Removes every section. The leading text stays (ClearLeadingText drops it).
   void Clear();
 
   // The value of the first line whose key matches in the first section whose name matches.
@@ -342,8 +428,11 @@ public:
 
 private:
   friend struct DKConfigIO;
-  // Takes over a freshly read tree whose items this file owns already.
-  void Adopt(SectionVector& sections);
+  // Takes over a freshly read tree whose items this file owns already, with what the reader
+  // kept apart and noted.
+  void Adopt(SectionVector& sections, DKString& leadingText, std::vector<DKConfigLoadNote>& notes,
+             std::size_t noteCount);
+  bool Parse(const unsigned char* data, std::size_t size, DKFileBytes* pages);
   bool Serialise(std::string& out) const;
   // Save (in place) and Save2 (atomically).
   bool WriteToDisk(bool atomically) const;
@@ -356,13 +445,19 @@ private:
   SectionVector m_sections;
   Encoding m_encoding = Utf8;
   LineEnd m_lineEnd = LineEndLF;
+  DKString m_leadingText;
+  DKString m_commentMarkers;
+  std::vector<DKConfigLoadNote> m_notes;
+  std::size_t m_noteCount = 0;
   mutable DKString m_lastError;
 };
 
 // Stream reading and writing of every item. Narrow streams carry UTF-8 text; wide streams
-// carry wchar_t text (UTF-32 on Linux, UTF-16 on Windows). No line-end translation is done
-// beyond the stream's own. A syntax error throws DKConfigStreamException; reading a whole
-// file replaces the tree only when the whole text was read.
+// carry wchar_t text (UTF-32 on Linux, UTF-16 on Windows). Line ends are read as in a file (the
+// carriage returns right before a line feed belong to it) and written as line feeds. A syntax
+// error throws DKConfigStreamException; reading a whole file replaces the tree, the leading
+// text and the load notes only when the whole text was read, with the file's comment markers.
+// Writing a whole file writes its leading text first. The items' readers know only ";".
 // Reading a comment block reads the comment and empty lines in front of the next item;
 // reading a line reads its comment block and the key line; reading a section reads its
 // comment block and its header (not its lines: a file is read as a whole).

@@ -7,6 +7,7 @@
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKSync.h>
 #include <DorvikCore/DKThread.h>
+#include <DorvikCore/DKTrace.h>
 
 #include "app/DKAppPath.h"
 #include "os/DKEnvironment.h"
@@ -135,6 +136,40 @@ void DKApplication::LoadConfigFile() {
     m_configFile = nullptr;
     GetCout(1) << "ERR> *** The configuration file " << fileName << " is not valid: " << e.What() << std::endl;
   }
+  if (m_configFile)
+    ReportConfigNotes();
+}
+
+void DKApplication::ReportConfigNotes() {
+  const std::vector<DKConfigLoadNote> notes = m_configFile->GetLoadNotes();
+  const std::size_t count = m_configFile->GetLoadNoteCount();
+  if (notes.empty())
+    return;
+  const DKString fileName = m_configFile->GetFileName();
+  for (const DKConfigLoadNote& note : notes)
+    DKTrace::Msg(TL_NORMAL, TS_DK, "DKApplication", "configuration file %S: %S\n", fileName, note.GetText());
+  if (count > notes.size())
+    DKTrace::Msg(TL_NORMAL, TS_DK, "DKApplication", "configuration file %S: %llu notes more\n", fileName,
+                 static_cast<unsigned long long>(count - notes.size()));
+
+  // One console line: how many of each kind, and where the first one is.
+  static const char* const kinds[] = {"keys over several lines", "key lines before the first section, kept as text",
+                                      "lines starting with '#' read as text", "section headers inside a key"};
+  std::size_t perKind[4] = {0, 0, 0, 0}, firstLine[4] = {0, 0, 0, 0};
+  for (const DKConfigLoadNote& note : notes)
+    if (perKind[note.kind]++ == 0)
+      firstLine[note.kind] = note.firstLine;
+  std::ostream& out = GetCout(1);
+  out << "ERR> *** The configuration file " << fileName << " holds text that is no setting:";
+  const char* separator = " ";
+  for (const int kind : {2, 3, 0, 1})
+    if (perKind[kind]) {
+      out << separator << kinds[kind] << ": " << perKind[kind] << " (first on line " << firstLine[kind] << ")";
+      separator = "; ";
+    }
+  if (count > notes.size())
+    out << "; " << count - notes.size() << " more";
+  out << std::endl;
 }
 
 void DKApplication::ChooseTmpDirectory() {

@@ -63,8 +63,9 @@ bool DKConfig::Open(const DKString& fileName) {
   m_textStart = 0;
 
   const std::filesystem::path path = NativePath(fileName);
+  // Only a plain file: opening a FIFO would wait for a writer, a device may never end.
   std::error_code error;
-  if (std::filesystem::is_directory(path, error))
+  if (!std::filesystem::is_regular_file(path, error))
     return false;
   m_stream.open(path, std::ios::in | std::ios::binary);
   if (!m_stream.is_open())

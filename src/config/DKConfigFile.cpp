@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
+#include <cstring>
 #include <istream>
 #include <ostream>
 #include <type_traits>
@@ -16,6 +18,8 @@
 struct DKConfigIO {
   static DKConfigComments::CommentVector& Texts(DKConfigComments& c) noexcept { return c.m_comments; }
   static const DKConfigComments::CommentVector& Texts(const DKConfigComments& c) noexcept { return c.m_comments; }
+  static DKString& Markers(DKConfigComments& c) noexcept { return c.m_markers; }
+  static const DKString& Markers(const DKConfigComments& c) noexcept { return c.m_markers; }
   static DKString& Key(DKConfigLine& line) noexcept { return line.m_key; }
   static const DKString& Key(const DKConfigLine& line) noexcept { return line.m_key; }
   static DKString& Value(DKConfigLine& line) noexcept { return line.m_value; }
@@ -24,7 +28,11 @@ struct DKConfigIO {
   static const DKString& Name(const DKConfigSection& section) noexcept { return section.m_name; }
   static DKConfigSection::LineVector& Lines(DKConfigSection& section) noexcept { return section.m_lines; }
   static const DKConfigFile::SectionVector& Sections(const DKConfigFile& file) noexcept { return file.m_sections; }
-  static void Adopt(DKConfigFile& file, DKConfigFile::SectionVector& sections) { file.Adopt(sections); }
+  static const DKString& LeadingText(const DKConfigFile& file) noexcept { return file.m_leadingText; }
+  static void Adopt(DKConfigFile& file, DKConfigFile::SectionVector& sections, DKString& leadingText,
+                    std::vector<DKConfigLoadNote>& notes, std::size_t noteCount) {
+    file.Adopt(sections, leadingText, notes, noteCount);
+  }
 };
 
 namespace {
@@ -43,7 +51,10 @@ constexpr Code kEnd = -1;
 
 inline bool IsBlank(Code c) noexcept { return c == ' ' || c == '\t' || c == '\r'; }
 inline bool IsWhite(Code c) noexcept { return IsBlank(c) || c == '\n' || c == '\v' || c == '\f'; }
-inline bool IsSpaceOrTab(Code c) noexcept { return c == ' ' || c == '\t'; }
+
+// Long texts are made and given back in pieces of this many units, so that a file's bytes and
+// what is made of them are never both whole in memory.
+constexpr std::size_t kPieceUnits = std::size_t(1) << 20;
 
 // Names and keys match without regard to case. Case folding maps one unit to one unit, so
 // texts of different lengths never match.
@@ -67,69 +78,198 @@ bool EraseNamed(Vector& items, typename Vector::iterator from, const DKString& n
   return true;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Text in the units of a stream or of memory, to and from DKString
-
-template <class Unit>
-DKString ToDKString(const std::basic_string<Unit>& text) {
-  DKString out;
-  if (text.empty())
-    return out;
-  if constexpr (std::is_same_v<Unit, DKChar>) {
-    out.Assign(text.data(), text.size());
-  } else if constexpr (std::is_same_v<Unit, char>) {
-    dkutf::Utf8ToUtf16(text.data(), text.size(), out, true);
-  } else {
-    const std::u32string wide(text.begin(), text.end());
-    dkutf::Utf32ToUtf16(wide.data(), wide.size(), out);
-  }
-  return out;
+// A character that may start a comment line: ASCII punctuation other than the format's own
+// "[", "]" and "=".
+bool IsMarkerCharacter(DKChar c) noexcept {
+  const bool punctuation = (c >= '!' && c <= '/') || (c >= ':' && c <= '@') || (c >= '[' && c <= '`') ||
+                           (c >= '{' && c <= '~');
+  return punctuation && c != '[' && c != ']' && c != '=';
 }
 
-template <class Unit>
-std::basic_string<Unit> FromDKString(const DKString& text) {
-  if constexpr (std::is_same_v<Unit, DKChar>) {
-    return std::basic_string<Unit>(text.c_str(), text.Length());
-  } else if constexpr (std::is_same_v<Unit, char>) {
-    return text.AsUTF8();
-  } else {
-    std::u32string wide;
-    dkutf::Utf16ToUtf32(text.c_str(), text.Length(), wide);
-    return std::basic_string<Unit>(wide.begin(), wide.end());
-  }
-}
-
-// ---------------------------------------------------------------------------------------------
-// Sources: what the reader reads from
-
-// Decoded file text in memory. In CR LF mode a CR LF pair reads as one LF, as a text-mode
-// file stream gives it.
-class TextSource {
+// The markers a reader takes as the start of a comment line: ';' and those given.
+class MarkerSet {
 public:
-  typedef DKChar Unit;
-  TextSource(const DKChar* begin, const DKChar* end, bool crlf) noexcept : m_p(begin), m_end(end), m_crlf(crlf) {}
-
-  Code Peek() const noexcept {
-    if (m_p == m_end)
-      return kEnd;
-    return IsPair() ? '\n' : static_cast<Code>(*m_p);
+  explicit MarkerSet(const DKString& extra = DKString()) noexcept {
+    Add(';');
+    for (const DKChar c : extra)
+      if (IsMarkerCharacter(c))
+        Add(c);
   }
-  void Skip() noexcept { m_p += IsPair() ? 2 : 1; }
+  bool Has(Code c) const noexcept { return c >= 0 && c < 128 && (m_bits[c >> 6] >> (c & 63) & 1u) != 0; }
 
 private:
-  bool IsPair() const noexcept { return m_crlf && *m_p == '\r' && m_p + 1 != m_end && m_p[1] == '\n'; }
-
-  const DKChar* m_p;
-  const DKChar* m_end;
-  bool m_crlf;
+  void Add(unsigned c) noexcept { m_bits[c >> 6] |= std::uint64_t(1) << (c & 63); }
+  std::uint64_t m_bits[2] = {0, 0};
 };
 
-// A standard input stream, read through its buffer. A few units can be given back (after a
-// look for a byte-order mark).
+// The notes of one read: the first maxLoadNotes of them, and how many there were.
+struct NoteList {
+  std::vector<DKConfigLoadNote> notes;
+  std::size_t count = 0;
+  void Add(DKConfigLoadNote::Kind kind, std::size_t first, std::size_t last) {
+    ++count;
+    if (notes.size() < DKConfigFile::maxLoadNotes)
+      notes.push_back({kind, first, last});
+  }
+  // In file order: a key's own note comes after those about the lines inside it.
+  void Sort() {
+    std::stable_sort(notes.begin(), notes.end(),
+                     [](const DKConfigLoadNote& a, const DKConfigLoadNote& b) { return a.firstLine < b.firstLine; });
+  }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Sources: what the reader reads from. Each gives units one at a time (Peek, Skip), jumps to the
+// end of a line, and makes DKString text of a stretch it has passed (positions from Pos). Release
+// says that nothing before a position will be asked for again.
+
+// UTF-8 text in memory, already checked to be valid. The reader only looks at ASCII units, and
+// a byte of a multi-byte character is never one of them, so it reads the bytes as they are.
+class Utf8Memory {
+public:
+  Utf8Memory(const unsigned char* begin, std::size_t size, DKFileBytes* pages, std::size_t pageOffset) noexcept
+      : m_begin(begin), m_p(begin), m_end(begin + size), m_pages(pages), m_pageOffset(pageOffset) {}
+
+  Code Peek() const noexcept { return m_p == m_end ? kEnd : static_cast<Code>(*m_p); }
+  void Skip() noexcept { ++m_p; }
+  std::size_t Pos() const noexcept { return static_cast<std::size_t>(m_p - m_begin); }
+  Code At(std::size_t pos) const noexcept { return m_begin[pos]; }
+
+  // Moves to the next line feed or stop, whichever comes first; returns the unit there.
+  Code SkipToLineEndOr(Code stop) noexcept {
+    // The line's end is kept: a key line looks for "=" and then for the end of the same line.
+    if (!m_haveLineEnd || m_lineEnd < m_p) {
+      const void* lf = std::memchr(m_p, '\n', static_cast<std::size_t>(m_end - m_p));
+      m_lineEnd = lf ? static_cast<const unsigned char*>(lf) : m_end;
+      m_haveLineEnd = true;
+    }
+    if (stop != '\n')
+      if (const void* found = std::memchr(m_p, static_cast<int>(stop), static_cast<std::size_t>(m_lineEnd - m_p))) {
+        m_p = static_cast<const unsigned char*>(found);
+        return stop;
+      }
+    m_p = m_lineEnd;
+    return Peek();
+  }
+  std::size_t Find(Code unit, std::size_t from, std::size_t to) const noexcept {
+    const void* found = std::memchr(m_begin + from, static_cast<int>(unit), to - from);
+    return found ? static_cast<std::size_t>(static_cast<const unsigned char*>(found) - m_begin) : to;
+  }
+  // The position at or before pos where a character starts.
+  std::size_t CharStart(std::size_t pos) const noexcept {
+    while (pos > 0 && (m_begin[pos] & 0xC0) == 0x80)
+      --pos;
+    return pos;
+  }
+  void Append(DKString& out, std::size_t from, std::size_t to) const {
+    // Most texts of a file are short and ASCII: widened on the stack, they are copied once.
+    constexpr std::size_t shortText = 256;
+    const unsigned char* text = m_begin + from;
+    const std::size_t count = to - from;
+    if (count <= shortText) {
+      DKChar units[shortText];
+      std::size_t i = 0;
+      for (; i < count && text[i] < 0x80; ++i)
+        units[i] = text[i];
+      if (i == count) {
+        out.Append(units, count);
+        return;
+      }
+    }
+    dkutf::Utf8ToUtf16(reinterpret_cast<const char*>(text), count, out, true);
+  }
+  void Release(std::size_t pos) noexcept {
+    if (m_pages && pos >= m_released + kPieceUnits) {
+      m_pages->Release(m_pageOffset + pos);
+      m_released = pos;
+    }
+  }
+
+private:
+  const unsigned char* m_begin;
+  const unsigned char* m_p;
+  const unsigned char* m_end;
+  const unsigned char* m_lineEnd = nullptr;
+  bool m_haveLineEnd = false;
+  DKFileBytes* m_pages;
+  std::size_t m_pageOffset;
+  std::size_t m_released = 0;
+};
+
+// UTF-16 text in memory, as bytes in either order; positions count units.
+template <bool Little>
+class Utf16Memory {
+public:
+  Utf16Memory(const unsigned char* begin, std::size_t units, DKFileBytes* pages, std::size_t pageOffset) noexcept
+      : m_bytes(begin), m_size(units), m_pages(pages), m_pageOffset(pageOffset) {}
+
+  Code Peek() const noexcept { return m_i == m_size ? kEnd : At(m_i); }
+  void Skip() noexcept { ++m_i; }
+  std::size_t Pos() const noexcept { return m_i; }
+  Code At(std::size_t pos) const noexcept { return Unit(pos); }
+  Code SkipToLineEndOr(Code stop) noexcept {
+    for (; m_i < m_size; ++m_i) {
+      const Code u = Unit(m_i);
+      if (u == '\n' || u == stop)
+        return u;
+    }
+    return kEnd;
+  }
+  std::size_t Find(Code unit, std::size_t from, std::size_t to) const noexcept {
+    while (from < to && Unit(from) != unit)
+      ++from;
+    return from;
+  }
+  std::size_t CharStart(std::size_t pos) const noexcept { return pos; } // units are copied as they are
+  void Append(DKString& out, std::size_t from, std::size_t to) const {
+    dkutf::ReserveMore(out, to - from);
+    dkutf::Utf16Writer writer(out);
+    for (std::size_t i = from; i < to; ++i)
+      writer.Put(Unit(i));
+    writer.Flush();
+  }
+  void Release(std::size_t pos) noexcept {
+    if (m_pages && pos >= m_released + kPieceUnits) {
+      m_pages->Release(m_pageOffset + 2 * pos);
+      m_released = pos;
+    }
+  }
+
+private:
+  DKChar Unit(std::size_t i) const noexcept {
+    const unsigned first = m_bytes[2 * i], second = m_bytes[2 * i + 1];
+    return static_cast<DKChar>(Little ? first | second << 8 : first << 8 | second);
+  }
+
+  const unsigned char* m_bytes;
+  std::size_t m_size;
+  std::size_t m_i = 0;
+  DKFileBytes* m_pages;
+  std::size_t m_pageOffset;
+  std::size_t m_released = 0;
+};
+
+// Text of a stream's units as DKString.
+template <class CharT>
+void AppendUnits(DKString& out, const CharT* text, std::size_t count) {
+  if (count == 0)
+    return;
+  if constexpr (std::is_same_v<CharT, DKChar>) {
+    out.Append(text, count);
+  } else if constexpr (std::is_same_v<CharT, char>) {
+    dkutf::Utf8ToUtf16(text, count, out, true);
+  } else {
+    const std::u32string wide(text, text + count);
+    dkutf::Utf32ToUtf16(wide.data(), wide.size(), out);
+  }
+}
+
+// A standard input stream, read through its buffer. The units passed since the last Release are
+// kept, as the text of an item is made once the item's end is known. A few units can be given
+// back (after a look for a byte-order mark).
 template <class CharT>
 class StreamSource {
 public:
-  typedef CharT Unit;
   typedef std::char_traits<CharT> Traits;
   explicit StreamSource(std::basic_istream<CharT>& in) noexcept : m_buffer(in.rdbuf()) {}
 
@@ -146,17 +286,52 @@ public:
     return Value(Traits::to_char_type(c));
   }
   void Skip() {
+    const Code c = Peek();
+    if (c == kEnd)
+      return;
     if (m_given)
       --m_given;
     else
       m_buffer->sbumpc();
+    if (m_keeping)
+      m_kept.push_back(static_cast<CharT>(c));
+    ++m_pos;
   }
-  // Puts units back in front of the input, the last one given first.
-  void GiveBack(Code c) noexcept { m_back[m_given++] = c; }
+  std::size_t Pos() const noexcept { return m_pos; }
+  Code At(std::size_t pos) const noexcept { return Value(m_kept[pos - m_keptFrom]); }
+  Code SkipToLineEndOr(Code stop) {
+    for (;;) {
+      const Code c = Peek();
+      if (c == kEnd || c == '\n' || c == stop)
+        return c;
+      Skip();
+    }
+  }
+  std::size_t Find(Code unit, std::size_t from, std::size_t to) const noexcept {
+    while (from < to && At(from) != unit)
+      ++from;
+    return from;
+  }
+  std::size_t CharStart(std::size_t pos) const noexcept {
+    if constexpr (std::is_same_v<CharT, char>)
+      while (pos > m_keptFrom && (At(pos) & 0xC0) == 0x80)
+        --pos;
+    return pos;
+  }
+  void Append(DKString& out, std::size_t from, std::size_t to) const {
+    AppendUnits(out, m_kept.data() + (from - m_keptFrom), to - from);
+  }
+  void Release(std::size_t pos) {
+    if (pos <= m_keptFrom)
+      return;
+    m_kept.erase(0, std::min(pos - m_keptFrom, m_kept.size()));
+    m_keptFrom = pos;
+  }
   bool AtEnd() const noexcept { return m_atEnd; }
 
-  // Skips a byte-order mark at the start of the text.
+  // Skips a byte-order mark at the start of the text; positions count from after it.
   void SkipByteOrderMark() {
+    m_keeping = false;
     if constexpr (std::is_same_v<CharT, char>) {
       static constexpr Code mark[3] = {0xEF, 0xBB, 0xBF};
       int matched = 0;
@@ -166,86 +341,122 @@ public:
       }
       if (matched < 3)
         while (matched > 0)
-          GiveBack(mark[--matched]);
+          m_back[m_given++] = mark[--matched];
     } else {
       if (Peek() == 0xFEFF)
         Skip();
     }
+    m_keeping = true;
+    m_pos = 0;
   }
 
 private:
-  static Code Value(CharT c) noexcept {
-    return static_cast<Code>(static_cast<std::make_unsigned_t<CharT>>(c));
-  }
+  static Code Value(CharT c) noexcept { return static_cast<Code>(static_cast<std::make_unsigned_t<CharT>>(c)); }
 
   std::basic_streambuf<CharT>* m_buffer;
   Code m_back[3] = {};
   int m_given = 0;
   bool m_atEnd = false;
+  bool m_keeping = true;
+  std::size_t m_pos = 0;
+  std::basic_string<CharT> m_kept;
+  std::size_t m_keptFrom = 0;
 };
 
 // ---------------------------------------------------------------------------------------------
 // The reader
 
+// What becomes of carriage returns in a text the reader takes.
+enum class CarriageReturns {
+  Keep,
+  FoldLineEnds, // those right before a line feed go: they belong to the line end
+  Drop,
+};
+
 template <class Source>
 class Reader {
 public:
-  typedef typename Source::Unit Unit;
-  explicit Reader(Source& in) noexcept : m_in(in) {}
+  explicit Reader(Source& in, const MarkerSet& markers = MarkerSet(), NoteList* notes = nullptr) noexcept
+      : m_in(in), m_markers(markers), m_notes(notes) {}
 
-  // The comment and empty lines in front of the next item; blanks are skipped.
-  void Comments(CommentVector& out) {
-    out.clear();
+  // The comment and empty lines in front of the next item; blanks are skipped. markers gets
+  // one marker per comment unless every one is ';'.
+  void Comments(CommentVector& texts, DKString& markers) {
+    texts.clear();
+    markers.Clear();
     for (;;) {
       const Code c = m_in.Peek();
-      if (c == ';') {
+      if (m_markers.Has(c)) {
         m_in.Skip();
-        m_text.clear();
-        for (Code d = m_in.Peek(); d != kEnd; d = m_in.Peek()) {
-          m_in.Skip();
-          if (d == '\n')
-            break;
-          m_text.push_back(static_cast<Unit>(d));
-        }
-        out.push_back(ToDKString(m_text));
+        const std::size_t start = m_in.Pos();
+        const bool ended = m_in.SkipToLineEndOr('\n') == '\n';
+        std::size_t end = m_in.Pos();
+        while (end > start && m_in.At(end - 1) == '\r')
+          --end;
+        Take(texts.emplace_back(), start, end, CarriageReturns::Keep);
+        AddMarker(markers, texts.size(), static_cast<DKChar>(c));
+        if (ended)
+          EndLine();
       } else if (c == '\n') {
-        m_in.Skip();
-        out.emplace_back();
+        EndLine();
+        texts.emplace_back();
+        AddMarker(markers, texts.size(), ';');
       } else if (IsBlank(c)) {
         m_in.Skip();
       } else {
+        if (c == '#')
+          NoteHashLine();
         return;
       }
     }
   }
 
   // key "=" value up to the end of the line. Text without "=" is part of the key, line breaks
-  // included.
-  void KeyLine(DKString& key, DKString& value) {
-    m_text.clear();
+  // included. Without key and value the line is only passed over. Returns the number of the
+  // line the value is on.
+  std::size_t KeyLine(DKString* key, DKString* value, const DKString* previousKey = nullptr) {
+    const std::size_t first = m_line, keyStart = m_in.Pos();
     for (;;) {
-      const Code c = m_in.Peek();
+      const Code c = m_in.SkipToLineEndOr('=');
       if (c == kEnd)
         throw DKConfigStreamException(kEofInKey);
-      m_in.Skip();
       if (c == '=')
         break;
-      m_text.push_back(static_cast<Unit>(c));
+      EndLine();
+      while (IsBlank(m_in.Peek()))
+        m_in.Skip();
+      if (m_in.Peek() == '[')
+        Note(DKConfigLoadNote::HeaderInsideKey, m_line, m_line);
+      else if (m_in.Peek() == '#')
+        NoteHashLine();
     }
-    TrimEnd(IsWhite);
-    key = ToDKString(m_text);
+    std::size_t keyEnd = m_in.Pos();
+    m_in.Skip();
+    const bool oneLine = m_line == first;
+    if (!oneLine)
+      Note(DKConfigLoadNote::KeyOverSeveralLines, first, m_line);
+    if (key) {
+      while (keyEnd > keyStart && IsWhite(m_in.At(keyEnd - 1)))
+        --keyEnd;
+      if (oneLine)
+        TakeKey(*key, keyStart, keyEnd, previousKey);
+      else
+        Take(*key, keyStart, keyEnd, CarriageReturns::FoldLineEnds);
+    }
 
-    m_text.clear();
-    for (Code c = m_in.Peek(); c != kEnd; c = m_in.Peek()) {
+    for (Code c = m_in.Peek(); c != '\n' && IsWhite(c); c = m_in.Peek())
       m_in.Skip();
-      if (c == '\n')
-        break;
-      if (c == '\r' || (m_text.empty() && IsWhite(c)))
-        continue;
-      m_text.push_back(static_cast<Unit>(c));
+    const std::size_t valueStart = m_in.Pos(), line = m_line;
+    const bool ended = m_in.SkipToLineEndOr('\n') == '\n';
+    if (value) {
+      std::size_t valueEnd = m_in.Pos();
+      while (valueEnd > valueStart && IsBlank(m_in.At(valueEnd - 1)))
+        --valueEnd;
+      Take(*value, valueStart, valueEnd, CarriageReturns::Drop);
     }
-    TrimEnd(IsSpaceOrTab);
-    value = ToDKString(m_text);
+    if (ended)
+      EndLine();
+    return line;
   }
 
   // "[" name "]" and the blanks after it up to the end of the line. False at the end of the input.
@@ -256,94 +467,220 @@ public:
     if (c != '[')
       throw DKConfigStreamException(kNoOpeningBracket);
     m_in.Skip();
-    m_text.clear();
-    for (;;) {
-      c = m_in.Peek();
+    const std::size_t start = m_in.Pos(), first = m_line;
+    while ((c = m_in.SkipToLineEndOr(']')) != ']') {
       if (c == kEnd)
         throw DKConfigStreamException(kEofInName);
-      m_in.Skip();
-      // A header must be followed by something: even "]" as the last unit is refused.
-      if (m_in.Peek() == kEnd)
-        throw DKConfigStreamException(kEofInName);
-      if (c == ']')
-        break;
-      m_text.push_back(static_cast<Unit>(c));
+      EndLine();
     }
-    name = ToDKString(m_text);
+    const std::size_t end = m_in.Pos();
+    m_in.Skip();
+    // A header must be followed by something: even "]" as the last unit is refused.
+    if (m_in.Peek() == kEnd)
+      throw DKConfigStreamException(kEofInName);
+    Take(name, start, end, m_line == first ? CarriageReturns::Keep : CarriageReturns::FoldLineEnds);
     for (c = m_in.Peek(); c != kEnd; c = m_in.Peek()) {
-      m_in.Skip();
-      if (c == '\n')
+      if (c == '\n') {
+        EndLine();
         break;
+      }
       if (!IsBlank(c))
         throw DKConfigStreamException(kAfterClosingBracket);
+      m_in.Skip();
     }
     return true;
   }
 
-  // The whole text. Each comment block goes to the item after it; key lines in front of the
-  // first header are read and dropped; comments at the end become a last section without a name.
-  // The items are given owner as they are made.
-  void File(SectionVector& out, const DKConfigLockableI* owner) {
+  // The whole text. Each comment block goes to the item after it; comments at the end become a
+  // last section without a name. Key lines in front of the first header are not in the tree:
+  // the text up to the end of the last of them goes to leading, as it stands. The items are
+  // given owner as they are made.
+  void File(SectionVector& out, DKString& leading, const DKConfigLockableI* owner) {
     out.clear();
+    leading.Clear();
     CommentVector block;
+    DKString blockMarkers;
+    const auto giveBlock = [&](DKConfigComments& comments) {
+      DKConfigIO::Texts(comments) = std::move(block);
+      DKConfigIO::Markers(comments) = std::move(blockMarkers);
+    };
     // The lines of the open section, collected so that the section's vector is sized once.
     DKConfigSection::LineVector lines;
+    std::size_t previous = 0; // one more than the index of the section before the open one
     const auto closeSection = [&] {
       if (!out.empty())
         DKConfigIO::Lines(out.back()).assign(std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end()));
       lines.clear();
+      previous = out.size();
     };
-    DKString droppedKey, droppedValue;
+    std::size_t leadingEnd = 0;
     bool open = false;
+    m_hold = 0; // the leading text is taken from the start
     for (;;) {
-      Comments(block);
+      Comments(block, blockMarkers);
       const Code c = m_in.Peek();
       if (c == kEnd)
         break;
       if (c == '[') {
+        if (!open)
+          Leading(leading, leadingEnd);
+        open = true;
         closeSection();
         DKConfigSection& section = out.emplace_back();
         section.SetOwner(owner);
         Header(DKConfigIO::Name(section));
-        DKConfigIO::Texts(section.GetComments()) = std::move(block);
-        open = true;
+        giveBlock(section.GetComments());
       } else if (open) {
         DKConfigLine& line = lines.emplace_back();
         line.SetOwner(owner);
-        KeyLine(DKConfigIO::Key(line), DKConfigIO::Value(line));
-        DKConfigIO::Texts(line.GetComments()) = std::move(block);
+        const DKString* previousKey = nullptr;
+        if (previous) {
+          const DKConfigSection::LineVector& before = DKConfigIO::Lines(out[previous - 1]);
+          if (lines.size() <= before.size())
+            previousKey = &DKConfigIO::Key(before[lines.size() - 1]);
+        }
+        KeyLine(&DKConfigIO::Key(line), &DKConfigIO::Value(line), previousKey);
+        giveBlock(line.GetComments());
       } else {
-        KeyLine(droppedKey, droppedValue);
+        const std::size_t first = m_line;
+        Note(DKConfigLoadNote::KeyBeforeFirstSection, first, KeyLine(nullptr, nullptr));
+        leadingEnd = m_in.Pos();
       }
+      Keep(m_in.Pos());
     }
+    if (!open)
+      Leading(leading, leadingEnd);
+    if (m_notes)
+      m_notes->Sort();
     closeSection();
     if (!block.empty()) {
       DKConfigSection& closing = out.emplace_back();
       closing.SetOwner(owner);
-      DKConfigIO::Texts(closing.GetComments()) = std::move(block);
+      giveBlock(closing.GetComments());
     }
   }
 
 private:
-  template <class Pred>
-  void TrimEnd(Pred drop) {
-    while (!m_text.empty() && drop(static_cast<Code>(m_text.back())))
-      m_text.pop_back();
+  void EndLine() {
+    m_in.Skip();
+    ++m_line;
+  }
+
+  void Note(DKConfigLoadNote::Kind kind, std::size_t first, std::size_t last) {
+    if (m_notes)
+      m_notes->Add(kind, first, last);
+  }
+  void NoteHashLine() {
+    if (!m_markers.Has('#'))
+      Note(DKConfigLoadNote::HashLineAsText, m_line, m_line);
+  }
+
+  static void AddMarker(DKString& markers, std::size_t count, DKChar marker) {
+    if (markers.IsEmpty()) {
+      if (marker == ';')
+        return;
+      markers = DKString(DKChar(';'), count - 1);
+    }
+    markers.Append(marker);
+  }
+
+  // Nothing before pos will be read again, unless the leading text still holds it.
+  void Keep(std::size_t pos) { m_in.Release(std::min(pos, m_hold)); }
+
+  // The text from the start up to end, every line ended by a line feed.
+  void Leading(DKString& out, std::size_t end) {
+    m_hold = static_cast<std::size_t>(-1);
+    if (end == 0)
+      return;
+    const bool ended = m_in.At(end - 1) == '\n';
+    if (!ended)
+      while (end > 0 && m_in.At(end - 1) == '\r')
+        --end;
+    dkutf::ReserveMore(out, end + 1);
+    Take(out, 0, end, CarriageReturns::FoldLineEnds);
+    if (!ended)
+      out.Append(DKChar('\n'));
+  }
+
+  // Files repeat the keys of one section in the next. A key equal to the one at its place in
+  // the section before shares that key's text (a copy of a DKString shares its block): no block
+  // is made for it.
+  void TakeKey(DKString& out, std::size_t from, std::size_t to, const DKString* previous) {
+    const std::size_t count = to - from;
+    if (previous && previous->Length() == count) {
+      std::size_t i = 0;
+      for (Code c; i < count && (c = m_in.At(from + i)) < 0x80 && c == (*previous)[i];)
+        ++i;
+      if (i == count) {
+        out = *previous;
+        return;
+      }
+    }
+    Take(out, from, to, CarriageReturns::Keep);
+  }
+
+  // Appends the text between two positions.
+  void Take(DKString& out, std::size_t from, std::size_t to, CarriageReturns crs) {
+    if (from >= to)
+      return;
+    std::size_t cr = crs == CarriageReturns::Keep ? to : m_in.Find('\r', from, to);
+    if (cr == to && to - from <= kPieceUnits) {
+      m_in.Append(out, from, to);
+      return;
+    }
+    dkutf::ReserveMore(out, to - from);
+    for (;;) {
+      AppendInPieces(out, from, cr);
+      if (cr == to)
+        return;
+      std::size_t run = cr;
+      while (run < to && m_in.At(run) == '\r')
+        ++run;
+      if (crs == CarriageReturns::FoldLineEnds && !(run < to && m_in.At(run) == '\n'))
+        m_in.Append(out, cr, run);
+      from = run;
+      cr = m_in.Find('\r', from, to);
+    }
+  }
+
+  void AppendInPieces(DKString& out, std::size_t from, std::size_t to) {
+    while (to - from > kPieceUnits) {
+      std::size_t cut = m_in.CharStart(from + kPieceUnits);
+      if (cut <= from)
+        cut = from + kPieceUnits;
+      m_in.Append(out, from, cut);
+      from = cut;
+      Keep(from);
+    }
+    if (from < to)
+      m_in.Append(out, from, to);
   }
 
   Source& m_in;
-  std::basic_string<Unit> m_text;
+  const MarkerSet m_markers;
+  NoteList* m_notes;
+  std::size_t m_line = 1;
+  std::size_t m_hold = static_cast<std::size_t>(-1);
 };
 
 // ---------------------------------------------------------------------------------------------
 // The writer
 
+// Each comment as its marker and text, an empty ';' comment as an empty line. Carriage returns
+// at the end of a text are left out: they would read back as part of the line end.
 template <class Sink>
-void WriteComments(Sink& out, const CommentVector& comments) {
-  for (const DKString& text : comments) {
-    if (!text.IsEmpty()) {
-      out.Ascii(';');
-      out.Text(text);
+void WriteComments(Sink& out, const DKConfigComments& comments) {
+  const CommentVector& texts = DKConfigIO::Texts(comments);
+  const DKString& markers = DKConfigIO::Markers(comments);
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const DKString& text = texts[i];
+    std::size_t length = text.Length();
+    while (length && text[length - 1] == '\r')
+      --length;
+    const DKChar marker = markers.IsEmpty() ? DKChar(';') : markers[i];
+    if (length || marker != ';') {
+      out.Ascii(static_cast<char>(marker));
+      out.Text(text.c_str(), length);
     }
     out.Ascii('\n');
   }
@@ -351,7 +688,7 @@ void WriteComments(Sink& out, const CommentVector& comments) {
 
 template <class Sink>
 void WriteLine(Sink& out, const DKConfigLine& line) {
-  WriteComments(out, DKConfigIO::Texts(line.GetComments()));
+  WriteComments(out, line.GetComments());
   out.Text(DKConfigIO::Key(line));
   out.Ascii('=');
   out.Text(DKConfigIO::Value(line));
@@ -360,7 +697,7 @@ void WriteLine(Sink& out, const DKConfigLine& line) {
 
 template <class Sink>
 void WriteSection(Sink& out, const DKConfigSection& section, bool header) {
-  WriteComments(out, DKConfigIO::Texts(section.GetComments()));
+  WriteComments(out, section.GetComments());
   if (header) {
     out.Ascii('[');
     out.Text(DKConfigIO::Name(section));
@@ -378,14 +715,24 @@ bool IsClosingComments(const SectionVector& sections, std::size_t index) {
          DKConfigIO::Name(s).IsEmpty();
 }
 
-// A section without a name is written with an empty header "[]" so that it reads back as the
-// same section, except when it holds the closing comments.
+// The leading text first, then the sections. A section without a name is written with an empty
+// header "[]" so that it reads back as the same section, except when it holds the closing
+// comments.
 template <class Sink>
-void WriteFile(Sink& out, const SectionVector& sections) {
+void WriteFile(Sink& out, const DKString& leading, const SectionVector& sections) {
+  out.Text(leading);
   for (std::size_t i = 0; i < sections.size(); ++i) {
     const bool named = !DKConfigIO::Name(sections[i]).IsEmpty();
     WriteSection(out, sections[i], named || !IsClosingComments(sections, i));
   }
+}
+
+bool IsUtf16(DKConfigFile::Encoding encoding) noexcept {
+  return encoding != DKConfigFile::Utf8 && encoding != DKConfigFile::Utf8WithBom;
+}
+
+bool IsLittleEndian(DKConfigFile::Encoding encoding) noexcept {
+  return encoding == DKConfigFile::Utf16LE || encoding == DKConfigFile::Utf16LEWithoutBom;
 }
 
 // Writes the file's bytes in one of its encodings; LF becomes CR LF in CR LF mode.
@@ -399,20 +746,19 @@ public:
     case DKConfigFile::Utf8WithBom: m_out.append("\xEF\xBB\xBF"); break;
     case DKConfigFile::Utf16LE: m_out.append("\xFF\xFE"); break;
     case DKConfigFile::Utf16BE: m_out.append("\xFE\xFF"); break;
-    case DKConfigFile::Utf8: break;
+    default: break;
     }
   }
   void Ascii(char c) {
     if (c == '\n' && m_crlf)
       Encode(DK_T("\r\n"), 2);
-    else if (IsUtf8())
+    else if (!IsUtf16(m_encoding))
       m_out.push_back(c);
     else
       Encode16(static_cast<DKChar>(c));
   }
-  void Text(const DKString& text) {
-    const DKChar* p = text.c_str();
-    std::size_t n = text.Length();
+  void Text(const DKString& text) { Text(text.c_str(), text.Length()); }
+  void Text(const DKChar* p, std::size_t n) {
     if (m_crlf) {
       for (const DKChar* lf; (lf = std::char_traits<DKChar>::find(p, n, '\n')) != nullptr;) {
         Encode(p, static_cast<std::size_t>(lf - p));
@@ -425,11 +771,10 @@ public:
   }
 
 private:
-  bool IsUtf8() const noexcept { return m_encoding == DKConfigFile::Utf8 || m_encoding == DKConfigFile::Utf8WithBom; }
   void Encode(const DKChar* p, std::size_t n) {
     if (n == 0)
       return;
-    if (IsUtf8()) {
+    if (!IsUtf16(m_encoding)) {
       dkutf::Utf16ToUtf8(p, n, m_out);
       return;
     }
@@ -438,7 +783,7 @@ private:
   }
   void Encode16(DKChar u) {
     const char high = static_cast<char>(u >> 8), low = static_cast<char>(u & 0xFF);
-    if (m_encoding == DKConfigFile::Utf16LE) {
+    if (IsLittleEndian(m_encoding)) {
       m_out.push_back(low);
       m_out.push_back(high);
     } else {
@@ -458,11 +803,22 @@ class StreamSink {
 public:
   explicit StreamSink(std::basic_ostream<CharT>& out) noexcept : m_out(out) {}
   void Ascii(char c) { m_out.put(static_cast<CharT>(c)); }
-  void Text(const DKString& text) {
-    if (text.IsEmpty())
+  void Text(const DKString& text) { Text(text.c_str(), text.Length()); }
+  void Text(const DKChar* p, std::size_t n) {
+    if (n == 0)
       return;
-    const std::basic_string<CharT> units = FromDKString<CharT>(text);
-    m_out.write(units.data(), static_cast<std::streamsize>(units.size()));
+    if constexpr (std::is_same_v<CharT, DKChar>) {
+      m_out.write(p, static_cast<std::streamsize>(n));
+    } else if constexpr (std::is_same_v<CharT, char>) {
+      std::string units;
+      dkutf::Utf16ToUtf8(p, n, units);
+      m_out.write(units.data(), static_cast<std::streamsize>(units.size()));
+    } else {
+      std::u32string wide;
+      dkutf::Utf16ToUtf32(p, n, wide);
+      const std::basic_string<CharT> units(wide.begin(), wide.end());
+      m_out.write(units.data(), static_cast<std::streamsize>(units.size()));
+    }
   }
 
 private:
@@ -472,89 +828,156 @@ private:
 // ---------------------------------------------------------------------------------------------
 // Bytes on disk
 
-// The text of a file with what is needed to write it back the same way.
-struct DecodedText {
-  DKString utf8Text;     // the text of a UTF-8 file
-  DKStdString utf16Text; // the text of a UTF-16 file
-  const DKChar* begin = nullptr;
-  const DKChar* end = nullptr;
+// How the bytes of a file are read: the encoding, where the text starts (after a byte-order
+// mark) and the file's line end.
+struct Layout {
   DKConfigFile::Encoding encoding = DKConfigFile::Utf8;
+  std::size_t start = 0;
   bool crlf = false;
 };
 
-// The line ends are CR LF when the first line feed follows a carriage return.
-bool FirstLineEndIsCrLf(const DKChar* begin, const DKChar* end) noexcept {
-  const DKChar* lf = std::char_traits<DKChar>::find(begin, static_cast<std::size_t>(end - begin), '\n');
-  return lf && lf != begin && lf[-1] == '\r';
+// What the NUL bytes of a text without a byte-order mark say about its encoding.
+struct NulBytes {
+  enum Pattern { None, Utf16LE, Utf16BE, Utf32LE, Utf32BE, Unclear } pattern = None;
+  std::size_t even = 0, odd = 0; // how many at even and at odd offsets
+};
+
+// UTF-8 text holds no NUL byte (U+0000 is no character of a configuration file). In UTF-16 of
+// Latin text every other byte is NUL: at odd offsets in little-endian order, at even ones in
+// big-endian order; characters such as U+4E00 put a few on the other side. In UTF-32 two of
+// every four bytes are NUL. The UTF-16 pattern must be plain: at most one NUL on the other side
+// for every 8 on the first. Saving takes out whole units only, so a file whose NULs all sit on
+// one side keeps its pattern.
+NulBytes CountNuls(const unsigned char* bytes, std::size_t size) {
+  NulBytes nuls;
+  if (!std::memchr(bytes, 0, size))
+    return nuls;
+  std::size_t zeros[4] = {0, 0, 0, 0};
+  for (std::size_t i = 0; i < size; ++i)
+    zeros[i & 3] += bytes[i] == 0;
+  nuls.even = zeros[0] + zeros[2];
+  nuls.odd = zeros[1] + zeros[3];
+  const std::size_t groups = size / 4;
+  const auto mostly = [&](std::size_t count) { return groups >= 2 && count * 8 >= groups * 7; };
+  if (mostly(zeros[2]) && mostly(zeros[3]))
+    nuls.pattern = NulBytes::Utf32LE;
+  else if (mostly(zeros[0]) && mostly(zeros[1]))
+    nuls.pattern = NulBytes::Utf32BE;
+  else if (nuls.odd && nuls.even * 8 <= nuls.odd)
+    nuls.pattern = NulBytes::Utf16LE;
+  else if (nuls.even && nuls.odd * 8 <= nuls.even)
+    nuls.pattern = NulBytes::Utf16BE;
+  else
+    nuls.pattern = NulBytes::Unclear;
+  return nuls;
 }
 
-bool Decode(const unsigned char* bytes, std::size_t size, DecodedText& text, DKString& error) {
-  std::size_t start = 0;
-  if (size >= 2 && bytes[0] == 0xFF && bytes[1] == 0xFE) {
-    text.encoding = DKConfigFile::Utf16LE;
-    start = 2;
-  } else if (size >= 2 && bytes[0] == 0xFE && bytes[1] == 0xFF) {
-    text.encoding = DKConfigFile::Utf16BE;
-    start = 2;
-  } else if (size >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB && bytes[2] == 0xBF) {
-    text.encoding = DKConfigFile::Utf8WithBom;
-    start = 3;
+// How many lines of UTF-8 text start with "[": the sections it will have, in most files.
+std::size_t CountHeaderLines(const unsigned char* text, std::size_t length) noexcept {
+  std::size_t count = 0;
+  for (const unsigned char* p = text; const void* found = std::memchr(p, '[', static_cast<std::size_t>(text + length - p));) {
+    const auto* bracket = static_cast<const unsigned char*>(found);
+    count += bracket == text || bracket[-1] == '\n';
+    p = bracket + 1;
   }
-  const std::size_t length = size - start;
-  if (text.encoding == DKConfigFile::Utf16LE || text.encoding == DKConfigFile::Utf16BE) {
+  return count + 1;
+}
+
+// Finds the encoding and the line end of a file's bytes, and checks that the text is valid in
+// that encoding.
+bool Sniff(const unsigned char* bytes, std::size_t size, Layout& layout, DKString& error) {
+  const auto startsWith = [&](const char* mark, std::size_t length) {
+    return size >= length && std::memcmp(bytes, mark, length) == 0;
+  };
+  if (startsWith("\xFF\xFE\0\0", 4) || startsWith("\0\0\xFE\xFF", 4)) {
+    error = DK_T("the text is UTF-32 (its byte-order mark says so); configuration files are UTF-8 or UTF-16");
+    return false;
+  }
+  if (startsWith("\xFF\xFE", 2)) {
+    layout.encoding = DKConfigFile::Utf16LE;
+    layout.start = 2;
+  } else if (startsWith("\xFE\xFF", 2)) {
+    layout.encoding = DKConfigFile::Utf16BE;
+    layout.start = 2;
+  } else if (startsWith("\xEF\xBB\xBF", 3)) {
+    layout.encoding = DKConfigFile::Utf8WithBom;
+    layout.start = 3;
+  }
+  const unsigned char* text = bytes + layout.start;
+  const std::size_t length = size - layout.start;
+  if (!IsUtf16(layout.encoding)) {
+    const NulBytes nuls = CountNuls(text, length);
+    switch (nuls.pattern) {
+    case NulBytes::None: break;
+    case NulBytes::Utf16LE:
+    case NulBytes::Utf16BE:
+      if (layout.start) {
+        error = DK_T("the text holds NUL bytes after a UTF-8 byte-order mark");
+        return false;
+      }
+      layout.encoding = nuls.pattern == NulBytes::Utf16LE ? DKConfigFile::Utf16LEWithoutBom : DKConfigFile::Utf16BEWithoutBom;
+      break;
+    case NulBytes::Utf32LE:
+    case NulBytes::Utf32BE:
+      error.Format(DK_T("the text looks like UTF-32 %s without a byte-order mark; configuration files are UTF-8 or UTF-16"),
+                   nuls.pattern == NulBytes::Utf32LE ? DK_T("LE") : DK_T("BE"));
+      return false;
+    case NulBytes::Unclear:
+      error.Format(DK_T("the text holds NUL bytes (%llu at even offsets, %llu at odd ones): it is not UTF-8, nor plainly ")
+                       DK_T("UTF-16 LE or BE without a byte-order mark"),
+                   static_cast<unsigned long long>(nuls.even), static_cast<unsigned long long>(nuls.odd));
+      return false;
+    }
+  }
+
+  if (IsUtf16(layout.encoding)) {
     if (length % 2) {
-      error = DK_T("the UTF-16 text ends in half a character");
+      if (layout.start)
+        error = DK_T("the UTF-16 text ends in half a character");
+      else
+        error.Format(DK_T("the text looks like UTF-16 %s without a byte-order mark, but ends in half a character"),
+                     IsLittleEndian(layout.encoding) ? DK_T("LE") : DK_T("BE"));
       return false;
     }
-    const bool little = text.encoding == DKConfigFile::Utf16LE;
-    text.utf16Text.resize(length / 2);
-    for (std::size_t i = 0; i < length / 2; ++i) {
-      const unsigned first = bytes[start + 2 * i], second = bytes[start + 2 * i + 1];
-      text.utf16Text[i] = static_cast<DKChar>(little ? first | second << 8 : first << 8 | second);
-    }
-    text.begin = text.utf16Text.data();
-    text.end = text.begin + text.utf16Text.size();
-  } else {
-    if (length > DKString::maxLength) {
-      error = DK_T("the file is too large");
-      return false;
-    }
-    const std::size_t bad = dkutf::Utf8ToUtf16(reinterpret_cast<const char*>(bytes) + start, length, text.utf8Text, false);
-    if (bad != DKString::npos) {
-      error.Format(DK_T("the text is not valid UTF-8 (byte %llu)"), static_cast<unsigned long long>(start + bad));
-      return false;
-    }
-    text.begin = text.utf8Text.c_str();
-    text.end = text.begin + text.utf8Text.Length();
+    const std::size_t low = IsLittleEndian(layout.encoding) ? 0 : 1;
+    for (std::size_t i = 0; i < length; i += 2)
+      if (text[i + low] == '\n' && text[i + 1 - low] == 0) {
+        layout.crlf = i >= 2 && text[i - 2 + low] == '\r' && text[i - 1 - low] == 0;
+        break;
+      }
+    return true;
   }
-  text.crlf = FirstLineEndIsCrLf(text.begin, text.end);
+  if (length > DKString::maxLength) {
+    error = DK_T("the file is too large");
+    return false;
+  }
+  const std::size_t bad = dkutf::FindInvalidUtf8(reinterpret_cast<const char*>(text), length);
+  if (bad != DKString::npos) {
+    error.Format(DK_T("the text is not valid UTF-8 (byte %llu)"), static_cast<unsigned long long>(layout.start + bad));
+    return false;
+  }
+  const void* lf = std::memchr(text, '\n', length);
+  layout.crlf = lf && lf != text && static_cast<const unsigned char*>(lf)[-1] == '\r';
   return true;
 }
 
-// The same test on the bytes written.
-bool FirstLineEndIsCrLf(const std::string& bytes, DKConfigFile::Encoding encoding) {
-  if (encoding == DKConfigFile::Utf8 || encoding == DKConfigFile::Utf8WithBom) {
-    const std::size_t start = encoding == DKConfigFile::Utf8WithBom ? 3 : 0;
-    const std::size_t lf = bytes.find('\n', start);
-    return lf != std::string::npos && lf > start && bytes[lf - 1] == '\r';
-  }
-  const std::size_t low = encoding == DKConfigFile::Utf16LE ? 0 : 1;
-  for (std::size_t i = 2; i + 1 < bytes.size(); i += 2)
-    if (bytes[i + low] == '\n' && bytes[i + 1 - low] == 0)
-      return i > 2 && bytes[i - 2 + low] == '\r' && bytes[i - 1 - low] == 0;
-  return false;
-}
-
 // Why the format cannot carry the tree; empty when it can.
-DKString FindUnwritable(const SectionVector& sections) {
+DKString FindUnwritable(const SectionVector& sections, const MarkerSet& markers) {
   DKString why;
   const auto hasLineFeed = [](const DKString& text) { return text.Find(DKChar('\n')) != DKString::npos; };
   const auto checkComments = [&](const DKConfigComments& comments) {
-    for (const DKString& text : comments)
-      if (hasLineFeed(text)) {
-        why.Format(DK_T("the comment \"%s\" holds a line feed"), text.c_str());
+    for (auto it = comments.begin(); it != comments.end(); ++it) {
+      const DKChar marker = comments.GetMarker(it);
+      if (hasLineFeed(*it)) {
+        why.Format(DK_T("the comment \"%s\" holds a line feed"), it->c_str());
         return false;
       }
+      if (!markers.Has(marker)) {
+        why.Format(DK_T("the comment \"%s\" starts with '%c', which this file does not read as a comment marker"),
+                   it->c_str(), static_cast<int>(marker));
+        return false;
+      }
+    }
     return true;
   };
   for (const DKConfigSection& section : sections) {
@@ -568,7 +991,7 @@ DKString FindUnwritable(const SectionVector& sections) {
       if (key.Find(DKChar('=')) != DKString::npos)
         return why.Format(DK_T("the key \"%s\" holds a '='"), key.c_str());
       const std::size_t first = key.FindFirstNotOf(DK_T(" \t\r"));
-      if (first != DKString::npos && (key[first] == ';' || key[first] == '[' || key[first] == '\n'))
+      if (first != DKString::npos && (markers.Has(key[first]) || key[first] == '[' || key[first] == '\n'))
         return why.Format(DK_T("the key \"%s\" would read back as a comment or a header"), key.c_str());
       if (hasLineFeed(DKConfigIO::Value(line)))
         return why.Format(DK_T("the value of the key \"%s\" holds a line feed"), key.c_str());
@@ -614,7 +1037,7 @@ template <class CharT>
 std::basic_istream<CharT>& ReadComments(std::basic_istream<CharT>& in, DKConfigComments& comments) {
   return ReadFromStream(in, [&](StreamSource<CharT>& source) {
     const DKConfigLockGuard guard(comments);
-    Reader<StreamSource<CharT>>(source).Comments(DKConfigIO::Texts(comments));
+    Reader<StreamSource<CharT>>(source).Comments(DKConfigIO::Texts(comments), DKConfigIO::Markers(comments));
   });
 }
 
@@ -624,8 +1047,8 @@ std::basic_istream<CharT>& ReadLine(std::basic_istream<CharT>& in, DKConfigLine&
     const DKConfigLockGuard guard(line);
     line.Clear();
     Reader<StreamSource<CharT>> reader(source);
-    reader.Comments(DKConfigIO::Texts(line.GetComments()));
-    reader.KeyLine(DKConfigIO::Key(line), DKConfigIO::Value(line));
+    reader.Comments(DKConfigIO::Texts(line.GetComments()), DKConfigIO::Markers(line.GetComments()));
+    reader.KeyLine(&DKConfigIO::Key(line), &DKConfigIO::Value(line));
   });
 }
 
@@ -635,18 +1058,21 @@ std::basic_istream<CharT>& ReadSection(std::basic_istream<CharT>& in, DKConfigSe
     const DKConfigLockGuard guard(section);
     section.Clear();
     Reader<StreamSource<CharT>> reader(source);
-    reader.Comments(DKConfigIO::Texts(section.GetComments()));
+    reader.Comments(DKConfigIO::Texts(section.GetComments()), DKConfigIO::Markers(section.GetComments()));
     reader.Header(DKConfigIO::Name(section));
   });
 }
 
 template <class CharT>
 std::basic_istream<CharT>& ReadFile(std::basic_istream<CharT>& in, DKConfigFile& file) {
+  const MarkerSet markers(file.GetCommentMarkers());
   return ReadFromStream(in, [&](StreamSource<CharT>& source) {
     source.SkipByteOrderMark();
     SectionVector sections;
-    Reader<StreamSource<CharT>>(source).File(sections, &file);
-    DKConfigIO::Adopt(file, sections);
+    DKString leading;
+    NoteList notes;
+    Reader<StreamSource<CharT>>(source, markers, &notes).File(sections, leading, &file);
+    DKConfigIO::Adopt(file, sections, leading, notes.notes, notes.count);
   });
 }
 
@@ -686,17 +1112,69 @@ DKConfigComments::~DKConfigComments() = default;
 
 DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text) {
   const DKConfigLockGuard guard(*this);
-  m_comments.push_back(text);
-  return m_comments.end() - 1;
+  return InsertComment(m_comments.end(), text, ';');
 }
 
 DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text, Iterator before) {
   const DKConfigLockGuard guard(*this);
-  return m_comments.insert(before, text);
+  return InsertComment(before, text, ';');
+}
+
+DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text, Iterator before, DKChar marker) {
+  const DKConfigLockGuard guard(*this);
+  return InsertComment(before, text, marker);
+}
+
+DKConfigComments::Iterator DKConfigComments::InsertComment(Iterator before, const DKString& text, DKChar marker) {
+  if (!IsMarkerCharacter(marker))
+    marker = ';';
+  const std::size_t index = static_cast<std::size_t>(before - m_comments.begin());
+  DKString markers = m_markers;
+  if (!markers.IsEmpty() || marker != ';') {
+    if (markers.IsEmpty())
+      markers = DKString(DKChar(';'), m_comments.size());
+    markers.Insert(index, marker);
+  }
+  const Iterator added = m_comments.insert(before, text);
+  m_markers.swap(markers);
+  return added;
+}
+
+DKChar DKConfigComments::GetMarker(ConstIterator position) const {
+  const DKConfigLockGuard guard(*this);
+  return m_markers.IsEmpty() ? DKChar(';') : m_markers[static_cast<std::size_t>(position - m_comments.begin())];
+}
+
+bool DKConfigComments::SetMarker(Iterator position, DKChar marker) {
+  const DKConfigLockGuard guard(*this);
+  if (!IsMarkerCharacter(marker))
+    return false;
+  if (m_markers.IsEmpty()) {
+    if (marker == ';')
+      return true;
+    m_markers = DKString(DKChar(';'), m_comments.size());
+  }
+  m_markers.Set(static_cast<std::size_t>(position - m_comments.begin()), marker);
+  return true;
+}
+
+bool DKConfigComments::SameMarkers(const DKConfigComments& other) const noexcept {
+  if (m_markers.IsEmpty() && other.m_markers.IsEmpty())
+    return true;
+  const std::size_t count = std::min(m_comments.size(), other.m_comments.size());
+  for (std::size_t i = 0; i < count; ++i) {
+    const DKChar mine = m_markers.IsEmpty() ? DKChar(';') : m_markers[i];
+    const DKChar theirs = other.m_markers.IsEmpty() ? DKChar(';') : other.m_markers[i];
+    if (mine != theirs)
+      return false;
+  }
+  return true;
 }
 
 DKConfigComments::Iterator DKConfigComments::DeleteComment(Iterator position) {
   const DKConfigLockGuard guard(*this);
+  if (!m_markers.IsEmpty())
+    m_markers.Remove(static_cast<std::size_t>(position - m_comments.begin()), 1);
   return m_comments.erase(position);
 }
 
@@ -708,6 +1186,7 @@ std::size_t DKConfigComments::GetSize() const {
 void DKConfigComments::Clear() {
   const DKConfigLockGuard guard(*this);
   m_comments.clear();
+  m_markers.Clear();
 }
 
 DKConfigLine::~DKConfigLine() = default;
@@ -862,8 +1341,39 @@ void DKConfigSection::SetOwner(const DKConfigLockableI* owner) {
 // ---------------------------------------------------------------------------------------------
 // The file
 
+DKString DKConfigLoadNote::GetText() const {
+  DKString text;
+  if (firstLine == lastLine)
+    text.Format(DK_T("line %llu: "), static_cast<unsigned long long>(firstLine));
+  else
+    text.Format(DK_T("lines %llu-%llu: "), static_cast<unsigned long long>(firstLine),
+                static_cast<unsigned long long>(lastLine));
+  switch (kind) {
+  case KeyOverSeveralLines:
+    return text + DK_T("a key spans several lines (a line without '=' joins the key of the next '=' line)");
+  case KeyBeforeFirstSection:
+    return text + DK_T("a key line before the first section header: kept as text, it is no setting");
+  case HashLineAsText:
+    return text + DK_T("a line starting with '#' is read as text, not as a comment ('#' is no comment marker here)");
+  case HeaderInsideKey:
+    return text + DK_T("a section header inside a key that spans lines starts no section");
+  }
+  return text;
+}
+
 DKSmartPtr<DKConfigFile> DKConfigFile::Load(const DKString& path) {
   DKSmartPtr<DKConfigFile> file(new DKConfigFile(path));
+  if (!file->Reload())
+    return nullptr;
+  return file;
+}
+
+DKSmartPtr<DKConfigFile> DKConfigFile::Load(const DKString& path, const DKString& commentMarkers) {
+  DKSmartPtr<DKConfigFile> file(new DKConfigFile(path));
+  if (!file->SetCommentMarkers(commentMarkers)) {
+    file->Fail(DK_T("invalid comment markers"));
+    return nullptr;
+  }
   if (!file->Reload())
     return nullptr;
   return file;
@@ -888,52 +1398,113 @@ DKString DKConfigFile::GetLastErrorText() const {
   return m_lastError;
 }
 
-void DKConfigFile::Adopt(SectionVector& sections) {
+void DKConfigFile::Adopt(SectionVector& sections, DKString& leadingText, std::vector<DKConfigLoadNote>& notes,
+                         std::size_t noteCount) {
   const DKConfigLockGuard guard(*this);
   m_sections.swap(sections);
+  m_leadingText.swap(leadingText);
+  m_notes.swap(notes);
+  m_noteCount = noteCount;
   m_lastError.Clear();
 }
 
 bool DKConfigFile::Reload() {
-  std::string bytes;
+  DKFileBytes bytes;
   DKString error;
   if (!DKFile::ReadAll(GetFileName(), bytes, error))
     return Fail(error);
-  return ReloadFromBytes(bytes.data(), bytes.size());
+  return Parse(bytes.Data(), bytes.Size(), &bytes);
 }
 
 bool DKConfigFile::ReloadFromBytes(const void* data, std::size_t size) {
-  DecodedText text;
+  return Parse(static_cast<const unsigned char*>(data), size, nullptr);
+}
+
+bool DKConfigFile::Parse(const unsigned char* data, std::size_t size, DKFileBytes* pages) {
+  static const unsigned char nothing[1] = {0};
+  if (!data || !size) {
+    data = nothing;
+    size = 0;
+  }
+  Layout layout;
   DKString error;
-  if (!Decode(static_cast<const unsigned char*>(data), size, text, error))
+  if (!Sniff(data, size, layout, error))
     return Fail(error);
+  const MarkerSet markers(GetCommentMarkers());
   SectionVector sections;
-  TextSource source(text.begin, text.end, text.crlf);
-  Reader<TextSource>(source).File(sections, this);
+  DKString leading;
+  NoteList notes;
+  const auto read = [&](auto& source) {
+    Reader<std::remove_reference_t<decltype(source)>>(source, markers, &notes).File(sections, leading, this);
+  };
+  const unsigned char* text = data + layout.start;
+  const std::size_t length = size - layout.start;
+  if (!IsUtf16(layout.encoding)) {
+    sections.reserve(CountHeaderLines(text, length));
+    Utf8Memory source(text, length, pages, layout.start);
+    read(source);
+  } else if (IsLittleEndian(layout.encoding)) {
+    Utf16Memory<true> source(text, length / 2, pages, layout.start);
+    read(source);
+  } else {
+    Utf16Memory<false> source(text, length / 2, pages, layout.start);
+    read(source);
+  }
 
   const DKConfigLockGuard guard(*this);
-  Adopt(sections);
-  m_encoding = text.encoding;
-  m_lineEnd = text.crlf ? LineEndCRLF : LineEndLF;
+  Adopt(sections, leading, notes.notes, notes.count);
+  m_encoding = layout.encoding;
+  m_lineEnd = layout.crlf ? LineEndCRLF : LineEndLF;
   return true; // the old tree goes with `sections`, after the lock is released
 }
 
 bool DKConfigFile::Serialise(std::string& out) const {
-  const DKString why = FindUnwritable(m_sections);
+  const DKString why = FindUnwritable(m_sections, MarkerSet(m_commentMarkers));
   if (!why.IsEmpty())
     return Fail(why);
-  const auto write = [&](bool crlf) {
-    out.clear();
-    ByteSink sink(out, m_encoding, crlf);
-    sink.ByteOrderMark();
-    WriteFile(sink, m_sections);
-  };
-  write(m_lineEnd == LineEndCRLF);
-  // Text that itself ends its first line in CR would read back as a CR LF file; written with
-  // CR LF line ends throughout it reads back the same.
-  if (m_lineEnd == LineEndLF && FirstLineEndIsCrLf(out, m_encoding))
-    write(true);
+  out.clear();
+  ByteSink sink(out, m_encoding, m_lineEnd == LineEndCRLF);
+  sink.ByteOrderMark();
+  WriteFile(sink, m_leadingText, m_sections);
   return true;
+}
+
+DKString DKConfigFile::GetLeadingText() const {
+  const DKConfigLockGuard guard(*this);
+  return m_leadingText;
+}
+
+void DKConfigFile::ClearLeadingText() {
+  const DKConfigLockGuard guard(*this);
+  m_leadingText.Clear();
+}
+
+bool DKConfigFile::SetCommentMarkers(const DKString& markers) {
+  DKString extra;
+  for (const DKChar c : markers) {
+    if (!IsMarkerCharacter(c))
+      return false;
+    if (c != ';' && extra.Find(c) == DKString::npos)
+      extra.Append(c);
+  }
+  const DKConfigLockGuard guard(*this);
+  m_commentMarkers = extra;
+  return true;
+}
+
+DKString DKConfigFile::GetCommentMarkers() const {
+  const DKConfigLockGuard guard(*this);
+  return DKString(DK_T(";")) + m_commentMarkers;
+}
+
+std::vector<DKConfigLoadNote> DKConfigFile::GetLoadNotes() const {
+  const DKConfigLockGuard guard(*this);
+  return m_notes;
+}
+
+std::size_t DKConfigFile::GetLoadNoteCount() const {
+  const DKConfigLockGuard guard(*this);
+  return m_noteCount;
 }
 
 bool DKConfigFile::SaveToBytes(std::string& out) const {
@@ -1101,7 +1672,7 @@ std::wistream& operator>>(std::wistream& in, DKConfigSection& section) { return 
 std::wistream& operator>>(std::wistream& in, DKConfigFile& file) { return ReadFile(in, file); }
 
 std::ostream& operator<<(std::ostream& out, const DKConfigComments& comments) {
-  return WriteToStream(out, comments, [&](auto& sink) { WriteComments(sink, DKConfigIO::Texts(comments)); });
+  return WriteToStream(out, comments, [&](auto& sink) { WriteComments(sink, comments); });
 }
 std::ostream& operator<<(std::ostream& out, const DKConfigLine& line) {
   return WriteToStream(out, line, [&](auto& sink) { WriteLine(sink, line); });
@@ -1112,10 +1683,10 @@ std::ostream& operator<<(std::ostream& out, const DKConfigSection& section) {
   });
 }
 std::ostream& operator<<(std::ostream& out, const DKConfigFile& file) {
-  return WriteToStream(out, file, [&](auto& sink) { WriteFile(sink, DKConfigIO::Sections(file)); });
+  return WriteToStream(out, file, [&](auto& sink) { WriteFile(sink, DKConfigIO::LeadingText(file), DKConfigIO::Sections(file)); });
 }
 std::wostream& operator<<(std::wostream& out, const DKConfigComments& comments) {
-  return WriteToStream(out, comments, [&](auto& sink) { WriteComments(sink, DKConfigIO::Texts(comments)); });
+  return WriteToStream(out, comments, [&](auto& sink) { WriteComments(sink, comments); });
 }
 std::wostream& operator<<(std::wostream& out, const DKConfigLine& line) {
   return WriteToStream(out, line, [&](auto& sink) { WriteLine(sink, line); });
@@ -1126,5 +1697,5 @@ std::wostream& operator<<(std::wostream& out, const DKConfigSection& section) {
   });
 }
 std::wostream& operator<<(std::wostream& out, const DKConfigFile& file) {
-  return WriteToStream(out, file, [&](auto& sink) { WriteFile(sink, DKConfigIO::Sections(file)); });
+  return WriteToStream(out, file, [&](auto& sink) { WriteFile(sink, DKConfigIO::LeadingText(file), DKConfigIO::Sections(file)); });
 }

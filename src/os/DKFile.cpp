@@ -7,14 +7,28 @@
 #include "os/DKProcess.h"
 #include "os/DKSystem.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 namespace {
 
+// What a FileImpl result code means.
+DKString CodeText(int code) {
+  switch (code) {
+  case FileImpl::kIsFifo: return DK_T("it is a named pipe (FIFO), not a plain file");
+  case FileImpl::kIsSocket: return DK_T("it is a socket, not a plain file");
+  case FileImpl::kIsDevice: return DK_T("it is a device, not a plain file");
+  case FileImpl::kIsOtherKind: return DK_T("it is not a plain file");
+  default: break;
+  }
+  return DKString::FromUTF8(DKSystem::ErrorCodeText(code));
+}
+
 bool Failed(int code, const DKChar* what, const DKString& path, DKString& error) {
-  error = DKString(what) + DK_T(" ") + path + DK_T(": ");
-  error += DKString::FromUTF8(DKSystem::ErrorCodeText(code));
+  error = DKStrCat(what, DK_T(" "), path, DK_T(": "), CodeText(code));
   return false;
 }
 
@@ -56,6 +70,58 @@ bool DKFile::ReadAll(const DKString& path, std::string& bytes, DKString& error) 
   return true;
 }
 
+DKFileBytes::~DKFileBytes() { Free(); }
+
+void DKFileBytes::Free() noexcept {
+  if (m_data)
+    FileImpl::FreePages(m_data, m_mapped);
+  m_data = nullptr;
+  m_size = m_mapped = m_released = 0;
+}
+
+void DKFileBytes::Release(std::size_t offset) noexcept {
+  const std::size_t page = FileImpl::PageSize();
+  const std::size_t end = std::min(offset, m_size) / page * page;
+  if (end <= m_released)
+    return;
+  FileImpl::DiscardPages(m_data + m_released, end - m_released);
+  m_released = end;
+}
+
+bool DKFile::ReadAll(const DKString& path, DKFileBytes& bytes, DKString& error) {
+  bytes.Free();
+  FileImpl file;
+  if (const int code = file.OpenForReading(path))
+    return Failed(code, DK_T("cannot open"), path, error);
+  const std::size_t page = FileImpl::PageSize();
+  const auto roundUp = [&](std::uint64_t n) { return static_cast<std::size_t>((n + page - 1) / page * page); };
+  // One byte more than the size, so that the end is seen without growing; reads on to the real
+  // end whatever the size said (a file that grows, files of /proc that give no size).
+  std::size_t capacity = roundUp(file.SizeHint() + 1);
+  for (;;) {
+    auto* data = static_cast<unsigned char*>(FileImpl::AllocatePages(capacity));
+    if (!data)
+      return Failed(ENOMEM, DK_T("cannot read"), path, error);
+    if (bytes.m_data) {
+      std::memcpy(data, bytes.m_data, bytes.m_size);
+      FileImpl::FreePages(bytes.m_data, bytes.m_mapped);
+    }
+    bytes.m_data = data;
+    bytes.m_mapped = capacity;
+    while (bytes.m_size < capacity) {
+      std::size_t got = 0;
+      if (const int code = file.Read(data + bytes.m_size, capacity - bytes.m_size, got)) {
+        bytes.Free();
+        return Failed(code, DK_T("cannot read"), path, error);
+      }
+      if (got == 0)
+        return true;
+      bytes.m_size += got;
+    }
+    capacity *= 2;
+  }
+}
+
 bool DKFile::WriteAll(const DKString& path, const void* data, std::size_t size, DKString& error) {
   FileImpl file;
   if (const int code = file.OpenForWriting(path))
@@ -69,6 +135,10 @@ bool DKFile::WriteAll(const DKString& path, const void* data, std::size_t size, 
 
 bool DKFile::ReplaceAtomically(const DKString& path, const void* data, std::size_t size, DKString& error) {
   const DKString target = FileImpl::ResolveLinks(path);
+  // The caller must be allowed to write the file itself, not only the folder: a read-only file
+  // stays as it is, as it does for WriteAll.
+  if (const int code = FileImpl::CheckWritable(target))
+    return Failed(code, DK_T("cannot open"), target, error);
   DKString temp;
   FileImpl file;
   int code = 0;

@@ -199,6 +199,23 @@ std::size_t Utf16LengthOfUtf8(const char* text, std::size_t length) noexcept {
   return units;
 }
 
+std::size_t FindInvalidUtf8(const char* text, std::size_t length) noexcept {
+  if (!text)
+    return DKString::npos;
+  const auto* s = reinterpret_cast<const unsigned char*>(text);
+  for (std::size_t i = 0; i < length;) {
+    if (s[i] < 0x80) {
+      i += AsciiPrefix(s + i, length - i);
+      continue;
+    }
+    const Sequence seq = DecodeSequence(s + i, length - i);
+    if (!seq.valid)
+      return i;
+    i += seq.size;
+  }
+  return DKString::npos;
+}
+
 std::size_t Utf8LengthBound(const DKChar* text, std::size_t length) noexcept {
   std::size_t bytes = length;
   for (std::size_t i = 0; i < length; ++i)

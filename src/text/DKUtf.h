@@ -23,6 +23,10 @@ std::size_t Utf8ToUtf16(const char* text, std::size_t length, DKString& out, boo
 // Returns the position of the first unpaired surrogate, or DKString::npos.
 std::size_t Utf16ToUtf8(const DKChar* text, std::size_t length, std::string& out);
 
+// The byte offset of the first invalid sequence (as the strict Utf8ToUtf16 finds it), or
+// DKString::npos when the whole text is valid. Nothing is decoded.
+std::size_t FindInvalidUtf8(const char* text, std::size_t length) noexcept;
+
 // An upper bound of the UTF-8 length of `length` code units (exact without surrogate pairs).
 std::size_t Utf8LengthBound(const DKChar* text, std::size_t length) noexcept;
 // Writes the UTF-8 form of `length` code units at dest, which has room for

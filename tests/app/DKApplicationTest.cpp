@@ -1,4 +1,5 @@
 #include <DorvikCore/DKApplication.h>
+#include <DorvikCore/DKTrace.h>
 
 #include "AppTestSupport.h"
 
@@ -177,6 +178,39 @@ TEST_F(DKApplicationTest, ExplicitConfigurationThatCannotBeReadIsReported) {
     EXPECT_FALSE(app.GetConfigFile());
     EXPECT_NE(Console().find(message), std::string::npos) << Console();
   }
+}
+
+TEST_F(DKApplicationTest, WhatTheConfigurationHoldsBesideSettingsGoesToTheTraceAndOneConsoleLine) {
+  ScratchDir dir;
+  WriteFile(dir / "prog.ini", "# a comment of another kind\n[DKORE]\nDebugPath=.\n[Other]\nkey=value\n");
+  const std::string summary = "ERR> *** The configuration file " + dir / "prog.ini" +
+                              " holds text that is no setting: lines starting with '#' read as text: 1 (first on line 1); "
+                              "section headers inside a key: 1 (first on line 2); keys over several lines: 1 (first on "
+                              "line 1); key lines before the first section, kept as text: 1 (first on line 1)";
+  fs::create_directory(dir / "trace");
+  ASSERT_TRUE(DKTrace::SetTraceFolderName(Text(dir / "trace").c_str()));
+  ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("DK")));
+  {
+    DKApplication app(Text(dir / "prog.exe"));
+    ASSERT_TRUE(app.GetConfigFile());
+    EXPECT_EQ(app.GetConfigFile()->GetString(DK_T("Other"), DK_T("key")), DKString(DK_T("value")));
+    EXPECT_TRUE(ConsoleHas(summary)) << Console();
+  }
+  DKTrace::SetTraceSubjects(nullptr);
+  std::string trace;
+  for (const auto& entry : fs::directory_iterator(dir / "trace"))
+    trace += ReadFile(entry.path().string());
+  for (const char* note : {"line 1: a line starting with '#'", "line 2: a section header inside a key",
+                           "lines 1-3: a key spans several lines", "lines 1-3: a key line before the first section"})
+    EXPECT_NE(trace.find("configuration file " + dir / "prog.ini" + ": " + note), std::string::npos) << note << "\n" << trace;
+
+  // Silent at trace level 0; nothing to say about a file of settings only.
+  m_console.str("");
+  { DKApplication app(Text(dir / "prog.exe /trace:0")); }
+  EXPECT_EQ(Console().find("holds text"), std::string::npos) << Console();
+  WriteFile(dir / "prog.ini", "[DKORE]\nDebugPath=.\n");
+  { DKApplication app(Text(dir / "prog.exe")); }
+  EXPECT_EQ(Console().find("holds text"), std::string::npos) << Console();
 }
 
 TEST_F(DKApplicationTest, WithoutConfigurationTheTemporaryDirectoryComesFromTheEnvironment) {

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,11 +27,44 @@ auto Retry(Call call) {
   return result;
 }
 
+// 0 for a plain file, the kind code of anything else.
+int KindCode(mode_t mode) noexcept {
+  if (S_ISREG(mode))
+    return 0;
+  if (S_ISDIR(mode))
+    return EISDIR;
+  if (S_ISFIFO(mode))
+    return FileImpl::kIsFifo;
+  if (S_ISSOCK(mode))
+    return FileImpl::kIsSocket;
+  if (S_ISCHR(mode) || S_ISBLK(mode))
+    return FileImpl::kIsDevice;
+  return FileImpl::kIsOtherKind;
+}
+
+// The kind code of what path names now; 0 when it is a plain file or missing.
+int KindOfPath(const std::string& native) noexcept {
+  struct stat info {};
+  return ::stat(native.c_str(), &info) == 0 ? KindCode(info.st_mode) : 0;
+}
+
+// Opens a plain file. The open itself never waits (a FIFO without a writer would block it), and
+// what the descriptor turns out to be is checked again, in case the path changed in between.
 int Open(const DKString& path, int flags, std::intptr_t& handle) {
   const std::string native = Native(path);
-  const int fd = Retry([&] { return ::open(native.c_str(), flags | O_CLOEXEC, 0666); });
+  if (const int kind = KindOfPath(native))
+    return kind;
+  const int fd = Retry([&] { return ::open(native.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666); });
   if (fd < 0)
     return errno;
+  struct stat info {};
+  int code = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno;
+  if (!code && ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
+    code = errno;
+  if (code) {
+    ::close(fd);
+    return code;
+  }
   handle = fd;
   return 0;
 }
@@ -45,19 +79,42 @@ FileImpl::~FileImpl() { Close(); }
 
 int FileImpl::OpenForReading(const DKString& path) {
   Close();
-  if (const int code = Open(path, O_RDONLY, m_handle))
-    return code;
-  struct stat info {};
-  if (::fstat(static_cast<int>(m_handle), &info) == 0 && S_ISDIR(info.st_mode)) {
-    Close();
-    return EISDIR;
-  }
-  return 0;
+  return Open(path, O_RDONLY, m_handle);
 }
 
 int FileImpl::OpenForWriting(const DKString& path) {
   Close();
-  return Open(path, O_WRONLY | O_CREAT | O_TRUNC, m_handle);
+  // Emptied only once it is known to be a plain file.
+  if (const int code = Open(path, O_WRONLY | O_CREAT, m_handle))
+    return code;
+  if (::ftruncate(static_cast<int>(m_handle), 0) != 0) {
+    const int code = errno;
+    Close();
+    return code;
+  }
+  return 0;
+}
+
+int FileImpl::CheckWritable(const DKString& path) {
+  FileImpl probe;
+  const int code = Open(path, O_WRONLY, probe.m_handle);
+  return code == ENOENT ? 0 : code;
+}
+
+std::uint64_t FileImpl::SizeHint() {
+  struct stat info {};
+  return ::fstat(static_cast<int>(m_handle), &info) == 0 && info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size)
+                                                                               : 0;
+}
+
+int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
+  const ssize_t n = Retry([&] { return ::read(static_cast<int>(m_handle), buffer, size); });
+  if (n < 0) {
+    got = 0;
+    return errno;
+  }
+  got = static_cast<std::size_t>(n);
+  return 0;
 }
 
 int FileImpl::CreateNew(const DKString& path) {
@@ -153,3 +210,22 @@ DKString FileImpl::ResolveLinks(const DKString& path) {
 }
 
 bool FileImpl::IsAlreadyExists(int error) noexcept { return error == EEXIST; }
+
+void* FileImpl::AllocatePages(std::size_t size) noexcept {
+  void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return p == MAP_FAILED ? nullptr : p;
+}
+
+void FileImpl::DiscardPages(void* start, std::size_t size) noexcept {
+  // The pages go back to the system; taking away access makes a stray read fault instead of
+  // seeing zeros.
+  ::madvise(start, size, MADV_DONTNEED);
+  ::mprotect(start, size, PROT_NONE);
+}
+
+void FileImpl::FreePages(void* start, std::size_t size) noexcept { ::munmap(start, size); }
+
+std::size_t FileImpl::PageSize() noexcept {
+  static const std::size_t size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  return size;
+}
