@@ -309,3 +309,15 @@ TEST(PlugInHostTest, CopiesOfOneModuleAreDistinctPlugIns) {
   EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
   EXPECT_EQ(run.exitCode, 0);
 }
+
+// Modules whose plug-in classes have one name and one layout, built by dorvikcore_add_plugin:
+// each keeps its own id and its own static data, so all are initialised and each counts one Init.
+TEST(PlugInHostTest, ClassesOfOneNameInSeveralModulesStayApart) {
+  const HostRun run = RunList({"collide_1", "collide_2", "collide_3", "collide_4"});
+  for (const std::string index : {"1", "2", "3", "4"}) {
+    EXPECT_EQ(run.Count(">>>> Initializing <Collide" + index + ">... Done."), 1u) << run.output;
+    EXPECT_EQ(run.Count("Collide" + index + ": 1 Init in this module"), 1u) << run.output;
+  }
+  EXPECT_TRUE(run.Starting("ERR> ").empty()) << run.output;
+  EXPECT_EQ(run.exitCode, 0);
+}
