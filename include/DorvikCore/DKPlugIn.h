@@ -182,9 +182,13 @@ private:
   void SetThread(const DKSmartPtr<DKThread>& thread);
   // Waits until the run step has begun (or is over already), looking every 100 milliseconds.
   void WaitUntilStarted();
+  // True while RequestExit is in Stop.
+  bool IsInStop() const;
+  void SetInStop(bool inStop);
 
-  mutable DKCriticalSection m_cs; // guards m_running, m_thread and status changes
+  mutable DKCriticalSection m_cs; // guards m_running, m_inStop, m_thread and status changes
   bool m_running = false;
+  bool m_inStop = false;
   DKSmartPtr<DKThread> m_thread;
   DKEventSemaphore m_changed; // posted when the run step begins and when it ends
 };
