@@ -414,4 +414,22 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
   }
 }
 
+// The threaded plug-in of the README, built from the README's text, beats under dkhost with
+// the interval of its configuration until a quit signal stops it.
+TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
+  ScratchDir dir;
+  WriteFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
+  WriteList(dir / "osx.lst", {"heartbeat"});
+  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, DK_DKHOST_PATH),
+             dir.Path().string());
+  ASSERT_TRUE(host.WaitFor("Heartbeat 3\n")) << host.Output();
+  host.Signal(SIGINT);
+  const int exitCode = host.Finish();
+  const HostRun run{exitCode, host.Lines(), host.Output()};
+  EXPECT_EQ(run.exitCode, 0) << run.output;
+  EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
+  EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;
+  EXPECT_EQ(run.lines.back(), kExit) << run.output;
+}
+
 #endif
