@@ -1,10 +1,11 @@
-// DKTrace: the cost of a message that the filters drop, and of a written line against the same
-// line written with fprintf and fflush.
+// DKTrace and DKLogger: the cost of a message that the filters drop, and of a written line
+// against the same line written with fprintf and fflush.
 //
 // Allocations are counted by replacing the global operator new of the bench program with one
 // that bumps a per-thread counter (a plain increment, so the other suites of this program are
 // not slowed measurably), and by the memory pool's own counter.
 #include <DorvikCore/DKError.h>
+#include <DorvikCore/DKLog.h>
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTrace.h>
@@ -145,6 +146,64 @@ void BM_Fprintf_Fflush(benchmark::State& state) {
   std::fclose(file);
 }
 BENCHMARK(BM_Fprintf_Fflush)->Iterations(kWrittenLines)->Repetitions(3);
+
+// ---- DKLogger --------------------------------------------------------------------------------
+// A logger on a channel of its own, with a file subscriber at level 1 (error, warning, info):
+// each written line carries a local ISO 8601 time stamp and the severity, and is flushed.
+
+class LoggerToFile {
+public:
+  explicit LoggerToFile(const BenchFolder& folder)
+      : m_logs(DKLogManager::Get()), m_channel(m_logs.AddChannel(DK_T("bench"))), m_logger(m_channel) {
+    DKString path;
+    path.SetFromUTF8((folder.Path() / "logger.log").string().c_str());
+    m_ok = m_logs.Subscribe(m_channel, new DKFileLogSubscriber(path), 1);
+  }
+  ~LoggerToFile() { m_logs.RemoveChannel(m_channel); }
+  LoggerToFile(const LoggerToFile&) = delete;
+  LoggerToFile& operator=(const LoggerToFile&) = delete;
+
+  bool Ok() const { return m_ok; }
+  DKLogger& Logger() { return m_logger; }
+
+private:
+  DKLogManager& m_logs;
+  DKLogManager::ChannelId m_channel;
+  DKLogger m_logger;
+  bool m_ok = false;
+};
+
+void BM_Logger_Written(benchmark::State& state) {
+  BenchFolder folder;
+  LoggerToFile log(folder);
+  if (!log.Ok()) {
+    state.SkipWithError("cannot open the log file");
+    return;
+  }
+  int i = 0;
+  AllocationCounter allocations;
+  for (auto _ : state)
+    log.Logger().Info("request %d took %.3f ms for %s", ++i, 1.5, "client-42");
+  allocations.Report(state);
+}
+BENCHMARK(BM_Logger_Written)->Iterations(kWrittenLines)->Repetitions(3);
+
+// The subscriber takes level 1; a debug line (level 2) is dropped by the channel's gate, an
+// info line by the logger's threshold.
+void BM_Logger_Dropped(benchmark::State& state, DKLogSeverity severity, DKLogSeverity threshold) {
+  BenchFolder folder;
+  LoggerToFile log(folder);
+  log.Logger().SetThreshold(threshold);
+  int i = 0;
+  AllocationCounter allocations;
+  for (auto _ : state) {
+    log.Logger().Log(severity, "request %d took %.3f ms for %s", ++i, 1.5, "client-42");
+    benchmark::ClobberMemory();
+  }
+  allocations.Report(state);
+}
+BENCHMARK_CAPTURE(BM_Logger_Dropped, LevelOff, DKLogSeverity::Debug, DKLogSeverity::Trace);
+BENCHMARK_CAPTURE(BM_Logger_Dropped, ThresholdOff, DKLogSeverity::Info, DKLogSeverity::Warning);
 
 // A hex dump of 256 bytes with the hexadecimal block, for scale.
 void BM_TraceMsgHex256_Written(benchmark::State& state) {

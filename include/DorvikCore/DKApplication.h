@@ -31,6 +31,7 @@
 #include <DorvikCore/DKUsageInfo.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -196,6 +197,26 @@ public:
   DKErrorID LoadPlugInsFromDirectory(const DKString& directory, const DKString& extension, const char* entryName,
                                      bool stopOnError);
 
+  // What went wrong while plug-ins were loaded, one entry per module or plug-in, in order: a
+  // module that could not be loaded or whose plug-in was refused ("LoadLibrary fails on ",
+  // "LoadPlugIn failed on ", "LoaPlugIn failed on "), and a plug-in that was not initialised
+  // (its Init failed or a dependency is missing). A host tells its caller through its exit code.
+  struct LoadFailure {
+    enum Kind { ModuleNotLoaded, PlugInNotInitialized };
+    Kind kind;
+    DKString name;   // the module's path, or the plug-in's name
+    DKString reason; // the error text
+  };
+  const std::vector<LoadFailure>& GetLoadFailures() const noexcept { return m_loadFailures; }
+
+  // How long the application waits, once an exit is requested, before it names on the console
+  // each plug-in that has not returned from Run or Stop (5 seconds unless set). While it stops,
+  // another quit signal (Ctrl+C, SIGTERM) ends the process: the plug-ins that have stopped, and
+  // that no plug-in still running depends on, are unloaded, "Exiting application..." is printed
+  // and the process exits with code 128 + the signal's number (130 for Ctrl+C) without waiting.
+  void SetStopGracePeriod(std::chrono::milliseconds period) noexcept { m_stopGracePeriod = period; }
+  std::chrono::milliseconds GetStopGracePeriod() const noexcept { return m_stopGracePeriod; }
+
   // The loaded plug-in with that GUID; null when none.
   DKSmartPtr<DKPlugIn> FindPlugIn(const DKGuid& guid) const;
   // In order of addition.
@@ -255,6 +276,10 @@ private:
     DKString name;
   };
 
+  // The watch over the shutdown and what it needs to know (DKShutdownWatch.h).
+  struct ShutdownState;
+  class MainThreadCall;
+
   DKErrorID AddContainerMembers(const DKSmartPtr<DKPlugIn>& container, bool deferDependencyCheck);
   DKErrorID InitPlugIn(DKPlugIn& plugIn);
   void StartThreaded(DKThreadedRunPlugIn& plugIn);
@@ -263,6 +288,14 @@ private:
   void CloseModule(const Module& module);
   bool IsLoaded(const DKPlugIn* plugIn) const;
   void PrintError(const DKString& text) const;
+  void NoteFailure(LoadFailure::Kind kind, const DKString& name, const DKErrorID& error);
+  // The watch's view: the plug-ins still in Run or Stop (with their objects in plugIns).
+  std::vector<std::pair<DKString, const DKChar*>> BusyPlugIns(std::vector<const DKPlugIn*>* plugIns) const;
+  // Ends the process on a quit signal that came while stopping; false (doing nothing) once the
+  // destructor is past its waits.
+  bool ForceExit(int signalNumber);
+  // Ends the watch before the plug-ins are unloaded.
+  void EndShutdownWatch();
 
   void* m_hostContext;
   DKSmartPtrVector<DKPlugIn> m_loadedPlugIns;
@@ -275,4 +308,7 @@ private:
   void* m_signalToken = nullptr;
   bool m_runFailureReported = false; // Run reported the exception it lets through
   std::atomic<bool> m_exitRequested{false};
+  std::vector<LoadFailure> m_loadFailures;
+  std::chrono::milliseconds m_stopGracePeriod{5000};
+  std::unique_ptr<ShutdownState> m_shutdown;
 };

@@ -8,18 +8,22 @@
 //                        done or asked to stop
 //   DKPlugInContainer    a plug-in that hands over further plug-ins
 //
-// A module exports one entry point, "GetPlugInObject", that returns a new plug-in:
+// A module exports one entry point, "GetPlugInObject", that returns a new plug-in. Keep the
+// class in an anonymous namespace and build the module with dorvikcore_add_plugin (CMake), so
+// that two modules may name their classes alike:
 //
+//   namespace {
 //   class Hello : public DKRunPlugIn {
 //   public:
 //     DKString GetName() const override { return DK_T("Hello"); }
-//     PlugInIdEx GetId() const override { return Id; }
+//     PlugInIdEx GetId() const override { return PlugInIdEx(Id, GetName()); }
 //     DKErrorID Run() override {
 //       DKApplication::GetAppCout() << "Hello!" << std::endl;
 //       return DKErrorID();
 //     }
 //     static constexpr DKGuid Id{0x6B29FC40, 0xCA47, 0x1067, {0xB3, 0x1D, 0x00, 0xDD, 0x01, 0x06, 0x62, 0xDA}};
 //   };
+//   } // namespace
 //   DK_PLUGIN_MODULE(Hello)
 //
 // The life of a plug-in: created by its module's entry point, added to the application
@@ -182,9 +186,13 @@ private:
   void SetThread(const DKSmartPtr<DKThread>& thread);
   // Waits until the run step has begun (or is over already), looking every 100 milliseconds.
   void WaitUntilStarted();
+  // True while RequestExit is in Stop.
+  bool IsInStop() const;
+  void SetInStop(bool inStop);
 
-  mutable DKCriticalSection m_cs; // guards m_running, m_thread and status changes
+  mutable DKCriticalSection m_cs; // guards m_running, m_inStop, m_thread and status changes
   bool m_running = false;
+  bool m_inStop = false;
   DKSmartPtr<DKThread> m_thread;
   DKEventSemaphore m_changed; // posted when the run step begins and when it ends
 };

@@ -10,14 +10,20 @@
 
 #include "app/DKAppPath.h"
 #include "app/DKPlugInCalls.h"
+#include "app/DKShutdownWatch.h"
 #include "os/DKEnvironment.h"
 #include "os/DKFile.h"
 #include "os/DKModule.h"
 #include "os/DKSignal.h"
 
+#include <DorvikCore/DKConsole.h>
+
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <mutex>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -33,7 +39,7 @@ namespace {
 // Set by the first RequestExit of the process.
 std::atomic<bool> g_exitAnnounced{false};
 
-void OnQuitSignal(int) { DKApplication::PostExitRequest(); }
+void OnQuitSignal(int signalNumber) { dkapp::NoteQuitSignal(signalNumber); }
 
 // Holds the quit signals back from the calling thread for its lifetime (DKSignal), turning a
 // pending one into an exit request whenever the thread asks.
@@ -45,8 +51,9 @@ public:
   QuitSignalHold& operator=(const QuitSignalHold&) = delete;
 
   bool ExitPosted() const {
-    if (m_token && DKSignal::TakeQuitSignal())
-      DKApplication::PostExitRequest();
+    if (m_token)
+      if (const int signalNumber = DKSignal::TakeQuitSignal())
+        dkapp::NoteQuitSignal(signalNumber);
     return DKApplication::IsExitPosted();
   }
 
@@ -102,17 +109,55 @@ bool EndsWithIgnoringCase(const DKString& text, const DKString& end) {
 
 } // namespace
 
+// What the watch over the shutdown needs to know, and the watch itself.
+struct DKApplicationWithPlugIns::ShutdownState {
+  enum Phase { Running, Unloading, Forcing };
+
+  mutable std::mutex lock; // guards threaded and the main thread's call
+  std::vector<std::pair<DKThreadedRunPlugIn*, DKString>> threaded; // started, with their names
+  const DKPlugIn* callPlugIn = nullptr; // the plug-in the main thread is in, and the member
+  DKString callName;
+  const DKChar* callMember = nullptr;
+  std::atomic<int> phase{Running};
+  std::unique_ptr<dkapp::ShutdownWatch> watch;
+};
+
+// Marks the plug-in member the calling thread is in, for the watch to name.
+class DKApplicationWithPlugIns::MainThreadCall {
+public:
+  MainThreadCall(ShutdownState& state, const DKPlugIn& plugIn, const DKString& name, const DKChar* member)
+      : m_state(state) {
+    std::lock_guard guard(m_state.lock);
+    m_state.callPlugIn = &plugIn;
+    m_state.callName = name;
+    m_state.callMember = member;
+  }
+  ~MainThreadCall() {
+    std::lock_guard guard(m_state.lock);
+    m_state.callPlugIn = nullptr;
+    m_state.callMember = nullptr;
+  }
+  MainThreadCall(const MainThreadCall&) = delete;
+  MainThreadCall& operator=(const MainThreadCall&) = delete;
+
+private:
+  ShutdownState& m_state;
+};
+
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(int argc, const char* const* argv, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
+    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)),
+      m_shutdown(std::make_unique<ShutdownState>()) {}
 
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(int argc, const DKChar* const* argv, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
+    : DKApplication(argc, argv, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)),
+      m_shutdown(std::make_unique<ShutdownState>()) {}
 
 DKApplicationWithPlugIns::DKApplicationWithPlugIns(const DKString& commandLine, void* hostContext,
                                                    DKLogSubscriberI* subscriber, bool unused)
-    : DKApplication(commandLine, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)) {}
+    : DKApplication(commandLine, subscriber, unused), m_hostContext(hostContext), m_mainMenu(NewMainMenu(*this)),
+      m_shutdown(std::make_unique<ShutdownState>()) {}
 
 DKApplicationWithPlugIns::~DKApplicationWithPlugIns() {
   RequestExit(true);
@@ -127,6 +172,7 @@ DKApplicationWithPlugIns::~DKApplicationWithPlugIns() {
     if (DKSmartPtr<DKThread> thread = threaded->GetThread())
       thread->Join();
   }
+  EndShutdownWatch();
   // The menu's tests are code of the plug-ins' modules: they go before any module is closed.
   m_mainMenu->Clear();
   UnloadAll();
@@ -339,7 +385,9 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
   DKModule::Handle module = DKModule::Open(path, error);
   if (!module) {
     GetCout(1) << "LoadLibrary fails on " << moduleFile << ": " << error << std::endl;
-    return TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    const DKErrorID result = TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
+    return result;
   }
   DKTrace::Msg(TL_NORMAL, TS_DL, "DKApplicationWithPlugIns", "loaded %S\n", moduleFile.c_str());
 
@@ -349,7 +397,9 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": Cannot locate \"" << entry << "\" entry point"
                << std::endl;
     CloseModule({module, moduleFile});
-    return TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    const DKErrorID result = TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
+    return result;
   }
 
   DKSmartPtr<DKPlugIn> plugIn;
@@ -361,6 +411,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": " << result.AsString() << std::endl;
     plugIn = nullptr;
     CloseModule({module, moduleFile});
+    NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
     return result;
   }
 
@@ -373,6 +424,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
   }
 
   GetCout(1) << "LoaPlugIn failed on " << moduleFile << ": AddPlugIn failed" << std::endl;
+  NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
   // The members a container managed to add before one failed keep the module in use.
   bool inUse = false;
   for (std::size_t i = before; i < m_loadedPlugIns.size(); ++i)
@@ -524,6 +576,8 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKSmartPtr<DKPlugIn>& plugI
     // They may depend on each other in any order: they are checked when initialised.
     const std::size_t before = m_loadedPlugIns.size();
     DKErrorID result = AddPlugIn(plugIn, true);
+    if (result.Bad())
+      NoteFailure(LoadFailure::PlugInNotInitialized, SafeName(*plugIn), result);
     const DKSmartPtrVector<DKPlugIn> added(m_loadedPlugIns.begin() + static_cast<std::ptrdiff_t>(before),
                                            m_loadedPlugIns.end());
     for (const DKSmartPtr<DKPlugIn>& member : GetPlugInHier(added)) {
@@ -536,14 +590,17 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKSmartPtr<DKPlugIn>& plugI
 
   if (!IsLoaded(plugIn.Get())) {
     const DKErrorID added = AddPlugIn(plugIn, false);
-    if (added.Bad())
+    if (added.Bad()) {
+      NoteFailure(LoadFailure::PlugInNotInitialized, SafeName(*plugIn), added);
       return added;
+    }
   }
   if (StatusOf(*plugIn) != DKPlugIn::NotLoaded)
     return DKErrorID();
   const DKErrorID ready = CheckDependents(plugIn, true);
   if (ready.Bad()) {
     PrintError(ready.AsString());
+    NoteFailure(LoadFailure::PlugInNotInitialized, SafeName(*plugIn), ready);
     return ready;
   }
   return InitPlugIn(*plugIn);
@@ -563,6 +620,7 @@ DKErrorID DKApplicationWithPlugIns::InitPlugIn(DKPlugIn& plugIn) {
     if (!silent)
       GetCout(1) << "Failed." << std::endl;
     PrintError(DK_T("<") + name + DK_T(">: ") + result.AsString());
+    NoteFailure(LoadFailure::PlugInNotInitialized, name, result);
   }
   return result;
 }
@@ -641,6 +699,19 @@ int DKApplicationWithPlugIns::Run() {
   DKInitCatchSignal();
   if (!m_signalToken)
     m_signalToken = DKSignal::InstallQuitHandler(&OnQuitSignal);
+  if (!m_shutdown->watch) {
+    dkapp::ShutdownWatch::Hooks hooks;
+    hooks.stopping = [this] { return m_exitRequested.load() || IsExitPosted(); };
+    hooks.busy = [this] {
+      std::vector<dkapp::BusyPlugIn> busy;
+      for (const auto& [name, member] : BusyPlugIns(nullptr))
+        busy.push_back({name, member});
+      return busy;
+    };
+    hooks.forceExit = [this](int signalNumber) { return ForceExit(signalNumber); };
+    hooks.say = [this](const DKString& line) { GetCout(1) << line << std::endl; };
+    m_shutdown->watch = std::make_unique<dkapp::ShutdownWatch>(m_stopGracePeriod, std::move(hooks));
+  }
   // While the main thread only starts and watches plug-ins, it holds the quit signals back and
   // takes them itself, so that a quit request never depends on when a handler gets to run. It
   // lets them through while plug-in code or the menu runs on it.
@@ -671,6 +742,7 @@ int DKApplicationWithPlugIns::Run() {
     runnable->SetStatus(DKPlugIn::Running);
     try {
       const QuitSignalHold::LetThrough letThrough(quitSignals);
+      const MainThreadCall call(*m_shutdown, *plugIn, name, DK_T("Run"));
       runnable->Run().IgnoreError(); // the run step's result is released unread
     } catch (const std::exception& e) {
       runnable->SetStatus(DKPlugIn::Finished);
@@ -708,6 +780,10 @@ void DKApplicationWithPlugIns::StartThreaded(DKThreadedRunPlugIn& plugIn) {
   DKSmartPtr<DKThread> thread(new DKThread(DKMakeCallback([target] { target->RunInThread(); })));
   plugIn.SetThread(thread);
   m_threadedPlugIns.push_back(&plugIn);
+  {
+    std::lock_guard guard(m_shutdown->lock);
+    m_shutdown->threaded.emplace_back(&plugIn, SafeName(plugIn));
+  }
   const DKErrorID started = Guarded(DK_T("DKThread::Start"), [&] { return thread->Start(0); });
   if (started.Bad()) {
     PrintError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + started.AsString());
@@ -733,6 +809,81 @@ void DKApplicationWithPlugIns::RequestExit(bool wait) {
     if (result.Bad())
       PrintError(result.AsString());
   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Watching the shutdown
+
+void DKApplicationWithPlugIns::NoteFailure(LoadFailure::Kind kind, const DKString& name, const DKErrorID& error) {
+  m_loadFailures.push_back({kind, name, error.AsString()});
+}
+
+std::vector<std::pair<DKString, const DKChar*>> DKApplicationWithPlugIns::BusyPlugIns(
+    std::vector<const DKPlugIn*>* plugIns) const {
+  std::vector<std::pair<DKString, const DKChar*>> busy;
+  std::lock_guard guard(m_shutdown->lock);
+  const DKPlugIn* call = m_shutdown->callPlugIn;
+  for (const auto& [plugIn, name] : m_shutdown->threaded) {
+    const bool inStop = plugIn->IsInStop();
+    if (!inStop && !plugIn->IsRunning())
+      continue;
+    busy.emplace_back(name, inStop ? DK_T("Stop") : DK_T("Run"));
+    if (plugIns)
+      plugIns->push_back(plugIn);
+    if (call == plugIn)
+      call = nullptr; // named already
+  }
+  if (call) {
+    busy.emplace_back(m_shutdown->callName, m_shutdown->callMember);
+    if (plugIns)
+      plugIns->push_back(call);
+  }
+  return busy;
+}
+
+bool DKApplicationWithPlugIns::ForceExit(int signalNumber) {
+  int running = ShutdownState::Running;
+  if (!m_shutdown->phase.compare_exchange_strong(running, ShutdownState::Forcing))
+    return false;
+  // Runs on the watch's thread while the main thread waits for (or is inside) a plug-in that
+  // does not return. The plug-ins still busy, and all they depend on, are left as they are.
+  std::vector<const DKPlugIn*> busy;
+  DKString names;
+  for (const auto& [name, member] : BusyPlugIns(&busy))
+    names += (names.IsEmpty() ? DK_T("<") : DK_T(", <")) + name + DK_T(">");
+  PrintError(names.IsEmpty() ? DKString(DK_T("Quit signal while stopping: ending the process"))
+                             : DK_T("Quit signal while stopping: ending the process without waiting for ") + names);
+  std::unordered_set<const DKPlugIn*> kept(busy.begin(), busy.end());
+  for (std::size_t next = 0; next < busy.size(); ++next)
+    for (const DKPlugIn::PlugInIdEx& dependency : SafeDependencies(*busy[next])) {
+      const DKSmartPtr<DKPlugIn> found = FindPlugIn(dependency.GetGuid());
+      if (found && kept.insert(found.Get()).second)
+        busy.push_back(found.Get());
+    }
+  const DKSmartPtrVector<DKPlugIn> ordered = GetPlugInHier(m_loadedPlugIns);
+  for (auto it = ordered.rbegin(); it != ordered.rend(); ++it) {
+    DKPlugIn& plugIn = **it;
+    if (StatusOf(plugIn) == DKPlugIn::NotLoaded || kept.count(&plugIn))
+      continue;
+    GetCout(1) << ">>>> Unloading <" << SafeName(plugIn) << ">..." << std::endl;
+    const DKErrorID result = CallPlugIn(plugIn, DK_T("Unload"), [&] { plugIn.Unload(); });
+    if (result.Bad())
+      PrintError(result.AsString());
+  }
+  GetCout(1) << "Exiting application..." << std::endl;
+  DKLockedCOUT().GetCout().flush();
+  std::fflush(nullptr);
+  // No destructor may run: a plug-in's thread is still inside its module.
+  std::_Exit(128 + signalNumber);
+}
+
+void DKApplicationWithPlugIns::EndShutdownWatch() {
+  int running = ShutdownState::Running;
+  if (!m_shutdown->phase.compare_exchange_strong(running, ShutdownState::Unloading) &&
+      running == ShutdownState::Forcing)
+    for (;;)
+      DKThread::Sleep(1000); // the watch is ending the process
+  m_shutdown->watch.reset();
 }
 
 // ---------------------------------------------------------------------------------------------

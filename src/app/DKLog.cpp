@@ -3,12 +3,24 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKLog.h>
 
+#include <DorvikCore/DKFormat.h>
+
+#include "os/DKClock.h"
+#include "os/DKEnvironment.h"
 #include "os/DKFileSystem.h"
+#include "os/DKProcess.h"
 #include "os/DKSystem.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <vector>
+
+namespace {
+
+DKString SystemErrorText(int code) { return DKString::FromUTF8(DKSystem::ErrorCodeText(code)); }
+
+} // namespace
 
 DKLogSubscriberI::~DKLogSubscriberI() = default;
 
@@ -31,10 +43,17 @@ DKFileLogSubscriber::DKFileLogSubscriber(const DKString& fileName, OpenMode mode
     m_errorText = DKString(DK_T("invalid log file name \"")) + fileName + DK_T("\"");
     return;
   }
+  m_path = path;
   m_file = DKFileSystem::OpenFile(path, mode == Truncate ? "wb" : "ab");
   if (!m_file) {
-    const int code = DKSystem::LastErrorCode();
-    m_errorText = DKStrCat(DK_T("cannot open the log file "), fileName, DK_T(": "), DKSystem::ErrorCodeText(code));
+    m_errorText = DKString(DK_T("cannot open the log file ")) + fileName + DK_T(": ") +
+                  SystemErrorText(DKSystem::LastErrorCode());
+    return;
+  }
+  // An appended file counts what it holds already towards its rotation.
+  if (std::fseek(m_file, 0, SEEK_END) == 0) {
+    const long size = std::ftell(m_file);
+    m_size = size > 0 ? static_cast<std::uint64_t>(size) : 0;
   }
 }
 
@@ -45,10 +64,65 @@ DKFileLogSubscriber::~DKFileLogSubscriber() {
 
 void DKFileLogSubscriber::Write(std::uint32_t, std::uint32_t, std::string_view text) {
   std::lock_guard guard(m_lock);
-  if (!m_file)
+  if (m_maxBytes != 0 && m_file && m_size != 0 && m_atLineStart && m_size + text.size() > m_maxBytes)
+    Rotate();
+  if (!m_file || text.empty())
     return;
-  std::fwrite(text.data(), 1, text.size(), m_file);
+  m_size += std::fwrite(text.data(), 1, text.size(), m_file);
+  m_atLineStart = text.back() == '\n';
   std::fflush(m_file);
+}
+
+void DKFileLogSubscriber::SetRotation(std::uint64_t maxBytes, unsigned keepCount) {
+  std::lock_guard guard(m_lock);
+  m_maxBytes = maxBytes;
+  m_keepCount = keepCount;
+}
+
+// Called with the lock held and the file open. The file is closed only once its own rename has
+// worked, so that a failure anywhere leaves it open and growing.
+void DKFileLogSubscriber::Rotate() {
+  auto numbered = [this](unsigned n) { return m_path + "." + std::to_string(n); };
+  int failure = 0;
+  std::string failedName;
+  if (m_keepCount > 0) {
+    DKFileSystem::RemoveFile(numbered(m_keepCount)); // may well not exist
+    for (unsigned n = m_keepCount - 1; n >= 1 && failure == 0; --n)
+      if (DKEnvironment::PathExists(numbered(n)) && !DKFileSystem::RenameFile(numbered(n), numbered(n + 1))) {
+        failure = errno;
+        failedName = numbered(n);
+      }
+    if (failure == 0 && !DKFileSystem::RenameFile(m_path, numbered(1))) {
+      failure = errno;
+      failedName = m_path;
+    }
+  } else if (!DKFileSystem::RemoveFile(m_path)) {
+    failure = errno;
+    failedName = m_path;
+  }
+  if (failure != 0) {
+    m_errorText = DKStrCat(DK_T("cannot rotate the log file "), m_fileName, DK_T(" ("), failedName, DK_T("): "),
+                           SystemErrorText(failure));
+    m_maxBytes = 0; // rests until set again, instead of failing on every line
+    return;
+  }
+  std::FILE* fresh = DKFileSystem::OpenFile(m_path, "wb");
+  if (!fresh) {
+    // The old file is safe under its new name and still open: lines go on into it.
+    m_errorText = DKString(DK_T("cannot start a new log file ")) + m_fileName + DK_T(": ") +
+                  SystemErrorText(DKSystem::LastErrorCode());
+    m_maxBytes = 0;
+    return;
+  }
+  std::fclose(m_file);
+  m_file = fresh;
+  m_size = 0;
+  m_atLineStart = true;
+}
+
+DKString DKFileLogSubscriber::GetErrorText() const {
+  std::lock_guard guard(m_lock);
+  return m_errorText;
 }
 
 bool DKFileLogSubscriber::IsSameFile(const DKFileLogSubscriber& other) const {
@@ -73,6 +147,15 @@ struct DKLogManager::Impl {
   struct Channel {
     DKString name;
     std::vector<Subscription> subscriptions;
+    std::shared_ptr<Gate> gate = std::make_shared<Gate>();
+
+    // Called with the manager's lock held after every change of the subscriptions.
+    void UpdateGate() {
+      std::uint64_t reach = 0;
+      for (const Subscription& subscription : subscriptions)
+        reach = std::max<std::uint64_t>(reach, std::uint64_t{subscription.level} + 1);
+      gate->m_reach.store(reach, std::memory_order_relaxed);
+    }
   };
 
   mutable std::mutex lock; // guards channels and the error-log path
@@ -113,6 +196,23 @@ DKLogManager::ChannelId DKLogManager::AddChannel(const DKString& name) {
   return id;
 }
 
+DKLogManager::ChannelId DKLogManager::FindOrAddChannel(const DKString& name) {
+  std::lock_guard guard(m_impl->lock);
+  for (const auto& [id, channel] : m_impl->channels)
+    if (channel.name.IsEqual(name, DKString::IgnoreCase))
+      return id;
+  const ChannelId id = ++m_impl->lastId;
+  m_impl->channels[id].name = name;
+  return id;
+}
+
+std::shared_ptr<const DKLogManager::Gate> DKLogManager::GetGate(ChannelId channel) const {
+  static const std::shared_ptr<const Gate> closed = std::make_shared<Gate>();
+  std::lock_guard guard(m_impl->lock);
+  const Impl::Channel* found = m_impl->Find(channel);
+  return found ? std::shared_ptr<const Gate>(found->gate) : closed;
+}
+
 bool DKLogManager::RemoveChannel(ChannelId channel) {
   Impl::Channel removed;
   {
@@ -122,6 +222,7 @@ bool DKLogManager::RemoveChannel(ChannelId channel) {
       return false;
     removed = std::move(it->second);
     m_impl->channels.erase(it);
+    removed.gate->m_reach.store(0, std::memory_order_relaxed);
   }
   // The subscribers are released here, outside the lock: a destructor may log.
   return true;
@@ -157,6 +258,7 @@ bool DKLogManager::Subscribe(ChannelId channel, const DKSmartPtr<DKLogSubscriber
     existing->level = level;
   else
     found->subscriptions.push_back({subscriber, level});
+  found->UpdateGate();
   return true;
 }
 
@@ -167,6 +269,7 @@ bool DKLogManager::ChangeSubscriptionLevel(ChannelId channel, const DKLogSubscri
   if (!subscription)
     return false;
   subscription->level = level;
+  found->UpdateGate();
   return true;
 }
 
@@ -183,6 +286,7 @@ bool DKLogManager::Unsubscribe(ChannelId channel, const DKLogSubscriberI* subscr
     return false;
   released = std::move(it->subscriber);
   list.erase(it);
+  found->UpdateGate();
   return true;
 }
 
@@ -352,4 +456,201 @@ DKLogStream& DKLogStream::ForThread(DKLogManager::ChannelId channel) {
   });
   streams.push_back(std::make_unique<DKLogStream>(channel));
   return *streams.back();
+}
+
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr const char* kSeverityNames[] = {"ERROR", "WARNING", "INFO", "DEBUG", "TRACE"};
+
+bool EqualIgnoringAsciiCase(std::string_view a, std::string_view b) noexcept {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return (x >= 'A' && x <= 'Z' ? x + ('a' - 'A') : x) == (y >= 'A' && y <= 'Z' ? y + ('a' - 'A') : y);
+         });
+}
+
+void AppendDigits(std::string& out, long long value, int width) {
+  char digits[24];
+  int count = 0;
+  unsigned long long magnitude = value < 0 ? 0ull - static_cast<unsigned long long>(value) : value;
+  do {
+    digits[count++] = static_cast<char>('0' + magnitude % 10);
+    magnitude /= 10;
+  } while (magnitude != 0);
+  if (value < 0)
+    out += '-';
+  for (int pad = count; pad < width; ++pad)
+    out += '0';
+  while (count > 0)
+    out += digits[--count];
+}
+
+} // namespace
+
+const char* DKLogSeverityName(DKLogSeverity severity) noexcept {
+  const auto index = static_cast<std::size_t>(severity);
+  return index < std::size(kSeverityNames) ? kSeverityNames[index] : "?";
+}
+
+bool DKLogSeverityFromName(std::string_view name, DKLogSeverity& severity) noexcept {
+  for (std::size_t i = 0; i < std::size(kSeverityNames); ++i)
+    if (EqualIgnoringAsciiCase(name, kSeverityNames[i])) {
+      severity = static_cast<DKLogSeverity>(i);
+      return true;
+    }
+  if (EqualIgnoringAsciiCase(name, "warn")) {
+    severity = DKLogSeverity::Warning;
+    return true;
+  }
+  return false;
+}
+
+// A pattern cut into literal text and placeholders, once, when it is set.
+struct DKLogger::Layout {
+  enum Kind : char { Text, Time, Severity, Channel, Message, Thread };
+  struct Part {
+    Kind kind;
+    std::string text; // of a Text part
+  };
+  DKString pattern;
+  std::vector<Part> parts;
+  bool usesTime = false;
+
+  explicit Layout(const DKString& source) : pattern(source) {
+    const std::string utf8 = source.AsUTF8();
+    std::string text;
+    auto flush = [&] {
+      if (!text.empty())
+        parts.push_back({Text, std::move(text)});
+      text.clear();
+    };
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+      const char next = i + 1 < utf8.size() ? utf8[i + 1] : '\0';
+      Kind kind = Text;
+      if (utf8[i] == '%') {
+        switch (next) {
+        case 't': kind = Time; break;
+        case 's': kind = Severity; break;
+        case 'c': kind = Channel; break;
+        case 'm': kind = Message; break;
+        case 'T': kind = Thread; break;
+        case '%':
+          text += '%';
+          ++i;
+          continue;
+        default: break;
+        }
+      }
+      if (kind == Text) {
+        text += utf8[i];
+        continue;
+      }
+      flush();
+      parts.push_back({kind, {}});
+      usesTime = usesTime || kind == Time;
+      ++i;
+    }
+    flush();
+  }
+};
+
+DKLogger::DKLogger(const DKString& channelName) : DKLogger(DKLogManager::Get().FindOrAddChannel(channelName)) {}
+
+DKLogger::DKLogger(DKLogManager::ChannelId channel)
+    : m_channel(channel), m_channelName(DKLogManager::Get().GetChannelName(channel)),
+      m_gate(DKLogManager::Get().GetGate(channel)), m_layout(std::make_shared<const Layout>(DK_T("%t %s %m"))) {}
+
+DKLogger::~DKLogger() = default;
+
+void DKLogger::SetPattern(const DKString& pattern) {
+  auto layout = std::make_shared<const Layout>(pattern);
+  std::lock_guard guard(m_layoutLock);
+  m_layout = std::move(layout);
+}
+
+DKString DKLogger::GetPattern() const {
+  std::lock_guard guard(m_layoutLock);
+  return m_layout->pattern;
+}
+
+std::string DKLogger::TimeStamp(std::chrono::system_clock::time_point when, TimeZone zone) {
+  using namespace std::chrono;
+  const long long ms = duration_cast<milliseconds>(when.time_since_epoch()).count();
+  long long seconds = ms / 1000;
+  int millis = static_cast<int>(ms % 1000);
+  if (millis < 0) {
+    millis += 1000;
+    --seconds;
+  }
+  const int offset = zone == TimeZone::Utc ? 0 : DKClock::LocalOffsetAt(seconds);
+  const long long local = seconds + offset;
+  long long days = local / 86400;
+  long long secondOfDay = local % 86400;
+  if (secondOfDay < 0) {
+    secondOfDay += 86400;
+    --days;
+  }
+  const year_month_day date{sys_days{std::chrono::days{days}}};
+  std::string out;
+  out.reserve(32);
+  AppendDigits(out, static_cast<int>(date.year()), 4);
+  out += '-';
+  AppendDigits(out, static_cast<unsigned>(date.month()), 2);
+  out += '-';
+  AppendDigits(out, static_cast<unsigned>(date.day()), 2);
+  out += 'T';
+  AppendDigits(out, secondOfDay / 3600, 2);
+  out += ':';
+  AppendDigits(out, secondOfDay / 60 % 60, 2);
+  out += ':';
+  AppendDigits(out, secondOfDay % 60, 2);
+  out += '.';
+  AppendDigits(out, millis, 3);
+  if (zone == TimeZone::Utc) {
+    out += 'Z';
+  } else {
+    const int magnitude = offset < 0 ? -offset : offset;
+    out += offset < 0 ? '-' : '+';
+    AppendDigits(out, magnitude / 3600, 2);
+    out += ':';
+    AppendDigits(out, magnitude / 60 % 60, 2);
+  }
+  return out;
+}
+
+std::string DKLogger::FormatLine(DKLogSeverity severity, std::string_view message,
+                                 std::chrono::system_clock::time_point when) const {
+  std::shared_ptr<const Layout> layout;
+  {
+    std::lock_guard guard(m_layoutLock);
+    layout = m_layout;
+  }
+  if (!message.empty() && message.back() == '\n')
+    message.remove_suffix(1);
+  std::string line;
+  line.reserve(message.size() + 48);
+  for (const Layout::Part& part : layout->parts) {
+    switch (part.kind) {
+    case Layout::Text: line += part.text; break;
+    case Layout::Time: line += TimeStamp(when, GetTimeZone()); break;
+    case Layout::Severity: line += DKLogSeverityName(severity); break;
+    case Layout::Channel: line += m_channelName.AsUTF8(); break;
+    case Layout::Message: line += message; break;
+    case Layout::Thread: AppendDigits(line, static_cast<long long>(DKProcess::CurrentThreadId()), 1); break;
+    }
+  }
+  if (layout->parts.empty())
+    line += message;
+  return line;
+}
+
+void DKLogger::Write(DKLogSeverity severity, const char* format, DKFormatArgList args) {
+  thread_local std::string message;
+  message.clear();
+  if (format)
+    DKFormatAppend(message, format, args);
+  std::string line = FormatLine(severity, message, std::chrono::system_clock::now());
+  line += '\n';
+  DKLogManager::Get().Publish(m_channel, DKLogLevelOf(severity), line);
 }

@@ -89,6 +89,16 @@ DKSmartPtr<DKThread> DKThreadedRunPlugIn::GetThread() const {
   return m_thread;
 }
 
+bool DKThreadedRunPlugIn::IsInStop() const {
+  std::lock_guard guard(m_cs);
+  return m_inStop;
+}
+
+void DKThreadedRunPlugIn::SetInStop(bool inStop) {
+  std::lock_guard guard(m_cs);
+  m_inStop = inStop;
+}
+
 void DKThreadedRunPlugIn::SetThread(const DKSmartPtr<DKThread>& thread) {
   std::lock_guard guard(m_cs);
   m_thread = thread;
@@ -149,11 +159,13 @@ void DKThreadedRunPlugIn::RequestExit(bool wait) {
   // A Stop that throws is a request Run may not have heard: the wait still holds, so that
   // nothing is unloaded under a running thread, and the exception goes to the caller after it.
   std::exception_ptr stopFailure;
+  SetInStop(true);
   try {
     Stop();
   } catch (...) {
     stopFailure = std::current_exception();
   }
+  SetInStop(false);
   // Run may ignore the request: the caller then waits as long as Run takes.
   while (wait) {
     m_changed.Reset();

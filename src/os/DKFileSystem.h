@@ -26,4 +26,9 @@ public:
   // Whether two open files are one file on the disk, whatever names (links, relative paths)
   // they were opened by.
   static bool IsSameFile(std::FILE* a, std::FILE* b) noexcept;
+  // Renames a file (UTF-8 paths), replacing a file of the new name. False, with the
+  // system's error code in errno, when it cannot.
+  static bool RenameFile(const std::string& from, const std::string& to) noexcept;
+  // Removes a file. False when it cannot (or there is none).
+  static bool RemoveFile(const std::string& path) noexcept;
 };

@@ -17,9 +17,10 @@ public:
   // TakeQuitSignal accepts one; returns a token for ReleaseQuitSignals. A thread that polls for
   // quit requests this way depends on no asynchronous delivery at all.
   static void* HoldQuitSignals();
-  // Accepts a pending quit signal without waiting: true when one was pending (it is consumed).
-  // Only meaningful on a thread that holds the quit signals back.
-  static bool TakeQuitSignal();
+  // Accepts a pending quit signal without waiting: its number when one was pending (it is
+  // consumed; several pending at once are taken as one), else 0. Only meaningful on a thread
+  // that holds the quit signals back.
+  static int TakeQuitSignal();
   // Puts back the calling thread's previous signal mask; a quit signal still pending is then
   // delivered to the installed handler. Frees the token.
   static void ReleaseQuitSignals(void* token);

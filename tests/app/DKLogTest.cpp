@@ -1,6 +1,7 @@
 #include "AppTestSupport.h"
 
 #include <atomic>
+#include <ctime>
 #include <thread>
 
 using namespace apptest;
@@ -152,6 +153,233 @@ TEST(DKErrorLogTest, AppendsLinesToTheNamedFile) {
   const std::size_t cut = previous.RFind(DK_T('/'));
   logs.SetErrorLogFile(cut == DKString::npos ? DKString() : previous.SubStr(0, cut),
                        cut == DKString::npos ? previous : previous.SubStr(cut + 1));
+}
+
+// ---- DKLogger --------------------------------------------------------------------------------
+
+using Clock = std::chrono::system_clock;
+
+Clock::time_point At(long long milliseconds) { return Clock::time_point(std::chrono::milliseconds(milliseconds)); }
+
+// The time stamp as the C library writes it, to compare with.
+std::string ReferenceStamp(long long milliseconds, bool utc) {
+  long long seconds = milliseconds / 1000;
+  long long millis = milliseconds % 1000;
+  if (millis < 0) {
+    millis += 1000;
+    --seconds;
+  }
+  const std::time_t t = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  if (utc)
+    gmtime_r(&t, &parts);
+  else
+    localtime_r(&t, &parts);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  char rest[32];
+  const long offset = parts.tm_gmtoff;
+  if (utc)
+    std::snprintf(rest, sizeof rest, ".%03lldZ", millis);
+  else
+    std::snprintf(rest, sizeof rest, ".%03lld%c%02ld:%02ld", millis, offset < 0 ? '-' : '+', std::labs(offset) / 3600,
+                  std::labs(offset) / 60 % 60);
+  return std::string(text) + rest;
+}
+
+// Instants around the ends of days, months and leap days, before 1970, and on both sides of a
+// daylight-saving change in the zone set below.
+constexpr long long kInstants[] = {0,           -1,           1709251199999, 1709164800000, 951782400123,
+                                   -2208988800001, 4102444800000, 1710054000000, 1710053999999, 1699164000500,
+                                   1699163999999};
+
+TEST(DKLoggerTest, TimeStampsMatchTheCLibraryInUtcAndLocalTime) {
+  setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
+  tzset();
+  for (const long long instant : kInstants) {
+    SCOPED_TRACE(instant);
+    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Utc), ReferenceStamp(instant, true));
+    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Local), ReferenceStamp(instant, false));
+  }
+}
+
+TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
+  DKLogger log(m_channel);
+  EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m")));
+  log.SetTimeZone(DKLogger::TimeZone::Utc);
+  const Clock::time_point when = At(1709251199123); // 2024-02-29T23:59:59.123Z
+  const struct {
+    const DKChar* pattern;
+    DKLogSeverity severity;
+    std::string message, line;
+  } cases[] = {
+      {DK_T("%t %s %m"), DKLogSeverity::Info, "hello", "2024-02-29T23:59:59.123Z INFO hello"},
+      {DK_T("[%c] %s: %m"), DKLogSeverity::Warning, "disk low\n", "[LogTest] WARNING: disk low"},
+      {DK_T("%s|%m|"), DKLogSeverity::Trace, "two\n\n", "TRACE|two\n|"},
+      {DK_T("%%t %m%"), DKLogSeverity::Error, "x", "%t x%"},
+      {DK_T("%x%q %m %"), DKLogSeverity::Debug, "y", "%x%q y %"},
+      {DK_T(""), DKLogSeverity::Error, "bare", "bare"},
+      {DK_T("caf\u00E9 %m"), DKLogSeverity::Info, "\xC3\xA9t\xC3\xA9", "caf\xC3\xA9 \xC3\xA9t\xC3\xA9"},
+  };
+  for (const auto& c : cases) {
+    log.SetPattern(c.pattern);
+    EXPECT_EQ(log.FormatLine(c.severity, c.message, when), c.line) << DKString(c.pattern).AsUTF8();
+  }
+  log.SetPattern(DK_T("%T"));
+  EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(gettid()));
+}
+
+TEST(DKLoggerTest, SeveritiesHaveNamesAndLevels) {
+  const struct {
+    DKLogSeverity severity;
+    const char* name;
+    std::uint32_t level;
+  } cases[] = {
+      {DKLogSeverity::Error, "ERROR", 1},   {DKLogSeverity::Warning, "WARNING", 1}, {DKLogSeverity::Info, "INFO", 1},
+      {DKLogSeverity::Debug, "DEBUG", 2},   {DKLogSeverity::Trace, "TRACE", 3},
+  };
+  for (const auto& c : cases) {
+    EXPECT_STREQ(DKLogSeverityName(c.severity), c.name);
+    EXPECT_EQ(DKLogLevelOf(c.severity), c.level);
+    DKLogSeverity parsed = DKLogSeverity::Trace;
+    std::string lower = c.name;
+    for (char& ch : lower)
+      ch = static_cast<char>(ch - 'A' + 'a');
+    EXPECT_TRUE(DKLogSeverityFromName(lower, parsed) && parsed == c.severity) << c.name;
+  }
+  DKLogSeverity parsed = DKLogSeverity::Error;
+  EXPECT_TRUE(DKLogSeverityFromName("Warn", parsed) && parsed == DKLogSeverity::Warning);
+  for (const char* bad : {"", "inf", "errors", "warning ", "d\xC3\xA9" "bug"})
+    EXPECT_FALSE(DKLogSeverityFromName(bad, parsed) && parsed != DKLogSeverity::Warning) << bad;
+  EXPECT_STREQ(DKLogSeverityName(static_cast<DKLogSeverity>(9)), "?");
+}
+
+// A line is written exactly when its severity is within the threshold and a subscriber takes
+// its level; IsEnabled tells the same without a lock, and follows every change of the channel.
+TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
+  DKLogger log(DK_T("logtest"));
+  ASSERT_EQ(log.GetChannel(), m_channel) << "the logger found the channel by name";
+  log.SetPattern(DK_T("%s %m"));
+  constexpr DKLogSeverity all[] = {DKLogSeverity::Error, DKLogSeverity::Warning, DKLogSeverity::Info,
+                                   DKLogSeverity::Debug, DKLogSeverity::Trace};
+  for (const DKLogSeverity severity : all)
+    EXPECT_FALSE(log.IsEnabled(severity)) << "no subscriber";
+  DKSmartPtr<Recorder> recorder(new Recorder);
+  const struct {
+    std::uint32_t level;
+    DKLogSeverity threshold;
+    std::string expected;
+  } cases[] = {
+      {0, DKLogSeverity::Trace, ""},
+      {1, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\n"},
+      {2, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\n"},
+      {3, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\nTRACE t\n"},
+      {3, DKLogSeverity::Warning, "ERROR e\nWARNING w\n"},
+      {1, DKLogSeverity::Error, "ERROR e\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.level);
+    DKSmartPtr<Recorder> lines(new Recorder);
+    ASSERT_TRUE(m_logs.Subscribe(m_channel, lines, c.level));
+    log.SetThreshold(c.threshold);
+    log.Error("%s", "e");
+    log.Warning("w");
+    log.Info("%c", 'i');
+    log.Debug("d\n");
+    log.Trace("t");
+    EXPECT_EQ(lines->Text(), c.expected);
+    for (const DKLogSeverity severity : all)
+      EXPECT_EQ(log.IsEnabled(severity),
+                severity <= c.threshold && DKLogLevelOf(severity) <= c.level);
+    ASSERT_TRUE(m_logs.Unsubscribe(m_channel, lines.Get()));
+  }
+  ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 3));
+  log.SetThreshold(DKLogSeverity::Trace);
+  ASSERT_TRUE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 1));
+  EXPECT_FALSE(log.IsEnabled(DKLogSeverity::Debug));
+  EXPECT_TRUE(log.IsEnabled(DKLogSeverity::Info));
+  const std::vector<std::pair<std::uint32_t, std::string>> pieces{{1, "INFO published at level 1\n"}};
+  log.Info("published at level %d", 1);
+  EXPECT_EQ(recorder->Pieces(), pieces);
+  EXPECT_TRUE(m_logs.RemoveChannel(m_channel));
+  EXPECT_FALSE(log.IsEnabled(DKLogSeverity::Error)) << "a removed channel closes its gate";
+  log.Error("nowhere");
+  EXPECT_EQ(recorder->Pieces(), pieces);
+  m_channel = m_logs.AddChannel(DK_T("LogTest"));
+}
+
+// ---- Rotation -------------------------------------------------------------------------------
+
+std::string Line(int number) { return "line " + std::to_string(100 + number) + " of the rotated log\n"; } // 29 bytes
+
+// The lines the kept files hold, oldest file first.
+std::string KeptText(const ScratchDir& dir, unsigned keep) {
+  std::string text;
+  for (unsigned n = keep; n >= 1; --n)
+    text += ReadFile(dir / ("log.txt." + std::to_string(n)));
+  return text + ReadFile(dir / "log.txt");
+}
+
+TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
+  const struct {
+    std::uint64_t maxBytes;
+    unsigned keep;
+    std::size_t linesPerFile; // 0: no rotation
+    bool pieces;              // each line in two pieces: it may pass the size by its rest
+  } cases[] = {{100, 2, 3, false}, {100, 0, 3, false}, {0, 2, 0, false}, {29, 1, 1, false},
+               {10, 3, 1, false}, {100, 2, 4, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.maxBytes) + " bytes, keep " + std::to_string(c.keep));
+    ScratchDir dir;
+    DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
+    file->SetRotation(c.maxBytes, c.keep);
+    constexpr int total = 20;
+    std::string all;
+    for (int i = 0; i < total; ++i) {
+      if (c.pieces) {
+        file->Write(1, 1, Line(i).substr(0, 10));
+        file->Write(1, 1, Line(i).substr(10));
+      } else {
+        file->Write(1, 1, Line(i));
+      }
+      all += Line(i);
+    }
+    const std::size_t files = c.linesPerFile == 0 ? 1 : std::min<std::size_t>(c.keep + 1, (total + c.linesPerFile - 1) / c.linesPerFile);
+    for (unsigned n = 1; n <= c.keep + 1; ++n)
+      EXPECT_EQ(fs::exists(dir / ("log.txt." + std::to_string(n))), n < files) << n;
+    const std::string kept = KeptText(dir, c.keep);
+    const std::size_t keptLines = c.linesPerFile == 0 ? total : (total - 1) % c.linesPerFile + 1 + c.keep * c.linesPerFile;
+    EXPECT_EQ(kept, all.substr(all.size() - std::min<std::size_t>(keptLines, total) * Line(0).size()));
+    for (unsigned n = 0; n <= c.keep && c.maxBytes != 0; ++n) {
+      const std::string name = n == 0 ? dir / "log.txt" : dir / ("log.txt." + std::to_string(n));
+      EXPECT_LE(ReadFile(name).size(), std::max<std::uint64_t>(c.maxBytes, Line(0).size()) + (c.pieces ? Line(0).size() : 0))
+          << name;
+    }
+    EXPECT_EQ(file->GetErrorText(), DKString());
+  }
+}
+
+TEST_F(DKLogManagerTest, AnAppendedFileCountsWhatItHoldsAndAFailedRotationLosesNothing) {
+  ScratchDir dir;
+  WriteFile(dir / "log.txt", std::string(90, 'x') + "\n");
+  {
+    DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
+    file->SetRotation(100, 1);
+    file->Write(1, 1, Line(0));
+    EXPECT_EQ(ReadFile(dir / "log.txt.1"), std::string(90, 'x') + "\n");
+    EXPECT_EQ(ReadFile(dir / "log.txt"), Line(0));
+  }
+  // The name the file would be renamed to is a folder that is not empty: the rename fails.
+  fs::remove(dir / "log.txt.1");
+  fs::create_directories(dir / "log.txt.1/in");
+  DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
+  file->SetRotation(40, 1);
+  for (int i = 1; i <= 4; ++i)
+    file->Write(1, 1, Line(i));
+  EXPECT_EQ(ReadFile(dir / "log.txt"), Line(0) + Line(1) + Line(2) + Line(3) + Line(4));
+  EXPECT_NE(file->GetErrorText().AsUTF8().find("cannot rotate the log file"), std::string::npos)
+      << file->GetErrorText().AsUTF8();
+  EXPECT_TRUE(fs::is_directory(dir / "log.txt.1/in"));
 }
 
 } // namespace

@@ -36,14 +36,16 @@ struct HostRun {
   }
 };
 
-std::vector<std::string> HostCommand(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command{DK_TEST_HOST_PATH};
+std::vector<std::string> HostCommand(const std::vector<std::string>& arguments,
+                                     const std::string& program = DK_TEST_HOST_PATH) {
+  std::vector<std::string> command{program};
   command.insert(command.end(), arguments.begin(), arguments.end());
   return command;
 }
 
-HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory) {
-  Child host(HostCommand(arguments), workingDirectory);
+HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory,
+                const std::string& program = DK_TEST_HOST_PATH) {
+  Child host(HostCommand(arguments, program), workingDirectory);
   const int exitCode = host.Finish();
   return {exitCode, host.Lines(), host.Output()};
 }
@@ -56,12 +58,14 @@ void WriteList(const std::string& path, const std::vector<std::string>& kinds) {
   WriteFile(path, text);
 }
 
-HostRun RunList(const std::vector<std::string>& kinds, const std::vector<std::string>& extra = {}) {
+HostRun RunList(const std::vector<std::string>& kinds, const std::vector<std::string>& extra = {},
+                const std::string& program = DK_TEST_HOST_PATH) {
   ScratchDir dir;
-  WriteList(dir / "osx.lst", kinds);
+  if (!kinds.empty())
+    WriteList(dir / "osx.lst", kinds);
   std::vector<std::string> arguments{"/osxpath:" + dir.Path().string()};
   arguments.insert(arguments.end(), extra.begin(), extra.end());
-  return RunHost(arguments, dir.Path().string());
+  return RunHost(arguments, dir.Path().string(), program);
 }
 
 const std::string kQuit = ">>>> Quit signal received. Requesting exit to all plug-ins...";
@@ -309,3 +313,123 @@ TEST(PlugInHostTest, CopiesOfOneModuleAreDistinctPlugIns) {
   EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
   EXPECT_EQ(run.exitCode, 0);
 }
+
+// Modules whose plug-in classes have one name and one layout, built by dorvikcore_add_plugin:
+// each keeps its own id and its own static data, so all are initialised and each counts one Init.
+TEST(PlugInHostTest, ClassesOfOneNameInSeveralModulesStayApart) {
+  const HostRun run = RunList({"collide_1", "collide_2", "collide_3", "collide_4"});
+  for (const std::string index : {"1", "2", "3", "4"}) {
+    EXPECT_EQ(run.Count(">>>> Initializing <Collide" + index + ">... Done."), 1u) << run.output;
+    EXPECT_EQ(run.Count("Collide" + index + ": 1 Init in this module"), 1u) << run.output;
+  }
+  EXPECT_TRUE(run.Starting("ERR> ").empty()) << run.output;
+  EXPECT_EQ(run.exitCode, 0);
+}
+
+#if defined(DK_DKHOST_PATH)
+
+// dkhost, the installed host: its exit code tells what went wrong, the lowest code when several
+// apply; /strict refuses what no one describes before any plug-in is initialised.
+TEST(DkhostTest, ExitCodeTellsWhatWentWrong) {
+  const std::string unknown = "Unknown option /bogus:1";
+  const struct {
+    std::vector<std::string> kinds, extra;
+    int exitCode;
+    std::vector<std::string> lines, absent;
+  } cases[] = {
+      {{"good"}, {}, 0, {"Good: run", kExit}, {}},
+      {{}, {}, 1, {"Couldn't find any OSX to load."}, {}},
+      {{"good", "runthrows"}, {}, 2, {"ERR> *** <RunThrows>: RunThrows is broken"}, {}},
+      {{"good", "duplicate"}, {}, 3, {"ERR> *** Duplicate plug-in id Duplicate", "Good: run"}, {}},
+      {{"noentry", "good"}, {}, 3, {"Good: run"}, {}},
+      {{"initfail", "good"}, {}, 4, {">>>> Initializing <InitFail>...Failed.", "Good: run"}, {}},
+      {{"missingdep"}, {}, 4, {}, {"MissingDep: run"}},
+      {{"initfail", "good", "duplicate"}, {}, 3, {"Good: run"}, {}},
+      {{"good"}, {"/strict", "/bogus:1"}, 5, {"ERR> *** " + unknown}, {">>>> Initializing <Good>... Done.", "Good: run"}},
+      {{"good"}, {"/bogus:1"}, 0, {">>>> " + unknown + ": ignored (/strict refuses it)", "Good: run"}, {}},
+      {{"good"}, {"/strict", "/stopWait:abc"}, 5, {}, {"Good: run"}},
+      {{"good"}, {"/strict", "/stopWait:1", "/TRACE:1"}, 0, {"Good: run"}, {}},
+  };
+  for (const auto& c : cases) {
+    const HostRun run = RunList(c.kinds, c.extra, DK_DKHOST_PATH);
+    SCOPED_TRACE((c.kinds.empty() ? std::string("no module") : c.kinds.front()) + ":\n" + run.output);
+    EXPECT_EQ(run.exitCode, c.exitCode);
+    for (const std::string& line : c.lines)
+      EXPECT_EQ(run.Count(line), 1u) << line;
+    for (const std::string& line : c.absent)
+      EXPECT_FALSE(run.Has(line)) << line;
+  }
+}
+
+// /help and /? load the modules without initialising them and list every option, the plug-ins'
+// included, then the exit codes; the code is 0 even when no plug-in is found.
+TEST(DkhostTest, HelpListsThePlugInsOptionsWithoutInitialisingThem) {
+  for (const std::string help : {"/help", "/?", "-HELP"}) {
+    const HostRun run = RunHost({help, "/osxpath:" DK_SAMPLES_DIR}, "/", DK_DKHOST_PATH);
+    SCOPED_TRACE(help + ":\n" + run.output);
+    EXPECT_EQ(run.exitCode, 0);
+    for (const std::string line : {"USAGE: dkhost. [options list] ", "dkhost options:", "Ticker plug-in:",
+                                   "Exit codes (when several apply, the lowest):"})
+      EXPECT_EQ(run.Count(line), 1u) << line;
+    EXPECT_EQ(run.Starting("   /ticks:{count} ").size(), 1u);
+    EXPECT_EQ(run.Starting("   /strict ").size(), 1u);
+    EXPECT_EQ(run.Starting("   /osxpath:{directory} ").size(), 1u);
+    EXPECT_TRUE(run.Starting(">>>> Initializing").empty());
+    EXPECT_TRUE(run.Starting("RUN> ").empty());
+    EXPECT_FALSE(run.Has(kExit)) << "nothing ran: no shut-down lines";
+  }
+  const HostRun none = RunList({}, {"/?"}, DK_DKHOST_PATH);
+  EXPECT_EQ(none.exitCode, 0) << none.output;
+  EXPECT_TRUE(none.Has("dkhost options:")) << none.output;
+}
+
+// A threaded plug-in that does not stop is named once the grace period is over, and another
+// quit signal ends the process: what has stopped is unloaded, the stuck plug-in is not, and the
+// exit code is 128 + the signal's number.
+TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
+  const struct {
+    std::string kind, name, member;
+    int signal;
+  } cases[] = {
+      {"stubborn", "Stubborn", "Run", SIGINT},
+      {"stuckstop", "StuckStop", "Stop", SIGTERM},
+  };
+  for (const auto& c : cases) {
+    ScratchDir dir;
+    WriteList(dir / "osx.lst", {"good", c.kind});
+    Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/stopWait:0"}, DK_DKHOST_PATH), dir.Path().string());
+    ASSERT_TRUE(host.WaitFor(c.name + ": started\n")) << host.Output();
+    host.Signal(SIGINT);
+    ASSERT_TRUE(host.WaitFor(">>>> Still waiting for <" + c.name + "> to return from " + c.member + ".")) << host.Output();
+    host.Signal(c.signal);
+    const int exitCode = host.Finish();
+    const HostRun run{exitCode, host.Lines(), host.Output()};
+    SCOPED_TRACE(run.output);
+    const std::string& name = c.name;
+    EXPECT_EQ(run.exitCode, 128 + c.signal);
+    EXPECT_EQ(run.Count("ERR> *** Quit signal while stopping: ending the process without waiting for <" + name + ">"), 1u);
+    EXPECT_EQ(run.Count("Good: unload"), 1u);
+    EXPECT_FALSE(run.Has(">>>> Unloading <" + name + ">..."));
+    EXPECT_EQ(run.lines.back(), kExit);
+  }
+}
+
+// The threaded plug-in of the README, built from the README's text, beats under dkhost with
+// the interval of its configuration until a quit signal stops it.
+TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
+  ScratchDir dir;
+  WriteFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
+  WriteList(dir / "osx.lst", {"heartbeat"});
+  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, DK_DKHOST_PATH),
+             dir.Path().string());
+  ASSERT_TRUE(host.WaitFor("Heartbeat 3\n")) << host.Output();
+  host.Signal(SIGINT);
+  const int exitCode = host.Finish();
+  const HostRun run{exitCode, host.Lines(), host.Output()};
+  EXPECT_EQ(run.exitCode, 0) << run.output;
+  EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
+  EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;
+  EXPECT_EQ(run.lines.back(), kExit) << run.output;
+}
+
+#endif

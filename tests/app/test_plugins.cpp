@@ -112,6 +112,24 @@ public:
   }
 };
 
+// Hears Stop but goes on: only the end of the process ends its run.
+class Stubborn : public Worker {
+public:
+  Stubborn() : Worker(DK_T("Stubborn"), TestId(27)) {}
+  void Stop() override { Out() << "Stubborn: stop ignored" << std::endl; }
+};
+
+// Never returns from Stop.
+class StuckStop : public Worker {
+public:
+  StuckStop() : Worker(DK_T("StuckStop"), TestId(28)) {}
+  void Stop() override {
+    Out() << "StuckStop: stop requested" << std::endl;
+    DKEventSemaphore never;
+    never.Wait();
+  }
+};
+
 // A threaded run step that throws, from a plug-in that cannot tell its name either.
 class Nameless : public ThreadThrows {
 public:
@@ -174,6 +192,8 @@ DKPlugIn* DKTestMakePlugIn(const char* kind) {
       {"threadthrows", [] { return new ThreadThrows; }},
       {"patient", [] { return new Patient; }},
       {"stopthrows", [] { return new StopThrows; }},
+      {"stubborn", [] { return new Stubborn; }},
+      {"stuckstop", [] { return new StuckStop; }},
       {"nameless", [] { return new Nameless; }},
       {"depsthrow", [] { return new DepsThrow; }},
       {"selfbox", [] { return new SelfBox; }},

@@ -1,6 +1,8 @@
 // POSIX file-system primitives (os/DKFileSystem.h).
 #include "os/DKFileSystem.h"
 
+#include <cstdio>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,12 @@ bool DKFileSystem::RemoveDirectory(const std::string& path) noexcept {
 std::FILE* DKFileSystem::OpenFile(const std::string& path, const char* mode) noexcept {
   return std::fopen(path.c_str(), mode);
 }
+
+bool DKFileSystem::RenameFile(const std::string& from, const std::string& to) noexcept {
+  return std::rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool DKFileSystem::RemoveFile(const std::string& path) noexcept { return std::remove(path.c_str()) == 0; }
 
 bool DKFileSystem::IsSameFile(std::FILE* a, std::FILE* b) noexcept {
   struct stat first {}, second {};

@@ -60,13 +60,13 @@ void* DKSignal::HoldQuitSignals() {
   return previous;
 }
 
-bool DKSignal::TakeQuitSignal() {
+int DKSignal::TakeQuitSignal() {
   const sigset_t quit = QuitSet();
   const timespec noWait{0, 0};
   // Several pending quit signals are one request: take them all.
-  bool taken = false;
-  while (sigtimedwait(&quit, nullptr, &noWait) > 0)
-    taken = true;
+  int taken = 0;
+  for (int signalNumber; (signalNumber = sigtimedwait(&quit, nullptr, &noWait)) > 0;)
+    taken = signalNumber;
   return taken;
 }
 
