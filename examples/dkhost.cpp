@@ -110,7 +110,7 @@ public:
     }
     m_initialising = true;
     for (const DKSmartPtr<DKPlugIn>& plugIn : GetPlugInHier(GetLoadedPlugIns()))
-      LoadPlugIn(plugIn);
+      LoadPlugIn(plugIn).IgnoreError(); // a failure is printed and noted for the exit code
     return DKApplicationWithPlugIns::Run();
   }
 

@@ -106,11 +106,7 @@ const std::vector<CorpusFile> kCorpus = {
     {"xdg-user-dirs.desktop", nullptr, nullptr, {{"Desktop Entry", "Exec", "xdg-user-dirs-update"}}},
 };
 
-DKString Dk(const std::string& utf8) {
-  DKString s;
-  s.SetFromUTF8(utf8.c_str(), utf8.size());
-  return s;
-}
+DKString Dk(const std::string& utf8) { return DKString::FromUTF8(utf8); }
 
 std::string ReadBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
