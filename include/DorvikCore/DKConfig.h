@@ -46,6 +46,8 @@ public:
                      const DKString& defaultValue = DKString()) const override;
   // The value converted as DKString::AsLong converts it, or defaultValue when not found.
   long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const override;
+  using DKConfigI::GetLong;
+  using DKConfigI::GetString;
   // Whether the key is there; value receives it.
   bool Find(const DKString& section, const DKString& key, DKString& value) const;
 

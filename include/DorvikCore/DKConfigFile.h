@@ -31,32 +31,29 @@
 #include <iosfwd>
 #include <mutex>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 struct DKConfigIO;
 class DKFileBytes;
 
-// Something that can be locked. The configuration items lock through their owner.
+// Something that can be locked. The configuration items lock through their owner. lock() and
+// unlock() are the standard spellings, so std::lock_guard and std::unique_lock hold an item:
+//   std::lock_guard guard(section);
 class DK_EXPORT DKConfigLockableI {
 public:
   virtual void Lock() const = 0;
   virtual void Unlock() const = 0;
+  void lock() const { Lock(); }
+  void unlock() const { Unlock(); }
 
 protected:
   ~DKConfigLockableI() = default;
 };
 
 // Holds a lockable item locked for one scope.
-class DKConfigLockGuard {
-public:
-  explicit DKConfigLockGuard(const DKConfigLockableI& item) : m_item(item) { m_item.Lock(); }
-  ~DKConfigLockGuard() { m_item.Unlock(); }
-  DKConfigLockGuard(const DKConfigLockGuard&) = delete;
-  DKConfigLockGuard& operator=(const DKConfigLockGuard&) = delete;
-
-private:
-  const DKConfigLockableI& m_item;
-};
+using DKConfigLockGuard = std::lock_guard<const DKConfigLockableI>;
 
 // Base of the items of a configuration file. Locking an item locks its owner; an item without
 // an owner (one that is not part of a file) has nothing to lock.
@@ -82,6 +79,13 @@ private:
   const DKConfigLockableI* m_pOwner = nullptr;
 };
 
+// Names given as narrow (UTF-8) text, for the look-up forms that take them: at least one of
+// the two is narrow, and both can stand for a name.
+template <class Section, class Key>
+concept DKConfigNarrowName =
+    (std::is_convertible_v<const Section&, std::string_view> || std::is_convertible_v<const Key&, std::string_view>) &&
+    std::is_convertible_v<const Section&, DKTextArg> && std::is_convertible_v<const Key&, DKTextArg>;
+
 // The look-up interface of configuration sources.
 class DK_EXPORT DKConfigI {
 public:
@@ -92,6 +96,19 @@ public:
                              const DKString& defaultValue = DKString()) const = 0;
   // The same value converted as DKString::AsLong converts it.
   virtual long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const = 0;
+
+  // The same look-ups with UTF-8 names (std::string, std::string_view, "literals") for either
+  // or both of section and key: GetString("server", DK_T("port")).
+  template <class Section, class Key>
+    requires DKConfigNarrowName<Section, Key>
+  DKString GetString(const Section& section, const Key& key, const DKString& defaultValue = DKString()) const {
+    return GetString(DKTextArg(section).Get(), DKTextArg(key).Get(), defaultValue);
+  }
+  template <class Section, class Key>
+    requires DKConfigNarrowName<Section, Key>
+  long GetLong(const Section& section, const Key& key, long defaultValue = 0) const {
+    return GetLong(DKTextArg(section).Get(), DKTextArg(key).Get(), defaultValue);
+  }
 };
 
 // The comment block in front of a line or a section: comment texts without their marker
@@ -416,11 +433,24 @@ public:
   DKString GetString(const DKString& section, const DKString& key,
                      const DKString& defaultValue = DKString()) const override;
   long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const override;
+  using DKConfigI::GetLong;
+  using DKConfigI::GetString;
   // Sets the value of the first matching line. A missing line is added at the end of the
   // section; a missing section is added after the last section (in front of the comments
   // that end the file, if any).
   void SetString(const DKString& section, const DKString& key, const DKString& value);
   void SetLong(const DKString& section, const DKString& key, long value);
+  // The same with UTF-8 names for either or both.
+  template <class Section, class Key>
+    requires DKConfigNarrowName<Section, Key>
+  void SetString(const Section& section, const Key& key, const DKString& value) {
+    SetString(DKTextArg(section).Get(), DKTextArg(key).Get(), value);
+  }
+  template <class Section, class Key>
+    requires DKConfigNarrowName<Section, Key>
+  void SetLong(const Section& section, const Key& key, long value) {
+    SetLong(DKTextArg(section).Get(), DKTextArg(key).Get(), value);
+  }
 
   // The file's lock, shared by all its items. Recursive.
   void Lock() const override;

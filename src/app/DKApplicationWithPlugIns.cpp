@@ -32,7 +32,6 @@ using dkapp::CallPlugIn;
 using dkapp::ExceptionText;
 using dkapp::Guarded;
 using dkapp::SafeName;
-using dkapp::TextError;
 
 namespace {
 
@@ -328,13 +327,13 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
     }
   }
   if (modules.empty())
-    return TextError(DKString(DK_T("No plug-in module in ")) + directory);
+    return DKErrorID::FromText(DKString(DK_T("No plug-in module in ")) + directory);
 
   // Modules find their own files relative to their directory while they load.
   std::string previousDirectory;
   const bool moved = DKEnvironment::GetCurrentDirectory(previousDirectory) &&
                      DKEnvironment::SetCurrentDirectory(searchDirectory.AsUTF8());
-  DKErrorID result = TextError(DKString(DK_T("No plug-in could be loaded from ")) + directory);
+  DKErrorID result = DKErrorID::FromText(DKString(DK_T("No plug-in could be loaded from ")) + directory);
   bool anyLoaded = false;
   for (const DKString& module : modules) {
     GetCout(1) << "LoadLibrary on " << module << "..." << std::endl;
@@ -385,7 +384,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
   DKModule::Handle module = DKModule::Open(path, error);
   if (!module) {
     GetCout(1) << "LoadLibrary fails on " << moduleFile << ": " << error << std::endl;
-    const DKErrorID result = TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    const DKErrorID result = DKErrorID::FromText(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
     NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
     return result;
   }
@@ -397,7 +396,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": Cannot locate \"" << entry << "\" entry point"
                << std::endl;
     CloseModule({module, moduleFile});
-    const DKErrorID result = TextError(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
+    const DKErrorID result = DKErrorID::FromText(moduleFile + DK_T(": ") + DKString::FromUTF8(error));
     NoteFailure(LoadFailure::ModuleNotLoaded, moduleFile, result);
     return result;
   }
@@ -405,7 +404,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
   DKSmartPtr<DKPlugIn> plugIn;
   DKErrorID result = Guarded(DKString::FromUTF8(entry), [&] {
     plugIn = getPlugIn();
-    return plugIn ? DKErrorID() : TextError(DKString::FromUTF8(entry) + DK_T(" returned no plug-in"));
+    return plugIn ? DKErrorID() : DKErrorID::FromText(DKString::FromUTF8(entry) + DK_T(" returned no plug-in"));
   });
   if (result.Bad()) {
     GetCout(1) << "LoadPlugIn failed on " << moduleFile << ": " << result.AsString() << std::endl;
@@ -442,7 +441,7 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKString& moduleFile, const
 
 DKErrorID DKApplicationWithPlugIns::AddPlugIn(const DKSmartPtr<DKPlugIn>& plugIn, bool deferDependencyCheck) {
   if (!plugIn)
-    return TextError(DK_T("AddPlugIn: no plug-in"));
+    return DKErrorID::FromText(DK_T("AddPlugIn: no plug-in"));
 
   bool container = false;
   DKErrorID asked = CallPlugIn(*plugIn, DK_T("IsContainerPlugIn"), [&] { container = plugIn->IsContainerPlugIn(); });
@@ -470,9 +469,7 @@ DKErrorID DKApplicationWithPlugIns::AddPlugIn(const DKSmartPtr<DKPlugIn>& plugIn
     return asked;
   }
   if (FindPlugIn(id)) {
-    DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_DUPLICATE_PLUGIN_ID);
-    error->AddParam(SafeName(*plugIn));
-    const DKErrorID result(error);
+    const DKErrorID result = DKLibraryErrorID(DK_MSG_DUPLICATE_PLUGIN_ID, SafeName(*plugIn));
     PrintError(result.AsString());
     return result;
   }
@@ -505,9 +502,9 @@ DKErrorID DKApplicationWithPlugIns::AddContainerMembers(const DKSmartPtr<DKPlugI
     DKString chain;
     for (auto it = open; it != m_openContainers.end(); ++it)
       chain += it->name + DK_T(" -> ");
-    result = TextError(DK_T("Plug-in container cycle: ") + chain + name);
+    result = DKErrorID::FromText(DK_T("Plug-in container cycle: ") + chain + name);
   } else if (m_openContainers.size() >= MaxContainerDepth) {
-    result = TextError(DKFormatString(DK_T("Plug-in containers nested more than %d deep, at <%s>"),
+    result = DKErrorID::FromText(DKFormatString(DK_T("Plug-in containers nested more than %d deep, at <%s>"),
                                       static_cast<int>(MaxContainerDepth), name.c_str()));
   }
   if (result.Bad()) {
@@ -545,7 +542,7 @@ DKErrorID DKApplicationWithPlugIns::AddContainerMembers(const DKSmartPtr<DKPlugI
 
 DKErrorID DKApplicationWithPlugIns::CheckDependents(const DKSmartPtrToConst<DKPlugIn>& plugIn, bool requireInitialized) {
   if (!plugIn)
-    return TextError(DK_T("CheckDependents: no plug-in"));
+    return DKErrorID::FromText(DK_T("CheckDependents: no plug-in"));
   std::vector<DKPlugIn::PlugInIdEx> dependencies;
   const DKErrorID asked = CallPlugIn(*plugIn, DK_T("GetDependentV"), [&] { dependencies = plugIn->GetDependentV(); });
   if (asked.Bad())
@@ -555,16 +552,16 @@ DKErrorID DKApplicationWithPlugIns::CheckDependents(const DKSmartPtrToConst<DKPl
     const DKString name = found ? SafeName(*found) : dependency.GetName();
     const DKString label = (name.IsEmpty() ? DKString() : DK_T("<") + name + DK_T("> ")) + dependency.GetGuid().AsString();
     if (!found)
-      return TextError(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not loaded"));
+      return DKErrorID::FromText(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not loaded"));
     if (requireInitialized && StatusOf(*found) == DKPlugIn::NotLoaded)
-      return TextError(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not initialised"));
+      return DKErrorID::FromText(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not initialised"));
   }
   return DKErrorID();
 }
 
 DKErrorID DKApplicationWithPlugIns::LoadPlugIn(const DKSmartPtr<DKPlugIn>& plugIn) {
   if (!plugIn)
-    return TextError(DK_T("LoadPlugIn: no plug-in"));
+    return DKErrorID::FromText(DK_T("LoadPlugIn: no plug-in"));
   bool container = false;
   const DKErrorID asked = CallPlugIn(*plugIn, DK_T("IsContainerPlugIn"), [&] { container = plugIn->IsContainerPlugIn(); });
   if (asked.Bad()) {

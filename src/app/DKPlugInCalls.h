@@ -13,10 +13,6 @@
 
 namespace dkapp {
 
-inline DKErrorID TextError(const DKString& text) {
-  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text)));
-}
-
 inline DKString ExceptionText(const std::exception& e) {
   if (const auto* own = dynamic_cast<const DKException*>(&e))
     return own->What();
@@ -29,9 +25,9 @@ DKErrorID Guarded(const DKString& what, F&& fn) {
   try {
     return fn();
   } catch (const std::exception& e) {
-    return TextError(what + DK_T(" threw: ") + ExceptionText(e));
+    return DKErrorID::FromText(what + DK_T(" threw: ") + ExceptionText(e));
   } catch (...) {
-    return TextError(what + DK_T(" threw an unknown exception"));
+    return DKErrorID::FromText(what + DK_T(" threw an unknown exception"));
   }
 }
 
@@ -53,7 +49,7 @@ DKErrorID CallPlugIn(const DKPlugIn& plugIn, const DKChar* call, F&& fn) {
     return DKErrorID();
   });
   if (failed.Bad())
-    failed = TextError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + failed.AsString());
+    failed = DKErrorID::FromText(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + failed.AsString());
   return failed;
 }
 

@@ -18,12 +18,6 @@ struct DKUnitTest::Entry {
 
 namespace {
 
-DKErrorID InvalidArgument(const DKString& text) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_ARGUMENT);
-  error->AddParam(text);
-  return DKErrorID(error);
-}
-
 DKString Quoted(const DKString& name) { return DK_T("<") + name + DK_T(">"); }
 
 
@@ -139,19 +133,19 @@ DKErrorID DKUnitTest::AddTest(const DKString& name, VoidTest test) {
 }
 
 DKErrorID DKUnitTest::EmptyTest(const DKString& name) const {
-  return InvalidArgument(DK_T("the test ") + Quoted(name) + DK_T(" of menu ") + Quoted(m_name) + DK_T(" is empty"));
+  return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("the test ") + Quoted(name) + DK_T(" of menu ") + Quoted(m_name) + DK_T(" is empty"));
 }
 
 DKErrorID DKUnitTest::Add(const DKString& name, ErrorTest test) {
   if (name.IsEmpty())
-    return InvalidArgument(DK_T("a test of menu ") + Quoted(m_name) + DK_T(" has no name"));
+    return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("a test of menu ") + Quoted(m_name) + DK_T(" has no name"));
   auto entry = std::make_shared<Entry>();
   entry->name = name;
   entry->test = std::move(test);
   std::lock_guard guard(m_lock);
   for (const auto& existing : m_entries)
     if (existing->name.IsEqual(name, DKString::IgnoreCase))
-      return InvalidArgument(DK_T("menu ") + Quoted(m_name) + DK_T(" has an entry named ") + Quoted(existing->name) +
+      return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("menu ") + Quoted(m_name) + DK_T(" has an entry named ") + Quoted(existing->name) +
                              DK_T(" already"));
   m_entries.push_back(std::move(entry));
   return DKErrorID();

@@ -1036,7 +1036,7 @@ std::basic_istream<CharT>& ReadFromStream(std::basic_istream<CharT>& in, Read re
 template <class CharT>
 std::basic_istream<CharT>& ReadComments(std::basic_istream<CharT>& in, DKConfigComments& comments) {
   return ReadFromStream(in, [&](StreamSource<CharT>& source) {
-    const DKConfigLockGuard guard(comments);
+    const std::lock_guard guard(comments);
     Reader<StreamSource<CharT>>(source).Comments(DKConfigIO::Texts(comments), DKConfigIO::Markers(comments));
   });
 }
@@ -1044,7 +1044,7 @@ std::basic_istream<CharT>& ReadComments(std::basic_istream<CharT>& in, DKConfigC
 template <class CharT>
 std::basic_istream<CharT>& ReadLine(std::basic_istream<CharT>& in, DKConfigLine& line) {
   return ReadFromStream(in, [&](StreamSource<CharT>& source) {
-    const DKConfigLockGuard guard(line);
+    const std::lock_guard guard(line);
     line.Clear();
     Reader<StreamSource<CharT>> reader(source);
     reader.Comments(DKConfigIO::Texts(line.GetComments()), DKConfigIO::Markers(line.GetComments()));
@@ -1055,7 +1055,7 @@ std::basic_istream<CharT>& ReadLine(std::basic_istream<CharT>& in, DKConfigLine&
 template <class CharT>
 std::basic_istream<CharT>& ReadSection(std::basic_istream<CharT>& in, DKConfigSection& section) {
   return ReadFromStream(in, [&](StreamSource<CharT>& source) {
-    const DKConfigLockGuard guard(section);
+    const std::lock_guard guard(section);
     section.Clear();
     Reader<StreamSource<CharT>> reader(source);
     reader.Comments(DKConfigIO::Texts(section.GetComments()), DKConfigIO::Markers(section.GetComments()));
@@ -1078,7 +1078,7 @@ std::basic_istream<CharT>& ReadFile(std::basic_istream<CharT>& in, DKConfigFile&
 
 template <class CharT, class Write>
 std::basic_ostream<CharT>& WriteToStream(std::basic_ostream<CharT>& out, const DKConfigLockableI& item, Write write) {
-  const DKConfigLockGuard guard(item);
+  const std::lock_guard guard(item);
   StreamSink<CharT> sink(out);
   write(sink);
   return out;
@@ -1111,17 +1111,17 @@ DKConfigI::~DKConfigI() = default;
 DKConfigComments::~DKConfigComments() = default;
 
 DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return InsertComment(m_comments.end(), text, ';');
 }
 
 DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text, Iterator before) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return InsertComment(before, text, ';');
 }
 
 DKConfigComments::Iterator DKConfigComments::AddComment(const DKString& text, Iterator before, DKChar marker) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return InsertComment(before, text, marker);
 }
 
@@ -1141,12 +1141,12 @@ DKConfigComments::Iterator DKConfigComments::InsertComment(Iterator before, cons
 }
 
 DKChar DKConfigComments::GetMarker(ConstIterator position) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_markers.IsEmpty() ? DKChar(';') : m_markers[static_cast<std::size_t>(position - m_comments.begin())];
 }
 
 bool DKConfigComments::SetMarker(Iterator position, DKChar marker) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   if (!IsMarkerCharacter(marker))
     return false;
   if (m_markers.IsEmpty()) {
@@ -1172,19 +1172,19 @@ bool DKConfigComments::SameMarkers(const DKConfigComments& other) const noexcept
 }
 
 DKConfigComments::Iterator DKConfigComments::DeleteComment(Iterator position) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   if (!m_markers.IsEmpty())
     m_markers.Remove(static_cast<std::size_t>(position - m_comments.begin()), 1);
   return m_comments.erase(position);
 }
 
 std::size_t DKConfigComments::GetSize() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_comments.size();
 }
 
 void DKConfigComments::Clear() {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_comments.clear();
   m_markers.Clear();
 }
@@ -1192,22 +1192,22 @@ void DKConfigComments::Clear() {
 DKConfigLine::~DKConfigLine() = default;
 
 DKString DKConfigLine::GetKey() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_key;
 }
 
 void DKConfigLine::SetKey(const DKString& key) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_key = key;
 }
 
 DKString DKConfigLine::GetValue() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_value;
 }
 
 void DKConfigLine::SetValue(const DKString& value) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_value = value;
 }
 
@@ -1220,7 +1220,7 @@ long DKConfigLine::GetValueAsLong(bool* ok) const { return GetValue().AsLong(ok)
 double DKConfigLine::GetValueAsDouble(bool* ok) const { return GetValue().AsDouble(ok); }
 
 void DKConfigLine::Clear() {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_comments.Clear();
   m_key.Clear();
   m_value.Clear();
@@ -1259,24 +1259,24 @@ DKConfigSection& DKConfigSection::operator=(DKConfigSection&& other) noexcept {
 }
 
 DKString DKConfigSection::GetName() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_name;
 }
 
 void DKConfigSection::SetName(const DKString& name) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_name = name;
 }
 
 std::size_t DKConfigSection::GetLineCount() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_lines.size();
 }
 
 DKConfigSection::LineIterator DKConfigSection::FindLine(const DKString& key) { return FindLine(key, m_lines.begin()); }
 
 DKConfigSection::LineIterator DKConfigSection::FindLine(const DKString& key, LineIterator from) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return FindNamed(from, m_lines.end(), key, &DKConfigLine::m_key);
 }
 
@@ -1285,12 +1285,12 @@ DKConfigSection::ConstLineIterator DKConfigSection::FindLine(const DKString& key
 }
 
 DKConfigSection::ConstLineIterator DKConfigSection::FindLine(const DKString& key, ConstLineIterator from) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return FindNamed(from, m_lines.end(), key, &DKConfigLine::m_key);
 }
 
 DKConfigSection::LineIterator DKConfigSection::InsertLine(LineIterator before, DKConfigLine&& line) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   const LineIterator added = m_lines.insert(before, std::move(line));
   added->SetOwner(GetOwner());
   return added;
@@ -1313,19 +1313,19 @@ DKConfigSection::LineIterator DKConfigSection::AddLine(const DKString& key, cons
 }
 
 DKConfigSection::LineIterator DKConfigSection::DeleteLine(LineIterator position) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_lines.erase(position);
 }
 
 bool DKConfigSection::DeleteLine(const DKString& key) { return DeleteLine(key, m_lines.begin()); }
 
 bool DKConfigSection::DeleteLine(const DKString& key, LineIterator from) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return EraseNamed(m_lines, from, key, &DKConfigLine::m_key);
 }
 
 void DKConfigSection::Clear() {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_comments.Clear();
   m_name.Clear();
   m_lines.clear();
@@ -1388,19 +1388,19 @@ void DKConfigFile::Lock() const { m_criticalSection.lock(); }
 void DKConfigFile::Unlock() const { m_criticalSection.unlock(); }
 
 bool DKConfigFile::Fail(const DKString& reason) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_lastError = reason;
   return false;
 }
 
 DKString DKConfigFile::GetLastErrorText() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_lastError;
 }
 
 void DKConfigFile::Adopt(SectionVector& sections, DKString& leadingText, std::vector<DKConfigLoadNote>& notes,
                          std::size_t noteCount) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_sections.swap(sections);
   m_leadingText.swap(leadingText);
   m_notes.swap(notes);
@@ -1451,7 +1451,7 @@ bool DKConfigFile::Parse(const unsigned char* data, std::size_t size, DKFileByte
     read(source);
   }
 
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   Adopt(sections, leading, notes.notes, notes.count);
   m_encoding = layout.encoding;
   m_lineEnd = layout.crlf ? LineEndCRLF : LineEndLF;
@@ -1470,12 +1470,12 @@ bool DKConfigFile::Serialise(std::string& out) const {
 }
 
 DKString DKConfigFile::GetLeadingText() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_leadingText;
 }
 
 void DKConfigFile::ClearLeadingText() {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_leadingText.Clear();
 }
 
@@ -1487,28 +1487,28 @@ bool DKConfigFile::SetCommentMarkers(const DKString& markers) {
     if (c != ';' && extra.Find(c) == DKString::npos)
       extra.Append(c);
   }
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_commentMarkers = extra;
   return true;
 }
 
 DKString DKConfigFile::GetCommentMarkers() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return DKString(DK_T(";")) + m_commentMarkers;
 }
 
 std::vector<DKConfigLoadNote> DKConfigFile::GetLoadNotes() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_notes;
 }
 
 std::size_t DKConfigFile::GetLoadNoteCount() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_noteCount;
 }
 
 bool DKConfigFile::SaveToBytes(std::string& out) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   if (!Serialise(out))
     return false;
   m_lastError.Clear();
@@ -1520,7 +1520,7 @@ bool DKConfigFile::Save() const { return WriteToDisk(false); }
 bool DKConfigFile::Save2() const { return WriteToDisk(true); }
 
 bool DKConfigFile::WriteToDisk(bool atomically) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   std::string bytes;
   if (!Serialise(bytes))
     return false;
@@ -1533,37 +1533,37 @@ bool DKConfigFile::WriteToDisk(bool atomically) const {
 }
 
 DKString DKConfigFile::GetFileName() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_fileName;
 }
 
 void DKConfigFile::SetFileName(const DKString& path) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_fileName = path;
 }
 
 DKConfigFile::Encoding DKConfigFile::GetEncoding() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_encoding;
 }
 
 void DKConfigFile::SetEncoding(Encoding encoding) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_encoding = encoding;
 }
 
 DKConfigFile::LineEnd DKConfigFile::GetLineEnd() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_lineEnd;
 }
 
 void DKConfigFile::SetLineEnd(LineEnd lineEnd) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_lineEnd = lineEnd;
 }
 
 std::size_t DKConfigFile::GetSectionCount() const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_sections.size();
 }
 
@@ -1572,7 +1572,7 @@ DKConfigFile::SectionIterator DKConfigFile::FindSection(const DKString& name) {
 }
 
 DKConfigFile::SectionIterator DKConfigFile::FindSection(const DKString& name, SectionIterator from) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return FindNamed(from, m_sections.end(), name, &DKConfigSection::m_name);
 }
 
@@ -1581,7 +1581,7 @@ DKConfigFile::ConstSectionIterator DKConfigFile::FindSection(const DKString& nam
 }
 
 DKConfigFile::ConstSectionIterator DKConfigFile::FindSection(const DKString& name, ConstSectionIterator from) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return FindNamed(from, m_sections.end(), name, &DKConfigSection::m_name);
 }
 
@@ -1598,26 +1598,26 @@ DKConfigFile::SectionIterator DKConfigFile::AddSection(const DKConfigSection& se
 }
 
 DKConfigFile::SectionIterator DKConfigFile::AddSection(const DKConfigSection& section, SectionIterator before) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   const SectionIterator added = m_sections.insert(before, section);
   added->SetOwner(this);
   return added;
 }
 
 DKConfigFile::SectionIterator DKConfigFile::DeleteSection(SectionIterator position) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return m_sections.erase(position);
 }
 
 bool DKConfigFile::DeleteSection(const DKString& name) { return DeleteSection(name, m_sections.begin()); }
 
 bool DKConfigFile::DeleteSection(const DKString& name, SectionIterator from) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   return EraseNamed(m_sections, from, name, &DKConfigSection::m_name);
 }
 
 void DKConfigFile::Clear() {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   m_sections.clear();
 }
 
@@ -1630,19 +1630,19 @@ const DKString* DKConfigFile::FindValue(const DKString& section, const DKString&
 }
 
 DKString DKConfigFile::GetString(const DKString& section, const DKString& key, const DKString& defaultValue) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   const DKString* value = FindValue(section, key);
   return value ? *value : defaultValue;
 }
 
 long DKConfigFile::GetLong(const DKString& section, const DKString& key, long defaultValue) const {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   const DKString* value = FindValue(section, key);
   return value ? value->AsLong() : defaultValue;
 }
 
 void DKConfigFile::SetString(const DKString& section, const DKString& key, const DKString& value) {
-  const DKConfigLockGuard guard(*this);
+  const std::lock_guard guard(*this);
   SectionIterator s = FindSection(section);
   if (s == m_sections.end()) {
     const bool closing = !m_sections.empty() && IsClosingComments(m_sections, m_sections.size() - 1);

@@ -328,11 +328,7 @@ void ReadText(const DKString& text, const DKString& format, ReadFields& fields) 
   Reader(text, format, fields).Run();
 }
 
-DKErrorID InvalidDate(const DKString& text) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_INVALID_DATE);
-  error->AddParam(text);
-  return DKErrorID(error);
-}
+DKErrorID InvalidDate(const DKString& text) { return DKLibraryErrorID(DK_MSG_INVALID_DATE, text); }
 
 bool ReadStreamText(std::istream& is, DKString& text) {
   std::string word;

@@ -7,17 +7,10 @@
 
 namespace {
 
-DKErrorID LibraryError(DKLibraryMessage code, std::size_t param) {
-  auto error = DKLibraryError(code);
-  error->AddParam(static_cast<long>(param));
-  return DKErrorID(error);
-}
+DKErrorID LibraryError(DKLibraryMessage code, std::size_t param) { return DKLibraryErrorID(code, static_cast<long>(param)); }
 
 DKErrorID UnmappableError(std::size_t position, unsigned int codePage) {
-  auto error = DKLibraryError(DK_MSG_UNMAPPABLE_CHARACTER);
-  error->AddParam(static_cast<long>(position));
-  error->AddParam(static_cast<long>(codePage));
-  return DKErrorID(error);
+  return DKLibraryErrorID(DK_MSG_UNMAPPABLE_CHARACTER, static_cast<long>(position), static_cast<long>(codePage));
 }
 
 // Room left in out before the longest text a DKString holds.

@@ -211,9 +211,7 @@ void DKThread::GiveUpRegistration() {
 DKErrorID DKThread::Start(int priority) {
   bool unclaimed = false;
   if (!m_startClaimed.compare_exchange_strong(unclaimed, true, std::memory_order_acq_rel)) {
-    auto error = DKLibraryError(DK_MSG_INVALID_ARGUMENT);
-    error->AddParam(DKString(DK_T("DKThread::Start called on a thread that was started already")));
-    return DKErrorID(error);
+    return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("DKThread::Start called on a thread that was started already"));
   }
   const std::size_t stackSize = ConfiguredStackSize();
 

@@ -24,6 +24,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -425,6 +426,15 @@ TEST(DKConfigFileEditTest, LookUpsAndSetsIgnoreCaseAndKeepTheStoredSpelling) {
   file->SetLong(DK_T("B"), DK_T("n"), -42);
   EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\nnew=1\n[main]\nPort=1\n[B]\nn=-42\n; the end\n");
   EXPECT_EQ(file->GetLong(DK_T("b"), DK_T("N")), -42);
+
+  // UTF-8 names, for either or both, match as their DKChar spelling does.
+  EXPECT_EQ(U8(file->GetString("MAIN", "port")), "8080");
+  EXPECT_EQ(file->GetLong(std::string("main"), DK_T("PORT")), 8080);
+  EXPECT_EQ(U8(file->GetString(DKString(DK_T("Main")), std::string_view("name"), DK_T("d"))), "y");
+  file->SetString("\xC3\x89t\xC3\xA9", "cl\xC3\xA9", DK_T("v"));
+  file->SetLong(DK_T("\u00C9T\u00C9"), "count", 3);
+  EXPECT_EQ(U8(file->GetString(DK_T("\u00E9t\u00E9"), DK_T("CL\u00C9"))), "v");
+  EXPECT_EQ(file->GetLong("\xC3\xA9T\xC3\xA9", "Count"), 3);
 }
 
 TEST(DKConfigFileEditTest, NumbersFollowTheStringConversions) {
