@@ -104,9 +104,9 @@ private:
 inline constexpr DKDate DKDate::minimum = DKDate::FromDays(-693230);
 inline constexpr DKDate DKDate::maximum = DKDate::FromDays(2147483647);
 
-DK_EXPORT DKDate operator+(const DKDate& date, const DKDurationEx& duration);
-DK_EXPORT DKDate operator-(const DKDate& date, const DKDurationEx& duration);
-DK_EXPORT DKDurationEx operator-(const DKDate& a, const DKDate& b);
+[[nodiscard]] DK_EXPORT DKDate operator+(const DKDate& date, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDate operator-(const DKDate& date, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKDate& a, const DKDate& b);
 
 class DK_EXPORT DKDateTime {
 public:
@@ -189,10 +189,10 @@ private:
 inline constexpr DKDateTime DKDateTime::minimum = DKDateTime::FromCount(-2147397248);
 inline constexpr DKDateTime DKDateTime::maximum = DKDateTime::FromCount(2147397247);
 
-DK_EXPORT DKDateTime operator+(const DKDateTime& value, const DKDurationEx& duration);
-DK_EXPORT DKDateTime operator-(const DKDateTime& value, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateTime operator+(const DKDateTime& value, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateTime operator-(const DKDateTime& value, const DKDurationEx& duration);
 // Seconds from b to a.
-DK_EXPORT DKDurationEx operator-(const DKDateTime& a, const DKDateTime& b);
+[[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKDateTime& a, const DKDateTime& b);
 
 DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDate& date);
 DK_EXPORT std::istream& operator>>(std::istream& is, DKDate& date);

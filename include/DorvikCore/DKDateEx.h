@@ -189,13 +189,13 @@ inline constexpr DKDateEx DKDateEx::null{};
 inline constexpr DKDateEx DKDateEx::minimum = DKDateEx::Pack(DKDateEx::minYear, 1, 1);
 inline constexpr DKDateEx DKDateEx::maximum = DKDateEx::Pack(DKDateEx::maxYear, 12, 31);
 
-DK_EXPORT DKDateEx operator+(const DKDateEx& date, const DKDurationEx& duration);
-DK_EXPORT DKDateEx operator-(const DKDateEx& date, const DKDurationEx& duration);
-DK_EXPORT DKDateEx operator+(const DKDateEx& date, long days);
-DK_EXPORT DKDateEx operator-(const DKDateEx& date, long days);
+[[nodiscard]] DK_EXPORT DKDateEx operator+(const DKDateEx& date, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateEx operator-(const DKDateEx& date, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateEx operator+(const DKDateEx& date, long days);
+[[nodiscard]] DK_EXPORT DKDateEx operator-(const DKDateEx& date, long days);
 // The number of days from b to a (in weeks when the days do not fit the count); invalid_
 // when either date is not valid.
-DK_EXPORT DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b);
+[[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b);
 
 // A time of day: milliseconds since midnight, 0..86399999, or -1 when not set.
 class DK_EXPORT DKTimeEx {
@@ -297,10 +297,10 @@ inline constexpr DKTimeEx DKTimeEx::null{};
 inline constexpr DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
 inline constexpr DKTimeEx DKTimeEx::maximum = DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1);
 
-DK_EXPORT DKTimeEx operator+(const DKTimeEx& time, const DKDurationEx& duration);
-DK_EXPORT DKTimeEx operator-(const DKTimeEx& time, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKTimeEx operator+(const DKTimeEx& time, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKTimeEx operator-(const DKTimeEx& time, const DKDurationEx& duration);
 // Milliseconds from b to a; invalid_ when either is null.
-DK_EXPORT DKDurationEx operator-(const DKTimeEx& a, const DKTimeEx& b);
+[[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKTimeEx& a, const DKTimeEx& b);
 
 // A date and a time of day, either of which may be absent, held in UTC. Wall-clock fields are
 // read and written in a DKTimeZone (zone 0, the local zone, by default) when both parts are
@@ -513,12 +513,12 @@ bool DKDateTimeEx::FromTimePoint(std::chrono::sys_time<Duration> time) noexcept 
   return FromUnixTime(seconds, static_cast<std::int32_t>(ms - seconds * 1000));
 }
 
-DK_EXPORT DKDateTimeEx operator+(const DKDateTimeEx& value, const DKDurationEx& duration);
-DK_EXPORT DKDateTimeEx operator-(const DKDateTimeEx& value, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateTimeEx operator+(const DKDateTimeEx& value, const DKDurationEx& duration);
+[[nodiscard]] DK_EXPORT DKDateTimeEx operator-(const DKDateTimeEx& value, const DKDurationEx& duration);
 // From b to a in the finest unit whose count holds it (milliseconds, else seconds, minutes,
 // hours, days, weeks; the rest is truncated). A missing time counts as midnight; when either
 // lacks a date only the times are compared. invalid_ when either is null or not valid.
-DK_EXPORT DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b);
+[[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b);
 
 // Default formats, UTF-8, in the local zone. Extraction reads one word, or a date and a time
 // separated by one space, and sets failbit (value null) for unreadable text.

@@ -114,7 +114,7 @@ public:
   // and division by 0 throws too.
   DKDurationEx operator*(int factor) const;
   DKDurationEx operator/(int divisor) const;
-  DKDurationEx operator-() const;
+  [[nodiscard]] DKDurationEx operator-() const;
   // Sum and difference in the finer of the two units; invalid_ when either is invalid or the
   // units have no common form (years and milliseconds).
   friend DK_EXPORT DKDurationEx operator+(const DKDurationEx& a, const DKDurationEx& b);

@@ -77,13 +77,13 @@ public:
   explicit DKString(std::u16string_view text) : DKString() { Append(text); }
   explicit DKString(const char* utf8) : DKString() { Append(utf8); }
   explicit DKString(std::string_view utf8) : DKString() { Append(utf8); }
-  static DKString FromUTF8(std::string_view utf8) { return DKString(utf8); }
+  [[nodiscard]] static DKString FromUTF8(std::string_view utf8) { return DKString(utf8); }
   // The decimal text of a number; a double in the shortest form that reads back the same.
-  static DKString Number(int value) { return Number(static_cast<long long>(value)); }
-  static DKString Number(long value) { return Number(static_cast<long long>(value)); }
-  static DKString Number(long long value);
-  static DKString Number(unsigned long long value);
-  static DKString Number(double value);
+  [[nodiscard]] static DKString Number(int value) { return Number(static_cast<long long>(value)); }
+  [[nodiscard]] static DKString Number(long value) { return Number(static_cast<long long>(value)); }
+  [[nodiscard]] static DKString Number(long long value);
+  [[nodiscard]] static DKString Number(unsigned long long value);
+  [[nodiscard]] static DKString Number(double value);
   DKString& Assign(const DKString& other) noexcept { return *this = other; }
   // count 0: copy up to the terminator; otherwise exactly count code units.
   DKString& Assign(const DKChar* text, std::size_t count = 0);
@@ -100,18 +100,18 @@ public:
   DKString& Append(const wchar_t* text);
   DKString& operator+=(const wchar_t* text) { return Append(text); }
   DKString& operator+=(const std::wstring& text);
-  std::wstring AsStdWString() const;
+  [[nodiscard]] std::wstring AsStdWString() const;
   explicit operator std::wstring() const { return AsStdWString(); }
 #endif
 
-  DKStdString AsStdString() const { return DKStdString(c_str(), Length()); }
+  [[nodiscard]] DKStdString AsStdString() const { return DKStdString(c_str(), Length()); }
   explicit operator DKStdString() const { return AsStdString(); }
 
   // The text as a view; valid until the string changes.
   operator std::u16string_view() const noexcept {
     return std::u16string_view(reinterpret_cast<const char16_t*>(c_str()), Length());
   }
-  DKStringView View() const noexcept { return DKStringView(c_str(), Length()); }
+  [[nodiscard]] DKStringView View() const noexcept { return DKStringView(c_str(), Length()); }
 
   // Access. size(), data() and empty() are the standard spellings, for generic code.
   std::size_t size() const noexcept { return m_pData->length; }
@@ -166,7 +166,7 @@ public:
   DKString& Insert(std::size_t pos, const DKString& text);
   DKString& Insert(std::size_t pos, DKChar ch);
   DKString& Remove(std::size_t pos, std::size_t count);
-  DKString SubStr(std::size_t pos, std::size_t count = npos) const;
+  [[nodiscard]] DKString SubStr(std::size_t pos, std::size_t count = npos) const;
   // Replaces every occurrence of find, left to right; returns how many were replaced.
   std::size_t Replace(const DKChar* find, const DKChar* replacement);
   std::size_t Replace(const DKString& find, const DKString& replacement);
@@ -192,66 +192,66 @@ public:
   DKString& Trim(const DKChar* set = DK_T(" \t")) { return RTrim(set).LTrim(set); }
 
   // Searching; each returns a position or npos. A null text counts as empty.
-  std::size_t Find(const DKChar* text, std::size_t start = 0) const;
-  std::size_t Find(const DKString& text, std::size_t start = 0) const;
-  std::size_t Find(DKChar ch, std::size_t start = 0) const;
-  std::size_t RFind(const DKChar* text, std::size_t start = npos) const;
-  std::size_t RFind(const DKString& text, std::size_t start = npos) const;
-  std::size_t RFind(DKChar ch, std::size_t start = npos) const;
-  std::size_t FindFirstOf(const DKChar* set, std::size_t start = 0) const;
-  std::size_t FindFirstNotOf(const DKChar* set, std::size_t start = 0) const;
-  std::size_t FindLastOf(const DKChar* set, std::size_t start = npos) const;
-  std::size_t FindLastNotOf(const DKChar* set, std::size_t start = npos) const;
-  std::size_t FindFirstOf(const DKString& set, std::size_t start = 0) const { return FindFirstOf(set.c_str(), start); }
-  std::size_t FindFirstNotOf(const DKString& set, std::size_t start = 0) const { return FindFirstNotOf(set.c_str(), start); }
-  std::size_t FindLastOf(const DKString& set, std::size_t start = npos) const { return FindLastOf(set.c_str(), start); }
-  std::size_t FindLastNotOf(const DKString& set, std::size_t start = npos) const { return FindLastNotOf(set.c_str(), start); }
+  [[nodiscard]] std::size_t Find(const DKChar* text, std::size_t start = 0) const;
+  [[nodiscard]] std::size_t Find(const DKString& text, std::size_t start = 0) const;
+  [[nodiscard]] std::size_t Find(DKChar ch, std::size_t start = 0) const;
+  [[nodiscard]] std::size_t RFind(const DKChar* text, std::size_t start = npos) const;
+  [[nodiscard]] std::size_t RFind(const DKString& text, std::size_t start = npos) const;
+  [[nodiscard]] std::size_t RFind(DKChar ch, std::size_t start = npos) const;
+  [[nodiscard]] std::size_t FindFirstOf(const DKChar* set, std::size_t start = 0) const;
+  [[nodiscard]] std::size_t FindFirstNotOf(const DKChar* set, std::size_t start = 0) const;
+  [[nodiscard]] std::size_t FindLastOf(const DKChar* set, std::size_t start = npos) const;
+  [[nodiscard]] std::size_t FindLastNotOf(const DKChar* set, std::size_t start = npos) const;
+  [[nodiscard]] std::size_t FindFirstOf(const DKString& set, std::size_t start = 0) const { return FindFirstOf(set.c_str(), start); }
+  [[nodiscard]] std::size_t FindFirstNotOf(const DKString& set, std::size_t start = 0) const { return FindFirstNotOf(set.c_str(), start); }
+  [[nodiscard]] std::size_t FindLastOf(const DKString& set, std::size_t start = npos) const { return FindLastOf(set.c_str(), start); }
+  [[nodiscard]] std::size_t FindLastNotOf(const DKString& set, std::size_t start = npos) const { return FindLastNotOf(set.c_str(), start); }
 
   // Tests on the text, code unit by code unit.
-  bool StartsWith(DKStringView prefix) const noexcept { return View().starts_with(prefix); }
-  bool EndsWith(DKStringView suffix) const noexcept { return View().ends_with(suffix); }
-  bool Contains(DKStringView text) const noexcept { return View().find(text) != DKStringView::npos; }
-  bool StartsWith(DKChar ch) const noexcept { return View().starts_with(ch); }
-  bool EndsWith(DKChar ch) const noexcept { return View().ends_with(ch); }
-  bool Contains(DKChar ch) const noexcept { return View().find(ch) != DKStringView::npos; }
+  [[nodiscard]] bool StartsWith(DKStringView prefix) const noexcept { return View().starts_with(prefix); }
+  [[nodiscard]] bool EndsWith(DKStringView suffix) const noexcept { return View().ends_with(suffix); }
+  [[nodiscard]] bool Contains(DKStringView text) const noexcept { return View().find(text) != DKStringView::npos; }
+  [[nodiscard]] bool StartsWith(DKChar ch) const noexcept { return View().starts_with(ch); }
+  [[nodiscard]] bool EndsWith(DKChar ch) const noexcept { return View().ends_with(ch); }
+  [[nodiscard]] bool Contains(DKChar ch) const noexcept { return View().find(ch) != DKStringView::npos; }
   // The pieces between separators, empty ones included: "a,,b" split at ',' gives "a", "",
   // "b"; the empty string gives one empty piece. An empty separator gives the whole text.
-  std::vector<DKString> Split(DKChar separator) const;
-  std::vector<DKString> Split(DKStringView separator) const;
+  [[nodiscard]] std::vector<DKString> Split(DKChar separator) const;
+  [[nodiscard]] std::vector<DKString> Split(DKStringView separator) const;
 
   // Comparison. Flag bit 1 ignores case, bit 2 ignores accents; other bits are ignored.
   // Without flags the result is exactly -1, 0 or 1.
   enum CompareFlags : long { CaseSensitive = 0, IgnoreCase = 1, IgnoreAccent = 2, IgnoreCaseAndAccent = 3 };
-  int Compare(const DKChar* other, long flags = 0) const;
-  int Compare(const DKString& other, long flags = 0) const;
-  int Compare(const DKString& other, const DKSmartPtrToConst<DKCollator>& collator) const;
-  int Compare(const DKChar* other, const DKSmartPtrToConst<DKCollator>& collator) const;
-  bool IsEqual(const DKString& other, long flags = 0) const { return Compare(other, flags) == 0; }
-  bool IsEqual(const DKChar* other, long flags = 0) const { return Compare(other, flags) == 0; }
+  [[nodiscard]] int Compare(const DKChar* other, long flags = 0) const;
+  [[nodiscard]] int Compare(const DKString& other, long flags = 0) const;
+  [[nodiscard]] int Compare(const DKString& other, const DKSmartPtrToConst<DKCollator>& collator) const;
+  [[nodiscard]] int Compare(const DKChar* other, const DKSmartPtrToConst<DKCollator>& collator) const;
+  [[nodiscard]] bool IsEqual(const DKString& other, long flags = 0) const { return Compare(other, flags) == 0; }
+  [[nodiscard]] bool IsEqual(const DKChar* other, long flags = 0) const { return Compare(other, flags) == 0; }
 
   // Number conversions. When ok is given it is always written.
-  int AsInt(bool* ok = nullptr) const;
-  long AsLong(bool* ok = nullptr) const;         // 32-bit range on every platform
-  DKDuration AsDKDuration(bool* ok = nullptr) const;
-  unsigned int AsUint(bool* ok = nullptr) const;
-  unsigned long AsULong(bool* ok = nullptr) const; // 32-bit range on every platform
-  double AsDouble(bool* ok = nullptr) const;
-  DKInt64 AsInt64(bool* ok = nullptr) const;
-  DKUInt64 AsUInt64(bool* ok = nullptr) const;
+  [[nodiscard]] int AsInt(bool* ok = nullptr) const;
+  [[nodiscard]] long AsLong(bool* ok = nullptr) const;         // 32-bit range on every platform
+  [[nodiscard]] DKDuration AsDKDuration(bool* ok = nullptr) const;
+  [[nodiscard]] unsigned int AsUint(bool* ok = nullptr) const;
+  [[nodiscard]] unsigned long AsULong(bool* ok = nullptr) const; // 32-bit range on every platform
+  [[nodiscard]] double AsDouble(bool* ok = nullptr) const;
+  [[nodiscard]] DKInt64 AsInt64(bool* ok = nullptr) const;
+  [[nodiscard]] DKUInt64 AsUInt64(bool* ok = nullptr) const;
 
   // Date and time conversions: the text is read in each type's default format; ok tells
   // whether it could be read.
-  DKDateTime AsDKDateTime(bool* ok = nullptr) const;
-  DKDateTimeEx AsDKDateTimeEx(bool* ok = nullptr) const;
-  DKDateEx AsDKDateEx(bool* ok = nullptr) const;
-  DKTimeEx AsDKTimeEx(bool* ok = nullptr) const;
-  DKDurationEx AsDKDurationEx(bool* ok = nullptr) const;
+  [[nodiscard]] DKDateTime AsDKDateTime(bool* ok = nullptr) const;
+  [[nodiscard]] DKDateTimeEx AsDKDateTimeEx(bool* ok = nullptr) const;
+  [[nodiscard]] DKDateEx AsDKDateEx(bool* ok = nullptr) const;
+  [[nodiscard]] DKTimeEx AsDKTimeEx(bool* ok = nullptr) const;
+  [[nodiscard]] DKDurationEx AsDKDurationEx(bool* ok = nullptr) const;
 
   // Text conversions. Code pages: 0 and 65001 (UTF-8), 1252 (Windows Western), 28591 (Latin-1).
   // AsMbString never fails: a character the code page lacks becomes '?'.
-  std::string AsMbString(unsigned int codePage) const;
-  std::string AsMbString(const DKSmartPtr<DKStringConverter>& converter) const;
-  std::string AsUTF8() const;
+  [[nodiscard]] std::string AsMbString(unsigned int codePage) const;
+  [[nodiscard]] std::string AsMbString(const DKSmartPtr<DKStringConverter>& converter) const;
+  [[nodiscard]] std::string AsUTF8() const;
   // Replaces the text by the decoded UTF-8; on invalid input the string is left unchanged.
   DKErrorID SetFromUTF8(const char* text, std::size_t length = npos);
   DKErrorID ConvertToUnicode(const char* text, unsigned int codePage);

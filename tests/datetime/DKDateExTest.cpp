@@ -188,7 +188,7 @@ TEST(DateExTest, Text) {
   EXPECT_TRUE(d.IsNull());
   EXPECT_THROW(DKDateEx(DKString(DK_T("10:20:30"))), DKDateExceptionEx);
   bool ok = true;
-  DKString(DK_T("1999/13/31")).AsDKDateEx(&ok);
+  EXPECT_TRUE(DKString(DK_T("1999/13/31")).AsDKDateEx(&ok).IsNull());
   EXPECT_FALSE(ok);
 }
 

@@ -170,7 +170,7 @@ TEST(DurationExTest, TheNeverHeldCountIsRefusedByEveryCalculation) {
     ExpectCountRefused(DKDate(1, 1, 2000), d, calendar);
     ExpectCountRefused(DKDateTime(946728000), d, true);
     ExpectCountRefused(DKTimeEx(), d, false); // nothing happens to the null time
-    EXPECT_THROW(-d, DKDurationExceptionEx);
+    EXPECT_THROW((void)-d, DKDurationExceptionEx);
     EXPECT_THROW(d * 1, DKDurationExceptionEx);
     EXPECT_THROW(d + DKDurationEx(0, unit), DKDurationExceptionEx);
   }
@@ -231,7 +231,7 @@ TEST(DurationExTest, ReadsUnitWords) {
   EXPECT_THROW(DKDurationEx().FromString(DK_T("-2147483648"), U::Day), DKDurationExceptionEx);
   EXPECT_THROW(DKDurationEx().FromString(DK_T("-99999999999 d"), U::Day), DKDurationExceptionEx);
   bool ok = true;
-  DKString(DK_T("3 parsecs")).AsDKDurationEx(&ok);
+  (void)DKString(DK_T("3 parsecs")).AsDKDurationEx(&ok);
   EXPECT_FALSE(ok);
 }
 
