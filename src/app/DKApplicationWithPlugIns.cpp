@@ -550,11 +550,13 @@ DKErrorID DKApplicationWithPlugIns::CheckDependents(const DKSmartPtrToConst<DKPl
   for (const DKPlugIn::PlugInIdEx& dependency : dependencies) {
     const DKSmartPtr<DKPlugIn> found = FindPlugIn(dependency.GetGuid());
     const DKString name = found ? SafeName(*found) : dependency.GetName();
-    const DKString label = (name.IsEmpty() ? DKString() : DK_T("<") + name + DK_T("> ")) + dependency.GetGuid().AsString();
+    const DKString label = name.IsEmpty() ? dependency.GetGuid().AsString()
+                                          : DKStrCat(DK_T("<"), name, DK_T("> "), dependency.GetGuid().AsString());
     if (!found)
-      return DKErrorID::FromText(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not loaded"));
+      return DKErrorID::FromText(DKStrCat(DK_T("<"), SafeName(*plugIn), DK_T("> needs "), label, DK_T(", which is not loaded")));
     if (requireInitialized && StatusOf(*found) == DKPlugIn::NotLoaded)
-      return DKErrorID::FromText(DK_T("<") + SafeName(*plugIn) + DK_T("> needs ") + label + DK_T(", which is not initialised"));
+      return DKErrorID::FromText(
+          DKStrCat(DK_T("<"), SafeName(*plugIn), DK_T("> needs "), label, DK_T(", which is not initialised")));
   }
   return DKErrorID();
 }
@@ -616,7 +618,7 @@ DKErrorID DKApplicationWithPlugIns::InitPlugIn(DKPlugIn& plugIn) {
   } else {
     if (!silent)
       GetCout(1) << "Failed." << std::endl;
-    PrintError(DK_T("<") + name + DK_T(">: ") + result.AsString());
+    PrintError(DKStrCat(DK_T("<"), name, DK_T(">: "), result.AsString()));
     NoteFailure(LoadFailure::PlugInNotInitialized, name, result);
   }
   return result;
@@ -743,7 +745,7 @@ int DKApplicationWithPlugIns::Run() {
       runnable->Run().IgnoreError(); // the run step's result is released unread
     } catch (const std::exception& e) {
       runnable->SetStatus(DKPlugIn::Finished);
-      PrintError(DK_T("<") + name + DK_T(">: ") + ExceptionText(e));
+      PrintError(DKStrCat(DK_T("<"), name, DK_T(">: "), ExceptionText(e)));
       m_runFailureReported = true;
       throw;
     } catch (...) {
@@ -783,7 +785,7 @@ void DKApplicationWithPlugIns::StartThreaded(DKThreadedRunPlugIn& plugIn) {
   }
   const DKErrorID started = Guarded(DK_T("DKThread::Start"), [&] { return thread->Start(0); });
   if (started.Bad()) {
-    PrintError(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + started.AsString());
+    PrintError(DKStrCat(DK_T("<"), SafeName(plugIn), DK_T(">: "), started.AsString()));
     return;
   }
   plugIn.WaitUntilStarted();
@@ -929,5 +931,5 @@ void DKApplicationWithPlugIns::UnloadAll() {
 void DKApplicationWithPlugIns::CloseModule(const Module& module) {
   std::string error;
   if (!DKModule::Close(module.handle, error))
-    PrintError(DKString(DK_T("Cannot unload ")) + module.path + DK_T(": ") + DKString::FromUTF8(error));
+    PrintError(DKStrCat(DK_T("Cannot unload "), module.path, DK_T(": "), error));
 }

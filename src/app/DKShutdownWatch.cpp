@@ -76,8 +76,8 @@ void ShutdownWatch::Watch() {
         break; // the application is past its waits
     } else if (stopping && std::chrono::steady_clock::now() - since >= m_gracePeriod) {
       for (const BusyPlugIn& busy : m_hooks.busy()) {
-        const DKString line = DK_T(">>>> Still waiting for <") + busy.name + DK_T("> to return from ") + busy.member +
-                              DK_T(". Another quit signal (Ctrl+C) ends the process.");
+        const DKString line = DKStrCat(DK_T(">>>> Still waiting for <"), busy.name, DK_T("> to return from "), busy.member,
+                                       DK_T(". Another quit signal (Ctrl+C) ends the process."));
         if (std::find(told.begin(), told.end(), line) == told.end()) {
           m_hooks.say(line);
           told.push_back(line);

@@ -18,7 +18,7 @@ struct DKUnitTest::Entry {
 
 namespace {
 
-DKString Quoted(const DKString& name) { return DK_T("<") + name + DK_T(">"); }
+DKString Quoted(const DKString& name) { return DKStrCat(DK_T("<"), name, DK_T(">")); }
 
 
 // A reason is printed on the test's one line.
@@ -133,7 +133,8 @@ DKErrorID DKUnitTest::AddTest(const DKString& name, VoidTest test) {
 }
 
 DKErrorID DKUnitTest::EmptyTest(const DKString& name) const {
-  return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("the test ") + Quoted(name) + DK_T(" of menu ") + Quoted(m_name) + DK_T(" is empty"));
+  return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT,
+                          DKStrCat(DK_T("the test "), Quoted(name), DK_T(" of menu "), Quoted(m_name), DK_T(" is empty")));
 }
 
 DKErrorID DKUnitTest::Add(const DKString& name, ErrorTest test) {
@@ -145,8 +146,8 @@ DKErrorID DKUnitTest::Add(const DKString& name, ErrorTest test) {
   std::lock_guard guard(m_lock);
   for (const auto& existing : m_entries)
     if (existing->name.IsEqual(name, DKString::IgnoreCase))
-      return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DK_T("menu ") + Quoted(m_name) + DK_T(" has an entry named ") + Quoted(existing->name) +
-                             DK_T(" already"));
+      return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, DKStrCat(DK_T("menu "), Quoted(m_name), DK_T(" has an entry named "),
+                                                                Quoted(existing->name), DK_T(" already")));
   m_entries.push_back(std::move(entry));
   return DKErrorID();
 }
@@ -158,8 +159,8 @@ DKUnitTest& DKUnitTest::AddMenu(const DKString& name) {
   for (const auto& existing : m_entries)
     if (existing->name.IsEqual(name, DKString::IgnoreCase)) {
       if (!existing->menu)
-        throw DKException(DK_T("Menu ") + Quoted(m_name) + DK_T(" has a test named ") + Quoted(existing->name) +
-                          DK_T(": it cannot open a sub-menu of that name"));
+        throw DKException(DKStrCat(DK_T("Menu "), Quoted(m_name), DK_T(" has a test named "), Quoted(existing->name),
+                                   DK_T(": it cannot open a sub-menu of that name")));
       return *existing->menu;
     }
   auto entry = std::make_shared<Entry>();

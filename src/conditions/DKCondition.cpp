@@ -530,8 +530,7 @@ bool DKCondition::AssignDKString(const DKString& value, bool post) {
 
 bool DKCondition::AssignDKDateTime(const DKDateTime& value, bool post) {
   m_valueKind = kindDateTime;
-  m_valueText = DKString(DK_T("TO_DATE('")) + value.AsString(dateTimeFormat) + DK_T("', '") + oracleDateTimeFormat +
-                DK_T("')");
+  m_valueText = DKStrCat(DK_T("TO_DATE('"), value.AsString(dateTimeFormat), DK_T("', '"), oracleDateTimeFormat, DK_T("')"));
   m_int64Value = static_cast<DKInt64>(value.GetTime_t());
   m_doubleValue = static_cast<double>(m_int64Value);
   m_regEx.Clear();
