@@ -52,6 +52,20 @@ std::chrono::steady_clock::duration DKSyncClampedDuration(const std::chrono::dur
 
 // Milliseconds left until a deadline, rounded up and within [0, INT_MAX].
 DK_EXPORT int DKSyncMillisecondsUntil(std::chrono::steady_clock::time_point deadline) noexcept;
+
+// The standard timed tries of a lockable class, over its TryLockUntil(steady deadline).
+template <class Lockable>
+class DKTimedTries {
+public:
+  template <class Rep, class Period>
+  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
+    return static_cast<Lockable*>(this)->TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
+  }
+  template <class Clock, class Duration>
+  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
+    return try_lock_for(deadline - Clock::now());
+  }
+};
 // The raw results of DKEventSemaphore::Wait.
 inline constexpr std::uint32_t DK_WAIT_OBJECT_0 = 0;
 inline constexpr std::uint32_t DK_WAIT_TIMEOUT = 258;
@@ -63,7 +77,7 @@ class DKEventImpl;
 // leave as many times as it entered. Unlocking a section the caller does not hold does nothing.
 // Entering a free section and leaving it cost one atomic operation each (inline); a thread that
 // finds the section held spins briefly, then sleeps until it is released.
-class DK_EXPORT DKCriticalSection {
+class DK_EXPORT DKCriticalSection : public DKTimedTries<DKCriticalSection> {
 public:
   // lockNow: enter the section at once.
   explicit DKCriticalSection(bool lockNow = false);
@@ -97,22 +111,15 @@ public:
   // Enters when the section is free or already held by the caller.
   bool TryLock() noexcept;
   bool try_lock() noexcept { return TryLock(); }
-  // Enters when the section becomes free within the time (waiting in growing steps of at
-  // most a millisecond: a section is meant to be held briefly).
-  template <class Rep, class Period>
-  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
-    return TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
-  }
-  template <class Clock, class Duration>
-  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
-    return try_lock_for(deadline - Clock::now());
-  }
+  // try_lock_for and try_lock_until enter when the section becomes free within the time
+  // (waiting in growing steps of at most a millisecond: a section is meant to be held briefly).
   // Whether the caller could enter now: 0 when another thread holds the section, otherwise the
   // recursion count the caller had while trying (1 when the section was free, more when the
   // caller already held it). A non-zero result does not mean the section is held by anyone.
   unsigned IsLocked();
 
 private:
+  friend class DKTimedTries<DKCriticalSection>;
   enum : std::uint32_t { Free = 0, Held = 1, HeldWaited = 2 };
   bool TryLockUntil(std::chrono::steady_clock::time_point deadline);
   void LockContended() noexcept;
@@ -129,7 +136,7 @@ private:
 // returns false and leaves the mutex free and usable. A mutex with a name is shared by every
 // process of the user that opens the same name; the last close destroys it.
 // Failures of the system throw DKWindowsLastErrorException.
-class DK_EXPORT DKMutex {
+class DK_EXPORT DKMutex : public DKTimedTries<DKMutex> {
 public:
   // The empty name: an unnamed mutex.
   static const DKString defaultValue;
@@ -158,15 +165,7 @@ public:
   // the mutex guards.
   void lock();
   bool try_lock() { return LockTakingOver(0); }
-  template <class Rep, class Period>
-  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
-    return try_lock_until(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
-  }
-  template <class Clock, class Duration>
-  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
-    return LockTakingOver(DKSyncMillisecondsUntil(std::chrono::steady_clock::now() +
-                                                  DKSyncClampedDuration(deadline - Clock::now())));
-  }
+  // try_lock_for and try_lock_until: the same, waiting at most that long.
   // Whether the holder's last successful standard lock took the mutex over from an owner that
   // ended while holding it. Meaningful to the holder only.
   bool WasAbandoned() const noexcept { return m_abandoned; }
@@ -174,7 +173,11 @@ public:
   void* GetHandle() const noexcept { return m_handle; }
 
 private:
+  friend class DKTimedTries<DKMutex>;
   bool LockTakingOver(int timeoutMs);
+  bool TryLockUntil(std::chrono::steady_clock::time_point deadline) {
+    return LockTakingOver(DKSyncMillisecondsUntil(deadline));
+  }
 
   DKMutexImpl* m_handle;
   bool m_abandoned = false;
@@ -233,7 +236,7 @@ private:
 
 // A counting semaphore built from a mutex: Lock waits, polling every 10 milliseconds, until the
 // count covers the request. Unlock beyond the maximum throws "DKCountingSemaphore overflow".
-class DK_EXPORT DKCountingSemaphore {
+class DK_EXPORT DKCountingSemaphore : public DKTimedTries<DKCountingSemaphore> {
 public:
   static constexpr std::uint32_t DefaultMaximum = 2147483647;
 
@@ -255,17 +258,10 @@ public:
   void Unlock(std::uint32_t n = 1);
   void post(std::uint32_t n = 1) { Unlock(n); }
 
-  // The standard forms, for one unit: a guard takes one unit and gives it back.
+  // The standard forms, for one unit: a guard takes one unit and gives it back (the timed tries
+  // poll every 10 milliseconds, as Lock does).
   void lock() { Lock(1); }
   bool try_lock() { return TryLock(1); }
-  template <class Rep, class Period>
-  bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
-    return TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
-  }
-  template <class Clock, class Duration>
-  bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
-    return try_lock_for(deadline - Clock::now());
-  }
   void unlock() { Unlock(1); }
 
   std::uint32_t GetCount();
@@ -273,6 +269,7 @@ public:
   std::uint32_t GetSize();
 
 private:
+  friend class DKTimedTries<DKCountingSemaphore>;
   bool TryLockUntil(std::chrono::steady_clock::time_point deadline);
 
   DKMutex m_mutex;

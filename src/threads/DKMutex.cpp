@@ -16,21 +16,16 @@ DKMutex::DKMutex(const DKString& name, bool initiallyOwned) {
 DKMutex::~DKMutex() { m_handle->Close(); }
 
 bool DKMutex::Lock(int timeoutMs) {
-  int error = 0;
-  switch (m_handle->Lock(timeoutMs, error)) {
-  case DKWaitStatus::Signalled:
-    return true;
-  case DKWaitStatus::Abandoned:
+  if (!LockTakingOver(timeoutMs))
+    return false;
+  if (m_abandoned) {
     // The previous owner died holding it. Whoever sees false does not hold the mutex, so the
     // repaired mutex is given back rather than kept by a caller that believes it failed.
-    m_handle->Unlock();
+    m_abandoned = false;
+    Unlock();
     return false;
-  case DKWaitStatus::TimedOut:
-    return false;
-  case DKWaitStatus::Failed:
-    break;
   }
-  DKThrowSystemError(error);
+  return true;
 }
 
 void DKMutex::obtain() {
