@@ -95,6 +95,9 @@ private:
   // Days from 1 March of year 0 (day 1) on the Gregorian calendar.
   static long JulianDay(unsigned short day, unsigned short month, unsigned short year) noexcept;
   void MoveDays(DKInt64 days);
+  // Takes the date of a variant read into a DKDateEx (null stays null).
+  template <class Variant>
+  bool FromVariantDate(const Variant& value) noexcept;
   // Years, months, weeks and days move the date; clock units leave it.
   void AddOrSubstract(const DKDurationEx& duration, bool add);
 

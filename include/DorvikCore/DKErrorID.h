@@ -86,3 +86,21 @@ public:
 private:
   DKSmartPtrToConst<DKErrorI> m_error;
 };
+
+// The library's own message set, held by the library's in-memory message source
+// (DKGetLibraryMessageSource in DKMessageSource.h). The comment is the message text.
+enum DKLibraryMessage : long {
+  DK_MSG_UNSPECIFIED = 1,          // "Unspecified failure"
+  DK_MSG_INVALID_ARGUMENT = 2,     // "Invalid argument: %0:s"
+  DK_MSG_INVALID_UTF8 = 3,         // "Invalid UTF-8 sequence at byte %0:d"
+  DK_MSG_UNKNOWN_CODE_PAGE = 4,    // "Unknown code page %0:d"
+  DK_MSG_UNMAPPABLE_CHARACTER = 5, // "Character at position %0:d has no form in code page %1:d"
+  DK_MSG_INVALID_UTF16 = 6,        // "Unpaired surrogate at position %0:d"
+  DK_MSG_SYSTEM_ERROR = 7,         // "System error %0:d: %1:s"
+  DK_MSG_TEXT_TOO_LONG = 8,        // "Text too long: %0:d code units"
+  DK_MSG_INVALID_DATE = 9,         // "Invalid date: %0:s"
+  DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
+  DK_MSG_UNKNOWN_MESSAGE = 11,     // "Unknown message %0:d" (a message source lacks the code)
+  DK_MSG_INVALID_REGEX = 12,       // "Invalid regular expression \"%0:s\" at position %1:d: %2:s"
+  DK_MSG_LAST = DK_MSG_INVALID_REGEX, // the highest code of the set
+};

@@ -1,7 +1,7 @@
 // String converters: between DKString (UTF-16) and narrow text in one code page.
 #pragma once
 
-#include <DorvikCore/DKError.h>
+#include <DorvikCore/DKErrorID.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 

@@ -7,8 +7,6 @@
 #include <exception>
 #include <mutex>
 
-DKObjectI::~DKObjectI() = default;
-
 DKString DKPlugIn::PlugInIdEx::AsString() const {
   return m_name.IsEmpty() ? m_guid.AsString() : m_name + DK_T(" ") + m_guid.AsString();
 }

@@ -3,7 +3,6 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKApplication.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKApplicationWithPlugIns.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKGuid.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/DKLog.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKObjectFactory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugIn.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKShutdownWatch.cpp

@@ -2,6 +2,7 @@
 #include <DorvikCore/DKDate.h>
 #include <DorvikCore/DKDateExceptions.h>
 
+#include "os/DKVariant.h"
 #include "datetime/DKCalendar.h"
 #include "datetime/DKDateTimeText.h"
 #include "datetime/DKValueOps.h"
@@ -240,7 +241,8 @@ bool DKDate::FromFileTime(const dk::FILETIME& time, const DKTimeZone& zone) noex
   return date.FromFileTime(time, zone) && SetDate(date.GetDay(), date.GetMonth(), date.GetYear());
 }
 
-bool DKDate::FromVariant(const dk::VARIANT& value) noexcept {
+template <class Variant>
+bool DKDate::FromVariantDate(const Variant& value) noexcept {
   DKDateEx date;
   if (!date.FromVariant(value))
     return false;
@@ -251,12 +253,9 @@ bool DKDate::FromVariant(const dk::VARIANT& value) noexcept {
   return SetDate(date.GetDay(), date.GetMonth(), date.GetYear());
 }
 
-bool DKDate::FromVariant(double value) noexcept {
-  dk::VARIANT variant{};
-  variant.vt = dk::VT_DATE;
-  variant.date = value;
-  return FromVariant(variant);
-}
+bool DKDate::FromVariant(const dk::VARIANT& value) noexcept { return FromVariantDate(value); }
+
+bool DKDate::FromVariant(double value) noexcept { return FromVariantDate(value); }
 
 bool DKDate::FromDKDateTime(const DKDateTime& time, const DKTimeZone& zone) noexcept {
   DKDateEx date;
@@ -305,7 +304,7 @@ bool DKDate::AsFileTime(dk::FILETIME& time, const DKTimeZone& zone) const noexce
 bool DKDate::AsVariant(dk::VARIANT& value) const noexcept {
   DKDateEx date;
   if (IsNull()) {
-    value.vt = dk::VT_NULL;
+    DKVariant::SetNull(value);
     return true;
   }
   return AsDKDateEx(date) && date.AsVariant(value);

@@ -3,6 +3,7 @@
 #include <DorvikCore/DKDateEx.h>
 #include <DorvikCore/DKDateExceptions.h>
 
+#include "os/DKVariant.h"
 #include "datetime/DKCalendar.h"
 #include "datetime/DKDateTimeText.h"
 #include "datetime/DKValueOps.h"
@@ -188,15 +189,14 @@ bool DKDateEx::AsFileTime(dk::FILETIME& time, const DKTimeZone& zone) const noex
 
 bool DKDateEx::AsVariant(dk::VARIANT& value) const noexcept {
   if (IsNull()) {
-    value.vt = dk::VT_NULL;
+    DKVariant::SetNull(value);
     return true;
   }
   dk::SYSTEMTIME record;
   double date = 0;
   if (!IsValid() || GetYear() < 1601 || GetYear() > 9999 || !AsSystemTime(record) || !DKSystemTimeToVariantTime(record, date))
     return false;
-  value.vt = dk::VT_DATE;
-  value.date = date;
+  DKVariant::SetDate(value, date);
   return true;
 }
 
@@ -405,14 +405,13 @@ bool DKTimeEx::AsFileTime(dk::FILETIME& time) const noexcept {
 
 bool DKTimeEx::AsVariant(dk::VARIANT& value) const noexcept {
   if (IsNull()) {
-    value.vt = dk::VT_NULL;
+    DKVariant::SetNull(value);
     return true;
   }
   double date = 0;
   if (!IsValid() || !DKSystemTimeToVariantTime(OriginRecord(*this), date))
     return false;
-  value.vt = dk::VT_DATE;
-  value.date = date;
+  DKVariant::SetDate(value, date);
   return true;
 }
 

@@ -3,6 +3,7 @@
 #include <DorvikCore/DKDateEx.h>
 #include <DorvikCore/DKDateExceptions.h>
 
+#include "os/DKVariant.h"
 #include "datetime/DKCalendar.h"
 #include "datetime/DKDateTimeText.h"
 #include "datetime/DKValueOps.h"
@@ -320,7 +321,7 @@ bool DKDateTimeEx::FromVariant(double value, const DKTimeZone& zone) noexcept {
 
 bool DKDateTimeEx::AsVariant(dk::VARIANT& value, const DKTimeZone& zone) const noexcept {
   if (IsNull()) {
-    value.vt = dk::VT_NULL;
+    DKVariant::SetNull(value);
     return true;
   }
   if (!IsValid())
@@ -333,8 +334,7 @@ bool DKDateTimeEx::AsVariant(dk::VARIANT& value, const DKTimeZone& zone) const n
   double date = 0;
   if (!AsSystemTime(record, zone) || record.wYear < 1601 || record.wYear > 9999 || !DKSystemTimeToVariantTime(record, date))
     return false;
-  value.vt = dk::VT_DATE;
-  value.date = date;
+  DKVariant::SetDate(value, date);
   return true;
 }
 

@@ -6,7 +6,7 @@
 #include <DorvikCore/DKSystemTime.h>
 
 #include "datetime/DKDateTimeText.h"
-#include "datetime/DKVariantRecord.h"
+#include "os/DKVariant.h"
 
 #include <istream>
 #include <ostream>
@@ -46,11 +46,11 @@ std::istream& ReadValue(std::istream& is, T& value) {
 // (with the zone, for a class that takes one); other types are refused.
 template <class T, class... Zone>
 bool FromVariantRecord(T& value, const dk::VARIANT& variant, const Zone&... zone) noexcept {
-  switch (variant.vt) {
+  switch (DKVariant::Type(variant)) {
   case dk::VT_NULL:
   case dk::VT_EMPTY: value.SetNull(); return true;
-  case dk::VT_DATE: return value.FromVariant(variant.date, zone...);
-  case dk::VT_R8: return value.FromVariant(variant.dblVal, zone...);
+  case dk::VT_DATE:
+  case dk::VT_R8: return value.FromVariant(DKVariant::Number(variant), zone...);
   default: return false;
   }
 }

@@ -1,6 +1,8 @@
 // The library's own messages, compiled in.
 #include <DorvikCore/DKMessageSource.h>
 
+#include "text/DKTextErrors.h"
+
 DKSmartPtr<DKMessageSource> DKGetLibraryMessageSource() {
   // Created once and never destroyed, so errors built while the process shuts down (static
   // destructors) still find their text.
@@ -28,3 +30,18 @@ DKSmartPtr<DKMessageSource> DKGetLibraryMessageSource() {
 DKSmartPtr<DKErrorWithArgs> DKLibraryError(long code, DKErrorI::Severity severity) {
   return DKSmartPtr<DKErrorWithArgs>(new DKErrorWithArgs(DKGetLibraryMessageSource(), code, severity));
 }
+
+namespace {
+
+// The text layer's errors are the library's messages with long parameters.
+DKErrorID MakeTextError(long code, const long* params, std::size_t count) {
+  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(code);
+  for (std::size_t i = 0; i < count; ++i)
+    error->AddParam(params[i]);
+  return DKErrorID(error);
+}
+
+// Registered while the library loads, before any code outside it runs.
+[[maybe_unused]] const bool g_textErrorsRegistered = (DKSetTextErrorFactory(&MakeTextError), true);
+
+} // namespace

@@ -1,9 +1,7 @@
 target_sources(DorvikCore PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}/DKRefCount.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKDouble.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKError.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKMessageSource.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKLibraryMessages.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKException.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/DKConsole.cpp
 )

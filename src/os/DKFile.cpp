@@ -1,7 +1,6 @@
 // Whole-file reading and writing built on the platform's FileImpl.
 #include "os/DKFile.h"
 
-#include <DorvikCore/DKError.h>
 
 #include "os/DKFileSystem.h"
 #include "os/DKProcess.h"

@@ -2,7 +2,6 @@
 #include "os/DKProcess.h"
 #include "os/DKSystem.h"
 
-#include <DorvikCore/DKError.h>
 #include <DorvikCore/DKFormat.h>
 
 namespace {

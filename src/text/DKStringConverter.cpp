@@ -1,5 +1,6 @@
 #include <DorvikCore/DKStringConverter.h>
 
+#include "text/DKTextErrors.h"
 #include "text/DKUtf.h"
 
 #include <algorithm>
@@ -7,10 +8,10 @@
 
 namespace {
 
-DKErrorID LibraryError(DKLibraryMessage code, std::size_t param) { return DKLibraryErrorID(code, static_cast<long>(param)); }
+DKErrorID LibraryError(DKLibraryMessage code, std::size_t param) { return DKTextError(code, {static_cast<long>(param)}); }
 
 DKErrorID UnmappableError(std::size_t position, unsigned int codePage) {
-  return DKLibraryErrorID(DK_MSG_UNMAPPABLE_CHARACTER, static_cast<long>(position), static_cast<long>(codePage));
+  return DKTextError(DK_MSG_UNMAPPABLE_CHARACTER, {static_cast<long>(position), static_cast<long>(codePage)});
 }
 
 // Room left in out before the longest text a DKString holds.

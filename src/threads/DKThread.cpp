@@ -14,8 +14,6 @@
 #include "threads/DKSyncCommon.h"
 #include "threads/DKThreadImpl.h"
 
-#include <cxxabi.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -142,14 +140,17 @@ bool RunGuarded(const DKSmartPtr<DKCallback> callback) {
     if (callback)
       callback->Call();
     return true;
-  } catch (const abi::__forced_unwind&) {
-    throw; // the thread is being cancelled: that unwinding must go on
-  } catch (DKException& e) {
-    e.LogInErrorFile();
-  } catch (const std::exception& e) {
-    if (GlbGetTraceLevel() != 0)
-      DKLockedCOUT() << "std::exception: " << e.what() << std::endl;
   } catch (...) {
+    DKThreadImpl::RethrowIfCancellation(); // a cancelled thread's unwinding must go on
+    try {
+      throw;
+    } catch (DKException& e) {
+      e.LogInErrorFile();
+    } catch (const std::exception& e) {
+      if (GlbGetTraceLevel() != 0)
+        DKLockedCOUT() << "std::exception: " << e.what() << std::endl;
+    } catch (...) {
+    }
   }
   return false;
 }

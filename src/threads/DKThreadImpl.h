@@ -54,6 +54,10 @@ public:
   // The wall clock now, 100-nanosecond units since 1970-01-01 UTC.
   static std::int64_t WallClockNow100ns() noexcept;
 
+  // Called in a catch (...) block: rethrows the exception when it is the system's own
+  // unwinding of a cancelled thread, which must not be swallowed; returns otherwise.
+  static void RethrowIfCancellation();
+
   // Thread-local slots.
   static bool AllocateKey(std::uint32_t& key, int& error) noexcept;
   static void ReleaseKey(std::uint32_t key) noexcept;

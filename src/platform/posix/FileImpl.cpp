@@ -1,7 +1,6 @@
 // POSIX implementation of the file primitives (os/DKFile.h).
 #include "os/DKFile.h"
 
-#include <DorvikCore/DKError.h>
 
 #include <errno.h>
 #include <fcntl.h>

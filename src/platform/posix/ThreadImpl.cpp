@@ -17,6 +17,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cxxabi.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -363,6 +365,15 @@ bool DKThreadImpl::GetTimes(std::uint32_t id, DKThreadTimes& times) noexcept {
 }
 
 std::int64_t DKThreadImpl::WallClockNow100ns() noexcept { return Clock100ns(CLOCK_REALTIME); }
+
+void DKThreadImpl::RethrowIfCancellation() {
+  try {
+    throw;
+  } catch (const abi::__forced_unwind&) {
+    throw; // pthread_cancel and pthread_exit unwind the thread with this exception
+  } catch (...) {
+  }
+}
 
 bool DKThreadImpl::AllocateKey(std::uint32_t& key, int& error) noexcept {
   pthread_key_t created;

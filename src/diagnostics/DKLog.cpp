@@ -1,6 +1,5 @@
 // The log manager, its console and file subscribers, and the log streams.
 #include <DorvikCore/DKConsole.h>
-#include <DorvikCore/DKError.h>
 #include <DorvikCore/DKLog.h>
 
 #include <DorvikCore/DKFormat.h>
