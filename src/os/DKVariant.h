@@ -3,7 +3,7 @@
 // elsewhere it is the library's stand-in.
 #pragma once
 
-#include <DorvikCore/DKSystemTime.h>
+#include <DorvikCore/DKSystemRecords.h>
 
 namespace DKVariant {
 
