@@ -43,7 +43,9 @@ public:
   virtual void LogInErrorFile(LogOpt option = LogOnce);
 
   const DKString& Stack() const noexcept { return m_stack; }
-  // The whole message, marker and both texts included.
+  // The whole message, marker and both texts included. (A Windows program that includes
+  // <windows.h> first sees the system's GetMessage macro rename this inline member, and its
+  // calls alike: keep the order of those includes the same in every file.)
   const DKString& GetMessage() const noexcept { return m_message; }
   bool IsLogged() const noexcept { return m_logged; }
 

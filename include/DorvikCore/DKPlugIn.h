@@ -115,7 +115,8 @@ public:
   // Releases what Init took; called on the main thread before the module is closed.
   virtual void Unload();
 
-  // The module the plug-in came from; null for a plug-in made in code.
+  // The module the plug-in came from; null for a plug-in made in code. (After <windows.h> the
+  // system's GetModuleHandle macro renames this inline member and its calls alike.)
   void* GetModuleHandle() const noexcept { return m_module; }
 
 protected:

@@ -331,8 +331,8 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
 
   // Modules find their own files relative to their directory while they load.
   std::string previousDirectory;
-  const bool moved = DKEnvironment::GetCurrentDirectory(previousDirectory) &&
-                     DKEnvironment::SetCurrentDirectory(searchDirectory.AsUTF8());
+  const bool moved = DKEnvironment::CurrentDirectory(previousDirectory) &&
+                     DKEnvironment::ChangeDirectory(searchDirectory.AsUTF8());
   DKErrorID result = DKErrorID::FromText(DKString(DK_T("No plug-in could be loaded from ")) + directory);
   bool anyLoaded = false;
   for (const DKString& module : modules) {
@@ -347,7 +347,7 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
     }
   }
   if (moved)
-    DKEnvironment::SetCurrentDirectory(previousDirectory);
+    DKEnvironment::ChangeDirectory(previousDirectory);
   if (anyLoaded && !(stopOnError && result.Bad()))
     return DKErrorID();
   return result;

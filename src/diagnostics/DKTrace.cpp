@@ -250,23 +250,23 @@ void DKTrace::InitTracing(bool calledFromSetTraceSubjects) {
   DKString value;
   {
     std::lock_guard guard(s.levelLock);
-    if (!s.InitTraceLevelDone && DKProcess::GetEnvironmentVariable("DK_TRACE_LEVEL", value)) {
+    if (!s.InitTraceLevelDone && DKProcess::EnvironmentVariable("DK_TRACE_LEVEL", value)) {
       s.InitTraceLevelDone = true;
       CurrTraceLevel.store(value.AsInt() | TL_NORMAL, std::memory_order_relaxed);
     }
   }
   {
     std::lock_guard guard(s.delimLock);
-    if (!s.InitTraceDelimDone && DKProcess::GetEnvironmentVariable("DK_TRACE_DELIM", value))
+    if (!s.InitTraceDelimDone && DKProcess::EnvironmentVariable("DK_TRACE_DELIM", value))
       SetTraceDelim(value.AsInt());
   }
   {
     std::lock_guard guard(s.folderLock);
     if (!s.InitTraceFolderDone)
-      SetTraceFolderName(DKProcess::GetEnvironmentVariable("DK_TRACE_FOLDER", value) ? value.c_str() : nullptr);
+      SetTraceFolderName(DKProcess::EnvironmentVariable("DK_TRACE_FOLDER", value) ? value.c_str() : nullptr);
   }
   if (!calledFromSetTraceSubjects && !s.InitTraceSubjectsDone)
-    SetTraceSubjects(DKProcess::GetEnvironmentVariable("DK_TRACE", value) ? value.c_str() : nullptr);
+    SetTraceSubjects(DKProcess::EnvironmentVariable("DK_TRACE", value) ? value.c_str() : nullptr);
 }
 
 // ---- Setters --------------------------------------------------------------------------------
