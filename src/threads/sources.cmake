@@ -5,4 +5,6 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKSemaphore.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKThread.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKThreadInfo.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKThreadPool.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKTimer.cpp
 )
