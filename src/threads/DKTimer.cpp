@@ -7,9 +7,11 @@
 //
 // Each arming has a generation: Start and Cancel move it on, and a firing handed to a pool or to
 // the main thread runs its callback only while its generation is still the entry's. "pending"
-// marks such a firing on its way, "running" a callback under way (whatever its generation): a
-// due time that finds either skips its firing, which is what keeps an overrunning timer from
-// piling up callbacks.
+// marks such a firing on its way, "running" a callback under way. A due time that finds the
+// previous firing of the same arming pending or running is skipped, which keeps an overrunning
+// timer from piling up callbacks; one that finds a callback of an earlier arming still running
+// (a callback that re-armed its own timer) is deferred until that callback returns, so that a
+// callback never runs twice at once and a new arming is never lost.
 #include <DorvikCore/DKTimer.h>
 
 #include <DorvikCore/DKConsole.h>
@@ -71,8 +73,11 @@ public:
   Clock::time_point due{};
   Clock::duration period{};
   std::uint64_t generation = 0;
-  bool pending = false; // a firing of this generation is on its way to its thread
-  bool running = false; // a callback runs
+  bool armed = false;    // a firing is still to come
+  bool pending = false;  // a firing of this generation is on its way to its thread
+  bool running = false;  // a callback runs
+  bool deferred = false; // due, waiting for the callback of an earlier arming to return
+  std::uint64_t runningGeneration = 0;
   std::thread::id runner;
   std::uint64_t fired = 0;
   std::uint64_t skipped = 0;
@@ -113,6 +118,7 @@ public:
     entry.fired = 0;
     entry.skipped = 0;
     entry.number = 0;
+    SetArmed(entry, true);
     Push(entry);
     const bool first = entry.heapIndex == 0;
     const bool start = !m_thread;
@@ -136,7 +142,7 @@ public:
 
   // Disarms under the lock; waits (releasing it) while the callback runs on another thread.
   bool Cancel(DKTimerEntry& entry, std::unique_lock<DKCriticalSection>& guard) {
-    const bool wasArmed = entry.heapIndex != kNotInHeap || entry.pending;
+    const bool wasArmed = entry.armed;
     Disarm(entry);
     while (entry.running && entry.runner != std::this_thread::get_id())
       m_callbackEnded.Wait(guard, DK_INFINITE);
@@ -145,7 +151,7 @@ public:
 
   std::size_t ArmedCount() {
     std::lock_guard<DKCriticalSection> guard(lock);
-    return m_heap.size();
+    return m_armed;
   }
   bool MainThreadArmed() {
     std::lock_guard<DKCriticalSection> guard(lock);
@@ -158,7 +164,9 @@ public:
     std::unique_lock<DKCriticalSection> guard(lock);
     if (entry.generation != generation)
       return;
-    SetPending(entry, false);
+    entry.pending = false;
+    if (entry.period == Clock::duration::zero())
+      SetArmed(entry, false); // the one-shot's firing has come
     RunCallback(entry, firing, guard);
   }
 
@@ -187,7 +195,9 @@ private:
   // Off the heap, with any firing on its way dropped. Under the lock.
   void Disarm(DKTimerEntry& entry) {
     ++entry.generation;
-    SetPending(entry, false);
+    SetArmed(entry, false);
+    entry.pending = false;
+    entry.deferred = false;
     if (entry.heapIndex != kNotInHeap)
       Remove(entry);
   }
@@ -198,6 +208,7 @@ private:
     if (!callback)
       return;
     entry.running = true;
+    entry.runningGeneration = entry.generation;
     entry.runner = std::this_thread::get_id();
     ++entry.fired;
     guard.unlock();
@@ -210,6 +221,11 @@ private:
     entry.running = false;
     entry.runner = std::thread::id();
     m_callbackEnded.WakeAll();
+    if (entry.deferred) { // its firing came while this callback ran: now it may go
+      entry.deferred = false;
+      Push(entry);
+      m_wake.WakeAll();
+    }
   }
 
   void Run() {
@@ -247,17 +263,26 @@ private:
   // The entry is due and off the heap. Under the lock (released while an inline callback runs).
   void Fire(DKTimerEntry& entry, Clock::time_point now, std::unique_lock<DKCriticalSection>& guard) {
     const bool periodic = entry.period > Clock::duration::zero();
-    if (entry.pending || entry.running) { // the previous firing is not over: skip this one
+    if (entry.pending || (entry.running && entry.runningGeneration == entry.generation)) {
+      // The previous firing of this arming is not over: skip this one.
       ++entry.skipped;
       if (periodic) {
         Advance(entry, now);
         Push(entry);
+      } else {
+        SetArmed(entry, false);
       }
+      return;
+    }
+    if (entry.running) { // a callback of an earlier arming: fire once it returns
+      entry.deferred = true;
       return;
     }
     const DKTimerFiring firing{entry.due, ++entry.number, entry.skipped};
     const std::uint64_t generation = entry.generation;
     if (entry.target == DKTimerTarget::TimerThread) {
+      if (!periodic)
+        SetArmed(entry, false);
       RunCallback(entry, firing, guard);
       // Back on the grid after the callback, unless it re-armed or cancelled its timer.
       if (periodic && entry.generation == generation && entry.heapIndex == kNotInHeap) {
@@ -270,7 +295,7 @@ private:
       Advance(entry, now);
       Push(entry);
     }
-    SetPending(entry, true);
+    entry.pending = true;
     DKSmartPtr<DKTimerEntry> held(&entry);
     DKSmartPtr<DKCallback> deliver =
         DKMakeCallback([held, generation, firing] { Get().RunFiring(*held, generation, firing); });
@@ -279,17 +304,23 @@ private:
       return;
     }
     DKThreadPool& pool = entry.pool ? *entry.pool : DKThreadPool::GetDefault();
-    if (pool.Post(deliver).Bad()) {
-      SetPending(entry, false);
+    if (pool.Post(deliver).Bad()) { // a full or shut-down pool: this firing is skipped
+      entry.pending = false;
+      --entry.number;
       ++entry.skipped;
+      if (!periodic)
+        SetArmed(entry, false);
     }
   }
 
-  // Main-thread entries on the heap or with a firing on its way keep the run loop going.
-  void SetPending(DKTimerEntry& entry, bool pending) {
-    if (entry.pending != pending && entry.target == DKTimerTarget::MainThread)
-      m_mainThreadArmed += pending ? 1 : -1;
-    entry.pending = pending;
+  // Armed main-thread timers keep the run loop going.
+  void SetArmed(DKTimerEntry& entry, bool armed) {
+    if (entry.armed == armed)
+      return;
+    m_armed += armed ? 1 : -1;
+    if (entry.target == DKTimerTarget::MainThread)
+      m_mainThreadArmed += armed ? 1 : -1;
+    entry.armed = armed;
   }
 
   void Push(DKTimerEntry& entry) {
@@ -298,8 +329,6 @@ private:
     entry.heapIndex = m_heap.size();
     m_heap.push_back(&entry);
     Up(entry.heapIndex);
-    if (entry.target == DKTimerTarget::MainThread)
-      ++m_mainThreadArmed;
   }
 
   void Remove(DKTimerEntry& entry) {
@@ -316,8 +345,6 @@ private:
       m_heap.pop_back();
     }
     entry.heapIndex = kNotInHeap;
-    if (entry.target == DKTimerTarget::MainThread)
-      --m_mainThreadArmed;
     entry.Release(); // the heap's; the caller still holds one
   }
 
@@ -357,7 +384,8 @@ private:
 
   std::vector<DKTimerEntry*> m_heap; // each holds a reference
   std::uint64_t m_order = 0;
-  long m_mainThreadArmed = 0; // main-thread entries on the heap or with a firing on its way
+  std::size_t m_armed = 0;
+  std::size_t m_mainThreadArmed = 0; // armed main-thread timers
   bool m_stopped = false;
   DKSmartPtr<DKThread> m_thread;
   DKWaitPoint m_wake;          // the timer thread: a new first entry, or the stop
@@ -391,7 +419,7 @@ DKErrorID DKTimer::SetCallback(const DKSmartPtr<DKCallback>& callback, DKTimerTa
   DKSmartPtr<DKCallback> old;
   TimerService& service = TimerService::Get();
   std::lock_guard<DKCriticalSection> guard(service.lock);
-  if (m_entry->heapIndex != kNotInHeap || m_entry->pending)
+  if (m_entry->armed)
     return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "DKTimer::SetCallback: the timer is armed");
   old = std::move(m_entry->callback);
   m_entry->callback = callback;
@@ -423,7 +451,7 @@ bool DKTimer::Cancel() {
 bool DKTimer::IsArmed() const {
   TimerService& service = TimerService::Get();
   std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->heapIndex != kNotInHeap || m_entry->pending;
+  return m_entry->armed;
 }
 
 DKTimer::Clock::time_point DKTimer::GetNextDue() const {
