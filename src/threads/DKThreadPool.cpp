@@ -81,8 +81,7 @@ public:
   struct Worker {
     DKSmartPtr<DKThread> thread;
     DKWaitPoint wake;
-    bool woken = false;            // taken off the idle stack by Enqueue or Shutdown
-    DKPoolTask* current = nullptr; // the task it runs
+    bool woken = false; // taken off the idle stack by Enqueue or Shutdown
   };
 
   DKThreadPoolOptions options;
@@ -97,6 +96,7 @@ public:
   std::vector<Worker*> idle; // a stack: the last to go idle is woken first
   unsigned threads = 0;      // running or starting
   bool accepting = true;
+  std::atomic<bool> cancelling{false}; // Shutdown(Cancel): the running tasks are asked to stop
   int roomWaiters = 0;
   DKWaitPoint room;  // woken when a full queue gets room, and at shutdown
   DKWaitPoint ended; // woken when a thread ends
@@ -256,14 +256,12 @@ void DKThreadPoolCore::Run(Worker* worker) {
   for (;;) {
     if (count > 0) {
       DKPoolTask* task = Pop();
-      worker->current = task;
       const bool wakeRoom = roomWaiters > 0;
       guard.unlock();
       if (wakeRoom)
         room.WakeAll();
       RunTask(task);
       guard.lock();
-      worker->current = nullptr;
       continue;
     }
     if (!accepting)
@@ -337,9 +335,7 @@ bool DKThreadPoolCore::Shutdown(DKThreadPool::ShutdownMode mode, int timeoutMs) 
     if (mode == DKThreadPool::Cancel) {
       while (count > 0)
         cancelled.push_back(Pop());
-      for (const auto& worker : workers)
-        if (worker->current)
-          worker->current->m_stopRequested.store(true, std::memory_order_release);
+      cancelling.store(true, std::memory_order_release);
     }
     for (Worker* worker : idle)
       worker->woken = true;
@@ -434,7 +430,9 @@ bool DKThreadPool::IsShutDown() const noexcept {
   return !m_core->accepting;
 }
 
-bool DKThreadPool::IsStopRequested() noexcept { return t_task && t_task->IsStopRequested(); }
+bool DKThreadPool::IsStopRequested() noexcept {
+  return t_task && (t_task->IsStopRequested() || t_pool->cancelling.load(std::memory_order_acquire));
+}
 
 bool DKThreadPool::IsPoolThread() const noexcept { return t_pool == m_core; }
 
