@@ -26,6 +26,7 @@
 #include <DorvikCore/DKGuid.h>
 #include <DorvikCore/DKLog.h>
 #include <DorvikCore/DKPlugIn.h>
+#include <DorvikCore/DKProgress.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKUsageInfo.h>
@@ -33,6 +34,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -188,6 +190,14 @@ public:
   DKErrorID LoadPlugInsFromDirectory(const DKString& directory, const DKString& extension, const char* entryName,
                                      bool stopOnError);
 
+  // The progress of the last LoadPlugInsFromDirectory: two steps, loading the modules and
+  // initialising the new plug-ins, each a child counter while it runs (a GetDLLPlugInsFromDirectory
+  // of its own has a counter of its modules alone). Null before any; any thread may read it
+  // while the plug-ins load. From ProgressModuleCount modules on, the loading also writes its
+  // progress through the application's channel: a line every two seconds and one at the end.
+  DKSmartPtr<DKProgress> GetLoadProgress() const;
+  static constexpr std::size_t ProgressModuleCount = 8;
+
   // The loaded plug-in with that GUID; null when none.
   DKSmartPtr<DKPlugIn> FindPlugIn(const DKGuid& guid) const;
   // In order of addition.
@@ -254,4 +264,8 @@ private:
   void* m_signalToken = nullptr;
   bool m_runFailureReported = false; // Run reported the exception it lets through
   std::atomic<bool> m_exitRequested{false};
+  // A step of the load under way (a child of its counter), or the counter of a load of its own.
+  DKSmartPtr<DKProgress> LoadStep(const DKString& label, std::size_t count);
+  mutable std::mutex m_loadProgressLock;
+  DKSmartPtr<DKProgress> m_loadProgress;
 };

@@ -6,5 +6,6 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKLog.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKObjectFactory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugIn.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKPlugInLoadProgress.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKUnitTest.cpp
 )
