@@ -9,7 +9,8 @@
 // starts a new one up to the maximum, and a thread idle for longer than the idle timeout ends
 // while the pool has more than the minimum. Tasks wait in one queue, first in first out, of a
 // bounded capacity: Submit refuses a task when the queue is full (DK_MSG_QUEUE_FULL) or the
-// pool is shut down (DK_MSG_SHUT_DOWN); the refused task never runs and its ticket says why.
+// pool is shut down (DK_MSG_SHUT_DOWN); the refused task never runs and its ticket says why. A
+// task cancelled while queued gives its room back, at the latest when the room is needed.
 //
 // A task is a callable returning void or DKErrorID, or a DKSmartPtr<DKCallback>. Its ticket
 // waits for it (with a timeout), cancels it while it is still queued, asks it to stop once it

@@ -293,6 +293,7 @@ DKErrorID DKProgressConsole::Start(int periodMs) {
     std::lock_guard<std::mutex> guard(m_drawLock);
     m_stopped = false;
   }
+  m_progress->Sample(); // the first reading: the first drawing can tell a rate
   if (!m_timer)
     m_timer = std::make_unique<DKTimer>(DKMakeCallback([this] { DrawNow(false); }));
   return m_timer->Start(period, period);

@@ -26,6 +26,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -106,6 +107,7 @@ private:
   void RunTask(DKPoolTask* task);
   DKPoolTask* Pop();
   bool Push(DKPoolTask* task);
+  void DropCancelled(std::vector<DKPoolTask*>& dropped);
   DKErrorID StartWorker();
   DKErrorID Refuse(DKPoolTask& task, DKErrorID reason);
 };
@@ -160,6 +162,21 @@ DKPoolTask* DKThreadPoolCore::Pop() {
   return task;
 }
 
+// Takes the tasks cancelled while they waited out of the queue, keeping the order of the others.
+void DKThreadPoolCore::DropCancelled(std::vector<DKPoolTask*>& dropped) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    DKPoolTask*& slot = ring[(head + i) % ring.size()];
+    DKPoolTask* task = std::exchange(slot, nullptr);
+    if (task->m_status.load(std::memory_order_acquire) == kQueued)
+      ring[(head + kept++) % ring.size()] = task;
+    else
+      dropped.push_back(task);
+  }
+  count = kept;
+  queued.store(count, std::memory_order_relaxed);
+}
+
 DKErrorID DKThreadPoolCore::Refuse(DKPoolTask& task, DKErrorID reason) {
   task.m_result = reason;
   int expected = kQueued;
@@ -172,6 +189,14 @@ DKErrorID DKThreadPoolCore::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool wit
   task->m_hasTicket = withTicket;
   Worker* toWake = nullptr;
   bool startThread = false;
+  std::vector<DKPoolTask*> dropped;
+  struct Release { // the dropped tasks go once the lock is released: their callables are the user's
+    std::vector<DKPoolTask*>& tasks;
+    ~Release() {
+      for (DKPoolTask* task : tasks)
+        task->Release();
+    }
+  } release{dropped};
   {
     std::unique_lock<DKCriticalSection> guard(lock);
     if (waitMs != 0 && t_pool == this)
@@ -180,6 +205,9 @@ DKErrorID DKThreadPoolCore::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool wit
     for (bool first = true;; first = false) {
       if (!accepting)
         return Refuse(*task, DKLibraryErrorID(DK_MSG_SHUT_DOWN, options.name));
+      if (count < options.capacity)
+        break;
+      DropCancelled(dropped); // a cancelled task gives its room back when the room is needed
       if (count < options.capacity)
         break;
       const auto now = std::chrono::steady_clock::now();

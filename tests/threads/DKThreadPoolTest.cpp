@@ -141,6 +141,11 @@ TEST(DKThreadPoolTest, AFullQueueRefusesWithAClearErrorAndLosesNothingQueued) {
   EXPECT_EQ(refused.GetResult().AsString().AsUTF8(), "test pool: the queue is full (2 tasks)");
   EXPECT_EQ(posted.GetCode(), DK_MSG_QUEUE_FULL);
   EXPECT_FALSE(a.Wait(0));
+  // A cancelled task gives its room back, and the order of the others stays.
+  EXPECT_TRUE(a.Cancel());
+  DKTaskTicket c = pool.Submit([&] { journal.Add(6); });
+  EXPECT_EQ(c.GetStatus(), DKTaskStatus::Queued);
+  EXPECT_EQ(pool.GetQueuedCount(), 2u);
 
   // A submitter that may wait gets in once there is room, behind the others.
   std::thread waiter([&] { EXPECT_TRUE(pool.Submit([&] { journal.Add(5); }, DK_INFINITE).Wait()); });
@@ -148,7 +153,7 @@ TEST(DKThreadPoolTest, AFullQueueRefusesWithAClearErrorAndLosesNothingQueued) {
   gate.open.Post();
   waiter.join();
   ASSERT_TRUE(pool.Shutdown(DKThreadPool::Drain));
-  EXPECT_EQ(journal.Get(), (std::vector<int>{1, 2, 5}));
+  EXPECT_EQ(journal.Get(), (std::vector<int>{2, 6, 5}));
   EXPECT_EQ(pool.Post([] {}).GetCode(), DK_MSG_SHUT_DOWN);
   DKTaskTicket late = pool.Submit([] {});
   EXPECT_EQ(late.GetStatus(), DKTaskStatus::Refused);
