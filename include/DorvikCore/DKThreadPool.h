@@ -191,14 +191,18 @@ public:
   // ticket of a refused task is already done: GetStatus() is Refused, GetResult() the reason.
   template <class F>
   [[nodiscard]] DKTaskTicket Submit(F&& task, int waitMs = 0) {
-    DKSmartPtr<DKPoolTask> made(MakeTask(std::forward<F>(task)));
+    DKPoolTask* made = MakeTask(std::forward<F>(task));
+    DKTaskTicket ticket{DKSmartPtr<DKPoolTask>(made)};
+    made->AddRef(); // the queue's reference, handed to Enqueue
     Enqueue(made, true, waitMs);
-    return DKTaskTicket(std::move(made));
+    return ticket;
   }
   // Queues a task that nobody waits for; the error says why it was refused.
   template <class F>
   [[nodiscard]] DKErrorID Post(F&& task, int waitMs = 0) {
-    return Enqueue(DKSmartPtr<DKPoolTask>(MakeTask(std::forward<F>(task))), false, waitMs);
+    DKPoolTask* made = MakeTask(std::forward<F>(task));
+    made->AddRef(); // the queue's reference, handed to Enqueue
+    return Enqueue(made, false, waitMs);
   }
 
   // Refuses new tasks, then Drain or Cancel, and waits up to timeoutMs for every thread to end.
@@ -227,7 +231,8 @@ private:
   static DKPoolTask* MakeTask(F&& task) {
     return new DKPoolTaskFor<F>(std::forward<F>(task));
   }
-  DKErrorID Enqueue(const DKSmartPtr<DKPoolTask>& task, bool withTicket, int waitMs);
+  // Takes over one reference to the task: the queue's, or released when the task is refused.
+  DKErrorID Enqueue(DKPoolTask* task, bool withTicket, int waitMs);
 
   DKThreadPoolCore* m_core;
 };

@@ -75,7 +75,7 @@ public:
   explicit DKThreadPoolCore(const DKThreadPoolOptions& options);
   ~DKThreadPoolCore();
 
-  DKErrorID Enqueue(const DKSmartPtr<DKPoolTask>& task, bool withTicket, int waitMs);
+  DKErrorID Enqueue(DKPoolTask* task, bool withTicket, int waitMs);
   bool Shutdown(DKThreadPool::ShutdownMode mode, int timeoutMs);
   void StartMinimum();
 
@@ -92,6 +92,7 @@ public:
   std::size_t head = 0;
   std::size_t count = 0;
   std::atomic<std::size_t> queued{0}; // count, readable without the lock
+  std::atomic<int> looking{0};        // threads looking at the queue before they go idle
   std::vector<std::unique_ptr<Worker>> workers; // every record ever made, in use or free
   std::vector<Worker*> freeWorkers;
   std::vector<Worker*> idle; // a stack: the last to go idle is woken first
@@ -185,11 +186,12 @@ DKErrorID DKThreadPoolCore::Refuse(DKPoolTask& task, DKErrorID reason) {
   return reason;
 }
 
-DKErrorID DKThreadPoolCore::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool withTicket, int waitMs) {
+DKErrorID DKThreadPoolCore::Enqueue(DKPoolTask* task, bool withTicket, int waitMs) {
   task->m_hasTicket = withTicket;
   Worker* toWake = nullptr;
   bool startThread = false;
   std::vector<DKPoolTask*> dropped;
+  bool queuedIt = false; // else the reference handed over goes with the dropped ones
   struct Release { // the dropped tasks go once the lock is released: their callables are the user's
     std::vector<DKPoolTask*>& tasks;
     ~Release() {
@@ -197,7 +199,17 @@ DKErrorID DKThreadPoolCore::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool wit
         task->Release();
     }
   } release{dropped};
+  struct Keep {
+    std::vector<DKPoolTask*>& dropped;
+    DKPoolTask* task;
+    bool& queued;
+    ~Keep() {
+      if (!queued)
+        dropped.push_back(task);
+    }
+  };
   {
+    const Keep keep{dropped, task, queuedIt}; // destroyed before release: the refused task joins the dropped
     std::unique_lock<DKCriticalSection> guard(lock);
     if (waitMs != 0 && t_pool == this)
       waitMs = 0; // a pool thread waiting for room could wait for itself
@@ -219,14 +231,16 @@ DKErrorID DKThreadPoolCore::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool wit
       room.Wait(guard, waitMs < 0 ? DK_INFINITE : DKWaitPoint::MillisecondsUntil(deadline, now));
       --roomWaiters;
     }
-    if (!Push(task.Get()))
+    if (!Push(task))
       return Refuse(*task, DKLibraryErrorID(DK_MSG_QUEUE_FULL, options.name, options.capacity));
-    task->AddRef(); // the queue's
-    if (!idle.empty()) {
+    queuedIt = true;
+    // The threads still looking at the queue take as many tasks without being woken; an idle one
+    // is woken for each task beyond them.
+    if (!idle.empty() && count > static_cast<std::size_t>(looking.load(std::memory_order_relaxed))) {
       toWake = idle.back();
       idle.pop_back();
       toWake->woken = true;
-    } else if (threads < options.maxThreads) {
+    } else if (idle.empty() && threads < options.maxThreads) {
       ++threads;
       startThread = true;
     }
@@ -295,9 +309,11 @@ void DKThreadPoolCore::Run(Worker* worker) {
     if (!accepting)
       break;
     // Nothing queued: look again for a while before sleeping.
+    looking.fetch_add(1, std::memory_order_relaxed);
     guard.unlock();
     for (int look = 0; look < kIdleLooks && queued.load(std::memory_order_relaxed) == 0; ++look)
       std::this_thread::yield();
+    looking.fetch_sub(1, std::memory_order_relaxed);
     guard.lock();
     if (count > 0 || !accepting)
       continue;
@@ -319,8 +335,12 @@ void DKThreadPoolCore::Run(Worker* worker) {
 }
 
 void DKThreadPoolCore::RunTask(DKPoolTask* task) {
+  // Only a ticket can cancel a task, and only a ticket can see its status: a task without one
+  // needs no exchange, just a look for a refusal.
+  const bool ticket = task->m_hasTicket;
   int expected = kQueued;
-  if (!task->m_status.compare_exchange_strong(expected, kRunning, std::memory_order_acq_rel)) {
+  if (ticket ? !task->m_status.compare_exchange_strong(expected, kRunning, std::memory_order_acq_rel)
+             : task->m_status.load(std::memory_order_acquire) != kQueued) {
     task->Release(); // cancelled or refused while it waited
     return;
   }
@@ -341,13 +361,15 @@ void DKThreadPoolCore::RunTask(DKPoolTask* task) {
   if (thrown) {
     result = DKLibraryErrorID(DK_MSG_TASK_EXCEPTION, text);
     DKTrace::Msg(TL_NORMAL, TS_DK, "DKThreadPool", "%s: a task threw: %s\n", options.name, text);
-    if (!task->m_hasTicket && GlbGetTraceLevel() != 0)
+    if (!ticket && GlbGetTraceLevel() != 0)
       DKLockedCOUT() << options.name << ": unhandled exception in a task: " << text << std::endl;
   }
-  task->m_result = result;
-  task->m_exception = thrown;
-  task->m_status.store(kFinished, std::memory_order_seq_cst);
-  NotifyDone();
+  if (ticket) {
+    task->m_result = result;
+    task->m_exception = thrown;
+    task->m_status.store(kFinished, std::memory_order_seq_cst);
+    NotifyDone();
+  }
   task->Release();
 }
 
@@ -447,7 +469,7 @@ DKThreadPool& DKThreadPool::GetDefault() {
   return *pool;
 }
 
-DKErrorID DKThreadPool::Enqueue(const DKSmartPtr<DKPoolTask>& task, bool withTicket, int waitMs) {
+DKErrorID DKThreadPool::Enqueue(DKPoolTask* task, bool withTicket, int waitMs) {
   return m_core->Enqueue(task, withTicket, waitMs);
 }
 

@@ -239,7 +239,7 @@ private:
       const Clock::time_point now = Clock::now();
       DKTimerEntry& entry = *m_heap.front();
       if (entry.due > now) {
-        m_wake.Wait(guard, DKWaitPoint::MillisecondsUntil(entry.due, now));
+        m_wake.WaitUntil(guard, entry.due);
         continue;
       }
       DKSmartPtr<DKTimerEntry> held(&entry); // the heap's reference goes with Remove

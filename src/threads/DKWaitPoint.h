@@ -40,6 +40,18 @@ public:
     lock.lock();
     return woken;
   }
+  // Releases the lock, waits until a wake or the due time (to the system's precision, not
+  // rounded to milliseconds), and takes the lock again.
+  template <class Lock>
+  bool WaitUntil(Lock& lock, std::chrono::steady_clock::time_point due) {
+    const std::uint32_t ticket = Ticket();
+    lock.unlock();
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(due - std::chrono::steady_clock::now());
+    const bool woken =
+        left.count() > 0 && m_event->WaitAfterNs(ticket, left.count()) == DKWaitStatus::Signalled;
+    lock.lock();
+    return woken;
+  }
   // Wakes every thread waiting after a ticket taken before this call.
   void WakeAll() noexcept { m_event->Pulse(); }
 
