@@ -59,6 +59,11 @@ TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
     // thread keeps the order of the hand-over.
     DKThreadPool pool(0, 1);
     Firings seen;
+    // The timer thread is held until every timer is armed and the cancelled ones are cancelled,
+    // however long that takes: then all are due, and the heap alone decides the order.
+    DKEventSemaphore armed;
+    DKTimer holder([&] { armed.Wait(); }, DKTimerTarget::TimerThread);
+    ASSERT_TRUE(holder.Start(0).Good());
     std::mt19937 random(7);
     const Clock::time_point base = Clock::now() + milliseconds(5);
     std::vector<std::unique_ptr<DKTimer>> timers;
@@ -74,6 +79,7 @@ TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
       expected.erase(std::find_if(expected.begin(), expected.end(), [id](const auto& e) { return e.second == id; }));
     }
     std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    armed.Post();
     ASSERT_TRUE(WaitUntil([&] { return seen.Count() == expected.size(); }));
     for (const auto& timer : timers)
       timer->Cancel();
