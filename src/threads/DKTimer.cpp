@@ -448,40 +448,39 @@ bool DKTimer::Cancel() {
   return service.Cancel(*m_entry, guard);
 }
 
+namespace {
+
+// Reads a field of an entry under the service's lock.
+template <class Read>
+auto ReadLocked(const DKTimerEntry& entry, Read read) {
+  std::lock_guard<DKCriticalSection> guard(TimerService::Get().lock);
+  return read(entry);
+}
+
+} // namespace
+
 bool DKTimer::IsArmed() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->armed;
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.armed; });
 }
 
 DKTimer::Clock::time_point DKTimer::GetNextDue() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->heapIndex != kNotInHeap ? m_entry->due : Clock::time_point();
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.heapIndex != kNotInHeap ? e.due : Clock::time_point(); });
 }
 
 std::uint64_t DKTimer::GetFiredCount() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->fired;
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.fired; });
 }
 
 std::uint64_t DKTimer::GetSkippedCount() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->skipped;
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.skipped; });
 }
 
 DKTimer::Clock::duration DKTimer::GetPeriod() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->period;
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.period; });
 }
 
 DKTimerTarget DKTimer::GetTarget() const {
-  TimerService& service = TimerService::Get();
-  std::lock_guard<DKCriticalSection> guard(service.lock);
-  return m_entry->target;
+  return ReadLocked(*m_entry, [](const DKTimerEntry& e) { return e.target; });
 }
 
 const DKTimerFiring* DKTimer::CurrentFiring() noexcept { return t_firing; }
