@@ -26,6 +26,7 @@
 #include <DorvikCore/DKGuid.h>
 #include <DorvikCore/DKLog.h>
 #include <DorvikCore/DKPlugIn.h>
+#include <DorvikCore/DKProgress.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKUsageInfo.h>
@@ -34,6 +35,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -217,6 +219,14 @@ public:
   void SetStopGracePeriod(std::chrono::milliseconds period) noexcept { m_stopGracePeriod = period; }
   std::chrono::milliseconds GetStopGracePeriod() const noexcept { return m_stopGracePeriod; }
 
+  // The progress of the last LoadPlugInsFromDirectory: two steps, loading the modules and
+  // initialising the new plug-ins, each a child counter while it runs (a GetDLLPlugInsFromDirectory
+  // of its own has a counter of its modules alone). Null before any; any thread may read it
+  // while the plug-ins load. From ProgressModuleCount modules on, the loading also writes its
+  // progress through the application's channel: a line every two seconds and one at the end.
+  DKSmartPtr<DKProgress> GetLoadProgress() const;
+  static constexpr std::size_t ProgressModuleCount = 8;
+
   // The loaded plug-in with that GUID; null when none.
   DKSmartPtr<DKPlugIn> FindPlugIn(const DKGuid& guid) const;
   // In order of addition.
@@ -311,4 +321,9 @@ private:
   std::vector<LoadFailure> m_loadFailures;
   std::chrono::milliseconds m_stopGracePeriod{5000};
   std::unique_ptr<ShutdownState> m_shutdown;
+
+  // A step of the load under way (a child of its counter), or the counter of a load of its own.
+  DKSmartPtr<DKProgress> LoadStep(const DKString& label, std::size_t count);
+  mutable std::mutex m_loadProgressLock;
+  DKSmartPtr<DKProgress> m_loadProgress;
 };

@@ -102,5 +102,10 @@ enum DKLibraryMessage : long {
   DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
   DK_MSG_UNKNOWN_MESSAGE = 11,     // "Unknown message %0:d" (a message source lacks the code)
   DK_MSG_INVALID_REGEX = 12,       // "Invalid regular expression \"%0:s\" at position %1:d: %2:s"
-  DK_MSG_LAST = DK_MSG_INVALID_REGEX, // the highest code of the set
+  DK_MSG_QUEUE_FULL = 13,          // "%0:s: the queue is full (%1:d tasks)"
+  DK_MSG_SHUT_DOWN = 14,           // "%0:s is shut down"
+  DK_MSG_TASK_CANCELLED = 15,      // "The task was cancelled before it started"
+  DK_MSG_TASK_EXCEPTION = 16,      // "The task threw an exception: %0:s"
+  DK_MSG_INVALID_SCHEDULE = 17,    // "Invalid schedule \"%0:s\" at position %1:d: %2:s"
+  DK_MSG_LAST = DK_MSG_INVALID_SCHEDULE, // the highest code of the set
 };
