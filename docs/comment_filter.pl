@@ -69,8 +69,8 @@ for my $k (0 .. $#lines) {
     } elsif ($c eq '}') {
       pop @scopes;
       $statement = '';
-    } elsif ($c eq ';') {
-      $statement = '';
+    } elsif ($c eq ';' || ($c eq ':' && $statement =~ /^\s*(public|protected|private)\s*$/)) {
+      $statement = '';    # a declaration or an access specifier ends
     } else {
       $statement .= $c;
     }
