@@ -54,6 +54,7 @@ enum TracelSubjects : int {
   TS_DL = 0x200,  // "DL" dynamic libraries and plug-ins
 };
 
+// The union of two level masks, or of two subject masks.
 constexpr TracelLevels operator|(TracelLevels a, TracelLevels b) noexcept {
   return static_cast<TracelLevels>(static_cast<int>(a) | static_cast<int>(b));
 }
@@ -61,11 +62,13 @@ constexpr TracelSubjects operator|(TracelSubjects a, TracelSubjects b) noexcept 
   return static_cast<TracelSubjects>(static_cast<int>(a) | static_cast<int>(b));
 }
 
+// The trace facility: static functions over one process-wide state, safe from any thread. An
+// object may be made and copied, but holds nothing.
 class DK_EXPORT DKTrace {
 public:
+  // All state is class-wide: there is nothing to make or copy.
   DKTrace() = default;
   DKTrace(const DKTrace&) = default;
-  // All state is class-wide: there is nothing to copy.
   DKTrace& operator=(const DKTrace&) noexcept { return *this; }
 
   // Writes one line when level and subject pass the filters. The format is narrow (UTF-8) and
