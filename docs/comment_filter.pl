@@ -7,7 +7,8 @@
 #   - A block of "//" lines directly above a declaration documents it ("///"), and with it the
 #     declarations that follow up to a blank line (a member group); a block followed by a blank
 #     line (a section heading, a note) stays a plain comment. A destructor in a run keeps no
-#     text: what a run says is about the declarations it heads.
+#     text: what a run says is about the declarations it heads; and a block right above a
+#     destructor documents the destructor alone.
 #   - "// text" after a member or an enumerator on its line documents that member ("///<").
 #   - Comment lines indented by two blanks or more (examples, tables) are kept as written
 #     (@verbatim); in other comment text the characters Doxygen would read as commands or HTML
@@ -131,6 +132,8 @@ while ($k <= $#lines) {
     # A destructor only takes the text of a block right above it: a run's text describes the
     # constructors or functions it heads, never what destruction does.
     $lines[$k] =~ s{^(\s*)}{$1/** $group_text */ } unless $group_first || $line =~ /^\s*(virtual\s+)?~/;
+    # A block right above a destructor is about the destructor alone.
+    $group_depth = -1 if $group_first && $line =~ /^\s*(virtual\s+)?~/;
     $group_first = 0;
   }
   if (is_comment($line) && $declaration_scope[$k]) {
