@@ -61,12 +61,12 @@ struct DKFormatArg {
   };
   // The value; kind says which member holds it.
   union {
-    long long i;
-    unsigned long long u;
-    double d;
-    const long double* ld;
-    const void* p;
-    Text s;
+    long long i;           // Int and Char.
+    unsigned long long u;  // UInt, Bool, Char16 and Char32.
+    double d;              // Double.
+    const long double* ld; // LongDouble: the caller's value, not a copy.
+    const void* p;         // Pointer.
+    Text s;                // The three kinds of text.
   };
   Kind kind;           // What the argument is.
   unsigned char bytes; // Integer width after promotion (4 or 8).

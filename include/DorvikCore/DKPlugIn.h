@@ -91,6 +91,7 @@ public:
   static constexpr DKGuid SilentPlugInId{0x444B5349, 0x4C45, 0x4E54,
                                          {0x8F, 0x2A, 0x51, 0x0C, 0x7E, 0x3D, 0x90, 0x01}};
 
+  // Status NotLoaded, no module, no reference yet.
   DKPlugIn() = default;
   ~DKPlugIn() override;
   // Not copyable: the application holds each plug-in by reference.

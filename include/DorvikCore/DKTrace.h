@@ -34,7 +34,7 @@ class DKString;
 // current level mask; the level is printed as a decimal number in the line.
 enum TracelLevels : int {
   TL_NORMAL = 0x01, // always enabled
-  TL_DETAIL = 0x02,
+  TL_DETAIL = 0x02, // details beyond the normal messages
   TL_DATA = 0x04, // data dumps (MsgHex)
   TL_HEX = 0x08,  // in the level mask: MsgHex adds a hexadecimal block
 };
