@@ -310,7 +310,7 @@ struct DK_EXPORT DKConfigLoadNote {
   // What was met.
   enum Kind {
     KeyOverSeveralLines,   // Lines without "=" joined the key of the next "=" line.
-    KeyBeforeFirstSection, // A key line in front of the first header: kept as text, not in the tree.
+    KeyBeforeFirstSection, // A key line before the first header: kept as text, not in the tree.
     HashLineAsText,        // A line starting with '#' read as text, as '#' is no comment marker.
     HeaderInsideKey,       // A line that looks like a section header is part of a key.
   };

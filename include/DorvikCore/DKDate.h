@@ -20,7 +20,7 @@
 // value, cheap to copy; the count 0 doubles as the null date.
 class DK_EXPORT DKDate {
 public:
-  static constexpr std::uint32_t reference = 693537; // The day number of 1899-01-01: JulianDay(1, 1, 1899).
+  static constexpr std::uint32_t reference = 693537; // JulianDay(1, 1, 1899): the count 0.
   static constexpr int referenceYear = 1899;          // The year of the count 0.
   static const DKDate minimum; // 0001-01-01
   static const DKDate maximum; // 2147483647 days after 1899-01-01
@@ -178,10 +178,11 @@ public:
   constexpr bool IsNull() const noexcept { return m_time == 0; }
 
   // Text in the zone (empty format: defaultStringFormat when writing, the lenient default when
-  // reading; "SYSDATE" is now, blank text the null value). FromString also takes "TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD
-  // HH24:MI:SS')": the text, read with the format given as YYYY, YY, MM, DD, HH24, HH, MI and
-  // SS (without a second argument, with the format given here). Unreadable text or a moment
-  // outside minimum..maximum gives message 9 and leaves the value unchanged.
+  // reading; "SYSDATE" is now, blank text the null value). FromString also takes
+  // "TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS')": the text, read with the format given
+  // as YYYY, YY, MM, DD, HH24, HH, MI and SS (without a second argument, with the format given
+  // here). Unreadable text or a moment outside minimum..maximum gives message 9 and leaves the
+  // value unchanged.
   DKString AsString(const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local) const;
   DKErrorID FromString(const DKString& text, const DKString& format = DKString(), const DKTimeZone& zone = DKTimeZone::Local);
 

@@ -33,8 +33,8 @@ public:
 
   // An invalid duration (invalid_).
   constexpr DKDurationEx() noexcept : m_unit(Invalid), m_duration(0) {}
-  // A count of seconds, or of the unit given. Every count constructor throws DKDurationExceptionEx for a count
-  // outside minimum_..maximum_.
+  // A count of seconds, or of the unit given. Every count constructor throws DKDurationExceptionEx
+  // for a count outside minimum_..maximum_.
   explicit DKDurationEx(long count) : DKDurationEx(count, Second) {}
   DKDurationEx(long count, Unit unit);
   // The unit by its short name ("y", "mo", "w", "d", "h", "m", "s", "ms"), compared in full
@@ -54,7 +54,7 @@ public:
 
   // The unit.
   Unit GetUnit() const noexcept { return m_unit; }
-  // Replaces the unit and keeps the count (3 days become 3 hours); see ConvertTo to keep the amount.
+  // Replaces the unit and keeps the count (3 days become 3 hours); ConvertTo keeps the amount.
   void SetUnit(Unit unit) noexcept { m_unit = unit; }
   // The count, in the unit.
   std::int32_t GetDuration() const noexcept { return m_duration; }

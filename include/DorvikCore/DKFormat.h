@@ -79,11 +79,11 @@ class DK_EXPORT DKFormatArgSource {
 public:
   virtual ~DKFormatArgSource();
 
-  virtual int NextInt() = 0; // A signed int; also "*" widths and precisions, and characters (promoted).
+  virtual int NextInt() = 0; // An int; also "*" widths and precisions, and characters (promoted).
   virtual unsigned int NextUnsigned() = 0;                // An unsigned int ("o", "u", "x", "X").
   virtual long NextLong() = 0;                            // A long ("l" with d or i).
-  virtual unsigned long NextUnsignedLong() = 0;           // An unsigned long ("l" with o, u, x or X).
-  virtual long long NextLongLong() = 0;                   // A long long ("ll", "L", "I64", "j" signed).
+  virtual unsigned long NextUnsignedLong() = 0;           // An unsigned long ("l" with o, u, x, X).
+  virtual long long NextLongLong() = 0;                   // A long long ("ll", "L", "I64", "j").
   virtual unsigned long long NextUnsignedLongLong() = 0;  // Their unsigned form.
   virtual std::size_t NextSize() = 0; // size_t and ptrdiff_t ("z", "t", "I"), as the same bits.
   virtual double NextDouble() = 0;                        // A double ("e", "f", "g", "a").
@@ -91,7 +91,7 @@ public:
   virtual const void* NextPointer() = 0;          // The pointer of "%p".
   virtual const char* NextNarrowString() = 0;     // Terminated UTF-8 text; may be null.
   virtual const DKChar* NextWideString() = 0;     // Terminated UTF-16 text; may be null.
-  virtual void* NextCountPointer() = 0;           // The pointer of "%n": consumed, never written through.
+  virtual void* NextCountPointer() = 0;           // The pointer of "%n": consumed, never used.
 };
 
 // Appends the formatted text to out. The format and string arguments may point into out.

@@ -164,8 +164,8 @@ public:
 
   // Whether the thread owns the object and destroys it when it ends.
   bool GetDeleteOnEnd() const noexcept { return m_deleteOnEnd.load(std::memory_order_acquire); }
-  // Sets that; decided before Start: who owns the object is settled when the thread starts. False, and
-  // nothing changes, once Start was called (a Start that failed does not count).
+  // Sets that; decided before Start: who owns the object is settled when the thread starts. False,
+  // and nothing changes, once Start was called (a Start that failed does not count).
   bool SetDeleteOnEnd(bool deleteOnEnd) noexcept {
     if (m_startClaimed.load(std::memory_order_acquire))
       return false;
