@@ -320,6 +320,7 @@ struct DK_EXPORT DKConfigLoadNote {
 
   // "lines 3-5: ..." or "line 3: ...", in English.
   DKString GetText() const;
+  // The same kind and lines.
   friend bool operator==(const DKConfigLoadNote&, const DKConfigLoadNote&) = default;
 };
 
