@@ -72,7 +72,7 @@ for my $k (0 .. $#lines) {
       pop @scopes;
       $statement = '';
     } elsif ($c eq ';' || ($c eq ':' && $statement =~ /^\s*(public|protected|private)\s*$/)) {
-      $statement = '';    # a declaration or an access specifier ends
+      $statement = '';    # a declaration ends, or an access label (public:)
     } else {
       $statement .= $c;
     }
