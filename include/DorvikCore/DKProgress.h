@@ -43,6 +43,7 @@
 // An exponentially smoothed rate of an amount that grows over time.
 class DK_EXPORT DKRateEstimator {
 public:
+  // The clock of the readings: monotonic, so a change of the wall clock does not move a rate.
   typedef std::chrono::steady_clock Clock;
 
   // timeConstant: how quickly the estimate follows a change of pace (after that long it has
@@ -51,6 +52,7 @@ public:
   explicit DKRateEstimator(Clock::duration timeConstant = std::chrono::seconds(5),
                            Clock::duration minInterval = std::chrono::milliseconds(50));
 
+  // Forgets every reading: the rate is unknown again.
   void Reset();
   // The amount reached at a time. Times that go backwards are left out; an amount that goes
   // down (a counter set back) starts the estimate again from there.
@@ -71,8 +73,11 @@ private:
   double m_rate = 0.0;
 };
 
+// A progress counter: a total of steps, a count of steps done, and child counters standing
+// for steps of their own (see the head of this file). Counted: hold it in a DKSmartPtr.
 class DK_EXPORT DKProgress : public DKRefCount {
 public:
+  // The monotonic clock of its rate and remaining-time readings.
   typedef std::chrono::steady_clock Clock;
 
   // A counter of its own (no parent).
@@ -93,9 +98,13 @@ public:
   // Every step done, and the children completed.
   void Complete() noexcept;
 
+  // The label given at creation.
   const DKString& GetLabel() const noexcept { return m_label; }
+  // The count of steps done (a completed child's step included).
   DKUInt64 GetDone() const noexcept { return m_done.load(std::memory_order_acquire); }
+  // The total of steps.
   DKUInt64 GetTotal() const noexcept { return m_total.load(std::memory_order_acquire); }
+  // Whether every step is done (a total of 0 is complete).
   bool IsComplete() const noexcept;
   // 0 to 1: the steps done and the running children's part of theirs, over the total.
   double GetFraction() const;
@@ -138,6 +147,7 @@ private:
 // Drawing runs on the default thread pool, driven by a DKTimer.
 class DK_EXPORT DKProgressConsole {
 public:
+  // How the counter is drawn.
   enum Mode {
     Auto,  // Bar when the output is the console on a terminal, Lines otherwise
     Bar,   // one line redrawn in place

@@ -47,6 +47,9 @@
 #include <mutex>
 #include <vector>
 
+// When something runs: the days (every day, some weekdays, some days of the month, the last
+// day of the month) and the times of those days (a list, or every so many seconds between two
+// times), in local time or a given zone; read from and written to the short text form above.
 class DK_EXPORT DKSchedule {
 public:
   // Which days a schedule runs on.
@@ -96,8 +99,12 @@ public:
   bool SetInterval(std::int32_t stepSeconds, std::int32_t firstSecond = 0, std::int32_t lastSecond = 86399);
   void SetZone(const DKTimeZone& zone) { m_zone = zone; }
 
+  // The kind of days the schedule runs on.
   DayKind GetDayKind() const noexcept { return m_dayKind; }
+  // The weekdays as the bits above, Monday first (for WeekDays).
   unsigned GetWeekDays() const noexcept { return m_weekDays; }
+  // The days of the month, bit 1 for the 1st to bit 31 for the 31st, bit 0 for the last day
+  // (for MonthDays).
   std::uint32_t GetMonthDays() const noexcept { return m_monthDays; }
   // The times of a list, in order; empty for an interval.
   const std::vector<std::int32_t>& GetTimes() const noexcept { return m_times; }
@@ -131,6 +138,8 @@ private:
 // it; occurrences that a change (or a long callback) leaves behind run once, not one by one.
 class DK_EXPORT DKScheduleTimer {
 public:
+  // A timer that calls callback at each occurrence of schedule, on the pool (the default
+  // pool when null) or on the timer thread as target says; not started.
   DKScheduleTimer(const DKSchedule& schedule, const DKSmartPtr<DKCallback>& callback,
                   DKTimerTarget target = DKTimerTarget::Pool, DKThreadPool* pool = nullptr);
   // Cancels.

@@ -63,7 +63,9 @@ public:
   DKPoolTask() noexcept = default;
   ~DKPoolTask() override;
 
+  // Where the task is in its life.
   DKTaskStatus GetStatus() const noexcept { return static_cast<DKTaskStatus>(m_status.load(std::memory_order_acquire)); }
+  // Whether its pool asked it to stop (a cancelling shutdown): a long task looks now and then.
   bool IsStopRequested() const noexcept { return m_stopRequested.load(std::memory_order_acquire); }
 
 protected:
@@ -88,6 +90,7 @@ class DKPoolTaskOf final : public DKPoolTask {
   static_assert(std::is_invocable_v<F&>, "a task is called without arguments");
 
 public:
+  // The task that calls function.
   explicit DKPoolTaskOf(F function) : m_function(std::move(function)) {}
 
 private:
@@ -106,6 +109,7 @@ private:
 template <>
 class DKPoolTaskOf<DKSmartPtr<DKCallback>> final : public DKPoolTask {
 public:
+  // The task that calls callback.
   explicit DKPoolTaskOf(DKSmartPtr<DKCallback> callback) : m_callback(std::move(callback)) {}
 
 private:
@@ -126,9 +130,11 @@ using DKPoolTaskFor = std::conditional_t<std::is_convertible_v<const std::decay_
 // The caller's handle on a submitted task. Copies share the task; an empty ticket has none.
 class DK_EXPORT DKTaskTicket {
 public:
+  // An empty ticket, or one for task.
   DKTaskTicket() noexcept = default;
   explicit DKTaskTicket(DKSmartPtr<DKPoolTask> task) noexcept : m_task(std::move(task)) {}
 
+  // Whether the ticket has no task.
   bool IsNull() const noexcept { return m_task.IsNull(); }
   // An empty ticket reports Refused.
   DKTaskStatus GetStatus() const noexcept { return m_task ? m_task->GetStatus() : DKTaskStatus::Refused; }
@@ -168,13 +174,18 @@ struct DKThreadPoolOptions {
   int priority = DK_THREAD_PRIORITY_NORMAL;         // of every pool thread
 };
 
+// A pool of DKThreads that runs submitted tasks: between a minimum and a maximum of threads,
+// idle ones above the minimum ending after a while, a bounded queue, tickets to wait on or
+// cancel, a clean shutdown. GetDefault() is the process's pool, sized from the processors.
 class DK_EXPORT DKThreadPool {
 public:
+  // What a shutdown does with the tasks still queued.
   enum ShutdownMode {
     Drain,  // run the queued tasks first
     Cancel, // cancel the queued tasks and ask the running ones to stop
   };
 
+  // A pool with those options, or with those sizes and the other options as they default.
   explicit DKThreadPool(const DKThreadPoolOptions& options = DKThreadPoolOptions());
   DKThreadPool(unsigned minThreads, unsigned maxThreads, int idleTimeoutMs = 30000, std::size_t capacity = 65536);
   // Shutdown(Cancel), waiting without limit.

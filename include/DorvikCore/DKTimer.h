@@ -56,8 +56,13 @@ struct DKTimerFiring {
   std::uint64_t skipped = 0;                 // firings skipped since Start, up to this one
 };
 
+// A one-shot or periodic timer on the shared timer thread: its callback runs on a pool or on
+// the timer thread itself, periodic firings keep their schedule (no drift) and skip rather than
+// pile up behind a slow callback, and Cancel returns only when the callback is not running and
+// will not run again. Monotonic: a change of the wall clock does not move it.
 class DK_EXPORT DKTimer {
 public:
+  // The monotonic clock of due times.
   typedef std::chrono::steady_clock Clock;
 
   // A timer without a callback (SetCallback gives it one).
@@ -116,6 +121,8 @@ private:
 // loop keeps running until the exit is requested.
 class DK_EXPORT DKAppTimer : public DKTimer {
 public:
+  // A timer without a callback, or one whose callback (a counted callback or any callable)
+  // runs on the main thread.
   DKAppTimer() = default;
   explicit DKAppTimer(const DKSmartPtr<DKCallback>& callback) : DKTimer(callback, DKTimerTarget::MainThread) {}
   template <class F, class = std::enable_if_t<!std::is_convertible_v<const std::decay_t<F>&, DKSmartPtr<DKCallback>> &&
@@ -123,6 +130,7 @@ public:
   explicit DKAppTimer(F&& callback) : DKTimer(DKMakeCallback(std::forward<F>(callback)), DKTimerTarget::MainThread) {}
   ~DKAppTimer() override;
 
+  // Gives the stopped timer another callback, run on the main thread; refused while armed.
   DKErrorID SetCallback(const DKSmartPtr<DKCallback>& callback) {
     return DKTimer::SetCallback(callback, DKTimerTarget::MainThread);
   }
