@@ -367,6 +367,7 @@ private:
   }
   static void FreeData(DataDef* data) noexcept;
   static DataDef* AllocData(std::size_t capacity);
+  static std::size_t BlockBytes(std::size_t capacity) noexcept;
 
   DKString& AppendSlow(DKChar ch);
   bool Equals(const DKString& other) const noexcept;
