@@ -361,8 +361,14 @@ private:
   };
   static EmptyBlock glbEmptyData;
   static DataDef* EmptyData() noexcept { return &glbEmptyData.header; }
+  // A block with no other sharer is freed without an atomic read-modify-write: nobody else can
+  // take a share of it now (that would need a string sharing it), and the acquire load pairs
+  // with the release of every sharer that let go, as the decrement would.
   static void Release(DataDef* data) noexcept {
-    if (data != EmptyData() && data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
+    if (data == EmptyData())
+      return;
+    if (data->references.load(std::memory_order_acquire) == 0 ||
+        data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
       FreeData(data);
   }
   static void FreeData(DataDef* data) noexcept;
