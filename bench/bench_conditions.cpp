@@ -3,6 +3,10 @@
 //   against std::regex_match (ECMAScript) on the same texts as std::string;
 // - "(a+)+b" on texts of n "a": DKRegEx up to n = 10,000; std::regex, which backtracks, only
 //   on short texts, where its time doubles with every "a";
+// - a program too large for the cache of automaton states to hold every state a text meets:
+//   "(?:a{0,1000})+b" (about 2,000 instructions) and "(?:[ab]{0,1000})+c" on 100,000 "a", and
+//   "(?:a|b)*a(?:a|b){200}c" on random a/b text (every character a new state); std::regex on
+//   the first only up to 20 "a" (it backtracks through every split of the run);
 // - compiling the pattern: DKRegEx::Compile against constructing a std::regex;
 // - evaluating a parsed condition of three links through a derived class that reads typed
 //   row values, against a hand-written std::function chain doing the same comparisons with
@@ -94,7 +98,7 @@ void BM_DKRegEx_NestedPlus(benchmark::State& state) {
     benchmark::DoNotOptimize(re.Match(text));
   state.SetComplexityN(state.range(0));
 }
-BENCHMARK(BM_DKRegEx_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DKRegEx_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 void BM_StdRegex_NestedPlus(benchmark::State& state) {
   const std::regex re("(a+)+b", std::regex::ECMAScript);
@@ -103,6 +107,45 @@ void BM_StdRegex_NestedPlus(benchmark::State& state) {
     benchmark::DoNotOptimize(std::regex_match(text, re));
 }
 BENCHMARK(BM_StdRegex_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Unit(benchmark::kMicrosecond);
+
+// Large programs on long texts; the time per character is the figure to read.
+void LargeProgram(benchmark::State& state, const char* pattern, const DKString& text) {
+  const DKRegEx re(FromUtf8(pattern));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(re.Match(text));
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * text.Length()));
+}
+
+void BM_DKRegEx_LargeProgram_Repeat(benchmark::State& state) {
+  LargeProgram(state, "(?:a{0,1000})+b", DKString(DK_T('a'), static_cast<std::size_t>(state.range(0))));
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_Repeat)->Arg(20)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+void BM_StdRegex_LargeProgram_Repeat(benchmark::State& state) {
+  const std::regex re("(?:a{0,1000})+b", std::regex::ECMAScript);
+  const std::string text(static_cast<std::size_t>(state.range(0)), 'a');
+  for (auto _ : state)
+    benchmark::DoNotOptimize(std::regex_match(text, re));
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_StdRegex_LargeProgram_Repeat)->Arg(20)->Unit(benchmark::kMicrosecond);
+
+void BM_DKRegEx_LargeProgram_Class(benchmark::State& state) {
+  LargeProgram(state, "(?:[ab]{0,1000})+c", DKString(DK_T('a'), 100000));
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_Class)->Unit(benchmark::kMicrosecond);
+
+// Every window of 201 characters is a state of its own: the cache can never settle.
+void BM_DKRegEx_LargeProgram_NewStates(benchmark::State& state) {
+  DKString text;
+  std::uint32_t x = 12345;
+  for (int i = 0; i < 20000; ++i) {
+    x = x * 1103515245u + 12345u;
+    text += (x >> 16) & 1 ? DK_T('a') : DK_T('b');
+  }
+  LargeProgram(state, "(?:a|b)*a(?:a|b){200}c", text);
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_NewStates)->Unit(benchmark::kMicrosecond);
 
 void BM_DKRegEx_Compile(benchmark::State& state) {
   const DKString pattern = FromUtf8(simplePattern);
