@@ -48,6 +48,10 @@ const OracleCase oracleCases[] = {
     {"\\x41\\u0042\\t", {"AB\t", "AB "}}, {"[\\x30-\\x39]{2}", {"42", "4a"}}, {"a|b|c|", {"", "a", "c", "ab"}},
     {"((a)|(b))*c", {"c", "ababc", "abab"}}, {"a.*b.*c", {"abc", "a123b456c", "acb"}},
     {"(a|b)*a(a|b){3}", {"abbb", "babab", "aaaa", "baba"}},
+    // Loops over loops, options and x{0,n} or x{1,n} are compiled as loops over x; x{2,n} is not.
+    {"(?:a{0,3})+b", {"b", "aaaaaaab", "aaaa", "ab"}}, {"(?:a{1,3})*c", {"c", "aaaaac", "bc"}},
+    {"(?:(?:ab)?)+", {"", "abab", "aba"}}, {"(?:a{2,3})+", {"a", "aa", "aaaaa", "aaaaaaa"}},
+    {"(?:(?:a|b)+)+c", {"c", "abbac"}}, {"(?:a{1})+", {"", "aaa"}}, {"(?:(?:a*)?)*b", {"b", "aab", "ba"}},
 };
 
 TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
@@ -126,6 +130,50 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
     }
   }
   EXPECT_GT(compared, 3000);
+}
+
+// Random patterns with nested quantified groups, characters beyond ASCII and surrogates, on long
+// texts made of runs: the cached matcher (with the default cache, and with caches so small that
+// they are flushed and rebuilt over and over, two programs taking turns on the same thread)
+// against the plain simulation of the automaton.
+const char* const runAtoms[] = {"a", "b", ".", "[a-z]", "[^a]", "\\u00e9", "[\\u00e9a]", "\\w", "\\s",
+                               "[^\\n]", "\\uD83D\\uDE00", "\\uD83D", "[a-c\\u00e9-\\u00ff]"};
+const char* const runQuantifiers[] = {"", "", "*", "+", "?", "{0,3}", "{2}", "{1,}", "{2,4}"};
+const char16_t runUnits[] = {u'a', u'b', u'z', u'\u00e9', u'\n', u' ', u'\u2028', 0xD83D, 0xDE00, u'1'};
+
+TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
+  std::mt19937 rng(77);
+  auto pick = [&rng](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
+  auto pattern = [&](auto& self, int depth) -> std::string {
+    std::string out;
+    for (std::size_t i = 0, n = 1 + pick(3); i < n; ++i) {
+      out += depth < 2 && pick(3) == 0 ? "(?:" + self(self, depth + 1) + ")" : runAtoms[pick(std::size(runAtoms))];
+      out += runQuantifiers[pick(std::size(runQuantifiers))];
+    }
+    return depth < 2 && pick(5) == 0 ? out + "|" + self(self, depth + 1) : out;
+  };
+  std::size_t compared = 0;
+  for (int i = 0; i < 300; ++i) {
+    const DKString p = U(pattern(pattern, 0).c_str());
+    const DKString other = U(pattern(pattern, 0).c_str());
+    DKRegEx cached(p), tiny, uncached, otherTiny, otherUncached;
+    ASSERT_TRUE(cached.IsCompiled()) << p.AsUTF8() << ": " << ErrorText(cached);
+    ASSERT_TRUE(tiny.Compile(p, 700 + 100 * (i % 8)).Good());
+    ASSERT_TRUE(uncached.Compile(p, 0).Good());
+    ASSERT_TRUE(otherTiny.Compile(other, 900).Good());
+    ASSERT_TRUE(otherUncached.Compile(other, 0).Good());
+    for (int t = 0; t < 12; ++t) {
+      DKString text;
+      for (std::size_t r = 0, runs = pick(5); r < runs; ++r)
+        text += DKString(static_cast<DKChar>(runUnits[pick(std::size(runUnits))]), pick(3) == 0 ? 1 : 1 + pick(20));
+      const bool expected = uncached.Match(text);
+      ++compared;
+      ASSERT_EQ(cached.Match(text), expected) << "/" << p.AsUTF8() << "/ on " << t;
+      ASSERT_EQ(tiny.Match(text), expected) << "/" << p.AsUTF8() << "/ tiny cache on " << t;
+      ASSERT_EQ(otherTiny.Match(text), otherUncached.Match(text)) << "/" << other.AsUTF8() << "/ on " << t;
+    }
+  }
+  EXPECT_EQ(compared, 3600u);
 }
 
 // Cases std::regex cannot judge: code points beyond ASCII (UTF-8 here, UTF-16 inside) and syntax
@@ -306,6 +354,22 @@ TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   EXPECT_FALSE(DKRegEx(DK_T("(a+)+b")).Match(DKString(DK_T('a'), 10000)));
   EXPECT_TRUE(DKRegEx(DK_T("(a|aa)*")).Match(as));
   EXPECT_TRUE(DKRegEx(DK_T("(a*)*(a*)*(a*)*$")).Match(as));
+
+  // A loop over a{0,1000} is a loop over a: a handful of instructions, not two thousand.
+  ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000})+b")).Good());
+  EXPECT_LT(re.GetProgramSize(), 10u);
+  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 100000) + DK_T("b")));
+  // Programs whose automaton meets a new state at nearly every character, far more than the
+  // cache holds: the cache is flushed and rebuilt, the answers stay right.
+  ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000}c?)+b")).Good());
+  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cab")));
+  EXPECT_FALSE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cca")));
+  ASSERT_TRUE(re.Compile(DK_T("(?:a|b)*a(?:a|b){200}c"), 64 * 1024).Good());
+  DKString ab;
+  for (int i = 0; i < 3000; ++i)
+    ab += (i * 7919) % 5 < 2 ? DK_T('a') : DK_T('b');
+  EXPECT_EQ(re.Match(ab + DK_T("c")), ab[ab.Length() - 201] == 'a');
+  EXPECT_FALSE(re.Match(ab));
 }
 
 DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, int minLength, int maxLength) {
