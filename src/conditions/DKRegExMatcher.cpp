@@ -26,41 +26,50 @@ std::uint16_t Program::IntervalClass(char32_t c) const noexcept {
   return m_intervalClass[static_cast<std::size_t>(it - m_boundaries.begin()) - 1];
 }
 
-void Program::AddClosure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack) const {
-  stack.push_back(pc);
-  while (!stack.empty()) {
-    pc = stack.back();
-    stack.pop_back();
-    if (set.Contains(pc))
-      continue;
-    set.Insert(pc);
-    const Inst& inst = m_insts[pc];
-    switch (inst.op) {
-    case Op::Split:
-      stack.push_back(inst.out1);
-      stack.push_back(inst.out);
-      break;
-    case Op::Nop: stack.push_back(inst.out); break;
-    case Op::Begin:
-      if (atStart)
-        stack.push_back(inst.out);
-      break;
-    case Op::End: // kept in the set while pending: AcceptsAtEnd goes on from it
-      if (atEnd)
-        stack.push_back(inst.out);
-      break;
-    default: break;
+template <class Kept>
+void Program::Closure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
+                      Kept&& kept) const {
+  // Each instruction entered pushes at most one other, so the stack never holds more than the
+  // program's size plus one.
+  if (stack.size() < m_insts.size() + 1)
+    stack.resize(m_insts.size() + 1);
+  std::uint32_t* const bottom = stack.data();
+  std::uint32_t* top = bottom;
+  *top++ = pc;
+  while (top != bottom) {
+    pc = *--top;
+    // Follows the first way out of each instruction at once; only a split's second waits.
+    while (!set.Contains(pc)) {
+      set.Insert(pc);
+      const Inst& inst = m_insts[pc];
+      if (inst.op == Op::Split) {
+        *top++ = inst.out1;
+      } else if (inst.op == Op::End) { // kept while pending: AcceptsAtEnd goes on from it
+        kept(pc);
+        if (!atEnd)
+          break;
+      } else if (inst.op == Op::Char || inst.op == Op::Set || inst.op == Op::Match) {
+        kept(pc);
+        break;
+      } else if (inst.op == Op::Begin && !atStart) {
+        break;
+      }
+      pc = inst.out;
     }
   }
 }
 
-template <class Pcs>
-void Program::Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack) const {
+void Program::AddClosure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack) const {
+  Closure(set, pc, atStart, atEnd, stack, [](std::uint32_t) {});
+}
+
+template <class Pcs, class Kept>
+void Program::Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack, Kept&& kept) const {
   to.Clear();
   for (const std::uint32_t pc : from) {
     const Inst& inst = m_insts[pc];
     if ((inst.op == Op::Char || inst.op == Op::Set) && Consumes(inst, c))
-      AddClosure(to, inst.out, false, false, stack);
+      Closure(to, inst.out, false, false, stack, kept);
   }
 }
 
@@ -81,7 +90,7 @@ bool Program::MatchUncached(SparseSet& cur, const DKChar* text, std::size_t leng
   std::vector<std::uint32_t> stack;
   while (pos < length) {
     const char32_t c = NextCodePoint(text, length, pos);
-    Step(cur, c, next, stack);
+    Step(cur, c, next, stack, [](std::uint32_t) {});
     std::swap(cur, next);
     if (cur.Empty())
       return false;
@@ -271,11 +280,8 @@ bool Program::MatchOwn(const State* from, const DKChar* text, std::size_t length
 }
 
 bool Program::PrepareCache() {
-  m_kept.resize(m_insts.size());
-  for (std::size_t pc = 0; pc < m_insts.size(); ++pc) {
-    const Op op = m_insts[pc].op;
-    m_kept[pc] = op == Op::Char || op == Op::Set || op == Op::Match || op == Op::End;
-  }
+  for (const Inst& inst : m_insts)
+    m_hasEnd = m_hasEnd || inst.op == Op::End;
   m_id = ++lastProgramId;
   return m_shared.Reset(*this, m_cacheBytes);
 }
@@ -293,11 +299,10 @@ bool StateCache::Reset(const Program& program, std::size_t budget) {
   const std::size_t n = program.m_insts.size();
   m_set.Resize(n);
   m_scratch.Resize(n);
-  m_bits.assign(n / 64 + 1, 0);
   m_table.assign(16, nullptr);
   m_states = 0;
-  m_key.clear();
-  return InternKey() != nullptr;
+  m_key.assign(n, 0);
+  return Intern(0, 0) != nullptr;
 }
 
 void StateCache::FreeStates() noexcept {
@@ -316,68 +321,70 @@ void StateCache::Flush() noexcept {
   m_used = m_dead ? StateCost(0) : 0;
 }
 
+// A hash of one instruction; a state's hash is the sum over its instructions, so that the order
+// in which the closure met them does not matter and no sorting is needed.
+static std::uint64_t MixPc(std::uint32_t pc) noexcept {
+  const std::uint64_t x = (pc + 1) * 0x9E3779B97F4A7C15ull;
+  return x ^ (x >> 31);
+}
+
+// Collects the instructions a state keeps, as the closure meets them, and their hash.
+struct KeyBuilder {
+  std::uint32_t* key;
+  std::uint32_t count = 0;
+  std::uint64_t hash = 0;
+  void operator()(std::uint32_t pc) noexcept {
+    key[count++] = pc;
+    hash += MixPc(pc);
+  }
+};
+
 State* StateCache::Start() {
   m_set.Clear();
-  m_program->AddClosure(m_set, m_program->m_start, true, false, m_stack);
-  return Intern();
+  KeyBuilder key{m_key.data()};
+  m_program->Closure(m_set, m_program->m_start, true, false, m_stack, key);
+  return Intern(key.count, key.hash);
 }
 
 State* StateCache::Step(State* from, std::uint32_t cls) {
+  KeyBuilder key{m_key.data()};
   m_program->Step(std::span<const std::uint32_t>(from->Pcs(m_classCount), from->count), m_program->m_classSample[cls], m_set,
-                  m_stack);
-  State* next = Intern();
+                  m_stack, key);
+  State* next = Intern(key.count, key.hash);
   if (next)
     from->Next()[cls].store(next, std::memory_order_release);
   return next;
 }
 
 State* StateCache::Find(const std::uint32_t* pcs, std::uint32_t count) {
-  m_key.assign(pcs, pcs + count);
-  return InternKey();
-}
-
-State* StateCache::Intern() {
-  // The kept instructions in increasing order, through a bitmap: linear in the set and in the
-  // span of the program it covers, where sorting would not be.
-  const std::uint8_t* kept = m_program->m_kept.data();
-  std::uint32_t lo = ~0u, hi = 0;
-  for (const std::uint32_t pc : m_set)
-    if (kept[pc]) {
-      m_bits[pc >> 6] |= std::uint64_t{1} << (pc & 63);
-      lo = std::min(lo, pc);
-      hi = std::max(hi, pc);
-    }
-  m_key.clear();
-  if (lo <= hi)
-    for (std::uint32_t w = lo >> 6; w <= hi >> 6; ++w)
-      for (std::uint64_t bits = m_bits[w]; bits; bits &= bits - 1)
-        m_key.push_back(w * 64 + static_cast<std::uint32_t>(std::countr_zero(bits)));
-  if (lo <= hi)
-    std::fill(m_bits.begin() + (lo >> 6), m_bits.begin() + (hi >> 6) + 1, 0);
-  return InternKey();
-}
-
-State* StateCache::InternKey() {
-  if (m_key.empty() && m_dead)
-    return m_dead;
-  // Two lanes of multiply-and-add, so that the hash of a long key is not one chain of multiplies.
-  std::uint64_t h0 = 0x9E3779B97F4A7C15ull ^ m_key.size(), h1 = 0xC2B2AE3D27D4EB4Full;
-  std::size_t k = 0;
-  for (; k + 1 < m_key.size(); k += 2) {
-    h0 = (h0 ^ m_key[k]) * 0xFF51AFD7ED558CCDull;
-    h1 = (h1 ^ m_key[k + 1]) * 0xC4CEB9FE1A85EC53ull;
+  m_set.Clear();
+  KeyBuilder key{m_key.data()};
+  for (std::uint32_t k = 0; k < count; ++k) {
+    m_set.Insert(pcs[k]);
+    key(pcs[k]);
   }
-  if (k < m_key.size())
-    h0 = (h0 ^ m_key[k]) * 0xFF51AFD7ED558CCDull;
-  std::uint64_t hash = h0 ^ (h1 >> 29) ^ (h1 << 35);
-  hash ^= hash >> 32;
+  return Intern(key.count, key.hash);
+}
 
-  const std::uint32_t count = static_cast<std::uint32_t>(m_key.size());
+bool StateCache::Same(const State* s) const noexcept {
+  const std::uint32_t* pcs = s->Pcs(m_classCount);
+  for (std::uint32_t k = 0; k < s->count; ++k)
+    if (!m_set.Contains(pcs[k]))
+      return false;
+  return true;
+}
+
+State* StateCache::Intern(std::uint32_t count, std::uint64_t hash) {
+  // Two states are the same when they keep as many instructions and each of one's is in the
+  // other's set.
+  if (count == 0 && m_dead)
+    return m_dead;
+  hash += count;
+
   std::size_t mask = m_table.size() - 1, slot = hash & mask;
   for (; m_table[slot]; slot = (slot + 1) & mask) {
     const State* s = m_table[slot];
-    if (s->hash == hash && s->count == count &&
-        std::memcmp(s->Pcs(m_classCount), m_key.data(), count * sizeof(std::uint32_t)) == 0)
+    if (s->hash == hash && s->count == count && Same(s))
       return m_table[slot];
   }
 
@@ -392,7 +399,10 @@ State* StateCache::InternKey() {
   for (std::uint32_t c = 0; c < m_classCount; ++c)
     new (&s->Next()[c]) std::atomic<State*>(nullptr);
   std::memcpy(const_cast<std::uint32_t*>(s->Pcs(m_classCount)), m_key.data(), count * sizeof(std::uint32_t));
-  s->acceptAtEnd = m_program->AcceptsAtEnd(std::span<const std::uint32_t>(m_key), false, m_scratch, m_stack);
+  // Accepting at the end: Match is live, or a pending End leads to it.
+  s->acceptAtEnd = m_program->m_hasEnd ? m_program->AcceptsAtEnd(std::span<const std::uint32_t>(m_key.data(), count), false,
+                                                                  m_scratch, m_stack)
+                                       : m_set.Contains(m_program->m_matchPc);
   if (count == 0) { // the dead state: no instruction left, every character leads back to it
     m_dead = s;
     for (std::uint32_t c = 0; c < m_classCount; ++c)

@@ -79,7 +79,7 @@ struct Inst {
 class Program;
 
 // A state of the lazily built deterministic automaton: the live instructions (consuming ones,
-// Match, pending End) in increasing order, and the next state for each character class once it
+// Match, pending End) in the order the closure met them, and the next state for each character class once it
 // has been computed. One allocation holds the header, the transitions and the instructions.
 struct State {
   // How far the run of characters that lead back to this state has been looked into.
@@ -127,17 +127,18 @@ public:
   // The state after a character of class cls from from, stored as from's transition; null when
   // the cache is full.
   State* Step(State* from, std::uint32_t cls);
-  // The state of the given instructions (increasing, as a state holds them); null when full.
+  // The state of the given instructions (those of a state); null when the cache is full.
   State* Find(const std::uint32_t* pcs, std::uint32_t count);
   // Computes every transition of state and, when the code units that lead back to it form a few
   // ranges, records them so that a run of them is skipped at once.
   void AnalyseRun(State* state);
 
 private:
-  // Finds or adds the state of the instructions in m_set that a state keeps.
-  State* Intern();
-  // Finds or adds the state of m_key.
-  State* InternKey();
+  // Finds or adds the state whose kept instructions, count of them with the given hash, are in
+  // m_key, the whole closure being in m_set.
+  State* Intern(std::uint32_t count, std::uint64_t hash);
+  // Whether s holds the instructions of m_set that a state keeps (as many, counted by the caller).
+  bool Same(const State* s) const noexcept;
   void FreeStates() noexcept;
   // Bytes a state of count instructions takes: itself, its transitions and instructions, and its
   // share of the table (at most four slots).
@@ -155,8 +156,7 @@ private:
   // Scratch for building states.
   SparseSet m_set;
   SparseSet m_scratch;
-  std::vector<std::uint64_t> m_bits;
-  std::vector<std::uint32_t> m_key;
+  std::vector<std::uint32_t> m_key; // room for every instruction
   std::vector<std::uint32_t> m_stack;
 };
 
@@ -183,11 +183,15 @@ private:
   friend class Compiler;
   friend class StateCache;
 
-  // Adds the instructions reachable from pc without consuming input to set.
+  // Adds the instructions reachable from pc without consuming input to set, handing kept those
+  // that a state keeps (consuming ones, Match, End) as they are added.
+  template <class Kept>
+  void Closure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
+               Kept&& kept) const;
   void AddClosure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack) const;
   // The set after consuming c from the instructions of from.
-  template <class Pcs>
-  void Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack) const;
+  template <class Pcs, class Kept>
+  void Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack, Kept&& kept) const;
   template <class Pcs>
   bool AcceptsAtEnd(const Pcs& pcs, bool atStart, SparseSet& scratch, std::vector<std::uint32_t>& stack) const;
   bool Consumes(const Inst& inst, char32_t c) const noexcept {
@@ -213,9 +217,9 @@ private:
 
   std::vector<Inst> m_insts;
   std::vector<CharSet> m_sets;
-  std::vector<std::uint8_t> m_kept; // per instruction: 1 when a state keeps it (consuming, Match, End)
   std::uint32_t m_start = 0;
   std::uint32_t m_matchPc = 0;
+  bool m_hasEnd = false; // an End instruction: whether a state accepts needs its closure at the end
   std::uint64_t m_id = 0; // unique among the programs of the process: names a thread's own cache
 
   // Character classes: code points that every instruction treats alike share a class.
