@@ -26,8 +26,8 @@ std::uint16_t Program::IntervalClass(char32_t c) const noexcept {
   return m_intervalClass[static_cast<std::size_t>(it - m_boundaries.begin()) - 1];
 }
 
-template <class Kept>
-void Program::Closure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
+template <class Set, class Kept>
+void Program::Closure(Set& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
                       Kept&& kept) const {
   // Each instruction entered pushes at most one other, so the stack never holds more than the
   // program's size plus one.
@@ -63,8 +63,8 @@ void Program::AddClosure(SparseSet& set, std::uint32_t pc, bool atStart, bool at
   Closure(set, pc, atStart, atEnd, stack, [](std::uint32_t) {});
 }
 
-template <class Pcs, class Kept>
-void Program::Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack, Kept&& kept) const {
+template <class Pcs, class Set, class Kept>
+void Program::Step(const Pcs& from, char32_t c, Set& to, std::vector<std::uint32_t>& stack, Kept&& kept) const {
   to.Clear();
   for (const std::uint32_t pc : from) {
     const Inst& inst = m_insts[pc];

@@ -154,7 +154,7 @@ private:
   std::vector<State*> m_table; // open addressing, a power of two in size, at most half full
   std::size_t m_states = 0;
   // Scratch for building states.
-  SparseSet m_set;
+  StampSet m_set;
   SparseSet m_scratch;
   std::vector<std::uint32_t> m_key; // room for every instruction
   std::vector<std::uint32_t> m_stack;
@@ -185,13 +185,13 @@ private:
 
   // Adds the instructions reachable from pc without consuming input to set, handing kept those
   // that a state keeps (consuming ones, Match, End) as they are added.
-  template <class Kept>
-  void Closure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
+  template <class Set, class Kept>
+  void Closure(Set& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack,
                Kept&& kept) const;
   void AddClosure(SparseSet& set, std::uint32_t pc, bool atStart, bool atEnd, std::vector<std::uint32_t>& stack) const;
   // The set after consuming c from the instructions of from.
-  template <class Pcs, class Kept>
-  void Step(const Pcs& from, char32_t c, SparseSet& to, std::vector<std::uint32_t>& stack, Kept&& kept) const;
+  template <class Pcs, class Set, class Kept>
+  void Step(const Pcs& from, char32_t c, Set& to, std::vector<std::uint32_t>& stack, Kept&& kept) const;
   template <class Pcs>
   bool AcceptsAtEnd(const Pcs& pcs, bool atStart, SparseSet& scratch, std::vector<std::uint32_t>& stack) const;
   bool Consumes(const Inst& inst, char32_t c) const noexcept {
