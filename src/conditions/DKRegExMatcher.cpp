@@ -179,7 +179,14 @@ struct OwnAccess {
     from = own.cache.Find(own.saved.data(), static_cast<std::uint32_t>(own.saved.size()));
     return from ? own.cache.Step(from, cls) : nullptr;
   }
-  void Analyse(State* s) { own.cache.AnalyseRun(s); }
+  // A state here may be rebuilt after every flush: computing all its transitions each time
+  // is worth it only while that is cheap.
+  void Analyse(State* s) {
+    if (std::uint64_t{classCount} * s->count <= 4096)
+      own.cache.AnalyseRun(s);
+    else
+      s->runKind.store(State::noRun, std::memory_order_relaxed);
+  }
 };
 
 } // namespace
@@ -250,29 +257,36 @@ bool Program::MatchShared(const DKChar* text, std::size_t length) const {
 
 bool Program::MatchOwn(const State* from, const DKChar* text, std::size_t length, std::size_t pos) const {
   OwnCache& own = TheOwnCache();
+  if (own.program != m_id)
+    own.program = own.cache.Reset(*this, m_cacheBytes) ? m_id : 0;
   State* s = nullptr;
-  if (own.program == m_id || own.cache.Reset(*this, m_cacheBytes)) {
-    own.program = m_id;
-    for (int attempt = 0; attempt < 2 && !s; ++attempt) {
-      if (attempt)
-        own.cache.Flush();
-      s = from ? own.cache.Find(from->Pcs(m_classCount), from->count) : own.cache.Start();
-    }
-  } else {
-    own.program = 0;
+  for (int attempt = 0; own.program == m_id && attempt < 2 && !s; ++attempt) {
+    if (attempt)
+      own.cache.Flush();
+    s = from ? own.cache.Find(from->Pcs(m_classCount), from->count) : own.cache.Start();
   }
+  bool stopped = false;
   if (s) {
     OwnAccess access{own, m_classCount};
     if (const int walked = Walk(access, own.cache.Dead(), s, text, length, pos); walked >= 0)
       return walked == 1;
-    from = s;
+    stopped = true;
   }
-  // Not even one state fits in the budget: simulate the automaton.
+
+  // The budget cannot hold a state and the next one: simulate the automaton from where the
+  // cache gave up (a state flushed away was saved first).
   SparseSet set(m_insts.size());
-  if (from) {
-    for (std::uint32_t k = 0; k < from->count; ++k)
-      set.Insert(from->Pcs(m_classCount)[k]);
-  } else {
+  auto insert = [&set](const std::uint32_t* pcs, std::size_t count) {
+    for (std::size_t k = 0; k < count; ++k)
+      set.Insert(pcs[k]);
+  };
+  if (stopped && s)
+    insert(s->Pcs(m_classCount), s->count);
+  else if (stopped)
+    insert(own.saved.data(), own.saved.size());
+  else if (from)
+    insert(from->Pcs(m_classCount), from->count);
+  else {
     std::vector<std::uint32_t> stack;
     AddClosure(set, m_start, pos == 0, false, stack);
   }

@@ -174,6 +174,19 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
     }
   }
   EXPECT_EQ(compared, 3600u);
+
+  // Every budget from none to a few states: the caches give up at every point where they can
+  // (no start state, no room for a second state, a flush that makes too little room), and the
+  // automaton takes over from where they were.
+  const DKString texts[] = {DK_T("abbabaabbbc"), DK_T("bbbbbbbbab"), DK_T("aaaa"), DK_T("ab\u00e9aaaab"), DK_T("")};
+  DKRegEx reference;
+  ASSERT_TRUE(reference.Compile(DK_T("(?:a|b)*a(?:a|b|\u00e9){3}c?"), 0).Good());
+  for (std::size_t budget = 0; budget < 4000; budget += 8) {
+    DKRegEx re;
+    ASSERT_TRUE(re.Compile(reference.GetPattern(), budget).Good());
+    for (const DKString& text : texts)
+      ASSERT_EQ(re.Match(text), reference.Match(text)) << "budget " << budget << " on " << text.AsUTF8();
+  }
 }
 
 // Cases std::regex cannot judge: code points beyond ASCII (UTF-8 here, UTF-16 inside) and syntax
