@@ -138,16 +138,23 @@ std::size_t SkipRun(const State& s, const DKChar* text, std::size_t pos, std::si
   return pos;
 }
 
+// Set once the thread's own cache is destroyed: a match from a destructor that runs after it (a
+// static object's, at exit) simulates the automaton instead.
+thread_local bool ownCacheGone = false;
+
 // The cache of the calling thread for the program it matched last past a full shared cache.
 struct OwnCache {
   std::uint64_t program = 0;
   StateCache cache;
   std::vector<std::uint32_t> saved;
+  ~OwnCache() { ownCacheGone = true; }
 };
 
-OwnCache& TheOwnCache() {
+OwnCache* TheOwnCache() {
+  if (ownCacheGone) // the definition below must not be reached again once destroyed
+    return nullptr;
   thread_local OwnCache own;
-  return own;
+  return &own;
 }
 
 // Access to the shared cache: every change under the program's lock.
@@ -256,37 +263,34 @@ bool Program::MatchShared(const DKChar* text, std::size_t length) const {
 }
 
 bool Program::MatchOwn(const State* from, const DKChar* text, std::size_t length, std::size_t pos) const {
-  OwnCache& own = TheOwnCache();
-  if (own.program != m_id)
-    own.program = own.cache.Reset(*this, m_cacheBytes) ? m_id : 0;
-  State* s = nullptr;
-  for (int attempt = 0; own.program == m_id && attempt < 2 && !s; ++attempt) {
-    if (attempt)
-      own.cache.Flush();
-    s = from ? own.cache.Find(from->Pcs(m_classCount), from->count) : own.cache.Start();
+  if (OwnCache* own = TheOwnCache()) {
+    if (own->program != m_id)
+      own->program = own->cache.Reset(*this, m_cacheBytes) ? m_id : 0;
+    State* s = nullptr;
+    for (int attempt = 0; own->program == m_id && attempt < 2 && !s; ++attempt) {
+      if (attempt)
+        own->cache.Flush();
+      s = from ? own->cache.Find(from->Pcs(m_classCount), from->count) : own->cache.Start();
+    }
+    if (s) {
+      OwnAccess access{*own, m_classCount};
+      if (const int walked = Walk(access, own->cache.Dead(), s, text, length, pos); walked >= 0)
+        return walked == 1;
+      // The budget cannot hold a state and the next one: the automaton goes on from where the
+      // cache gave up (a state flushed away was saved first).
+      return s ? Simulate(s->Pcs(m_classCount), s->count, text, length, pos)
+               : Simulate(own->saved.data(), own->saved.size(), text, length, pos);
+    }
   }
-  bool stopped = false;
-  if (s) {
-    OwnAccess access{own, m_classCount};
-    if (const int walked = Walk(access, own.cache.Dead(), s, text, length, pos); walked >= 0)
-      return walked == 1;
-    stopped = true;
-  }
+  return from ? Simulate(from->Pcs(m_classCount), from->count, text, length, pos) : Simulate(nullptr, 0, text, length, pos);
+}
 
-  // The budget cannot hold a state and the next one: simulate the automaton from where the
-  // cache gave up (a state flushed away was saved first).
+bool Program::Simulate(const std::uint32_t* pcs, std::size_t count, const DKChar* text, std::size_t length, std::size_t pos) const {
   SparseSet set(m_insts.size());
-  auto insert = [&set](const std::uint32_t* pcs, std::size_t count) {
+  if (pcs) {
     for (std::size_t k = 0; k < count; ++k)
       set.Insert(pcs[k]);
-  };
-  if (stopped && s)
-    insert(s->Pcs(m_classCount), s->count);
-  else if (stopped)
-    insert(own.saved.data(), own.saved.size());
-  else if (from)
-    insert(from->Pcs(m_classCount), from->count);
-  else {
+  } else {
     std::vector<std::uint32_t> stack;
     AddClosure(set, m_start, pos == 0, false, stack);
   }

@@ -209,6 +209,9 @@ private:
   // Goes on from the instructions of from (the start when null) at pos in the calling thread's
   // own cache, which is flushed and rebuilt whenever it fills.
   bool MatchOwn(const State* from, const DKChar* text, std::size_t length, std::size_t pos) const;
+  // Simulation of the automaton at pos from the given instructions (those of a state), or from
+  // the start when pcs is null.
+  bool Simulate(const std::uint32_t* pcs, std::size_t count, const DKChar* text, std::size_t length, std::size_t pos) const;
 
   std::uint32_t ClassOf(char32_t c) const noexcept { return c < 128 ? m_asciiClass[c] : IntervalClass(c); }
   std::uint16_t IntervalClass(char32_t c) const noexcept;

@@ -431,6 +431,36 @@ TEST(DKRegExTest, CopiesShareTheProgramAndMatchFromManyThreads) {
   EXPECT_EQ(wrong.load(), 0);
 }
 
+// Matches from its destructor, which runs at thread exit after the destructors of the thread's
+// later thread-local objects, among them the cache a thread gets once a shared cache is full.
+struct MatchAtThreadExit {
+  const DKRegEx* re = nullptr;
+  DKString text;
+  std::optional<bool>* out = nullptr;
+  ~MatchAtThreadExit() {
+    if (re)
+      *out = re->Match(text);
+  }
+};
+
+TEST(DKRegExTest, MatchesFromAThreadExitAfterTheThreadsCacheIsGone) {
+  DKRegEx re, reference;
+  ASSERT_TRUE(re.Compile(DK_T("(a|b)*a(a|b){11}"), 2048).Good());
+  ASSERT_TRUE(reference.Compile(re.GetPattern(), 0).Good());
+  std::mt19937 rng(5);
+  const DKString text = RandomText(rng, "ab", 2, 60, 60);
+  std::optional<bool> atExit;
+  std::thread([&] {
+    thread_local MatchAtThreadExit late; // made before the thread's cache, so destroyed after it
+    EXPECT_EQ(re.Match(text), reference.Match(text));
+    late.re = &re;
+    late.text = text;
+    late.out = &atExit;
+  }).join();
+  ASSERT_TRUE(atExit.has_value());
+  EXPECT_EQ(*atExit, reference.Match(text));
+}
+
 TEST(DKRegExTest, EmptyAndCleared) {
   DKRegEx re;
   EXPECT_FALSE(re.Match(DK_T(""))); // nothing compiled matches nothing
