@@ -3,6 +3,7 @@
 // then hands the extension the rest under an alarm, and finally lets the signal end the
 // process the way it would have: the earlier handler runs, or the default action (core dump).
 #include "os/DKCrash.h"
+#include "os/DKCrashLine.h"
 
 #include <atomic>
 #include <cerrno>
@@ -64,35 +65,10 @@ void Sink(const char* text, std::size_t size) {
       WriteAll(fd, text, size);
 }
 
-// A line built in place, with no allocation.
-class Line {
+// A report line written to every destination of the report.
+class Line : public DKCrashLine {
 public:
-  Line& operator<<(const char* text) {
-    while (*text && m_size < sizeof m_text)
-      m_text[m_size++] = *text++;
-    return *this;
-  }
-  Line& Number(unsigned long long value, unsigned base = 10, unsigned minDigits = 1) {
-    char digits[32];
-    unsigned count = 0;
-    do {
-      digits[count++] = "0123456789abcdef"[value % base];
-      value /= base;
-    } while (value != 0 && count < sizeof digits);
-    while (count < minDigits && count < sizeof digits)
-      digits[count++] = '0';
-    while (count > 0 && m_size < sizeof m_text)
-      m_text[m_size++] = digits[--count];
-    return *this;
-  }
-  void Flush() {
-    Sink(m_text, m_size);
-    m_size = 0;
-  }
-
-private:
-  char m_text[512];
-  std::size_t m_size = 0;
+  Line() noexcept : DKCrashLine(&Sink) {}
 };
 
 const char* SignalName(int signalNumber) {
