@@ -30,9 +30,6 @@ constexpr int kMaxFrames = 128;
 constexpr std::size_t kMaxPath = 4096;
 
 struct sigaction g_previous[kFatalSignalCount];
-std::atomic<bool> g_installed{false};
-std::atomic<DKCrash::ReportExtension> g_extension{nullptr};
-std::mutex g_installLock;
 
 // The report file: two buffers, so that the handler reads a whole path while another thread
 // sets a new one in the other buffer.
@@ -260,7 +257,7 @@ void OnFatalSignal(int signalNumber, siginfo_t* info, void* context) {
   g_sinks[1] = OpenReportFile();
   WriteHeader(signalNumber, info);
   WriteStack();
-  if (DKCrash::ReportExtension extension = g_extension.load(std::memory_order_acquire)) {
+  if (DKCrash::ReportExtension extension = DKCrash::Extension()) {
     StartWatchdog();
     extension(&Sink);
     alarm(0);
@@ -331,16 +328,7 @@ thread_local AlternateStack t_alternateStack;
 
 } // namespace
 
-bool DKCrash::InstallHandlers(ReportExtension extension) {
-  // Every thread start comes here: once installed, nothing to lock.
-  if (g_installed.load(std::memory_order_acquire) &&
-      (!extension || extension == g_extension.load(std::memory_order_acquire)))
-    return true;
-  std::lock_guard guard(g_installLock);
-  if (extension)
-    g_extension.store(extension, std::memory_order_release);
-  if (g_installed.load(std::memory_order_acquire))
-    return true;
+bool DKCrash::InstallSystemHandlers() {
   // The first backtrace loads the unwinder, which allocates: never let that happen in a handler.
   void* warmUp[2];
   backtrace(warmUp, 2);
@@ -356,7 +344,6 @@ bool DKCrash::InstallHandlers(ReportExtension extension) {
       return false;
     }
   }
-  g_installed.store(true, std::memory_order_release);
   return true;
 }
 

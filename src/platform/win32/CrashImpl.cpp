@@ -53,9 +53,6 @@ constexpr DWORD kGccException = 0x20474343;
 
 typedef void (*CrtSignalHandler)(int);
 
-std::atomic<bool> g_installed{false};
-std::atomic<DKCrash::ReportExtension> g_extension{nullptr};
-std::mutex g_installLock;
 LPTOP_LEVEL_EXCEPTION_FILTER g_previousFilter = nullptr;
 CrtSignalHandler g_previousAbort = SIG_DFL;
 
@@ -365,7 +362,7 @@ void WriteReport() {
   g_sinks[1] = OpenReportFile();
   WriteHeader();
   WriteStack();
-  if (DKCrash::ReportExtension extension = g_extension.load(std::memory_order_acquire))
+  if (DKCrash::ReportExtension extension = DKCrash::Extension())
     RunExtension(extension);
   Line line;
   line << "****** End of crash report ******\n";
@@ -488,23 +485,13 @@ void ReadProgram() {
 
 } // namespace
 
-bool DKCrash::InstallHandlers(ReportExtension extension) {
-  // Every thread start comes here: once installed, nothing to lock.
-  if (g_installed.load(std::memory_order_acquire) &&
-      (!extension || extension == g_extension.load(std::memory_order_acquire)))
-    return true;
-  std::lock_guard guard(g_installLock);
-  if (extension)
-    g_extension.store(extension, std::memory_order_release);
-  if (g_installed.load(std::memory_order_acquire))
-    return true;
+bool DKCrash::InstallSystemHandlers() {
   ReadProgram();
   const CrtSignalHandler previousAbort = std::signal(SIGABRT, &OnAbort);
   if (previousAbort == SIG_ERR)
     return false;
   g_previousAbort = previousAbort;
   g_previousFilter = SetUnhandledExceptionFilter(&OnUnhandledException);
-  g_installed.store(true, std::memory_order_release);
   return true;
 }
 
