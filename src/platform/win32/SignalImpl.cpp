@@ -92,6 +92,7 @@ void DKSignal::Restore(void* token) {
   auto* saved = static_cast<Saved*>(token);
   if (!saved)
     return;
+  // Ctrl+C stays taken: the system does not tell whether the process ignored it before.
   SetConsoleCtrlHandler(&OnConsoleEvent, FALSE);
   g_handler.store(saved->previous);
   delete saved;
