@@ -80,9 +80,9 @@ class DKEventImpl;
 // A recursive lock for the threads of one process. The owning thread may enter again; it must
 // leave as many times as it entered. Unlocking a section the caller does not hold does nothing.
 // Entering a free section and leaving it cost one atomic operation each; a thread that finds
-// the section held spins briefly, then sleeps until it is released. The owner is told by the
-// library's own code only: on Windows each module links its own threads runtime, whose
-// std::thread::id of one thread differs from module to module.
+// the section held spins briefly, then sleeps until it is released. The owner is told by a
+// token of the library's own, the same whichever module asks (on Windows each module links its
+// own threads runtime, whose std::thread::id of one thread differs from module to module).
 class DK_EXPORT DKCriticalSection : public DKTimedTries<DKCriticalSection> {
 public:
   // lockNow: enter the section at once.
@@ -122,7 +122,7 @@ private:
   // Free, Held, or HeldWaited: held, and someone may be asleep waiting for it.
   std::atomic<std::uint32_t> m_state;
   // Written only by the holder: a thread that finds itself here holds the section.
-  std::atomic<std::thread::id> m_owner;
+  std::atomic<const void*> m_owner; // the holder's thread token, null when free
   unsigned m_count;
 };
 

@@ -7,6 +7,8 @@
 // simply makes one shard's count go below zero: only the sum means anything.
 #include <DorvikCore/DKMemoryPool.h>
 
+#include "base/DKThreadToken.h"
+
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -43,12 +45,6 @@ Registry& TheRegistry() {
   static Registry* const registry = new Registry; // never destroyed: threads end after main
   return *registry;
 }
-
-#if defined(__GNUC__) && !defined(_WIN32)
-#  define DK_FAST_TLS __attribute__((tls_model("initial-exec")))
-#else
-#  define DK_FAST_TLS
-#endif
 
 thread_local Shard* t_shard DK_FAST_TLS = nullptr;
 thread_local bool t_shardEnded DK_FAST_TLS = false;

@@ -1,3 +1,4 @@
+#include "base/DKThreadToken.h"
 #include "os/DKFileSystem.h"
 #include "os/DKProcess.h"
 #include "os/DKSystem.h"
@@ -14,7 +15,7 @@ std::uint64_t DKProcess::CurrentThreadId() noexcept {
     unsigned generation;
     std::uint64_t id;
   };
-  thread_local Cached cached{0, 0};
+  thread_local Cached cached DK_FAST_TLS{0, 0};
   const unsigned generation = ForkGeneration();
   if (cached.id == 0 || cached.generation != generation)
     cached = Cached{generation, DKSystem::CurrentThreadId()};

@@ -5,12 +5,13 @@
 // sleeper.
 #include <DorvikCore/DKSync.h>
 
+#include "base/DKThreadToken.h"
 #include "threads/DKSyncImpl.h"
 
 #include <algorithm>
 #include <thread>
 
-DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std::thread::id()), m_count(0) {
+DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(nullptr), m_count(0) {
   if (lockNow)
     Lock();
 }
@@ -18,7 +19,7 @@ DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std:
 DKCriticalSection::~DKCriticalSection() = default;
 
 void DKCriticalSection::Lock() noexcept {
-  const std::thread::id self = std::this_thread::get_id();
+  const void* const self = dkbase::ThreadToken();
   if (m_owner.load(std::memory_order_relaxed) == self) {
     ++m_count;
     return;
@@ -31,9 +32,9 @@ void DKCriticalSection::Lock() noexcept {
 }
 
 void DKCriticalSection::Unlock() noexcept {
-  if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
+  if (m_owner.load(std::memory_order_relaxed) != dkbase::ThreadToken() || --m_count != 0)
     return;
-  m_owner.store(std::thread::id(), std::memory_order_relaxed);
+  m_owner.store(nullptr, std::memory_order_relaxed);
   if (m_state.exchange(Free, std::memory_order_release) == HeldWaited)
     WakeWaiter();
 }
@@ -54,7 +55,7 @@ void DKCriticalSection::LockContended() noexcept {
 void DKCriticalSection::WakeWaiter() { DKWordWaitImpl::WakeOne(m_state); }
 
 bool DKCriticalSection::TryLock() noexcept {
-  const std::thread::id self = std::this_thread::get_id();
+  const void* const self = dkbase::ThreadToken();
   if (m_owner.load(std::memory_order_relaxed) == self) {
     ++m_count;
     return true;
