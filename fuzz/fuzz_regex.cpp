@@ -64,9 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   DKRegEx cached, tiny, uncached;
   const DKErrorID result = cached.Compile(pattern);
-  tiny.Compile(pattern, 256);
-  uncached.Compile(pattern, 0);
-  Require(tiny.IsCompiled() == cached.IsCompiled() && uncached.IsCompiled() == cached.IsCompiled(),
+  const DKErrorID tinyResult = tiny.Compile(pattern, 256), uncachedResult = uncached.Compile(pattern, 0);
+  Require(tinyResult.Good() == result.Good() && uncachedResult.Good() == result.Good() &&
+              tiny.IsCompiled() == cached.IsCompiled() && uncached.IsCompiled() == cached.IsCompiled(),
           "the cache size does not decide whether a pattern compiles");
   if (result.Bad()) {
     Require(result.GetCode() == DK_MSG_INVALID_REGEX, "a refused pattern gives Invalid regular expression");
