@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DKPoolLeakCheck.h"
+#include "support/DKPoolLeakCheck.h"
 
 #include <algorithm>
 #include <cmath>

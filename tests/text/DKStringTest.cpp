@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DKPoolLeakCheck.h"
+#include "support/DKPoolLeakCheck.h"
 
 #include <atomic>
 #include <string>
