@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKTestSupport.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
