@@ -254,9 +254,10 @@ TEST(DKExceptionTest, ReportsOnceUnlessAskedAgainAndEvenWhenSilent) {
   EXPECT_EQ(console.Text(), "once\nonce\n");
 
   DKException quiet(DK_T("quiet###***###user"), true);
-  DKSetTraceLevelProvider([](void*) { return std::uint32_t{0}; }, nullptr); // a silent console
-  quiet.LogInErrorFile();
-  DKSetTraceLevelProvider(nullptr);
+  {
+    const TraceLevelOverride silent(0);
+    quiet.LogInErrorFile();
+  }
   EXPECT_TRUE(quiet.IsLogged());
   quiet.LogInErrorFile();
   EXPECT_EQ(console.Text(), "once\nonce\n");
@@ -373,19 +374,13 @@ TEST(DKLockedCOUTTest, WritesEveryTextKindAsUtf8AndLocksRecursively) {
 TEST(DKLockedCOUTTest, LinesFromManyThreadsStayWhole) {
   constexpr int kThreads = 6, kLines = 300;
   ConsoleCapture console;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < kLines; ++i) {
-        DKLockedCOUT lock; // many small pieces, so that an unlocked stream would interleave them
-        lock.GetCout() << "thread " << t;
-        for (int piece = 0; piece < 8; ++piece)
-          lock.GetCout() << ' ' << piece;
-        lock.GetCout() << " line " << i << std::endl;
-      }
-    });
-  for (auto& thread : threads)
-    thread.join();
+  RunOnThreads(kThreads, kLines, [](int t, int i) {
+    DKLockedCOUT lock; // many small pieces, so that an unlocked stream would interleave them
+    lock.GetCout() << "thread " << t;
+    for (int piece = 0; piece < 8; ++piece)
+      lock.GetCout() << ' ' << piece;
+    lock.GetCout() << " line " << i << std::endl;
+  });
   std::map<int, int> nextLine; // each thread's lines arrive in its own order
   const auto lines = SplitLines(console.Text());
   ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));
