@@ -68,6 +68,7 @@ TEST(DateRecordsTest, DatesHoldTheirFieldsAndRefuseWhatIsNoDate) {
   dk::FILETIME ft{};
   ASSERT_TRUE(DKDateEx(1970, 1, 1).AsFileTime(ft, DKTimeZone::UTC));
   EXPECT_EQ((static_cast<DKUInt64>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime, 116444736000000000ULL);
+  EXPECT_EQ(DKDateEx(ft, DKTimeZone::UTC), DKDateEx(1970, 1, 1));
   DKDateAndTime fields;
   date.GetDateAndTime(fields);
   EXPECT_EQ(fields.flags, std::uint32_t{DKDateAndTime::NoTime});

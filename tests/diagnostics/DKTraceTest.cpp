@@ -59,7 +59,7 @@ TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   EXPECT_GE(after, line.stamp.substr(0, 19));
   EXPECT_EQ(line.threadId, std::to_string(gettid()));
   EXPECT_EQ(Digests(lines), Texts{"Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
-                          "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
+                                  "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
 }
 
 TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {

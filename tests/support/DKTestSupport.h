@@ -87,11 +87,11 @@ public:
   ~ScratchFolder() {
     namespace fs = std::filesystem;
     std::error_code ignored;
+    fs::permissions(m_path, fs::perms::owner_all, fs::perm_options::add, ignored);
     for (auto it = fs::recursive_directory_iterator(m_path, ignored); it != fs::recursive_directory_iterator();
          it.increment(ignored))
       if (it->is_directory(ignored) && !it->is_symlink(ignored))
         fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-    fs::permissions(m_path, fs::perms::owner_all, fs::perm_options::add, ignored);
     fs::remove_all(m_path, ignored);
   }
   ScratchFolder(const ScratchFolder&) = delete;

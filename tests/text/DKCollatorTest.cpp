@@ -89,6 +89,8 @@ TEST(DKCollatorTest, FlagsSelectOneProcessWideCollator) {
     }
     EXPECT_EQ(DKGetFlagsCollator(flags)->NbRef(), refs);
   }
+  EXPECT_TRUE(DKString(DK_T("\u00C4BC")).IsEqual(DKString(DK_T("\u00E4bc")), DKString::IgnoreCase));
+  EXPECT_EQ(DKString(DK_T("a")).Compare(DKString(DK_T("b")), DKSmartPtrToConst<DKCollator>()), -1); // none: plain order
 }
 
 // A static object destroyed at exit still compares through the process-wide collators, however

@@ -313,15 +313,6 @@ TEST_F(DKStringTest, PlainComparison) {
   EXPECT_EQ(S(u"abc").Compare(u"ABC", 8), 1); // unknown flag bits are ignored
 }
 
-TEST_F(DKStringTest, ComparisonWithFlagsAndCollators) {
-  // The named flag values; what each collator does is tested with the collators.
-  EXPECT_GT(S(u"école").Compare(u"Ecole", DKString::IgnoreAccent), 0);
-  EXPECT_EQ(S(u"École").Compare(u"ecole", DKString::IgnoreCaseAndAccent), 0);
-  EXPECT_TRUE(S(u"ÄBC").IsEqual(S(u"äbc"), DKString::IgnoreCase));
-  DKSmartPtrToConst<DKCollator> none;
-  EXPECT_EQ(S(u"a").Compare(S(u"b"), none), -1);
-}
-
 TEST_F(DKStringTest, CaseMapping) {
   DKString s(u"Grüße, ΣΟΦΊΑ! 123");
   DKString copy(s);
