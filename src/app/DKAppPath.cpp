@@ -41,7 +41,7 @@ DKString JoinPath(const DKString& directory, const DKString& name) {
 
 DKString CurrentDirectory() {
   std::string utf8;
-  return DKEnvironment::GetCurrentDirectory(utf8) ? DKString::FromUTF8(utf8) : DKString();
+  return DKEnvironment::CurrentDirectory(utf8) ? DKString::FromUTF8(utf8) : DKString();
 }
 
 DKString MakeAbsolute(const DKString& path) {

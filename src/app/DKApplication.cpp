@@ -180,7 +180,7 @@ void DKApplication::ChooseTmpDirectory() {
   }
   for (const char* variable : {"TMP", "TMPDIR"}) {
     DKString value;
-    if (DKProcess::GetEnvironmentVariable(variable, value) && DKDirectory::IsPathExists(value)) {
+    if (DKProcess::EnvironmentVariable(variable, value) && DKDirectory::IsPathExists(value)) {
       m_tmpDirectory = value;
       return;
     }
@@ -351,7 +351,7 @@ bool DKApplication::IsExitPosted() noexcept { return g_exitPosted.load(std::memo
 void DKApplication::AddToPath(const DKString& text) {
   DKString value = text;
   DKString path;
-  if (DKProcess::GetEnvironmentVariable("PATH", path) && !path.IsEmpty()) {
+  if (DKProcess::EnvironmentVariable("PATH", path) && !path.IsEmpty()) {
     value += DKString(DKEnvironment::PathListSeparator()) + path;
   }
   DKEnvironment::SetVariable("PATH", value.AsUTF8());

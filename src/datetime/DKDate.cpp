@@ -110,7 +110,8 @@ bool StartsWithToDate(const DKString& text) {
 
 } // namespace
 
-// ---- DKDate --------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDate
 
 long DKDate::JulianDay(unsigned short day, unsigned short month, unsigned short year) noexcept {
   return dkcal::JulianDayFormula<long>(day, month, year);
@@ -376,7 +377,8 @@ DKDurationEx operator-(const DKDate& a, const DKDate& b) {
   return dkcal::FittingDuration(static_cast<DKInt64>(a.GetDays()) - b.GetDays(), DKDurationEx::Day);
 }
 
-// ---- DKDateTime -----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateTime
 
 void DKDateTime::SetCount(DKInt64 seconds) {
   if (seconds > maximum.m_time)
@@ -559,7 +561,8 @@ DKDurationEx operator-(const DKDateTime& a, const DKDateTime& b) {
   return dkcal::FittingDuration(static_cast<DKInt64>(a.GetTime_t()) - b.GetTime_t(), DKDurationEx::Second);
 }
 
-// ---- Streams -------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Streams
 
 std::ostream& operator<<(std::ostream& os, const DKDate& date) { return dkdt::WriteValue(os, date); }
 std::istream& operator>>(std::istream& is, DKDate& date) { return dkdt::ReadValue(is, date); }

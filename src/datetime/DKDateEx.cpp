@@ -46,7 +46,8 @@ dk::SYSTEMTIME OriginRecord(const DKTimeEx& time) noexcept {
 
 } // namespace
 
-// ---- DKDateEx ------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateEx
 
 DKDateEx::DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day) : m_date(0) {
   if (!SetDate(year, month, day)) {
@@ -274,7 +275,8 @@ DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b) {
   return dkcal::FittingDuration(days, DKDurationEx::Day);
 }
 
-// ---- DKTimeEx ------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKTimeEx
 
 DKTimeEx::DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t second, std::uint32_t millisecond)
     : m_time(NULL_TIME) {
@@ -487,7 +489,8 @@ DKDurationEx operator-(const DKTimeEx& a, const DKTimeEx& b) {
   return DKDurationEx(static_cast<long>(a.AsMilliseconds()) - b.AsMilliseconds(), DKDurationEx::Millisecond);
 }
 
-// ---- Streams -------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Streams
 
 std::ostream& operator<<(std::ostream& os, const DKDateEx& date) { return dkdt::WriteValue(os, date); }
 std::istream& operator>>(std::istream& is, DKDateEx& date) { return dkdt::ReadValue(is, date); }

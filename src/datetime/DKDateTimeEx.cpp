@@ -141,7 +141,8 @@ bool FieldsToWrite(const DKDateTimeEx& value, const DKTimeZone& zone, dkdt::Writ
 
 } // namespace
 
-// ---- Construction ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Construction
 
 DKDateTimeEx::DKDateTimeEx(std::int32_t year, std::uint32_t month, std::uint32_t day, std::uint32_t hour, std::uint32_t minute,
                            std::uint32_t second, std::uint32_t millisecond, const DKTimeZone& zone)
@@ -186,7 +187,8 @@ bool DKDateTimeEx::IsValid() const noexcept {
   return !IsNull() && (!HasDate() || m_date.IsValid()) && (m_time.IsNull() || m_time.IsValid());
 }
 
-// ---- Broken-down form ------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Broken-down form
 
 bool DKDateTimeEx::GetDateAndTime(DKDateAndTime& fields, const DKTimeZone& zone) const noexcept {
   fields = DKDateAndTime();
@@ -236,7 +238,8 @@ bool DKDateTimeEx::SetDateAndTime(const DKDateAndTime& fields) noexcept {
   return true;
 }
 
-// ---- Records -----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Records
 
 bool DKDateTimeEx::FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
   return DKIsValidSystemTime(time) && SetDateAndTime(DKDateAndTime(time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
@@ -357,7 +360,8 @@ bool DKDateTimeEx::FromUnixTime(DKInt64 seconds, std::int32_t milliseconds) noex
   return PackMoment(dkcal::MsToMoment(seconds * msPerSecond + milliseconds), *this);
 }
 
-// ---- Now ---------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Now
 
 DKDateTimeEx DKDateTimeEx::GetCurrentDateTime() {
   const DKClockReading now = DKClock::Now();
@@ -383,7 +387,8 @@ DKDateTimeEx CurrentPart(bool local, std::uint32_t absent) {
 DKDateTimeEx DKDateTimeEx::GetCurrentDate(bool local) { return CurrentPart(local, DKDateAndTime::NoTime); }
 DKDateTimeEx DKDateTimeEx::GetTheCurrentTime(bool local) { return CurrentPart(local, DKDateAndTime::NoDate); }
 
-// ---- Arithmetic --------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Arithmetic
 
 void DKDateTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   const DKDurationEx::Unit unit = duration.GetUnit();
@@ -471,7 +476,8 @@ DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b) {
   return dkcal::FittingDuration(days * dkcal::msPerDay + timeA - timeB, DKDurationEx::Millisecond);
 }
 
-// ---- Text --------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Text
 
 const DKString& DKDateTimeEx::GetDefaultFormat(bool full, bool withMilliseconds) const {
   const DefaultFormats& formats = Formats();
@@ -553,7 +559,8 @@ DKErrorID DKDateTimeEx::FromString(const DKString& text, const DKString& format,
 std::ostream& operator<<(std::ostream& os, const DKDateTimeEx& value) { return dkdt::WriteValue(os, value); }
 std::istream& operator>>(std::istream& is, DKDateTimeEx& value) { return dkdt::ReadValue(is, value); }
 
-// ---- DKString conversions ----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKString conversions
 
 namespace {
 

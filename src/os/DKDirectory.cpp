@@ -49,5 +49,5 @@ bool DKDirectory::Create(const DKString& path, bool createParents) {
 
 bool DKDirectory::Remove(const DKString& path) {
   std::string utf8;
-  return SystemPath(path, utf8) && DKFileSystem::RemoveDirectory(utf8);
+  return SystemPath(path, utf8) && DKFileSystem::DeleteDirectory(utf8);
 }

@@ -8,9 +8,9 @@
 class DKEnvironment {
 public:
   // The working directory; false when the system cannot tell.
-  static bool GetCurrentDirectory(std::string& path);
+  static bool CurrentDirectory(std::string& path);
   // Makes path the working directory; false when refused.
-  static bool SetCurrentDirectory(const std::string& path);
+  static bool ChangeDirectory(const std::string& path);
   // Sets (replaces) an environment variable; false when refused.
   static bool SetVariable(const char* name, const std::string& value);
   // The names of the entries of a directory that are not directories themselves ("." and ".."

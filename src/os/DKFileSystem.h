@@ -20,7 +20,7 @@ public:
   // Creates one directory whose parent exists. True when it was created.
   static bool MakeDirectory(const std::string& path) noexcept;
   // Removes one empty directory. True when it was removed.
-  static bool RemoveDirectory(const std::string& path) noexcept;
+  static bool DeleteDirectory(const std::string& path) noexcept;
   // Opens a file with a C stdio mode ("w", "rb", ...); null on failure.
   static std::FILE* OpenFile(const std::string& path, const char* mode) noexcept;
   // Whether two open files are one file on the disk, whatever names (links, relative paths)

@@ -36,7 +36,7 @@ DKString DKProcess::GetTempFolder() {
   return folder;
 }
 
-bool DKProcess::GetEnvironmentVariable(const char* name, DKString& value) {
+bool DKProcess::EnvironmentVariable(const char* name, DKString& value) {
   std::string utf8;
   if (!EnvironmentVariableUTF8(name, utf8))
     return false;

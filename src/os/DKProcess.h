@@ -38,5 +38,5 @@ public:
   static DKString GetTempFolder();
   // The value of an environment variable as text (bytes that are not UTF-8 become U+FFFD).
   // False when the variable is not defined.
-  static bool GetEnvironmentVariable(const char* name, DKString& value);
+  static bool EnvironmentVariable(const char* name, DKString& value);
 };

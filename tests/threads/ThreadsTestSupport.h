@@ -1,5 +1,5 @@
-// Helpers of the threads suites: waiting on a condition with a generous bound, names unique to
-// this test process, and the helper program that plays the other process.
+// Helpers of the threads suites: work on another thread, names unique to this test process,
+// and the helper program that plays the other process.
 #pragma once
 
 #include <DorvikCore/DKError.h>
@@ -15,15 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#  define DK_TEST_SANITIZER 1
-#elif defined(__has_feature)
-#  if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#    define DK_TEST_SANITIZER 1
-#  endif
-#endif
-
-// Long enough for a loaded machine under a sanitizer; reached only when something is wrong.
 // Runs f on a thread of its own and returns its result.
 template <class F>
 auto OnOtherThread(F f) {

@@ -23,7 +23,7 @@ bool DKFileSystem::MakeDirectory(const std::string& path) noexcept {
   return mkdir(path.c_str(), 0777) == 0;
 }
 
-bool DKFileSystem::RemoveDirectory(const std::string& path) noexcept {
+bool DKFileSystem::DeleteDirectory(const std::string& path) noexcept {
   return rmdir(path.c_str()) == 0;
 }
 

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-bool DKEnvironment::GetCurrentDirectory(std::string& path) {
+bool DKEnvironment::CurrentDirectory(std::string& path) {
   std::unique_ptr<char, decltype(&free)> text(getcwd(nullptr, 0), &free);
   if (!text)
     return false;
@@ -16,7 +16,7 @@ bool DKEnvironment::GetCurrentDirectory(std::string& path) {
   return true;
 }
 
-bool DKEnvironment::SetCurrentDirectory(const std::string& path) { return !path.empty() && chdir(path.c_str()) == 0; }
+bool DKEnvironment::ChangeDirectory(const std::string& path) { return !path.empty() && chdir(path.c_str()) == 0; }
 
 bool DKEnvironment::SetVariable(const char* name, const std::string& value) {
   return name && *name && setenv(name, value.c_str(), 1) == 0;
