@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <ctime>
-#include <thread>
 
 using namespace apptest;
 
@@ -88,19 +87,15 @@ TEST_F(DKLogManagerTest, EachThreadWritesThroughItsOwnStream) {
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1));
   DKLogStream* streams[4] = {};
   std::atomic<int> arrived{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([this, t, &streams, &arrived] {
-      streams[t] = &DKLogStream::ForThread(m_channel);
-      EXPECT_EQ(streams[t], &DKLogStream::ForThread(m_channel));
-      // All threads hold their streams at once, so that no two can share an address.
-      ++arrived;
-      WaitUntil([&] { return arrived.load() == 4; });
-      for (int i = 0; i < 100; ++i)
-        DKLogStream::ForThread(m_channel) << "thread " << t << " line " << i << std::endl;
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+  RunOnThreads(4, 1, [&](int t, int) {
+    streams[t] = &DKLogStream::ForThread(m_channel);
+    EXPECT_EQ(streams[t], &DKLogStream::ForThread(m_channel));
+    // All threads hold their streams at once, so that no two can share an address.
+    ++arrived;
+    WaitUntil([&] { return arrived.load() == 4; });
+    for (int i = 0; i < 100; ++i)
+      DKLogStream::ForThread(m_channel) << "thread " << t << " line " << i << std::endl;
+  });
   for (int a = 0; a < 4; ++a)
     for (int b = a + 1; b < 4; ++b)
       EXPECT_NE(streams[a], streams[b]);
