@@ -109,8 +109,11 @@ inline std::string ReadWholeFile(const std::filesystem::path& path) {
   return text.str();
 }
 
+// Throws when the file cannot be written, so that the test fails where the cause is.
 inline void WriteWholeFile(const std::filesystem::path& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
+  std::ofstream out(path, std::ios::binary);
+  if (!(out << bytes).flush())
+    throw std::runtime_error("cannot write " + path.string());
 }
 
 // The names in a folder, in no particular order.
