@@ -13,30 +13,6 @@ namespace {
 
 using DKApplicationTest = ConsoleTest;
 
-// Sets an environment variable for the length of a scope, then restores it.
-class ScopedEnv {
-public:
-  ScopedEnv(const char* name, const char* value) : m_name(name) {
-    if (const char* old = std::getenv(name))
-      m_old = old, m_had = true;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (m_had)
-      setenv(m_name, m_old.c_str(), 1);
-    else
-      unsetenv(m_name);
-  }
-
-private:
-  const char* m_name;
-  std::string m_old;
-  bool m_had = false;
-};
-
 TEST_F(DKApplicationTest, GivesTheFourFormsOfTheNameAndTheDirectory) {
   // Program; with path and extension; with path; with extension; neither; directory.
   const std::array<const char*, 6> cases[] = {

@@ -187,8 +187,7 @@ constexpr long long kInstants[] = {0,           -1,           1709251199999, 170
                                    1699163999999};
 
 TEST(DKLoggerTest, TimeStampsMatchTheCLibraryInUtcAndLocalTime) {
-  setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-  tzset();
+  const ScopedEnv zone("TZ", "EST5EDT,M3.2.0,M11.1.0", &tzset);
   for (const long long instant : kInstants) {
     SCOPED_TRACE(instant);
     EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Utc), ReferenceStamp(instant, true));

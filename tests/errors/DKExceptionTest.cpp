@@ -279,7 +279,7 @@ TEST(DKExceptionStackTest, CapturedStackNamesTheBuildingFunctionUnlessAskedNotTo
 
 TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process reads the environment anew
-  setenv("DK_DISABLE_STACK", "", 1);              // set to anything, even empty
+  const ScopedEnv disable("DK_DISABLE_STACK", ""); // set to anything, even empty
   EXPECT_EXIT(
       {
         const DKException e(DK_T("x"));
@@ -290,7 +290,6 @@ TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
         std::exit(ok ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
-  unsetenv("DK_DISABLE_STACK");
 }
 
 TEST(DKExceptionSubclassTest, LastErrorExceptionCarriesTheSystemText) {

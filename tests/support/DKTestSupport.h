@@ -1,5 +1,5 @@
-// Helpers shared by the test suites: UTF-8 text as a DKString, console capture, a fixed console
-// verbosity, scratch folders and whole files, the sanitizer flag, waiting on a condition with a
+// Helpers shared by the test suites: UTF-8 text as a DKString, console capture, an environment
+// variable for a scope, a fixed console verbosity, scratch folders and whole files, the sanitizer flag, waiting on a condition with a
 // generous bound, and running the same work on several threads at once.
 #pragma once
 
@@ -60,6 +60,33 @@ inline std::vector<std::string> SplitLines(const std::string& text) {
     lines.push_back(line);
   return lines;
 }
+
+// Sets an environment variable (removes it for a null value) for the lifetime of the object,
+// then restores it; `reread` runs after each change, for code that caches what it read.
+class ScopedEnv {
+public:
+  ScopedEnv(const char* name, const char* value, void (*reread)() = nullptr) : m_name(name), m_reread(reread) {
+    if (const char* old = std::getenv(name))
+      m_old = old, m_had = true;
+    Set(value);
+  }
+  ~ScopedEnv() { Set(m_had ? m_old.c_str() : nullptr); }
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+  void Set(const char* value) {
+    if (value)
+      setenv(m_name.c_str(), value, 1);
+    else
+      unsetenv(m_name.c_str());
+    if (m_reread)
+      m_reread();
+  }
+  std::string m_name, m_old;
+  bool m_had = false;
+  void (*m_reread)();
+};
 
 // Installs a fixed console verbosity for the lifetime of the object.
 class TraceLevelOverride {
