@@ -412,6 +412,16 @@ public:
     return DKString::FromUTF8(m_narrowLength == DKString::npos ? std::string_view(m_narrow)
                                                                : std::string_view(m_narrow, m_narrowLength));
   }
+  // The text as a view when it is UTF-16 already (nothing is copied); false for UTF-8 text.
+  bool GetView(DKStringView& view) const noexcept {
+    if (m_string)
+      view = m_string->View();
+    else if (m_wide)
+      view = DKStringView(m_wide);
+    else
+      return false;
+    return true;
+  }
 
 private:
   const DKString* m_string = nullptr;
