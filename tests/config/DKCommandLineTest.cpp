@@ -1,11 +1,12 @@
 #include <DorvikCore/DKCommandLine.h>
 
+#include "support/DKTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <initializer_list>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -285,11 +286,7 @@ TEST(DKCommandLineLookup, IndexedLookupsAgreeWithAScan) {
   check(moved, "assigned");
 
   const DKCommandLine shared(line);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] { check(shared, "threads"); });
-  for (std::thread& thread : threads)
-    thread.join();
+  RunOnThreads(4, 1, [&](int, int) { check(shared, "threads"); });
 }
 
 TEST(DKCommandLineLookup, InvalidArguments) {
