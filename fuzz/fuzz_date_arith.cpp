@@ -12,6 +12,8 @@
 //     clock units on a time or a date and time; b + (a - b) == a for an exact difference;
 //     ++ then -- comes back; (a + d) - a is d for clock units on a date and time;
 //   - a month or year step lands on the month counted independently, its day clamped;
+//   - a date word or a millisecond count that is not a value writes the empty text, in every
+//     form (text, buffer, stream), and nothing else does;
 //   - conversions that succeed read back the same value (FILETIME to the millisecond, Unix
 //     time, automation dates, packed words and counts through their text, struct tm and
 //     SYSTEMTIME in UTC), and they succeed exactly where the value's range allows;
@@ -32,6 +34,7 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <sstream>
 
 namespace {
 
@@ -545,6 +548,10 @@ void Words(Input& in) {
   FUZZ_CHECK(back.FromInt(n) == (time.IsValid() || n == -1));
   DKChar buffer[32];
   FUZZ_CHECK(date.AsString(buffer, 32, nullptr).Good() && time.AsString(buffer, 32, nullptr).Good());
+  FUZZ_CHECK((buffer[0] == 0) == !time.IsValid());
+  std::ostringstream dateOut, timeOut; // a stream is written the default text, empty when there is none
+  FUZZ_CHECK(static_cast<bool>(dateOut << date) && dateOut.str().empty() == !valid);
+  FUZZ_CHECK(static_cast<bool>(timeOut << time) && timeOut.str().empty() == !time.IsValid());
   const DKDateTimeEx both = DKDateTimeEx::FromParts(date, time);
   FUZZ_CHECK(both.AsString(buffer, 32, nullptr).Good());
   FUZZ_CHECK(both.AsString().IsEmpty() != both.IsValid()); // every valid value has a default text

@@ -32,16 +32,15 @@ const DKUnitTest& Tree() {
       ++g_failures;
       return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("fails"))));
     };
-    // The names are distinct: adding cannot fail.
-    root->AddTest(DK_T("Pass"), pass).IgnoreError();
-    root->AddTest(DK_T("Fail"), fail).IgnoreError();
-    root->AddTest(DK_T("Throw"), [] {
-          ++g_failures;
-          throw std::runtime_error("throws");
-        }).IgnoreError();
+    FUZZ_CHECK(root->AddTest(DK_T("Pass"), pass).Good());
+    FUZZ_CHECK(root->AddTest(DK_T("Fail"), fail).Good());
+    FUZZ_CHECK(root->AddTest(DK_T("Throw"), [] {
+                     ++g_failures;
+                     throw std::runtime_error("throws");
+                   }).Good());
     DKUnitTest& scope = root->AddMenu(DK_T("Scope"));
-    scope.AddTest(DK_T("Pass"), pass).IgnoreError();
-    scope.AddMenu(DK_T("Deep")).AddTest(DK_T("Fail"), fail).IgnoreError();
+    FUZZ_CHECK(scope.AddTest(DK_T("Pass"), pass).Good());
+    FUZZ_CHECK(scope.AddMenu(DK_T("Deep")).AddTest(DK_T("Fail"), fail).Good());
     root->AddMenu(DK_T("Empty"));
     return root;
   }();

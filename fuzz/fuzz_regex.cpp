@@ -65,11 +65,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   DKRegEx cached, tiny, small, uncached;
   const DKErrorID result = cached.Compile(pattern);
-  tiny.Compile(pattern, 256).IgnoreError(); // compared with the cached compile just below
-  small.Compile(pattern, 2048).IgnoreError();
-  uncached.Compile(pattern, 0).IgnoreError();
-  Require(tiny.IsCompiled() == cached.IsCompiled() && small.IsCompiled() == cached.IsCompiled() &&
-              uncached.IsCompiled() == cached.IsCompiled(),
+  const DKErrorID tinyResult = tiny.Compile(pattern, 256), smallResult = small.Compile(pattern, 2048),
+                  uncachedResult = uncached.Compile(pattern, 0);
+  Require(tinyResult.Good() == result.Good() && smallResult.Good() == result.Good() &&
+              uncachedResult.Good() == result.Good() && tiny.IsCompiled() == cached.IsCompiled() &&
+              small.IsCompiled() == cached.IsCompiled() && uncached.IsCompiled() == cached.IsCompiled(),
           "the cache size does not decide whether a pattern compiles");
   if (result.Bad()) {
     Require(result.GetCode() == DK_MSG_INVALID_REGEX, "a refused pattern gives Invalid regular expression");

@@ -6,8 +6,9 @@
 // - a valid text re-encodes to the same bytes; a lenient result encodes strictly and decodes
 //   back to itself;
 // - Latin-1 round-trips every byte string, and code page 1252 every one it accepts;
-// - scrambling round-trips any UTF-16 text, lone surrogates included, and unscrambling
-//   anything else leaves it alone.
+// - scrambling round-trips any UTF-16 text, lone surrogates included, into the marker and a body
+//   of letters, digits, '-' and '_', leaving the strings that shared the text alone; and
+//   unscrambling anything else leaves it alone.
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKStringConverter.h>
@@ -121,8 +122,14 @@ void CheckScramble(std::string_view bytes) {
   }
   s.Decrypt();
   Require(s == text, "decrypting a plain text does nothing");
+  const DKString original(text.c_str(), text.Length());
   s.Encrypt();
-  Require(s.IsEncrypted(), "a scrambled text is recognised");
+  Require(s.IsEncrypted() && s.StartsWith(DK_T("{DKS1}")), "a scrambled text is recognised");
+  for (std::size_t i = 6; i < s.Length(); ++i)
+    Require((s[i] >= u'A' && s[i] <= u'Z') || (s[i] >= u'a' && s[i] <= u'z') || (s[i] >= u'0' && s[i] <= u'9') ||
+                s[i] == u'-' || s[i] == u'_',
+            "the body is letters, digits, '-' and '_'");
+  Require(text == original, "a string that shared the text keeps it");
   s.Decrypt();
   Require(s == text, "scrambling round trip");
 }
@@ -136,8 +143,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckScramble(bytes);
   // The same bytes read as text that may already carry the scrambling marker.
   DKString asText;
-  // A replacing converter does not fail.
-  DKStringConverter::ForCodePage(65001, DKStringConverter::Replace)->ToUnicode(bytes.data(), bytes.size(), asText).IgnoreError();
+  Require(DKStringConverter::ForCodePage(65001, DKStringConverter::Replace)->ToUnicode(bytes.data(), bytes.size(), asText).Good(),
+          "lenient decoding never fails");
   DKString copy = asText;
   copy.Decrypt();
   Require(asText.IsEncrypted() || copy == asText, "decrypting a text that is not scrambled does nothing");

@@ -1,6 +1,5 @@
-// Helpers of the application suites: a scratch directory, small file helpers, and a child
-// process whose output is read line by line with generous bounds (never a sleep that has to be
-// long enough).
+// Helpers of the application suites: a scratch folder for command lines, a log recorder, a
+// console captured for the whole test, and the child runner of tests/support.
 #pragma once
 
 #include <DorvikCore/DKConsole.h>
@@ -14,63 +13,19 @@
 #include "support/DKTestSupport.h"
 
 #include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace apptest {
 
 namespace fs = std::filesystem;
 
-// Reached only when something is wrong: a loaded machine under a sanitizer is slow.
-// A fresh directory, removed with everything in it at the end of the test.
-class ScratchDir {
+// A scratch folder whose paths are strings, for building command lines.
+class ScratchDir : public ScratchFolder {
 public:
-  ScratchDir() {
-    std::string pattern = (fs::temp_directory_path() / "dkapp-XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
-      ADD_FAILURE() << "mkdtemp failed";
-    m_path = fs::canonical(pattern);
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    fs::permissions(m_path, fs::perms::owner_all, fs::perm_options::add, ignored);
-    fs::remove_all(m_path, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  const fs::path& Path() const noexcept { return m_path; }
-  std::string operator/(const std::string& name) const { return (m_path / name).string(); }
-
-private:
-  fs::path m_path;
+  std::string operator/(const std::string& name) const { return (Path() / name).string(); }
 };
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary);
-  out << content;
-  ASSERT_TRUE(out.good()) << path;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 // Keeps every piece it is given, with its level.
 class Recorder : public DKLogSubscriberI {
@@ -98,16 +53,13 @@ private:
 // Captures the console for the length of a test.
 class ConsoleTest : public ::testing::Test {
 protected:
-  void SetUp() override { m_previous = DKLockedCOUT::SetConsoleStream(&m_console); }
-  void TearDown() override { DKLockedCOUT::SetConsoleStream(m_previous); }
-  std::string Console() const { return m_console.str(); }
+  std::string Console() const { return m_console.Text(); }
   bool ConsoleHas(const std::string& line) const {
-    const auto lines = SplitLines(m_console.str());
+    const auto lines = SplitLines(m_console.Text());
     return std::find(lines.begin(), lines.end(), line) != lines.end();
   }
 
-  std::ostringstream m_console;
-  std::ostream* m_previous = nullptr;
+  ConsoleCapture m_console;
 };
 
 using dktest::Child;

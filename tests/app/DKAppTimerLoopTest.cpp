@@ -52,7 +52,7 @@ TEST_F(DKAppTimerLoopTest, LoadingManyModulesCountsThemAndReportsTheProgress) {
   std::string list;
   for (std::size_t i = 0; i < DKApplicationWithPlugIns::ProgressModuleCount; ++i)
     list += std::string(DK_TEST_PLUGIN_DIR) + "/good.osx\n"; // one plug-in, the others refused as duplicates
-  WriteFile(dir / "osx.lst", list);
+  WriteWholeFile(dir / "osx.lst", list);
   DKApplicationWithPlugIns app(DKString(DK_T("host")));
   EXPECT_TRUE(app.GetLoadProgress().IsNull());
   EXPECT_TRUE(app.LoadPlugInsFromDirectory(Text(dir.Path().string()), DK_T(".osx"), "GetPlugInObject", false).Good());

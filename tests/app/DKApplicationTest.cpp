@@ -13,30 +13,6 @@ namespace {
 
 using DKApplicationTest = ConsoleTest;
 
-// Sets an environment variable for the length of a scope, then restores it.
-class ScopedEnv {
-public:
-  ScopedEnv(const char* name, const char* value) : m_name(name) {
-    if (const char* old = std::getenv(name))
-      m_old = old, m_had = true;
-    if (value)
-      setenv(name, value, 1);
-    else
-      unsetenv(name);
-  }
-  ~ScopedEnv() {
-    if (m_had)
-      setenv(m_name, m_old.c_str(), 1);
-    else
-      unsetenv(m_name);
-  }
-
-private:
-  const char* m_name;
-  std::string m_old;
-  bool m_had = false;
-};
-
 TEST_F(DKApplicationTest, GivesTheFourFormsOfTheNameAndTheDirectory) {
   // Program; with path and extension; with path; with extension; neither; directory.
   const std::array<const char*, 6> cases[] = {
@@ -108,7 +84,7 @@ TEST_F(DKApplicationTest, ConsoleOptionsSendTheOutputToTheConsoleTheFileBothOrNo
                {"/consoleToFile /noConsole", "prog.log", false},
                {"/consoleToFile:" + dir / "named.log", "named.log", true}};
   for (const auto& c : cases) {
-    m_console.str("");
+    m_console.Clear();
     {
       DKApplication app(Text(dir / "prog.exe " + c.options));
       app.GetCout() << "line" << std::endl;
@@ -116,7 +92,7 @@ TEST_F(DKApplicationTest, ConsoleOptionsSendTheOutputToTheConsoleTheFileBothOrNo
     EXPECT_EQ(Console(), c.console ? "line\n" : "") << c.options;
     EXPECT_EQ(fs::exists(dir / "prog.log"), c.file == "prog.log") << c.options;
     if (!c.file.empty()) {
-      EXPECT_EQ(ReadFile(dir / c.file), "line\n") << c.options;
+      EXPECT_EQ(ReadWholeFile(dir / c.file), "line\n") << c.options;
       fs::remove(dir / c.file);
     }
   }
@@ -135,8 +111,8 @@ TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritable
     EXPECT_TRUE(app.StartLoggingToFile(Text(again), true)) << again;
   EXPECT_TRUE(app.StartLoggingToFile(Text(dir / "other.log"), false));
   app.GetCout() << "line" << std::endl;
-  EXPECT_EQ(ReadFile(dir / "ok.log"), "line\n");
-  EXPECT_EQ(ReadFile(dir / "other.log"), "line\n");
+  EXPECT_EQ(ReadWholeFile(dir / "ok.log"), "line\n");
+  EXPECT_EQ(ReadWholeFile(dir / "other.log"), "line\n");
   const std::vector<std::string> lines = SplitLines(Console());
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "line"), 1) << "the console is added once too: " << Console();
 }
@@ -144,7 +120,7 @@ TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritable
 TEST_F(DKApplicationTest, ConfigurationBesideTheProgramGivesTheTemporaryDirectoryAndErrorLog) {
   ScratchDir dir;
   fs::create_directory(dir / "debug");
-  WriteFile(dir / "prog.ini", "[DKORE]\nDebugPath=" + dir / "debug" + "\n[Other]\nkey=value\n");
+  WriteWholeFile(dir / "prog.ini", "[DKORE]\nDebugPath=" + dir / "debug" + "\n[Other]\nkey=value\n");
   DKApplication app(Text(dir / "prog.exe"));
   ASSERT_TRUE(app.GetConfigFile());
   EXPECT_EQ(app.GetConfigFile()->GetString(DK_T("other"), DK_T("KEY")), DKString(DK_T("value")));
@@ -155,7 +131,7 @@ TEST_F(DKApplicationTest, ConfigurationBesideTheProgramGivesTheTemporaryDirector
 
 TEST_F(DKApplicationTest, ConfigurationInTheWorkingDirectoryIsFoundByName) {
   ScratchDir dir;
-  WriteFile(dir / "prog.ini", "[DKORE]\n");
+  WriteWholeFile(dir / "prog.ini", "[DKORE]\n");
   const fs::path previous = fs::current_path();
   fs::current_path(dir.Path());
   {
@@ -169,7 +145,7 @@ TEST_F(DKApplicationTest, ConfigurationInTheWorkingDirectoryIsFoundByName) {
 
 TEST_F(DKApplicationTest, ExplicitConfigurationThatCannotBeReadIsReported) {
   ScratchDir dir;
-  WriteFile(dir / "bad.ini", "[Unclosed\nkey=value\n");
+  WriteWholeFile(dir / "bad.ini", "[Unclosed\nkey=value\n");
   const std::pair<std::string, std::string> cases[] = {
       {dir / "missing.ini", "ERR> *** Cannot read the configuration file " + dir / "missing.ini"},
       {dir / "bad.ini", "ERR> *** The configuration file " + dir / "bad.ini" + " is not valid: "}};
@@ -182,7 +158,7 @@ TEST_F(DKApplicationTest, ExplicitConfigurationThatCannotBeReadIsReported) {
 
 TEST_F(DKApplicationTest, WhatTheConfigurationHoldsBesideSettingsGoesToTheTraceAndOneConsoleLine) {
   ScratchDir dir;
-  WriteFile(dir / "prog.ini", "# a comment of another kind\n[DKORE]\nDebugPath=.\n[Other]\nkey=value\n");
+  WriteWholeFile(dir / "prog.ini", "# a comment of another kind\n[DKORE]\nDebugPath=.\n[Other]\nkey=value\n");
   const std::string summary = "ERR> *** The configuration file " + dir / "prog.ini" +
                               " holds text that is no setting: lines starting with '#' read as text: 1 (first on line 1); "
                               "section headers inside a key: 1 (first on line 2); keys over several lines: 1 (first on "
@@ -199,16 +175,16 @@ TEST_F(DKApplicationTest, WhatTheConfigurationHoldsBesideSettingsGoesToTheTraceA
   DKTrace::SetTraceSubjects(nullptr);
   std::string trace;
   for (const auto& entry : fs::directory_iterator(dir / "trace"))
-    trace += ReadFile(entry.path().string());
+    trace += ReadWholeFile(entry.path().string());
   for (const char* note : {"line 1: a line starting with '#'", "line 2: a section header inside a key",
                            "lines 1-3: a key spans several lines", "lines 1-3: a key line before the first section"})
     EXPECT_NE(trace.find("configuration file " + dir / "prog.ini" + ": " + note), std::string::npos) << note << "\n" << trace;
 
   // Silent at trace level 0; nothing to say about a file of settings only.
-  m_console.str("");
+  m_console.Clear();
   { DKApplication app(Text(dir / "prog.exe /trace:0")); }
   EXPECT_EQ(Console().find("holds text"), std::string::npos) << Console();
-  WriteFile(dir / "prog.ini", "[DKORE]\nDebugPath=.\n");
+  WriteWholeFile(dir / "prog.ini", "[DKORE]\nDebugPath=.\n");
   { DKApplication app(Text(dir / "prog.exe")); }
   EXPECT_EQ(Console().find("holds text"), std::string::npos) << Console();
 }

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <ctime>
-#include <thread>
 
 using namespace apptest;
 
@@ -88,19 +87,15 @@ TEST_F(DKLogManagerTest, EachThreadWritesThroughItsOwnStream) {
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1));
   DKLogStream* streams[4] = {};
   std::atomic<int> arrived{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([this, t, &streams, &arrived] {
-      streams[t] = &DKLogStream::ForThread(m_channel);
-      EXPECT_EQ(streams[t], &DKLogStream::ForThread(m_channel));
-      // All threads hold their streams at once, so that no two can share an address.
-      ++arrived;
-      WaitUntil([&] { return arrived.load() == 4; });
-      for (int i = 0; i < 100; ++i)
-        DKLogStream::ForThread(m_channel) << "thread " << t << " line " << i << std::endl;
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+  RunOnThreads(4, 1, [&](int t, int) {
+    streams[t] = &DKLogStream::ForThread(m_channel);
+    EXPECT_EQ(streams[t], &DKLogStream::ForThread(m_channel));
+    // All threads hold their streams at once, so that no two can share an address.
+    ++arrived;
+    WaitUntil([&] { return arrived.load() == 4; });
+    for (int i = 0; i < 100; ++i)
+      DKLogStream::ForThread(m_channel) << "thread " << t << " line " << i << std::endl;
+  });
   for (int a = 0; a < 4; ++a)
     for (int b = a + 1; b < 4; ++b)
       EXPECT_NE(streams[a], streams[b]);
@@ -113,14 +108,14 @@ TEST_F(DKLogManagerTest, EachThreadWritesThroughItsOwnStream) {
 TEST_F(DKLogManagerTest, FileSubscriberAppendsAndFlushesEveryPieceOrIsRefused) {
   ScratchDir dir;
   const std::string path = dir / "log.txt";
-  WriteFile(path, "before\n");
+  WriteWholeFile(path, "before\n");
   DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(path)));
   ASSERT_TRUE(file->IsGood());
   ASSERT_TRUE(m_logs.Subscribe(m_channel, file, 1));
   m_logs.Publish(m_channel, 1, "line\n");
-  EXPECT_EQ(ReadFile(path), "before\nline\n") << "on disk without closing the file";
+  EXPECT_EQ(ReadWholeFile(path), "before\nline\n") << "on disk without closing the file";
   DKSmartPtr<DKFileLogSubscriber> fresh(new DKFileLogSubscriber(Text(path), DKFileLogSubscriber::Truncate));
-  EXPECT_EQ(ReadFile(path), "");
+  EXPECT_EQ(ReadWholeFile(path), "");
 
   DKSmartPtr<DKFileLogSubscriber> missing(new DKFileLogSubscriber(Text(dir / "missing/log.txt")));
   EXPECT_FALSE(missing->IsGood());
@@ -131,12 +126,10 @@ TEST_F(DKLogManagerTest, FileSubscriberAppendsAndFlushesEveryPieceOrIsRefused) {
 }
 
 TEST_F(DKLogManagerTest, ConsoleSubscriberWritesToTheLockedConsole) {
-  std::ostringstream console;
-  std::ostream* previous = DKLockedCOUT::SetConsoleStream(&console);
+  ConsoleCapture console;
   ASSERT_TRUE(m_logs.Subscribe(m_channel, new DKConsoleLogSubscriber, 1));
   DKLogStream(m_channel) << "to the console" << std::endl;
-  DKLockedCOUT::SetConsoleStream(previous);
-  EXPECT_EQ(console.str(), "to the console\n");
+  EXPECT_EQ(console.Text(), "to the console\n");
 }
 
 TEST(DKErrorLogTest, AppendsLinesToTheNamedFile) {
@@ -147,7 +140,7 @@ TEST(DKErrorLogTest, AppendsLinesToTheNamedFile) {
   EXPECT_EQ(logs.GetErrorLogFile().AsUTF8(), dir / "prog-ERROR.LOG");
   EXPECT_TRUE(logs.AppendToErrorLog(DK_T("first")));
   EXPECT_TRUE(logs.AppendToErrorLog(DK_T("second")));
-  EXPECT_EQ(ReadFile(dir / "prog-ERROR.LOG"), "first\nsecond\n");
+  EXPECT_EQ(ReadWholeFile(dir / "prog-ERROR.LOG"), "first\nsecond\n");
   logs.SetErrorLogFile(Text(dir / "missing"), DK_T("x.log"));
   EXPECT_FALSE(logs.AppendToErrorLog(DK_T("lost")));
   const std::size_t cut = previous.RFind(DK_T('/'));
@@ -194,8 +187,7 @@ constexpr long long kInstants[] = {0,           -1,           1709251199999, 170
                                    1699163999999};
 
 TEST(DKLoggerTest, TimeStampsMatchTheCLibraryInUtcAndLocalTime) {
-  setenv("TZ", "EST5EDT,M3.2.0,M11.1.0", 1);
-  tzset();
+  const ScopedEnv zone("TZ", "EST5EDT,M3.2.0,M11.1.0", &tzset);
   for (const long long instant : kInstants) {
     SCOPED_TRACE(instant);
     EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Utc), ReferenceStamp(instant, true));
@@ -316,8 +308,8 @@ std::string Line(int number) { return "line " + std::to_string(100 + number) + "
 std::string KeptText(const ScratchDir& dir, unsigned keep) {
   std::string text;
   for (unsigned n = keep; n >= 1; --n)
-    text += ReadFile(dir / ("log.txt." + std::to_string(n)));
-  return text + ReadFile(dir / "log.txt");
+    text += ReadWholeFile(dir / ("log.txt." + std::to_string(n)));
+  return text + ReadWholeFile(dir / "log.txt");
 }
 
 TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
@@ -352,7 +344,7 @@ TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
     EXPECT_EQ(kept, all.substr(all.size() - std::min<std::size_t>(keptLines, total) * Line(0).size()));
     for (unsigned n = 0; n <= c.keep && c.maxBytes != 0; ++n) {
       const std::string name = n == 0 ? dir / "log.txt" : dir / ("log.txt." + std::to_string(n));
-      EXPECT_LE(ReadFile(name).size(), std::max<std::uint64_t>(c.maxBytes, Line(0).size()) + (c.pieces ? Line(0).size() : 0))
+      EXPECT_LE(ReadWholeFile(name).size(), std::max<std::uint64_t>(c.maxBytes, Line(0).size()) + (c.pieces ? Line(0).size() : 0))
           << name;
     }
     EXPECT_EQ(file->GetErrorText(), DKString());
@@ -361,13 +353,13 @@ TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
 
 TEST_F(DKLogManagerTest, AnAppendedFileCountsWhatItHoldsAndAFailedRotationLosesNothing) {
   ScratchDir dir;
-  WriteFile(dir / "log.txt", std::string(90, 'x') + "\n");
+  WriteWholeFile(dir / "log.txt", std::string(90, 'x') + "\n");
   {
     DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
     file->SetRotation(100, 1);
     file->Write(1, 1, Line(0));
-    EXPECT_EQ(ReadFile(dir / "log.txt.1"), std::string(90, 'x') + "\n");
-    EXPECT_EQ(ReadFile(dir / "log.txt"), Line(0));
+    EXPECT_EQ(ReadWholeFile(dir / "log.txt.1"), std::string(90, 'x') + "\n");
+    EXPECT_EQ(ReadWholeFile(dir / "log.txt"), Line(0));
   }
   // The name the file would be renamed to is a folder that is not empty: the rename fails.
   fs::remove(dir / "log.txt.1");
@@ -376,7 +368,7 @@ TEST_F(DKLogManagerTest, AnAppendedFileCountsWhatItHoldsAndAFailedRotationLosesN
   file->SetRotation(40, 1);
   for (int i = 1; i <= 4; ++i)
     file->Write(1, 1, Line(i));
-  EXPECT_EQ(ReadFile(dir / "log.txt"), Line(0) + Line(1) + Line(2) + Line(3) + Line(4));
+  EXPECT_EQ(ReadWholeFile(dir / "log.txt"), Line(0) + Line(1) + Line(2) + Line(3) + Line(4));
   EXPECT_NE(file->GetErrorText().AsUTF8().find("cannot rotate the log file"), std::string::npos)
       << file->GetErrorText().AsUTF8();
   EXPECT_TRUE(fs::is_directory(dir / "log.txt.1/in"));

@@ -1,10 +1,10 @@
 #include <DorvikCore/DKObjectFactory.h>
 
+#include "support/DKTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -153,18 +153,12 @@ TEST(DKCppObjectFactoryUsageTest, TwoUsesNeedTwoFreesAndBoundProxiesKeepTheirCre
 TEST(DKCppObjectFactoryUsageTest, ThreadsThatHoldTheLockShareTheFactory) {
   DKCppObjectFactory::UseFactory();
   std::atomic<int> made{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([t, &made] {
-      for (int i = 0; i < 200; ++i) {
-        DKCppObjectGenericCreatorProxy proxy(kOrderClass + t % 2);
-        std::lock_guard guard(DKCppObjectFactory::GetCriticalSection());
-        DKCppObjectFactory::RegisterCreator(kOrderClass + t % 2, i % 2 ? &MakeFirst : &MakeSecond);
-        made += MakerOf(proxy.CreateObject()) != 0;
-      }
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+  RunOnThreads(4, 200, [&made](int t, int i) {
+    DKCppObjectGenericCreatorProxy proxy(kOrderClass + t % 2);
+    std::lock_guard guard(DKCppObjectFactory::GetCriticalSection());
+    DKCppObjectFactory::RegisterCreator(kOrderClass + t % 2, i % 2 ? &MakeFirst : &MakeSecond);
+    made += MakerOf(proxy.CreateObject()) != 0;
+  });
   EXPECT_EQ(made.load(), 800);
   DKCppObjectFactory::FreeFactory();
 }

@@ -55,7 +55,7 @@ void WriteList(const std::string& path, const std::vector<std::string>& kinds) {
   std::string text;
   for (const std::string& kind : kinds)
     text += Module(kind) + "\n";
-  WriteFile(path, text);
+  WriteWholeFile(path, text);
 }
 
 HostRun RunList(const std::vector<std::string>& kinds, const std::vector<std::string>& extra = {},
@@ -76,7 +76,7 @@ const std::string kExit = "Exiting application...";
 TEST(PlugInHostTest, ListFileWithCommentsBlanksAndBareNamesLoadsFromItsDirectory) {
   ScratchDir dir;
   fs::copy_file(Module("good"), dir / "good.osx");
-  WriteFile(dir / "osx.lst", "# sample list\r\n\r\n   ; indented comment\n\t good.osx  \n");
+  WriteWholeFile(dir / "osx.lst", "# sample list\r\n\r\n   ; indented comment\n\t good.osx  \n");
   const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
   const std::string folder = dir.Path().string();
   const std::vector<std::string> expected{
@@ -98,7 +98,7 @@ TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrder) {
   ScratchDir dir;
   fs::copy_file(Module("good"), dir / "good.osx");
   fs::copy_file(Module("chain_c"), dir / "CHAIN_C.OSX");
-  WriteFile(dir / "readme.txt", "not a module");
+  WriteWholeFile(dir / "readme.txt", "not a module");
   fs::create_directory(dir / "folder.osx");
   const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
   const std::string folder = dir.Path().string();
@@ -155,7 +155,7 @@ TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
 // ordered), the absent ones are not, and the host ends with its exit line and code.
 TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) {
   ScratchDir dir;
-  WriteFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
+  WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
   const struct {
     std::vector<std::string> kinds, extra;
     bool ordered;
@@ -274,7 +274,7 @@ INSTANTIATE_TEST_SUITE_P(InterruptAndTerminate, PlugInHostSignalTest, ::testing:
 TEST(PlugInHostTest, OverlongAndUnreadableListsAreReported) {
   ScratchDir dir;
   const std::string overlong(261, 'x');
-  WriteFile(dir / "osx.lst", Module("good") + "\n" + overlong + "\n" + std::string(260, ' ') + "\n");
+  WriteWholeFile(dir / "osx.lst", Module("good") + "\n" + overlong + "\n" + std::string(260, ' ') + "\n");
   fs::create_directories(dir / "sub/osx.lst"); // a list file that cannot be read
   fs::copy_file(Module("chain_c"), dir / "sub/chain_c.osx");
   const HostRun run = RunHost({"/osxpath:" + dir.Path().string(), "/osxpath:" + dir / "sub"}, "/");
@@ -418,7 +418,7 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
 // the interval of its configuration until a quit signal stops it.
 TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
   ScratchDir dir;
-  WriteFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
+  WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
   WriteList(dir / "osx.lst", {"heartbeat"});
   Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, DK_DKHOST_PATH),
              dir.Path().string());

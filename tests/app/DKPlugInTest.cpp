@@ -347,7 +347,7 @@ TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.member);
     Journal().clear();
-    m_console.str("");
+    m_console.Clear();
     {
       TestApp app;
       ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
@@ -407,7 +407,7 @@ TEST_F(DKPlugInTest, ContainerCyclesAndFailingContainersAreRefusedWithTheirChain
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     Journal().clear();
-    m_console.str("");
+    m_console.Clear();
     TestApp app;
     const DKErrorID result = app.LoadPlugIn(c.container);
     EXPECT_EQ(result.Good() ? std::string() : result.AsString().AsUTF8(), c.error);

@@ -2,18 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKTestSupport.h"
+
 #include <atomic>
 #include <cctype>
 #include <optional>
 #include <random>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
-
-DKString U(const char* utf8) { return DKString::FromUTF8(utf8); }
 
 std::string ErrorText(const DKRegEx& re) { return re.GetError().AsString().AsUTF8(); }
 
@@ -56,12 +55,12 @@ const OracleCase oracleCases[] = {
 
 TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
   for (const OracleCase& c : oracleCases) {
-    DKRegEx re(U(c.pattern));
+    DKRegEx re(Text(c.pattern));
     ASSERT_TRUE(re.IsCompiled()) << c.pattern << ": " << ErrorText(re);
     const std::optional<std::regex> oracle = StdCompile(c.pattern);
     ASSERT_TRUE(oracle) << c.pattern;
     for (const char* text : c.texts)
-      EXPECT_EQ(re.Match(U(text)), std::regex_match(text, *oracle)) << "/" << c.pattern << "/ on \"" << text << "\"";
+      EXPECT_EQ(re.Match(Text(text)), std::regex_match(text, *oracle)) << "/" << c.pattern << "/ on \"" << text << "\"";
   }
 }
 
@@ -114,9 +113,9 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
   int compared = 0;
   for (int i = 0; i < 700; ++i) {
     const std::string pattern = gen.Pattern();
-    DKRegEx cached(U(pattern.c_str()));
+    DKRegEx cached(Text(pattern.c_str()));
     DKRegEx uncached;
-    ASSERT_TRUE(uncached.Compile(U(pattern.c_str()), 0).Good());
+    ASSERT_TRUE(uncached.Compile(Text(pattern.c_str()), 0).Good());
     ASSERT_TRUE(cached.IsCompiled()) << pattern << ": " << ErrorText(cached);
     const std::optional<std::regex> oracle = StdCompile(pattern);
     if (!oracle)
@@ -125,8 +124,8 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
       const std::string text = gen.Text();
       const bool expected = std::regex_match(text, *oracle);
       ++compared;
-      ASSERT_EQ(cached.Match(U(text.c_str())), expected) << "/" << pattern << "/ on \"" << text << "\"";
-      ASSERT_EQ(uncached.Match(U(text.c_str())), expected) << "/" << pattern << "/ uncached on \"" << text << "\"";
+      ASSERT_EQ(cached.Match(Text(text.c_str())), expected) << "/" << pattern << "/ on \"" << text << "\"";
+      ASSERT_EQ(uncached.Match(Text(text.c_str())), expected) << "/" << pattern << "/ uncached on \"" << text << "\"";
     }
   }
   EXPECT_GT(compared, 3000);
@@ -216,8 +215,8 @@ const FixedCase fixedCases[] = {
 
 TEST(DKRegExTest, MatchesFixedCases) {
   for (const FixedCase& c : fixedCases)
-    EXPECT_EQ(DKRegEx(U(c.pattern)).Match(U(c.text)), c.match) << "/" << c.pattern << "/ on \"" << c.text << "\"";
-  EXPECT_EQ(U("\xF0\x9F\x98\x80").Length(), 2u);
+    EXPECT_EQ(DKRegEx(Text(c.pattern)).Match(Text(c.text)), c.match) << "/" << c.pattern << "/ on \"" << c.text << "\"";
+  EXPECT_EQ(Text("\xF0\x9F\x98\x80").Length(), 2u);
   EXPECT_TRUE(DKRegEx(DK_T("\\0")).Match(DKString(DKChar(0), 1)));
   // A lone surrogate is one character of its own.
   const DKChar lone[] = {0xD800, 'x', 0};
@@ -225,7 +224,7 @@ TEST(DKRegExTest, MatchesFixedCases) {
   EXPECT_TRUE(DKRegEx(DK_T("\\uD800x")).Match(lone));
   // A literal high half followed by an escaped low half is one character too.
   const DKChar mixed[] = {0xD83D, '\\', 'u', 'D', 'E', '0', '0', 0};
-  EXPECT_TRUE(DKRegEx(mixed).Match(U("\xF0\x9F\x98\x80")));
+  EXPECT_TRUE(DKRegEx(mixed).Match(Text("\xF0\x9F\x98\x80")));
   const DKChar twoHighs[] = {0xD83D, 0xD83D, 0xDE00, 0};
   EXPECT_TRUE(DKRegEx(DK_T("\\uD83D\\uD83D\\uDE00")).Match(twoHighs));
 }
@@ -249,8 +248,8 @@ TEST(DKRegExTest, PosixClassesInsideBrackets) {
   const DKChar others[] = {0xA0, 0xE9, 0x3000, 0xFF10};
   for (const Posix& p : classes) {
     const std::string name = std::string("[:") + p.name + ":]";
-    const DKRegEx in(U(("[" + name + "]").c_str())), out(U(("[^" + name + "]").c_str()));
-    const DKRegEx mixed(U(("[x" + name + "-]").c_str()));
+    const DKRegEx in(Text(("[" + name + "]").c_str())), out(Text(("[^" + name + "]").c_str()));
+    const DKRegEx mixed(Text(("[x" + name + "-]").c_str()));
     ASSERT_TRUE(in.IsCompiled() && out.IsCompiled() && mixed.IsCompiled()) << name << ": " << ErrorText(in);
     for (int c = 0; c < 128; ++c) {
       const DKString text(static_cast<DKChar>(c), 1);
@@ -313,7 +312,7 @@ const BadPattern badPatterns[] = {
 TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
   for (const BadPattern& bad : badPatterns) {
     DKRegEx re;
-    const DKErrorID result = re.Compile(U(bad.pattern));
+    const DKErrorID result = re.Compile(Text(bad.pattern));
     EXPECT_TRUE(result.Bad()) << bad.pattern;
     EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_REGEX);
     EXPECT_FALSE(re.IsCompiled());
@@ -325,7 +324,7 @@ TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
   }
   // A long pattern is named by its start.
   const std::string tail(100, 'a');
-  DKRegEx re(U(("(" + tail).c_str()));
+  DKRegEx re(Text(("(" + tail).c_str()));
   EXPECT_EQ(ErrorText(re), "Invalid regular expression \"(" + tail.substr(0, 59) + "...\" at position 0: missing ')'");
 }
 
@@ -409,25 +408,17 @@ TEST(DKRegExTest, CopiesShareTheProgramAndMatchFromManyThreads) {
   ASSERT_TRUE(full.Compile(DK_T("(a|b)*a(a|b){11}"), 16 * 1024).Good());
   ASSERT_TRUE(none.Compile(full.GetPattern(), 0).Good());
   std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      std::mt19937 rng(static_cast<unsigned>(t));
-      for (int i = 0; i < 2000; ++i) {
-        const DKString abc = RandomText(rng, "abc", 3, 5, 16) + DK_T("7");
-        const bool expected = abc[abc.Length() - 6] == 'c';
-        if (shared.Match(abc) != expected || small.Match(abc) != expected)
-          ++wrong;
-        if (i % 8 != 0)
-          continue;
-        const DKString ab = RandomText(rng, "ab", 2, 10, 70);
-        const bool abExpected = ab.Length() >= 12 && ab[ab.Length() - 12] == 'a';
-        if (full.Match(ab) != abExpected || none.Match(ab) != abExpected)
-          ++wrong;
-      }
-    });
-  for (std::thread& t : threads)
-    t.join();
+  std::mt19937 rngs[4] = {std::mt19937(0), std::mt19937(1), std::mt19937(2), std::mt19937(3)};
+  RunOnThreads(4, 2000, [&](int t, int i) {
+    const DKString abc = RandomText(rngs[t], "abc", 3, 5, 16) + DK_T("7");
+    const bool expected = abc[abc.Length() - 6] == 'c';
+    wrong += shared.Match(abc) != expected || small.Match(abc) != expected;
+    if (i % 8 == 0) {
+      const DKString ab = RandomText(rngs[t], "ab", 2, 10, 70);
+      const bool abExpected = ab.Length() >= 12 && ab[ab.Length() - 12] == 'a';
+      wrong += full.Match(ab) != abExpected || none.Match(ab) != abExpected;
+    }
+  });
   EXPECT_EQ(wrong.load(), 0);
 }
 

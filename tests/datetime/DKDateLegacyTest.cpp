@@ -42,7 +42,7 @@ TEST(DateTest, CountsRangeAndArithmetic) {
   }
 }
 
-TEST(DateTest, RecordsAndText) {
+TEST(DateTest, Text) {
   const DKDate d(5, 1, 2020);
   EXPECT_EQ(d.AsString(), DK_T("2020/01/05"));
   EXPECT_EQ(d.AsString(DK_T("%d.%m.%y W%W")), DK_T("05.01.20 W00"));
@@ -52,20 +52,6 @@ TEST(DateTest, RecordsAndText) {
   EXPECT_EQ(r, DKDate(1, 2, 2003));
   EXPECT_EQ(r.FromString(DK_T("0/2/2003"), DK_T("%d/%m/%Y")).GetCode(), DK_MSG_INVALID_DATE);
   EXPECT_EQ(r, DKDate(1, 2, 2003)); // unchanged
-  DKDateEx ex;
-  ASSERT_TRUE(d.AsDKDateEx(ex));
-  EXPECT_EQ(ex, DKDateEx(2020, 1, 5));
-  EXPECT_EQ(DKDate(ex), d);
-  dk::VARIANT v{};
-  ASSERT_TRUE(d.AsVariant(v));
-  EXPECT_EQ(v.date, 43835.0);
-  EXPECT_EQ(DKDate(v), d);
-  dk::SYSTEMTIME st{};
-  ASSERT_TRUE(d.AsSystemTime(st));
-  EXPECT_EQ(DKDate(st), d);
-  std::tm tm{};
-  ASSERT_TRUE(d.AsStructTM(tm));
-  EXPECT_EQ(DKDate(tm), d);
 }
 
 TEST(DateTimeLegacyTest, CountsAndRange) {

@@ -1,5 +1,5 @@
-// DKDateTimeEx and DKTimeZone: layout, zones and daylight saving, arithmetic, records and the
-// "%" text formats. Zone cases run under a fixed TZ (Europe/Paris, America/New_York).
+// DKDateTimeEx and DKTimeZone: layout, zones and daylight saving, arithmetic and the "%" text
+// formats (the records are in DKDateRecordsTest.cpp). Zone cases run under a fixed TZ (Europe/Paris, America/New_York).
 #include "DateTimeTestSupport.h"
 
 #include <ctime>
@@ -260,69 +260,6 @@ TEST(DateTimeExArithmeticTest, DifferenceUnits) {
   EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 3, 1)) - DKDateTimeEx(DKDateEx(2021, 1, 1)), DKDurationEx(59, U::Day));
   EXPECT_EQ(DKDateTimeEx(DKTimeEx(1, 0)) - Utc(2021, 3, 1, 2, 0), DKDurationEx(-3600000, U::Millisecond));
   EXPECT_EQ(DKDateTimeEx() - Utc(2021, 3, 1), DKDurationEx::invalid_);
-}
-
-// ---- Records ------------------------------------------------------------------------------------
-
-TEST(DateTimeExRecordsTest, InstantsAndWallClockRecords) {
-  DK_IN_ZONE(paris);
-  const DKDateTimeEx summer = Utc(2021, 7, 1, 10, 0, 0, 123);
-  dk::FILETIME ft{};
-  ASSERT_TRUE(summer.AsFileTime(ft));
-  EXPECT_EQ(DKDateTimeEx(ft), summer);
-  EXPECT_FALSE(Utc(1600, 12, 31, 23).AsFileTime(ft));
-
-  std::tm tm{};
-  ASSERT_TRUE(summer.AsStructTM(tm));
-  EXPECT_EQ(tm.tm_hour, 12);
-  EXPECT_EQ(tm.tm_isdst, 1);
-  EXPECT_EQ(DKDateTimeEx(tm), Utc(2021, 7, 1, 10));
-  ASSERT_TRUE(summer.AsStructTM(tm, DKTimeZone::UTC));
-  EXPECT_EQ(tm.tm_isdst, 0);
-
-  dk::SYSTEMTIME st{};
-  ASSERT_TRUE(summer.AsSystemTime(st));
-  EXPECT_EQ(st.wHour, 12);
-  EXPECT_EQ(DKDateTimeEx(st), summer);
-  EXPECT_EQ(DKDateTimeEx(st, DKTimeZone::UTC), Utc(2021, 7, 1, 12, 0, 0, 123));
-
-  dk::VARIANT v{};
-  ASSERT_TRUE(summer.AsVariant(v));
-  EXPECT_EQ(v.vt, dk::VT_DATE);
-  EXPECT_DOUBLE_EQ(v.date, 44378.5); // local noon; milliseconds are dropped
-  EXPECT_EQ(DKDateTimeEx(v), Utc(2021, 7, 1, 10));
-  EXPECT_EQ(DKDateTimeEx(0.25), DKDateTimeEx(DKTimeEx(6, 0)));
-  DKDateTimeEx x;
-  EXPECT_FALSE(x.FromVariant(3e6));
-
-  DKInt64 seconds = 0;
-  std::int32_t ms = 0;
-  ASSERT_TRUE(summer.AsUnixTime(seconds, &ms));
-  EXPECT_EQ(seconds, 1625133600);
-  EXPECT_EQ(ms, 123);
-  ASSERT_TRUE(Utc(1969, 12, 31, 23, 59, 59, 500).AsUnixTime(seconds, &ms));
-  EXPECT_EQ(seconds, -1);
-  EXPECT_EQ(ms, 500);
-}
-
-TEST(DateTimeExRecordsTest, BrokenDownForm) {
-  DK_IN_ZONE(newYork);
-  DKDateAndTime fields;
-  ASSERT_TRUE(Utc(2021, 1, 1, 3, 4, 5, 6).GetDateAndTime(fields));
-  EXPECT_EQ(fields.year, 2020);
-  EXPECT_EQ(fields.hour, 22u);
-  EXPECT_EQ(fields.flags, 0u);
-  EXPECT_EQ(DKDateTimeEx(fields), Utc(2021, 1, 1, 3, 4, 5, 6));
-  fields.flags = DKDateAndTime::NoDate;
-  EXPECT_EQ(DKDateTimeEx(fields), DKDateTimeEx(DKTimeEx(22, 4, 5, 6))); // no zone shift for a time alone
-  fields.flags = 0;
-  fields.second = 60;
-  DKDateTimeEx keep = Utc(2000, 1, 1);
-  EXPECT_FALSE(keep.SetDateAndTime(fields));
-  EXPECT_EQ(keep, Utc(2000, 1, 1));
-  EXPECT_TRUE(DKDateTimeEx().GetDateAndTime(fields));
-  EXPECT_EQ(fields.flags, DKDateAndTime::FlagsFor(false, false));
-  EXPECT_FALSE(DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx(1, 0)).GetDateAndTime(fields));
 }
 
 // ---- Text: writing -------------------------------------------------------------------------------

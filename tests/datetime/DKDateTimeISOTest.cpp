@@ -59,8 +59,6 @@ std::string IsoOf(sys_ms instant, int offsetMinutes) {
   return result + text;
 }
 
-DKString Text(const std::string& utf8) { return DKString::FromUTF8(utf8); }
-
 constexpr const char* paris = "Europe/Paris";
 
 // ---- std::chrono -------------------------------------------------------------------------
@@ -293,8 +291,9 @@ TEST(IsoTextTest, UnreadableTextGivesMessageNineAndTheNullValue) {
   EXPECT_TRUE(v.IsNull());
 }
 
-// Local time: the offset in force is written, so that every instant reads back exactly; text
-// without an offset is a wall-clock reading in the zone given.
+// Local time: the offset in force is written, so that every instant reads back exactly (the
+// iso8601 fuzz target's property, with seeds around the changes of offset); text without an
+// offset is a wall-clock reading in the zone given.
 TEST(IsoTextTest, LocalZoneWritesItsOffset) {
   DK_IN_ZONE(paris);
   EXPECT_EQ(Utc(2021, 3, 28, 0, 59, 59, 999).AsISO8601(DKTimeZone::Local).AsUTF8(), "2021-03-28T01:59:59.999+01:00");
@@ -304,11 +303,6 @@ TEST(IsoTextTest, LocalZoneWritesItsOffset) {
   // A date alone and a time alone are not shifted.
   EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 30)).AsISO8601(DKTimeZone::Local).AsUTF8(), "23:30:00.000");
 
-  for (DKDateTimeEx v = Utc(2021, 1, 1, 0, 0, 0, 125); v < Utc(2022, 1, 1); v += DKDurationEx(15, U::Minute)) {
-    DKDateTimeEx back;
-    ASSERT_TRUE(back.FromISO8601(v.AsISO8601(DKTimeZone::Local), DKTimeZone::UTC).Good());
-    ASSERT_EQ(back, v);
-  }
   const struct {
     const char* text;
     DKDateTimeEx value;

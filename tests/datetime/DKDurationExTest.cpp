@@ -1,4 +1,6 @@
-// DKDurationEx: counts, the conversion table, normalisation, arithmetic and text.
+// DKDurationEx: counts, the conversion table, normalisation, arithmetic and text. That every
+// duration reads back from each of its texts (the readable one as the same std::chrono amount)
+// is the duration fuzz target's property, replayed under CTest over seeds at every unit's ends.
 #include "DateTimeTestSupport.h"
 
 #include <chrono>
@@ -235,19 +237,6 @@ TEST(DurationExTest, ReadsUnitWords) {
   EXPECT_FALSE(ok);
 }
 
-TEST(DurationExTest, TextRoundTripsInBothForms) {
-  for (int unit = 0; unit < 8; ++unit) {
-    for (long count : {1L, -1L, 2L, -77L, 2147483647L, -2147483647L}) {
-      const DKDurationEx d(count, U(unit));
-      for (bool longForm : {false, true}) {
-        DKDurationEx back;
-        EXPECT_TRUE(back.FromString(d.AsString(longForm), U::Invalid));
-        EXPECT_EQ(back, d) << d.AsString(longForm).AsUTF8();
-      }
-    }
-  }
-}
-
 TEST(DurationExTest, Streams) {
   std::ostringstream out;
   out << DKDurationEx(3, U::Day) << ' ' << DKDurationEx(-2, U::Hour);
@@ -323,32 +312,6 @@ TEST(DurationExReadableTest, ReadsPartsIntoTheFinestUnit) {
     DKDurationEx d(5, U::Day);
     EXPECT_FALSE(d.FromReadableString(text)) << DKString(text).AsUTF8();
     EXPECT_EQ(d, DKDurationEx::invalid_) << DKString(text).AsUTF8();
-  }
-}
-
-// What is written reads back as the same amount (compared through std::chrono), and a text
-// that was read writes the same again.
-TEST(DurationExReadableTest, RoundTripsKeepTheAmount) {
-  std::mt19937_64 random(77);
-  std::uniform_int_distribution<long> anyCount(-2147483647L, 2147483647L);
-  for (int unit = 0; unit < 8; ++unit) {
-    for (int i = 0; i < 2000; ++i) {
-      const long count = i < 4 ? std::initializer_list<long>{0L, 1L, 2147483647L, -2147483647L}.begin()[i] : anyCount(random) >> (i % 31);
-      const DKDurationEx d(count, U(unit));
-      for (bool longForm : {true, false}) {
-        const DKString text = d.AsReadableString(longForm);
-        DKDurationEx back;
-        ASSERT_TRUE(back.FromReadableString(text)) << text.AsUTF8();
-        std::chrono::milliseconds before{}, after{};
-        if (d.AsChrono(before)) {
-          ASSERT_TRUE(back.AsChrono(after));
-          ASSERT_EQ(after, before) << text.AsUTF8();
-        } else {
-          ASSERT_TRUE(back.IsEquivalent(d)) << text.AsUTF8();
-        }
-        ASSERT_EQ(back.AsReadableString(longForm), text);
-      }
-    }
   }
 }
 

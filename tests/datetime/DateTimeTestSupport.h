@@ -5,35 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include "support/DKTestSupport.h"
+
 #include <filesystem>
 #include <ostream>
 #include <string>
 
 // Sets TZ for the scope of a test and restores it, telling the library to read it again.
-class ScopedTimeZone {
+class ScopedTimeZone : public ScopedEnv {
 public:
-  explicit ScopedTimeZone(const char* zone) {
-    if (const char* old = std::getenv("TZ")) {
-      m_had = true;
-      m_old = old;
-    }
-    setenv("TZ", zone, 1);
-    DKTimeZone::Reload();
-  }
-  ~ScopedTimeZone() {
-    if (m_had)
-      setenv("TZ", m_old.c_str(), 1);
-    else
-      unsetenv("TZ");
-    DKTimeZone::Reload();
-  }
-  ScopedTimeZone(const ScopedTimeZone&) = delete;
-  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
-
-private:
-  bool m_had = false;
-  std::string m_old;
+  explicit ScopedTimeZone(const char* zone) : ScopedEnv("TZ", zone, &DKTimeZone::Reload) {}
 };
 
 inline bool HasZoneInfo(const char* zone) { return std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone); }

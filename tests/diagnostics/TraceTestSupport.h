@@ -1,69 +1,19 @@
-// Helpers of the trace and directory suites: scratch folders, trace lines, and the child
-// process that runs a trace scenario with an environment of its own.
+// Helpers of the trace suites: trace files and their lines, and the child process that runs a
+// trace scenario with an environment of its own.
 #pragma once
 
+#include "support/DKChildProcess.h"
 #include "support/DKTestSupport.h"
-
-#include <DorvikCore/DKError.h>
-#include <DorvikCore/DKString.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <spawn.h>
-#include <sstream>
-#include <stdexcept>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
-extern char** environ;
-
 namespace fs = std::filesystem;
-
-// A new empty folder under the system's temporary folder, removed with its content at the end.
-class ScratchFolder {
-public:
-  ScratchFolder() {
-    std::string pattern = (fs::temp_directory_path() / "dk_trace_test_XXXXXX").string();
-    m_path = mkdtemp(pattern.data()) ? pattern : throw std::runtime_error("cannot make " + pattern);
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    fs::remove_all(m_path, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  const fs::path& Path() const { return m_path; }
-  fs::path operator/(const std::string& name) const { return m_path / name; }
-
-private:
-  fs::path m_path;
-};
-
-inline DKString ToDK(const std::string& utf8) { return DKString::FromUTF8(utf8); }
-
-inline std::string ReadWholeFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-inline void WriteWholeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::vector<std::string> FilesIn(const fs::path& folder) {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(folder, error))
-    names.push_back(entry.path().filename().string());
-  return names;
-}
+using Texts = std::vector<std::string>;
 
 // The trace file a process gets in `folder`: "<executable base name>__<pid>.log".
 inline fs::path TraceFile(const fs::path& folder, const std::string& executableBase, long pid) {
@@ -101,81 +51,36 @@ inline TraceLine Parsed(const std::string& text, char delim = '\t') {
   return line;
 }
 
-// A line as "source|level|subject|text".
-inline std::string Digest(const TraceLine& line) {
-  return line.source + "|" + line.level + "|" + line.subject + "|" + line.text;
-}
-
-// Each line's digest; a line that does not parse fails the test.
-inline std::vector<std::string> Digests(const std::vector<std::string>& lines, char delim = '\t') {
-  std::vector<std::string> digests;
-  for (const std::string& text : lines)
-    digests.push_back(Digest(Parsed(text, delim)));
+// Each line as "source|level|subject|text"; a line that does not parse fails the test.
+inline Texts Digests(const Texts& lines, char delim = '\t') {
+  Texts digests;
+  for (const std::string& text : lines) {
+    const TraceLine line = Parsed(text, delim);
+    digests.push_back(line.source + "|" + line.level + "|" + line.subject + "|" + line.text);
+  }
   return digests;
 }
 
-using Texts = std::vector<std::string>;
-
-// ---- Child processes ------------------------------------------------------------------------
-
 struct ChildResult {
-  int exitCode = -1;  // -1 when it did not exit normally
-  std::string output; // its standard output
+  int exitCode = -1; // or 128 + the signal that ended it
+  std::string output;
   long pid = 0;
 };
 
-inline std::string ChildExecutableBase() {
-  return fs::path(DK_TRACE_CHILD_PATH).filename().string();
-}
+inline std::string ChildExecutableBase() { return fs::path(DK_TRACE_CHILD_PATH).filename().string(); }
 
 // Runs the trace child program with the given commands and waits for it. Its environment is this
 // process's without any DK_TRACE* variable, with `set` added (or replacing what is there).
-inline ChildResult RunTraceChild(const std::vector<std::string>& commands,
-                                 const std::map<std::string, std::string>& set = {}) {
-  Texts args{DK_TRACE_CHILD_PATH}, env;
-  args.insert(args.end(), commands.begin(), commands.end());
-  for (char** p = environ; *p; ++p) {
-    const std::string entry = *p, name = entry.substr(0, entry.find('='));
-    if (name.rfind("DK_TRACE", 0) != 0 && !set.count(name))
-      env.push_back(entry);
-  }
-  for (const auto& [name, value] : set)
-    env.push_back(name + "=" + value);
-  const auto pointers = [](Texts& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts)
-      pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-  };
-  std::vector<char*> argv = pointers(args), envp = pointers(env);
-
-  ChildResult result;
-  int fds[2];
-  if (pipe(fds) != 0)
-    return result;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  char buffer[4096];
-  for (ssize_t n; spawned == 0 && (n = read(fds[0], buffer, sizeof buffer)) > 0;)
-    result.output.append(buffer, static_cast<std::size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  if (spawned != 0 || waitpid(pid, &status, 0) != pid)
-    return result;
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.pid = pid;
-  return result;
+inline ChildResult RunTraceChild(const Texts& commands, const std::map<std::string, std::string>& set = {}) {
+  Texts arguments{DK_TRACE_CHILD_PATH};
+  arguments.insert(arguments.end(), commands.begin(), commands.end());
+  const Texts environment = dktest::EnvironmentWith(set, "DK_TRACE");
+  dktest::Child child(arguments, std::string(), &environment);
+  const int exitCode = child.Finish();
+  return {exitCode, child.Output(), child.Pid()};
 }
 
 // The lines of the child's trace file in `folder`.
-inline std::vector<std::string> ChildTraceLines(const fs::path& folder, const ChildResult& child) {
+inline Texts ChildTraceLines(const fs::path& folder, const ChildResult& child) {
   return SplitLines(ReadWholeFile(TraceFile(folder, ChildExecutableBase(), child.pid)));
 }

@@ -254,9 +254,10 @@ TEST(DKExceptionTest, ReportsOnceUnlessAskedAgainAndEvenWhenSilent) {
   EXPECT_EQ(console.Text(), "once\nonce\n");
 
   DKException quiet(DK_T("quiet###***###user"), true);
-  DKSetTraceLevelProvider([](void*) { return std::uint32_t{0}; }, nullptr); // a silent console
-  quiet.LogInErrorFile();
-  DKSetTraceLevelProvider(nullptr);
+  {
+    const TraceLevelOverride silent(0);
+    quiet.LogInErrorFile();
+  }
   EXPECT_TRUE(quiet.IsLogged());
   quiet.LogInErrorFile();
   EXPECT_EQ(console.Text(), "once\nonce\n");
@@ -278,7 +279,7 @@ TEST(DKExceptionStackTest, CapturedStackNamesTheBuildingFunctionUnlessAskedNotTo
 
 TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe"); // a fresh process reads the environment anew
-  setenv("DK_DISABLE_STACK", "", 1);              // set to anything, even empty
+  const ScopedEnv disable("DK_DISABLE_STACK", ""); // set to anything, even empty
   EXPECT_EXIT(
       {
         const DKException e(DK_T("x"));
@@ -289,7 +290,6 @@ TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
         std::exit(ok ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
-  unsetenv("DK_DISABLE_STACK");
 }
 
 TEST(DKExceptionSubclassTest, LastErrorExceptionCarriesTheSystemText) {
@@ -373,19 +373,13 @@ TEST(DKLockedCOUTTest, WritesEveryTextKindAsUtf8AndLocksRecursively) {
 TEST(DKLockedCOUTTest, LinesFromManyThreadsStayWhole) {
   constexpr int kThreads = 6, kLines = 300;
   ConsoleCapture console;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < kLines; ++i) {
-        DKLockedCOUT lock; // many small pieces, so that an unlocked stream would interleave them
-        lock.GetCout() << "thread " << t;
-        for (int piece = 0; piece < 8; ++piece)
-          lock.GetCout() << ' ' << piece;
-        lock.GetCout() << " line " << i << std::endl;
-      }
-    });
-  for (auto& thread : threads)
-    thread.join();
+  RunOnThreads(kThreads, kLines, [](int t, int i) {
+    DKLockedCOUT lock; // many small pieces, so that an unlocked stream would interleave them
+    lock.GetCout() << "thread " << t;
+    for (int piece = 0; piece < 8; ++piece)
+      lock.GetCout() << ' ' << piece;
+    lock.GetCout() << " line " << i << std::endl;
+  });
   std::map<int, int> nextLine; // each thread's lines arrive in its own order
   const auto lines = SplitLines(console.Text());
   ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLines));

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cmath>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -85,25 +84,21 @@ TEST(DKProgressTest, IncrementsFromManyThreadsAreAllCountedAndCompleteTheParentO
   constexpr int kThreads = 8;
   constexpr DKUInt64 kSteps = 5000;
   DKSmartPtr<DKProgress> root = Make("root", kThreads * 2);
-  std::vector<std::thread> threads;
   std::atomic<int> completedSeen{0};
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&] {
-      DKSmartPtr<DKProgress> mine = root->AddChild(Text("mine"), kSteps);
-      for (DKUInt64 i = 0; i < kSteps; ++i) {
-        mine->Increment();
-        if (i % 500 == 0) { // readers meanwhile
-          const double fraction = root->GetFraction();
-          EXPECT_GE(fraction, 0.0);
-          EXPECT_LE(fraction, 1.0);
-        }
+  RunOnThreads(kThreads, 1, [&](int, int) {
+    DKSmartPtr<DKProgress> mine = root->AddChild(Text("mine"), kSteps);
+    for (DKUInt64 i = 0; i < kSteps; ++i) {
+      mine->Increment();
+      if (i % 500 == 0) { // readers meanwhile
+        const double fraction = root->GetFraction();
+        EXPECT_GE(fraction, 0.0);
+        EXPECT_LE(fraction, 1.0);
       }
-      EXPECT_TRUE(mine->IsComplete());
-      root->Increment();
-      completedSeen += root->IsComplete();
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+    }
+    EXPECT_TRUE(mine->IsComplete());
+    root->Increment();
+    completedSeen += root->IsComplete();
+  });
   EXPECT_EQ(root->GetDone(), DKUInt64{kThreads * 2});
   EXPECT_TRUE(root->IsComplete());
   EXPECT_GE(completedSeen.load(), 1);

@@ -1,5 +1,6 @@
-// A program run in a child process with its standard output and error on one pipe, for the
-// suites that check what a whole process prints and how it ends.
+// Child processes, for the suites that check what a whole process prints and how it ends, or
+// that need a process of their own: a program run with its output on one pipe, and a function
+// run in a forked copy of the test process.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +8,8 @@
 #include "support/DKTestSupport.h"
 
 #include <chrono>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -16,12 +19,31 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+extern char** environ;
+
 namespace dktest {
 
-// A program run with its standard output and error on one pipe.
+// This process's environment without the variables whose names start with dropPrefix (none
+// when it is empty), with `set` added or replacing what is there.
+inline std::vector<std::string> EnvironmentWith(const std::map<std::string, std::string>& set,
+                                                const std::string& dropPrefix = std::string()) {
+  std::vector<std::string> environment;
+  for (char** p = environ; *p; ++p) {
+    const std::string entry = *p, name = entry.substr(0, entry.find('='));
+    if ((dropPrefix.empty() || name.rfind(dropPrefix, 0) != 0) && !set.count(name))
+      environment.push_back(entry);
+  }
+  for (const auto& [name, value] : set)
+    environment.push_back(name + "=" + value);
+  return environment;
+}
+
+// A program run with its standard output and error on one pipe, in this process's environment
+// or the one given.
 class Child {
 public:
-  Child(const std::vector<std::string>& arguments, const std::string& workingDirectory) {
+  Child(const std::vector<std::string>& arguments, const std::string& workingDirectory,
+        const std::vector<std::string>* environment = nullptr) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
       ADD_FAILURE() << "pipe2 failed";
@@ -32,13 +54,22 @@ public:
     for (const std::string& argument : arguments)
       argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
+    std::vector<char*> envp;
+    if (environment) {
+      for (const std::string& entry : *environment)
+        envp.push_back(const_cast<char*>(entry.c_str()));
+      envp.push_back(nullptr);
+    }
     m_pid = fork();
     if (m_pid == 0) {
       dup2(fds[1], 1);
       dup2(fds[1], 2);
       if (!workingDirectory.empty() && chdir(workingDirectory.c_str()) != 0)
         _exit(126);
-      execv(argv[0], argv.data());
+      if (environment)
+        execve(argv[0], argv.data(), envp.data());
+      else
+        execv(argv[0], argv.data());
       _exit(127);
     }
     close(fds[1]);
@@ -83,6 +114,7 @@ public:
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   }
 
+  pid_t Pid() const noexcept { return m_pid; }
   const std::string& Output() const noexcept { return m_output; }
   std::vector<std::string> Lines() const { return SplitLines(m_output); }
 
@@ -108,5 +140,24 @@ private:
   bool m_reaped = false;
   std::string m_output;
 };
+
+// Runs body in a forked copy of this process, which ends with body's result as its exit code,
+// and waits for it: the exit code, or 128 + the signal that ended it. A child that outlives
+// the bound is ended by an alarm, so a call that blocks fails the test instead of hanging it.
+// Unprivileged, a child of the superuser first gives up the privileges that would bypass file
+// permissions.
+inline int RunForked(const std::function<int()>& body, bool unprivileged = false) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    alarm(static_cast<unsigned>(kGenerousBound.count()));
+    if (unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
+      _exit(126);
+    _exit(body());
+  }
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid)
+    return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 } // namespace dktest

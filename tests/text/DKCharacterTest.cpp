@@ -22,21 +22,11 @@ struct CaseRow {
   const char* what;
 };
 
-// Boundaries around the ASCII letters, then one row per kind of mapping outside ASCII.
+// A few rows for a readable failure; AgreesWithUnicodeDataFile checks every unit.
 const CaseRow kCaseRows[] = {
-  {'a', 'A', 'a', "ASCII small"},           {'Z', 'Z', 'z', "ASCII capital"},
-  {'@', '@', '@', "just before A"},         {'[', '[', '[', "just after Z"},
-  {'`', '`', '`', "just before a"},         {'{', '{', '{', "just after z"},
-  {0x0000, 0x0000, 0x0000, "NUL"},          {0x00C0, 0x00C0, 0x00E0, "A grave"},
-  {0x00FF, 0x0178, 0x00FF, "y diaeresis uppercases outside Latin-1"},
+  {'a', 'A', 'a', "ASCII small"},           {0x00FF, 0x0178, 0x00FF, "y diaeresis uppercases outside Latin-1"},
   {0x00DF, 0x00DF, 0x00DF, "sharp s has no simple uppercase"},
-  {0x00B5, 0x039C, 0x00B5, "micro sign uppercases to Greek Mu"},
-  {0x01C5, 0x01C4, 0x01C6, "titlecase DZ caron"},
-  {0x0131, 'I', 0x0131, "Turkish dotless i"}, {0x0130, 0x0130, 'i', "Turkish dotted capital I"},
-  {0x03C2, 0x03A3, 0x03C2, "Greek final sigma"},
-  {0x10D0, 0x1C90, 0x10D0, "Georgian mkhedruli an"}, {0x13A0, 0x13A0, 0xAB70, "Cherokee a"},
-  {0x212A, 0x212A, 'k', "Kelvin sign"},     {0xFF41, 0xFF21, 0xFF41, "fullwidth a"},
-  {0xFFFF, 0xFFFF, 0xFFFF, "noncharacter"}, {0xD800, 0xD800, 0xD800, "high surrogate"},
+  {0x01C5, 0x01C4, 0x01C6, "titlecase DZ caron"}, {0xD800, 0xD800, 0xD800, "high surrogate"},
 };
 
 TEST(DKCharacterTest, SimpleCaseMappings) {
@@ -111,12 +101,11 @@ TEST(DKCharacterTest, FoldingInvariantsHoldForEveryUnit) {
   }
 }
 
-// The exact mappings of every BMP code point against the Unicode data, where the data file is
-// installed (Debian package unicode-data); the generator runs the same check with --check.
+// The exact mappings of every BMP code point against the Unicode data (Debian package
+// unicode-data, which CI installs); the generator runs the same check with --check.
 TEST(DKCharacterTest, AgreesWithUnicodeDataFile) {
   std::ifstream in("/usr/share/unicode/UnicodeData.txt");
-  if (!in)
-    GTEST_SKIP() << "UnicodeData.txt is not installed";
+  ASSERT_TRUE(in) << "UnicodeData.txt is missing: install the unicode-data package";
   std::vector<unsigned> upper(0x10000), lower(0x10000);
   std::vector<bool> mark(0x10000);
   for (unsigned u = 0; u < 0x10000; ++u)
@@ -151,8 +140,7 @@ TEST(DKCharacterTest, AgreesWithUnicodeDataFile) {
 // White space against the White_Space property of PropList.txt, for every BMP code point.
 TEST(DKCharacterTest, WhiteSpaceAgreesWithPropList) {
   std::ifstream in("/usr/share/unicode/PropList.txt");
-  if (!in)
-    GTEST_SKIP() << "PropList.txt is not installed";
+  ASSERT_TRUE(in) << "PropList.txt is missing: install the unicode-data package";
   std::vector<bool> space(0x10000);
   std::string line;
   while (std::getline(in, line)) {

@@ -33,25 +33,17 @@ struct CompareRow {
   const char* what;
 };
 
+// One row per flag value and kind of folding, for a readable failure; the random texts of
+// IsATotalOrderMatchingTheReference check the rest against the reference.
 const CompareRow kCompareRows[] = {
-  {DK_T(""), DK_T(""), 1, 0, "empty texts"}, {DK_T(""), DK_T("a"), 1, -1, "empty orders first"},
-  {DK_T("Hello, World"), DK_T("hELLO, wORLD"), 1, 0, "ASCII case"},
+  {DK_T(""), DK_T("a"), 1, -1, "empty orders first"},
   {DK_T("Hello, World!"), DK_T("hELLO, wORLD?"), 1, -1, "difference after a case-equal run"},
-  {DK_T("abcd"), DK_T("ABC"), 1, 1, "a prefix orders first"},
-  {DK_T("_"), DK_T("A"), 1, -1, "letters fold to lower case, so '_' orders before them"},
   {DK_T("\u03A3\u038A\u03A3\u03A5\u03A6\u039F\u03A3"), DK_T("\u03C3\u03AF\u03C3\u03C5\u03C6\u03BF\u03C2"), 1, 0,
    "Greek with final sigma"},
-  {DK_T("Stra\u00DFe"), DK_T("STRASSE"), 1, 1, "sharp s has no simple upper case"},
-  {DK_T("\u00E9"), DK_T("\u00C9"), 1, 0, "accented letters fold case"}, {DK_T("\u00E9"), DK_T("e"), 1, 1, "keep accent"},
-  {DK_T("\uFF41"), DK_T("a"), 1, 1, "units compare unsigned"},
   {DK_T("re\u0301sume\u0301"), DK_T("r\u00E9sum\u00E9"), 2, 0, "decomposed against precomposed"},
-  {DK_T("e\u0301\u0302"), DK_T("e"), 2, 0, "trailing marks contribute nothing"},
-  {DK_T("\u0301"), DK_T(""), 2, 0, "a lone mark is empty"},
-  {DK_T("\u0301a"), DK_T("a\u0301"), 2, 0, "marks skipped on either side"},
   {DK_T("\u00E9"), DK_T("E"), 2, 1, "case still counts"},
   {DK_T("\u01D7"), DK_T("u\u0301"), 3, 0, "case and accent, decomposed"},
   {DK_T("ABCDEFG\u0301H"), DK_T("abcdefgh"), 3, 0, "a mark inside an ASCII run"},
-  {DK_T("abcdefgh"), DK_T("abcdefgi\u0301"), 3, -1, "difference after a mark"},
 };
 
 TEST(DKCollatorTest, ComparesFoldedUnits) {
@@ -97,6 +89,8 @@ TEST(DKCollatorTest, FlagsSelectOneProcessWideCollator) {
     }
     EXPECT_EQ(DKGetFlagsCollator(flags)->NbRef(), refs);
   }
+  EXPECT_TRUE(DKString(DK_T("\u00C4BC")).IsEqual(DKString(DK_T("\u00E4bc")), DKString::IgnoreCase));
+  EXPECT_EQ(DKString(DK_T("a")).Compare(DKString(DK_T("b")), DKSmartPtrToConst<DKCollator>()), -1); // none: plain order
 }
 
 // A static object destroyed at exit still compares through the process-wide collators, however

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DKPoolLeakCheck.h"
+#include "support/DKPoolLeakCheck.h"
 
 #include <initializer_list>
 #include <iomanip>

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "DKPoolLeakCheck.h"
+#include "support/DKPoolLeakCheck.h"
 
 #include <algorithm>
 #include <cmath>
@@ -78,6 +78,8 @@ TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
     const int expected = Sign(a.compare(b));
     const DKString da(a.c_str()), db(b.c_str());
     EXPECT_EQ(Sign(da <=> db), expected);
+    EXPECT_EQ(da.Compare(db), expected);
+    EXPECT_EQ(da.Compare(b.c_str()), expected);
     EXPECT_EQ(Sign(da <=> b.c_str()), expected);
     EXPECT_EQ(Sign(a.c_str() <=> db), expected);
     EXPECT_EQ(Sign(da <=> std::u16string_view(b)), expected);
@@ -120,10 +122,11 @@ TEST_F(DKStringSurfaceTest, StartsEndsContainsAndSplit) {
   EXPECT_EQ(whole.Split(DKStringView()).front().GetData(), whole.GetData()); // shared, not copied
 }
 
-// Find against std::u16string_view::find, on text from small alphabets (the repetitive text
-// that defeats a first/last-unit filter and sends the search to its fallback) and needles of
-// every length around the vector width.
-TEST_F(DKStringSurfaceTest, FindAgreesWithTheStandardSearch) {
+// The searches against std::u16string_view's, on text from small alphabets (the repetitive text
+// that defeats a first/last-unit filter and sends Find to its fallback) and needles and sets of
+// every length around the vector width. (Empty and null needles and sets follow rules of their
+// own: DKStringTest.SearchingRules.)
+TEST_F(DKStringSurfaceTest, SearchesAgreeWithTheStandardOnes) {
   std::mt19937 random(3);
   for (int round = 0; round < 3000; ++round) {
     const unsigned alphabet = 1 + random() % (round % 3 == 0 ? 2 : 6);
@@ -137,10 +140,17 @@ TEST_F(DKStringSurfaceTest, FindAgreesWithTheStandardSearch) {
       hay.replace(hay.size() - needle.size() - random() % (hay.size() - needle.size() + 1), needle.size(), needle);
     const DKString dkHay(hay.c_str()), dkNeedle(needle.c_str());
     const std::size_t start = hay.empty() ? 0 : random() % hay.size();
-    const std::size_t expected = std::u16string_view(hay).find(needle, start);
+    const std::u16string_view h(hay), n(needle);
+    const std::size_t expected = h.find(n, start);
     ASSERT_EQ(dkHay.Find(dkNeedle, start), expected) << "round " << round;
     ASSERT_EQ(dkHay.Find(needle.c_str(), start), expected) << "round " << round;
-    ASSERT_EQ(dkHay.Find(needle[0], start), std::u16string_view(hay).find(needle[0], start)) << "round " << round;
+    ASSERT_EQ(dkHay.Find(needle[0], start), h.find(needle[0], start)) << "round " << round;
+    ASSERT_EQ(dkHay.RFind(dkNeedle, start), h.rfind(n, start)) << "round " << round;
+    ASSERT_EQ(dkHay.RFind(needle[0], start), h.rfind(needle[0], start)) << "round " << round;
+    ASSERT_EQ(dkHay.FindFirstOf(dkNeedle, start), h.find_first_of(n, start)) << "round " << round;
+    ASSERT_EQ(dkHay.FindFirstNotOf(dkNeedle, start), h.find_first_not_of(n, start)) << "round " << round;
+    ASSERT_EQ(dkHay.FindLastOf(dkNeedle, start), h.find_last_of(n, start)) << "round " << round;
+    ASSERT_EQ(dkHay.FindLastNotOf(dkNeedle, start), h.find_last_not_of(n, start)) << "round " << round;
   }
   // Units above 0x7FFF compare as unsigned, in the vector loop too.
   const DKChar high[] = {0xFFFE, 0x8000, 0xFFFF, 0x8000, 0xFFFE, 0xFFFF, 0x7FFF, 0x8000, 0xFFFF, 0xFFFF, 0};

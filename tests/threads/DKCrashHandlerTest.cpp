@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -65,13 +63,6 @@ CrashRun RunCrash(const std::vector<std::string>& arguments) {
   return {exitCode, child.Output(), child.Lines()};
 }
 
-std::string ReadWhole(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 struct CrashCase {
   const char* how;
   int signalNumber;
@@ -111,7 +102,7 @@ TEST_P(CrashReportTest, ReportsTheCrashThenEndsByTheSignal) {
     EXPECT_NE(run.exitCode, 0) << run.output;
   }
 
-  const std::string report = ReadWhole(reportFile);
+  const std::string report = ReadWholeFile(reportFile);
   EXPECT_NE(report.find(std::string("****** Fatal signal ") + c.header), std::string::npos) << report;
   EXPECT_NE(report.find(kEnd), std::string::npos) << report;
   fs::remove(reportFile);

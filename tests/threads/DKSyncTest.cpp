@@ -45,20 +45,14 @@ void ExpectExclusion(int threadCount, int increments, Enter enter, Leave leave) 
   long counter = 0; // deliberately not atomic: the lock is the only protection
   int inside = 0;
   std::atomic<int> maxInside{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < threadCount; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < increments; ++i) {
-        enter(t, i);
-        if (++inside > maxInside.load(std::memory_order_relaxed))
-          maxInside.store(inside, std::memory_order_relaxed);
-        ++counter;
-        --inside;
-        leave();
-      }
-    });
-  for (std::thread& thread : threads)
-    thread.join();
+  RunOnThreads(threadCount, increments, [&](int t, int i) {
+    enter(t, i);
+    if (++inside > maxInside.load(std::memory_order_relaxed))
+      maxInside.store(inside, std::memory_order_relaxed);
+    ++counter;
+    --inside;
+    leave();
+  });
   EXPECT_EQ(counter, long(threadCount) * increments);
   EXPECT_EQ(maxInside.load(), 1);
 }

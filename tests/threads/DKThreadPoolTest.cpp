@@ -213,14 +213,10 @@ TEST(DKThreadPoolTest, CancellingRacesWithRunningNeitherLosesNorRepeatsATask) {
   for (int i = 0; i < kTasks; ++i)
     tickets.push_back(pool.Submit([&runs, i] { ++runs[i]; }));
   std::atomic<int> cancelled{0};
-  std::vector<std::thread> cancellers;
-  for (int t = 0; t < 3; ++t)
-    cancellers.emplace_back([&, t] {
-      for (int i = kTasks - 1 - t; i >= 0; i -= 3)
-        cancelled += tickets[i].Cancel();
-    });
-  for (std::thread& canceller : cancellers)
-    canceller.join();
+  RunOnThreads(3, (kTasks + 2) / 3, [&](int t, int i) { // from the last task down, each thread a third
+    if (const int task = kTasks - 1 - t - 3 * i; task >= 0)
+      cancelled += tickets[task].Cancel();
+  });
   ASSERT_TRUE(pool.Shutdown(DKThreadPool::Drain));
   int finished = 0;
   for (int i = 0; i < kTasks; ++i) {

@@ -491,18 +491,12 @@ TEST(DKThreadTest, ThreadsStartedAndJoinedFromManyThreadsAtOnce) {
   constexpr int kEach = 40;
   std::atomic<int> runs{0};
   const auto callback = DKMakeCallback([&] { ++runs; });
-  std::vector<std::thread> starters;
-  for (int s = 0; s < kStarters; ++s)
-    starters.emplace_back([&] {
-      for (int i = 0; i < kEach; ++i) {
-        DKThread thread(callback);
-        ASSERT_TRUE(thread.Start().Good());
-        if (i % 2)
-          thread.Join();
-      } // the destructor joins the others
-    });
-  for (std::thread& starter : starters)
-    starter.join();
+  RunOnThreads(kStarters, kEach, [&](int, int i) {
+    DKThread thread(callback);
+    ASSERT_TRUE(thread.Start().Good());
+    if (i % 2)
+      thread.Join();
+  }); // the destructor joins the others
   EXPECT_EQ(runs.load(), kStarters * kEach);
 }
 

@@ -1,29 +1,19 @@
-// Helpers of the threads suites: waiting on a condition with a generous bound, names unique to
-// this test process, and the helper program that plays the other process.
+// Helpers of the threads suites: work on another thread, names unique to this test process,
+// and the helper program that plays the other process.
 #pragma once
 
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
-#include "support/DKTestSupport.h"
+#include "support/DKChildProcess.h"
 
 #include <chrono>
-#include <cstdlib>
+#include <iostream>
 #include <string>
 #include <thread>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-#  define DK_TEST_SANITIZER 1
-#elif defined(__has_feature)
-#  if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#    define DK_TEST_SANITIZER 1
-#  endif
-#endif
-
-// Long enough for a loaded machine under a sanitizer; reached only when something is wrong.
 // Runs f on a thread of its own and returns its result.
 template <class F>
 auto OnOtherThread(F f) {
@@ -37,11 +27,13 @@ inline std::string UniqueName(const std::string& base) {
   return "DKThreadsTest-" + std::to_string(getpid()) + "-" + base;
 }
 
-// Runs the helper program with the arguments and returns its exit code, or -1 when it did not
-// exit normally. shellPrefix goes before the command as a shell reads it: environment
-// assignments, or settings such as "ulimit -v 1000;".
+// Runs the helper program with the arguments through the shell and returns its exit code, or
+// 128 + the signal that ended it. shellPrefix goes before the command as a shell reads it:
+// environment assignments, or settings such as "ulimit -v 1000;".
 inline int RunHelper(const std::string& arguments, const std::string& shellPrefix = std::string()) {
-  const std::string command = shellPrefix + " '" DK_THREADS_HELPER_PATH "' " + arguments;
-  const int status = std::system(command.c_str());
-  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  dktest::Child helper({"/bin/sh", "-c", shellPrefix + " '" DK_THREADS_HELPER_PATH "' " + arguments}, std::string());
+  const int code = helper.Finish();
+  if (!helper.Output().empty())
+    std::cerr << helper.Output();
+  return code;
 }

@@ -1,18 +1,19 @@
-#include "TraceTestSupport.h"
-
 #include <DorvikCore/DKDirectory.h>
 
 #include <gtest/gtest.h>
 
+#include "support/DKTestSupport.h"
+
 #include <algorithm>
-#include <thread>
+#include <filesystem>
 #include <vector>
 
 namespace {
 
-DKString Path(const fs::path& path) {
-  return ToDK(path.string());
-}
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
+DKString Path(const fs::path& path) { return Text(path.string()); }
 
 TEST(DKDirectoryTest, IsPathExistsOnlyForDirectories) {
   const ScratchFolder scratch;
@@ -43,19 +44,19 @@ TEST(DKDirectoryTest, CreateMakesParentsOnlyWhenAskedAndRefusesWhatCannotBeADire
     bool parents;
     const char* made; // relative to the scratch folder; null: refused
   } cases[] = {
-      {ToDK(root + "/x/y"), false, nullptr},
-      {ToDK(root + "/a"), false, "a"},
-      {ToDK(root + "/a"), false, "a"}, // already there
-      {ToDK(root + "/a/b/c"), true, "a/b/c"},
-      {ToDK(root + "//d///e/"), true, "d/e"},
-      {ToDK(root + "/f/./g/../h"), true, "f/h"},
-      {ToDK(root + "/caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"), true, "caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"},
-      {ToDK(root + "/file"), false, nullptr},
-      {ToDK(root + "/file"), true, nullptr},
-      {ToDK(root + "/file/sub"), false, nullptr},
-      {ToDK(root + "/file/sub/deeper"), true, nullptr},
+      {Text(root + "/x/y"), false, nullptr},
+      {Text(root + "/a"), false, "a"},
+      {Text(root + "/a"), false, "a"}, // already there
+      {Text(root + "/a/b/c"), true, "a/b/c"},
+      {Text(root + "//d///e/"), true, "d/e"},
+      {Text(root + "/f/./g/../h"), true, "f/h"},
+      {Text(root + "/caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"), true, "caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"},
+      {Text(root + "/file"), false, nullptr},
+      {Text(root + "/file"), true, nullptr},
+      {Text(root + "/file/sub"), false, nullptr},
+      {Text(root + "/file/sub/deeper"), true, nullptr},
       {DKString(), true, nullptr},
-      {ToDK(root + "/") + DKString(DK_T("nul\0inside"), 10), true, nullptr},
+      {Text(root + "/") + DKString(DK_T("nul\0inside"), 10), true, nullptr},
       {DK_T("/proc/dk-not-allowed/x"), true, nullptr},
   };
   for (const auto& c : cases) {
@@ -74,13 +75,9 @@ TEST(DKDirectoryTest, CreateMakesParentsOnlyWhenAskedAndRefusesWhatCannotBeADire
 TEST(DKDirectoryTest, ThreadsCreatingTheSameTreeAllSucceed) {
   const ScratchFolder scratch;
   const DKString deep = Path(scratch / "p" / "q" / "r" / "s" / "t");
-  std::vector<std::thread> threads;
   std::vector<int> results(6, -1);
-  for (std::size_t t = 0; t < results.size(); ++t)
-    threads.emplace_back([&, t] { results[t] = DKDirectory::Create(deep, true) ? 1 : 0; });
-  for (std::thread& thread : threads)
-    thread.join();
-  EXPECT_EQ(results, std::vector<int>(results.size(), 1));
+  RunOnThreads(6, 1, [&](int t, int) { results[t] = DKDirectory::Create(deep, true) ? 1 : 0; });
+  EXPECT_EQ(results, std::vector<int>(6, 1));
 }
 
 TEST(DKDirectoryTest, RemoveTakesOnlyAnEmptyDirectory) {
