@@ -153,8 +153,8 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   };
   std::size_t compared = 0;
   for (int i = 0; i < 300; ++i) {
-    const DKString p = U(pattern(pattern, 0).c_str());
-    const DKString other = U(pattern(pattern, 0).c_str());
+    const DKString p = DKString::FromUTF8(pattern(pattern, 0));
+    const DKString other = DKString::FromUTF8(pattern(pattern, 0));
     DKRegEx cached(p), tiny, uncached, otherTiny, otherUncached;
     ASSERT_TRUE(cached.IsCompiled()) << p.AsUTF8() << ": " << ErrorText(cached);
     ASSERT_TRUE(tiny.Compile(p, 700 + 100 * (i % 8)).Good());
