@@ -1,13 +1,21 @@
-// POSIX kernel-style mutex (threads/DKSyncImpl.h): a robust recursive pthread mutex, in the
-// process's memory or, for a named mutex, in shared memory (SharedMemoryImpl.h).
+// POSIX kernel-style mutex (threads/DKSyncImpl.h). A named mutex is a robust recursive pthread
+// mutex in shared memory (SharedMemoryImpl.h), since another process may die holding it. A
+// mutex of one process is a futex word of its own (LocalMutex below), as cheap as a critical
+// section when free, with the abandonment that a robust mutex reports kept by the threads
+// themselves.
 #include "threads/DKSyncImpl.h"
+
+#include "base/DKThreadToken.h"
 
 #include "SharedMemoryImpl.h"
 #include "os/DKProcess.h"
 
 #include <errno.h>
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -34,11 +42,133 @@ struct MutexState {
   std::uint32_t depth;
 };
 
+// ---------------------------------------------------------------------------------------------
+// A mutex of one process
+
+struct HeldList;
+
+// The word is 0 free, 1 held, 2 held and waited for. The owner is the holder's thread token;
+// only the holder writes owner, depth and the links of its list of held mutexes.
+struct LocalMutex {
+  std::atomic<std::uint32_t> word{0};
+  std::atomic<const void*> owner{nullptr};
+  std::uint32_t depth = 0;
+  bool abandoned = false; // written by an owner that ended holding it, before it let go
+  LocalMutex* previous = nullptr;
+  LocalMutex* next = nullptr;
+};
+
+void Wake(LocalMutex* mutex) {
+  syscall(SYS_futex, &mutex->word, FUTEX_WAKE | FUTEX_PRIVATE_FLAG, 1, nullptr, nullptr, 0);
+}
+
+void LetGo(LocalMutex* mutex) {
+  if (mutex->word.exchange(0, std::memory_order_release) == 2)
+    Wake(mutex);
+}
+
+// The local mutexes a thread holds. When the thread ends holding some, each is marked abandoned
+// and let go, so that the next taker learns of it, as the kernel tells the next taker of a robust
+// mutex; no mutex is left naming an ended thread, whose token a new thread may reuse.
+struct HeldList {
+  LocalMutex* first = nullptr;
+  bool ended = false;
+
+  void Add(LocalMutex* mutex) noexcept {
+    mutex->previous = nullptr;
+    mutex->next = first;
+    if (first)
+      first->previous = mutex;
+    first = mutex;
+  }
+  void Remove(LocalMutex* mutex) noexcept {
+    (mutex->previous ? mutex->previous->next : first) = mutex->next;
+    if (mutex->next)
+      mutex->next->previous = mutex->previous;
+    mutex->previous = mutex->next = nullptr;
+  }
+  ~HeldList() {
+    ended = true;
+    while (LocalMutex* mutex = first) {
+      Remove(mutex);
+      mutex->abandoned = true;
+      mutex->depth = 0;
+      mutex->owner.store(nullptr, std::memory_order_relaxed);
+      LetGo(mutex);
+    }
+  }
+};
+
+thread_local HeldList t_held DK_FAST_TLS;
+
+// The calling thread's list; null once the thread's thread-locals are being destroyed (as the
+// main thread's are before the exit handlers run): a mutex taken that late is not tracked.
+HeldList* HeldByCaller() noexcept { return t_held.ended ? nullptr : &t_held; }
+
+// Waits for the word until timeoutMs (negative: without limit); false at the timeout.
+bool LockContended(LocalMutex* mutex, int timeoutMs) noexcept {
+  for (int i = 0; i < 100; ++i) {
+    std::uint32_t expected = 0;
+    if (mutex->word.load(std::memory_order_relaxed) == 0 &&
+        mutex->word.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed))
+      return true;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+  // From here on the word says "waited for", so that the release wakes a sleeper.
+  while (mutex->word.exchange(2, std::memory_order_acquire) != 0) {
+    timespec relative{};
+    const timespec* timeout = nullptr;
+    if (timeoutMs >= 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0)
+        return false;
+      relative.tv_sec = static_cast<time_t>(left.count() / 1000000000);
+      relative.tv_nsec = static_cast<long>(left.count() % 1000000000);
+      timeout = &relative;
+    }
+    syscall(SYS_futex, &mutex->word, FUTEX_WAIT | FUTEX_PRIVATE_FLAG, 2, timeout, nullptr, 0);
+  }
+  return true;
+}
+
+[[gnu::always_inline]] inline DKWaitStatus LockLocal(LocalMutex* mutex, int timeoutMs) noexcept {
+  const void* const self = dkbase::ThreadToken();
+  if (mutex->owner.load(std::memory_order_relaxed) == self) {
+    ++mutex->depth;
+    return DKWaitStatus::Signalled;
+  }
+  std::uint32_t expected = 0;
+  if (!mutex->word.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed) &&
+      (timeoutMs == 0 || !LockContended(mutex, timeoutMs)))
+    return DKWaitStatus::TimedOut;
+  mutex->owner.store(self, std::memory_order_relaxed);
+  mutex->depth = 1;
+  if (HeldList* held = HeldByCaller())
+    held->Add(mutex);
+  if (mutex->abandoned) {
+    mutex->abandoned = false;
+    return DKWaitStatus::Abandoned;
+  }
+  return DKWaitStatus::Signalled;
+}
+
+[[gnu::always_inline]] inline int UnlockLocal(LocalMutex* mutex) noexcept {
+  if (mutex->owner.load(std::memory_order_relaxed) != dkbase::ThreadToken())
+    return EPERM;
+  if (--mutex->depth != 0)
+    return 0;
+  if (HeldList* held = HeldByCaller(); held && (held->first == mutex || mutex->previous))
+    held->Remove(mutex);
+  mutex->owner.store(nullptr, std::memory_order_relaxed);
+  LetGo(mutex);
+  return 0;
+}
+
 class PosixMutex final : public DKMutexImpl {
 public:
-  MutexState* state = nullptr;
+  MutexState* state = nullptr; // a named mutex's, in shared memory
   DKSharedSegment* segment = nullptr;
-  MutexState local;
+  LocalMutex local;
 };
 
 std::uint32_t CurrentOwnerId() { return static_cast<std::uint32_t>(DKProcess::CurrentThreadId()); }
@@ -130,15 +260,8 @@ DKMutexImpl* DKMutexImpl::Open(const std::string& name, bool initiallyOwned, int
     return nullptr;
   }
   if (name.empty()) {
-    int rc = InitMutex(&impl->local, false);
-    if (rc == 0 && initiallyOwned && (rc = LockAtCreation(&impl->local)) != 0)
-      pthread_mutex_destroy(&impl->local.mutex);
-    if (rc != 0) {
-      delete impl;
-      error = rc;
-      return nullptr;
-    }
-    impl->state = &impl->local;
+    if (initiallyOwned)
+      LockLocal(&impl->local, -1);
     return impl;
   }
   impl->segment = DKSharedSegment::Open("mutex", name, sizeof(MutexState), InitSharedMutex, &initiallyOwned, error);
@@ -152,14 +275,19 @@ DKMutexImpl* DKMutexImpl::Open(const std::string& name, bool initiallyOwned, int
 
 void DKMutexImpl::Close() noexcept {
   PosixMutex* self = Self(this);
-  if (self->segment)
+  if (self->segment) {
     self->segment->Close(); // the memory goes with the last user: nothing to destroy
-  else
-    pthread_mutex_destroy(&self->state->mutex);
+  } else if (self->local.owner.load(std::memory_order_relaxed) == dkbase::ThreadToken()) {
+    // Destroyed by its holder: the thread's list forgets it.
+    if (HeldList* held = HeldByCaller(); held && (held->first == &self->local || self->local.previous))
+      held->Remove(&self->local);
+  }
   delete self;
 }
 
 DKWaitStatus DKMutexImpl::Lock(int timeoutMs, int& error) noexcept {
+  if (!Self(this)->segment)
+    return LockLocal(&Self(this)->local, timeoutMs);
   MutexState* state = Self(this)->state;
   pthread_mutex_t* mutex = &state->mutex;
   int rc;
@@ -188,6 +316,8 @@ DKWaitStatus DKMutexImpl::Lock(int timeoutMs, int& error) noexcept {
 }
 
 int DKMutexImpl::Unlock() noexcept {
+  if (!Self(this)->segment)
+    return UnlockLocal(&Self(this)->local);
   MutexState* state = Self(this)->state;
   if (state->owner.load(std::memory_order_relaxed) != CurrentOwnerId())
     return EPERM;
