@@ -186,6 +186,27 @@ TEST(DKMutexTest, AMutexAbandonedByADeadThreadReportsFalseOnceAndStaysUsable) {
   mutex.Unlock();
 }
 
+// A thread that ends holding several mutexes, one of them entered twice and one destroyed by
+// the thread while it held it: each mutex still alive reports the abandonment once, and the
+// destroyed one leaves nothing behind for the thread's end to touch.
+TEST(DKMutexTest, AThreadEndingWithSeveralMutexesAbandonsEachAndForgetsOneItDestroyed) {
+  DKMutex a, b;
+  std::thread([&] {
+    ASSERT_TRUE(a.Lock());
+    ASSERT_TRUE(a.Lock());
+    auto doomed = std::make_unique<DKMutex>();
+    ASSERT_TRUE(doomed->Lock());
+    ASSERT_TRUE(b.Lock());
+    doomed.reset();
+  }).join();
+  EXPECT_FALSE(a.Lock(0));
+  EXPECT_FALSE(b.Lock(0));
+  EXPECT_TRUE(LockFromOtherThread(a, 0));
+  EXPECT_TRUE(LockFromOtherThread(b, 0));
+  EXPECT_TRUE(a.Lock(0)) << "one report per abandonment";
+  a.Unlock();
+}
+
 TEST(DKMutexTest, NamedMutexIsOneMutexForEveryObjectAndProcess) {
   const std::string name = UniqueName("mutex-shared");
   DKMutex first(Text(name), true); // created owned
