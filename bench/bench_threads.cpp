@@ -7,22 +7,16 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
+
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
 namespace {
 
-// Uncontended lock and unlock by one thread, through the standard names every lock here has.
-template <class Lock>
-void BM_LockUnlock(benchmark::State& state) {
-  Lock lock;
-  for (auto _ : state) {
-    lock.lock();
-    lock.unlock();
-  }
-  benchmark::DoNotOptimize(lock);
-}
+using dkbench::BM_LockUnlock;
+
 BENCHMARK(BM_LockUnlock<DKCriticalSection>)->Name("BM_LockUnlock_DKCriticalSection");
 BENCHMARK(BM_LockUnlock<std::recursive_mutex>)->Name("BM_LockUnlock_StdRecursiveMutex");
 // The kernel-robust mutex: recursive, timed, abandonment seen.
