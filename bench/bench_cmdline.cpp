@@ -4,6 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
+
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -11,27 +13,7 @@
 
 namespace {
 
-// A program path and 100 arguments of the usual kinds: valued and flag switches with both
-// prefixes, file names, absolute paths and quoted values with blanks.
-std::u16string MakeCommandLine() {
-  std::u16string text = u"/usr/local/bin/tool";
-  for (int i = 0; i < 100; ++i) {
-    const std::u16string n = std::u16string(1, static_cast<char16_t>(u'a' + i % 26)) + static_cast<char16_t>(u'0' + i % 10);
-    switch (i % 5) {
-    case 0: text += u" /trace" + n + u":" + n; break;
-    case 1: text += u" -noConsole" + n; break;
-    case 2: text += u" input" + n + u".txt"; break;
-    case 3: text += u" /usr/lib/x" + n; break;
-    default: text += u" /config:\"my file " + n + u".ini\""; break;
-    }
-  }
-  return text;
-}
-
-const std::u16string& CommandLine() {
-  static const std::u16string text = MakeCommandLine();
-  return text;
-}
+using dkbench::CommandLine;
 
 // The standard library's nearest equivalent: words separated by blanks and tabs outside
 // quotes, quotes removed; no classification.

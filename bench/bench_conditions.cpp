@@ -19,6 +19,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
+
 #include <functional>
 #include <regex>
 #include <string>
@@ -32,29 +34,8 @@ DKString FromUtf8(const std::string& text) {
   return s;
 }
 
-// 64-character texts: a capitalised word with digits (matching) and variants that fail early,
-// late, or in the middle.
-std::vector<std::string> SimpleTexts() {
-  const std::string lower = "abcdefghijklmnopqrstuvwxyz";
-  std::vector<std::string> texts;
-  for (int i = 0; i < 16; ++i) {
-    std::string t(1, static_cast<char>('A' + i));
-    while (t.size() < 48)
-      t += lower[(t.size() * 7 + i) % 26];
-    while (t.size() < 64)
-      t += static_cast<char>('0' + t.size() % 10);
-    switch (i % 4) {
-    case 1: t[63] = 'x'; break;  // fails at the end
-    case 2: t[30] = '_'; break;  // fails in the middle
-    case 3: t[0] = 'a'; break;   // fails at once
-    default: break;              // matches
-    }
-    texts.push_back(t);
-  }
-  return texts;
-}
-
-constexpr const char* simplePattern = "[A-Z][a-z]+[0-9]*";
+using dkbench::simplePattern;
+using dkbench::SimpleTexts;
 
 // Matches the 64-character texts in turn.
 void MatchTexts(benchmark::State& state, const DKRegEx& re) {

@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
 #include "support/DKPeakMemory.h"
 
 #include <cstdio>
@@ -28,51 +29,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A temporary file that lives for the whole run.
-class TempFile {
-public:
-  explicit TempFile(const std::string& name) : m_path(fs::temp_directory_path() / name) {}
-  ~TempFile() {
-    std::error_code ignored;
-    fs::remove(m_path, ignored);
-  }
-  std::string Path() const { return m_path.string(); }
-  DKString DKPath() const {
-    DKString path;
-    path.SetFromUTF8(Path().c_str());
-    return path;
-  }
-
-private:
-  fs::path m_path;
-};
-
-// 100,000 sections of about 100 bytes: a header, three key lines, and a comment every tenth.
-std::string LargeFileText() {
-  std::string text;
-  text.reserve(10'200'000);
-  char line[128];
-  for (int s = 0; s < 100'000; ++s) {
-    if (s % 10 == 0)
-      text += "; settings of the next group\n";
-    std::snprintf(line, sizeof line, "[Section%06d]\n", s);
-    text += line;
-    for (int k = 0; k < 3; ++k) {
-      std::snprintf(line, sizeof line, "Key%d=value-%06d-abcdefgh\n", k, s);
-      text += line;
-    }
-  }
-  return text;
-}
-
-const TempFile& LargeFile() {
-  static const TempFile file = [] {
-    TempFile f("dk-bench-config-large.ini");
-    std::ofstream(f.Path(), std::ios::binary) << LargeFileText();
-    return f;
-  }();
-  return file;
-}
+using dkbench::LargeFile;
+using dkbench::LookupSet;
+using dkbench::TempFile;
 
 struct StdSection {
   std::string name;
@@ -175,22 +134,6 @@ void BM_StdWrite(benchmark::State& state) {
 }
 BENCHMARK(BM_StdWrite)->Unit(benchmark::kMillisecond);
 
-// 50 sections of 20 keys, and 1024 look-ups of existing keys in random order.
-struct LookupSet {
-  std::string text;
-  std::vector<std::pair<int, int>> order;
-  LookupSet() {
-    for (int s = 0; s < 50; ++s) {
-      text += "[Section" + std::to_string(s) + "]\n";
-      for (int k = 0; k < 20; ++k)
-        text += "Key" + std::to_string(k) + "=value " + std::to_string(s * 100 + k) + "\n";
-    }
-    std::mt19937 random(7);
-    for (int i = 0; i < 1024; ++i)
-      order.emplace_back(static_cast<int>(random() % 50), static_cast<int>(random() % 20));
-  }
-};
-
 void BM_ConfigGetString(benchmark::State& state) {
   const LookupSet set;
   DKSmartPtr<DKConfigFile> file(new DKConfigFile());
@@ -262,7 +205,7 @@ void BM_ConfigLoadPeakMemory(benchmark::State& state, int megabytesOfOneLine) {
     out << "\n";
   }
   DKString dkPath;
-  dkPath.SetFromUTF8(path.c_str());
+  dkPath.SetFromUTF8(path.c_str()).IgnoreError(); // a temporary path is valid UTF-8
   double dk = 0, standard = 0;
   for (auto _ : state) {
     dk = dktest::PeakResidentPerFileByte(path, [&] { benchmark::DoNotOptimize(DKConfigFile::Load(dkPath)); });

@@ -3,19 +3,16 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
+
 #include <chrono>
 #include <string>
 #include <vector>
 
 namespace {
 
-std::u16string MakeText(std::size_t n) {
-  std::u16string s;
-  s.reserve(n);
-  for (std::size_t i = 0; i < n; ++i)
-    s.push_back(static_cast<char16_t>(u'a' + (i * 7 + i / 13) % 26));
-  return s;
-}
+using dkbench::MakeText;
+using dkbench::SearchData;
 
 void BM_Copy1KiB_DKString(benchmark::State& state) {
   const DKString source(MakeText(512).c_str()); // 512 units = 1 KiB
@@ -79,13 +76,6 @@ void BM_Append1M_StdU16String(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_Append1M_StdU16String)->Unit(benchmark::kMillisecond);
-
-// A 16-unit needle placed at the very end of 1 MiB of text that often matches its first units.
-struct SearchData {
-  std::u16string hay = MakeText(512 * 1024);
-  std::u16string needle = u"qwertyuiopasdfgh";
-  SearchData() { hay.replace(hay.size() - needle.size(), needle.size(), needle); }
-};
 
 void BM_Find16In1MiB_DKString(benchmark::State& state) {
   const SearchData d;

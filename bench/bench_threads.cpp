@@ -7,6 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "DKBenchInputs.h"
+
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -15,26 +17,18 @@ namespace {
 
 // The C library takes its locks without atomic operations while a process has one thread, which
 // no program that needs a lock has: one thread started and joined before the benchmarks makes the
-// process multi-threaded for good, so that the standard mutexes are measured as they behave where
-// they are used.
+// process multi-threaded for good, so that the standard mutexes (and the peers' mutexes built on
+// them) are measured as they behave where they are used.
 const bool g_multiThreaded = [] {
   std::thread([] {}).join();
   return true;
 }();
 
-// Uncontended lock and unlock by one thread, through the standard names every lock here has.
-template <class Lock>
-void BM_LockUnlock(benchmark::State& state) {
-  Lock lock;
-  for (auto _ : state) {
-    lock.lock();
-    lock.unlock();
-  }
-  benchmark::DoNotOptimize(lock);
-}
+using dkbench::BM_LockUnlock;
+
 BENCHMARK(BM_LockUnlock<DKCriticalSection>)->Name("BM_LockUnlock_DKCriticalSection");
 BENCHMARK(BM_LockUnlock<std::recursive_mutex>)->Name("BM_LockUnlock_StdRecursiveMutex");
-// The kernel-robust mutex: recursive, timed, abandonment seen.
+// The mutex: recursive, timed, abandonment seen.
 BENCHMARK(BM_LockUnlock<DKMutex>)->Name("BM_LockUnlock_DKMutex");
 
 void BM_StartJoin_DKThread(benchmark::State& state) {
