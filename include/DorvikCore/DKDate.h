@@ -104,9 +104,6 @@ private:
   std::int32_t m_date;
 };
 
-inline constexpr DKDate DKDate::minimum = DKDate::FromDays(-693230);
-inline constexpr DKDate DKDate::maximum = DKDate::FromDays(2147483647);
-
 [[nodiscard]] DK_EXPORT DKDate operator+(const DKDate& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDate operator-(const DKDate& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDurationEx operator-(const DKDate& a, const DKDate& b);
@@ -188,9 +185,6 @@ private:
 
   std::int32_t m_time;
 };
-
-inline constexpr DKDateTime DKDateTime::minimum = DKDateTime::FromCount(-2147397248);
-inline constexpr DKDateTime DKDateTime::maximum = DKDateTime::FromCount(2147397247);
 
 [[nodiscard]] DK_EXPORT DKDateTime operator+(const DKDateTime& value, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDateTime operator-(const DKDateTime& value, const DKDurationEx& duration);

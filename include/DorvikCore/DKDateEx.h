@@ -185,10 +185,6 @@ private:
   std::int32_t m_date;
 };
 
-inline constexpr DKDateEx DKDateEx::null{};
-inline constexpr DKDateEx DKDateEx::minimum = DKDateEx::Pack(DKDateEx::minYear, 1, 1);
-inline constexpr DKDateEx DKDateEx::maximum = DKDateEx::Pack(DKDateEx::maxYear, 12, 31);
-
 [[nodiscard]] DK_EXPORT DKDateEx operator+(const DKDateEx& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDateEx operator-(const DKDateEx& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDateEx operator+(const DKDateEx& date, long days);
@@ -292,10 +288,6 @@ private:
 
   std::int32_t m_time;
 };
-
-inline constexpr DKTimeEx DKTimeEx::null{};
-inline constexpr DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
-inline constexpr DKTimeEx DKTimeEx::maximum = DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1);
 
 [[nodiscard]] DK_EXPORT DKTimeEx operator+(const DKTimeEx& time, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKTimeEx operator-(const DKTimeEx& time, const DKDurationEx& duration);
@@ -470,10 +462,6 @@ private:
   DKTimeEx m_time;
   DKDateEx m_date;
 };
-
-inline constexpr DKDateTimeEx DKDateTimeEx::null{};
-inline constexpr DKDateTimeEx DKDateTimeEx::minimum = DKDateTimeEx::FromParts(DKDateEx::minimum, DKTimeEx::minimum);
-inline constexpr DKDateTimeEx DKDateTimeEx::maximum = DKDateTimeEx::FromParts(DKDateEx::maximum, DKTimeEx::maximum);
 
 template <dkdate_detail::DividesMillisecond Duration>
 bool DKDateTimeEx::AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept {

@@ -144,8 +144,6 @@ private:
   std::int32_t m_duration;
 };
 
-inline constexpr DKDurationEx DKDurationEx::invalid_{};
-
 // The short form, UTF-8; reading takes one word, or a count and a unit word.
 DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDurationEx& duration);
 DK_EXPORT std::istream& operator>>(std::istream& is, DKDurationEx& duration);
