@@ -6,7 +6,9 @@
 #   - The comment block at the top of a header documents the file (@file).
 #   - A block of "//" lines directly above a declaration documents it ("///"), and with it the
 #     declarations that follow up to a blank line (a member group); a block followed by a blank
-#     line (a section heading, a note) stays a plain comment.
+#     line (a section heading, a note) stays a plain comment. A destructor in a run keeps no
+#     text: what a run says is about the declarations it heads; and a block right above a
+#     destructor documents the destructor alone.
 #   - "// text" after a member or an enumerator on its line documents that member ("///<").
 #   - Comment lines indented by two blanks or more (examples, tables) are kept as written
 #     (@verbatim); in other comment text the characters Doxygen would read as commands or HTML
@@ -69,8 +71,8 @@ for my $k (0 .. $#lines) {
     } elsif ($c eq '}') {
       pop @scopes;
       $statement = '';
-    } elsif ($c eq ';') {
-      $statement = '';
+    } elsif ($c eq ';' || ($c eq ':' && $statement =~ /^\s*(public|protected|private)\s*$/)) {
+      $statement = '';    # a declaration ends, or an access label (public:)
     } else {
       $statement .= $c;
     }
@@ -127,7 +129,11 @@ while ($k <= $#lines) {
   }
   if ($group_depth >= 0 && $declaration_scope[$k] && $depth_at[$k] == $group_depth && $statement_start[$k]
       && $line =~ /\S/ && $line !~ /^\s*#/) {
-    $lines[$k] =~ s{^(\s*)}{$1/** $group_text */ } unless $group_first;
+    # A destructor only takes the text of a block right above it: a run's text describes the
+    # constructors or functions it heads, never what destruction does.
+    $lines[$k] =~ s{^(\s*)}{$1/** $group_text */ } unless $group_first || $line =~ /^\s*(virtual\s+)?~/;
+    # A block right above a destructor is about the destructor alone.
+    $group_depth = -1 if $group_first && $line =~ /^\s*(virtual\s+)?~/;
     $group_first = 0;
   }
   if (is_comment($line) && $declaration_scope[$k]) {

@@ -68,11 +68,7 @@ DKString Decode(const std::uint8_t* data, std::size_t size) {
   return text;
 }
 
-DKString Text(const char* utf8) {
-  DKString s;
-  s.SetFromUTF8(utf8);
-  return s;
-}
+DKString Text(const char* utf8) { return DKString::FromUTF8(utf8); }
 
 // Builds a condition from the input's bytes, each a step on the condition being built.
 class Builder {

@@ -51,7 +51,7 @@ DKString g_folder;
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const std::string folder = (std::filesystem::temp_directory_path() / "dk_fuzz_trace").string();
   std::filesystem::create_directories(folder);
-  g_folder.SetFromUTF8(folder.c_str());
+  g_folder = DKString::FromUTF8(folder);
   DKTrace::SetTraceLevel(TL_NORMAL | TL_HEX);
   DKTrace::SetTraceDelim(9);
   DKTrace::SetTraceFolderName(g_folder.c_str());

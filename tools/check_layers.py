@@ -63,7 +63,7 @@ def main():
                 parts = rel.split(os.sep)
                 platform = parts[0] == "src" and parts[1] == "platform"
                 area = public.get(name) if parts[0] == "include" else parts[1]
-                if area is None:
+                if area is None or (not platform and area not in rank):
                     continue  # reported above
                 files += 1
                 for number, line in enumerate(open(path, encoding="utf-8", errors="replace"), 1):

@@ -1,13 +1,16 @@
-// ticker.osx: a plug-in that works on a thread of its own beside the others. It ticks until it
-// has ticked the count of its configuration ([Ticker] Ticks in dkhost.ini, or /ticks:<n>; 0
-// means until asked to stop) or until the host asks it to stop (Ctrl+C).
+// ticker.osx: a plug-in that does periodic work without a thread of its own. Its run step arms
+// an application timer and returns; the host's run loop then delivers each tick on the main
+// thread, and keeps running while the timer is armed. It ticks until it has ticked the count of
+// its configuration ([Ticker] Ticks in dkhost.ini, or /ticks:<n>; 0 means until asked to stop)
+// or until the host asks it to stop (Ctrl+C).
 #include <DorvikCore/DKApplication.h>
+#include <DorvikCore/DKTimer.h>
 
 #include "SampleIds.h"
 
 namespace {
 
-class Ticker : public DKThreadedRunPlugIn {
+class Ticker : public DKRunPlugIn {
 public:
   DKString GetName() const override { return DK_T("Ticker"); }
   PlugInIdEx GetId() const override { return PlugInIdEx(samples::TickerId, GetName()); }
@@ -33,27 +36,35 @@ public:
     return DKErrorID();
   }
 
-  // Runs on the plug-in's own thread.
+  // On the main thread, once: the ticks come later, from the host's run loop.
   DKErrorID Run() override {
-    std::ostream& out = DKApplication::GetAppCout();
-    for (long tick = 1; m_ticks == 0 || tick <= m_ticks; ++tick) {
-      if (m_stop.Wait(static_cast<int>(m_intervalMs)) == DK_WAIT_OBJECT_0) {
-        out << "Ticker: asked to stop after " << tick - 1 << " ticks" << std::endl;
-        return DKErrorID();
-      }
-      out << "Ticker: tick " << tick << std::endl;
-    }
-    out << "Ticker: done" << std::endl;
-    return DKErrorID();
+    const int interval = static_cast<int>(m_intervalMs);
+    return m_timer.Start(interval, interval);
   }
 
-  // Called from another thread while Run runs: wakes Run's wait.
-  void Stop() override { m_stop.Post(); }
+  void Unload() override { m_timer.Cancel(); }
+
+protected:
+  // Asked once when the host quits, on the main thread like the ticks.
+  void RequestExit(bool) override {
+    if (m_timer.Cancel())
+      DKApplication::GetAppCout() << "Ticker: asked to stop after " << m_tick << " ticks" << std::endl;
+  }
 
 private:
+  void Tick() {
+    std::ostream& out = DKApplication::GetAppCout();
+    out << "Ticker: tick " << ++m_tick << std::endl;
+    if (m_ticks != 0 && m_tick >= m_ticks) {
+      m_timer.Cancel(); // from its own callback: disarms, and the host's loop can end
+      out << "Ticker: done" << std::endl;
+    }
+  }
+
   long m_ticks = 0;
   long m_intervalMs = 500;
-  DKEventSemaphore m_stop;
+  long m_tick = 0; // used on the main thread only
+  DKAppTimer m_timer{DKMakeCallback(this, &Ticker::Tick)};
 };
 
 } // namespace

@@ -26,6 +26,7 @@
 #include <DorvikCore/DKGuid.h>
 #include <DorvikCore/DKLog.h>
 #include <DorvikCore/DKPlugIn.h>
+#include <DorvikCore/DKProgress.h>
 #include <DorvikCore/DKRefCount.h>
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKUsageInfo.h>
@@ -34,12 +35,15 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <vector>
 
 class DKUnitTest; // <DorvikCore/DKUnitTest.h>
 
+// The application of a process: make one in main and keep it until main returns. While it lives
+// it is the current application (GetApp); the static members may be called from any thread.
 class DK_EXPORT DKApplication {
 public:
   // The name of the application's log channel.
@@ -53,6 +57,7 @@ public:
   explicit DKApplication(const DKString& commandLine, DKLogSubscriberI* subscriber = nullptr, bool unused = false);
   // Makes the application that was current before this one current again.
   virtual ~DKApplication();
+  // Not copyable: one application per process.
   DKApplication(const DKApplication&) = delete;
   DKApplication& operator=(const DKApplication&) = delete;
 
@@ -64,21 +69,28 @@ public:
   virtual bool DisplayUsageIfNecessary(std::ostream* out = nullptr) const;
   // Nothing to do here; the plug-in application asks its plug-ins to exit.
   virtual void RequestExit(bool wait);
+  // Whether this is a DKApplicationWithPlugIns: false here.
   virtual bool IsAppWithPlugIn() const;
 
   // The process's current application; null when there is none.
   static DKApplication* GetApp();
 
+  // The command line the application was made from.
   const DKCommandLine& GetCmdLine() const noexcept { return m_cmdLine; }
   // Null when no configuration file was loaded. When the file holds text that is no setting
   // (its load notes: '#' lines, keys over several lines, key lines before the first section),
   // start-up writes each note to the trace (subject DK) and one line that sums them up to the
   // console ("ERR> *** The configuration file ... holds text that is no setting: ...").
   DKSmartPtr<DKConfigFile> GetConfigFile() const { return m_configFile; }
+  // The directory for temporary files and the error log: with a configuration file, its
+  // "DebugPath" key of section "DKORE" ("." by default); without one, TMP or TMPDIR when it
+  // names a directory, else ".".
   const DKString& GetTmpDirectory() const noexcept { return m_tmpDirectory; }
+  // The console verbosity (/trace, SetTraceLevel): 0 silent, 1 normal, 2 maximum.
   std::uint32_t GetTraceLevel() const noexcept { return m_traceLevel.load(std::memory_order_relaxed); }
   // The id of the thread that made the application.
   std::uint32_t GetMainThreadId() const noexcept { return m_mainThreadId; }
+  // The application's log channel (ChannelName).
   DKLogManager::ChannelId GetChannelId() const noexcept { return m_channelId; }
 
   // The program's name (the first word of the command line), in four forms:
@@ -106,15 +118,18 @@ public:
   // The current application's stream for the calling thread, at the given level; standard
   // output when there is no application.
   static std::ostream& GetAppCout(std::uint32_t level = 1);
+  // The process's log manager (DKLogManager::Get()).
   static DKLogManager& GetLogManager();
 
-  // Options of a part of the program (a plug-in) for the usage screen, in order of addition.
+  // Options of a part of the program (a plug-in) for the usage screen, in order of addition:
+  // add, and read.
   void AddCustomUsageInfo(const DKUsageInfo& info);
   const std::vector<DKUsageInfo>& GetCustomUsageInfo() const noexcept { return m_customUsageInfo; }
 
   // Sets the process-wide exit flag (never cleared); safe from any thread and from a signal
   // handler. Waiting loops of the framework poll it.
   static void PostExitRequest() noexcept;
+  // Whether the exit flag is set.
   static bool IsExitPosted() noexcept;
 
   // Puts text in front of the executable search path: PATH = text ":" PATH.
@@ -148,9 +163,11 @@ private:
   DKApplication* m_previousApp = nullptr;
 };
 
+// The plug-in host. Loading, running and unloading happen on the thread that made the
+// application; RequestExit, PostExitRequest and the look-ups may come from any thread.
 class DK_EXPORT DKApplicationWithPlugIns : public DKApplication {
 public:
-  // The modules' extension and entry point.
+  // The modules' extension, the list file that names them, and their entry point.
   static constexpr const DKChar* PlugInExtension = DK_T(".osx");
   static constexpr const DKChar* ListFileName = DK_T("osx.lst");
   static constexpr const char* EntryPointName = "GetPlugInObject";
@@ -176,6 +193,7 @@ public:
   // The first call asks every loaded plug-in to exit (wait: and to finish); later calls do
   // nothing. The first call of the process also announces the exit on the console.
   void RequestExit(bool wait) override;
+  // True.
   bool IsAppWithPlugIn() const override;
 
   // Adds the plug-in when it is not loaded yet (its dependencies must be), then initialises it
@@ -202,11 +220,16 @@ public:
   // "LoadPlugIn failed on ", "LoaPlugIn failed on "), and a plug-in that was not initialised
   // (its Init failed or a dependency is missing). A host tells its caller through its exit code.
   struct LoadFailure {
-    enum Kind { ModuleNotLoaded, PlugInNotInitialized };
-    Kind kind;
-    DKString name;   // the module's path, or the plug-in's name
-    DKString reason; // the error text
+    // What failed.
+    enum Kind {
+      ModuleNotLoaded,      // The module, or the plug-in it handed over.
+      PlugInNotInitialized, // A loaded plug-in's initialisation.
+    };
+    Kind kind;       // What failed.
+    DKString name;   // The module's path, or the plug-in's name.
+    DKString reason; // The error text.
   };
+  // The failures so far, in order.
   const std::vector<LoadFailure>& GetLoadFailures() const noexcept { return m_loadFailures; }
 
   // How long the application waits, once an exit is requested, before it names on the console
@@ -216,6 +239,14 @@ public:
   // and the process exits with code 128 + the signal's number (130 for Ctrl+C) without waiting.
   void SetStopGracePeriod(std::chrono::milliseconds period) noexcept { m_stopGracePeriod = period; }
   std::chrono::milliseconds GetStopGracePeriod() const noexcept { return m_stopGracePeriod; }
+
+  // The progress of the last LoadPlugInsFromDirectory: two steps, loading the modules and
+  // initialising the new plug-ins, each a child counter while it runs (a GetDLLPlugInsFromDirectory
+  // of its own has a counter of its modules alone). Null before any; any thread may read it
+  // while the plug-ins load. From ProgressModuleCount modules on, the loading also writes its
+  // progress through the application's channel: a line every two seconds and one at the end.
+  DKSmartPtr<DKProgress> GetLoadProgress() const;
+  static constexpr std::size_t ProgressModuleCount = 8;
 
   // The loaded plug-in with that GUID; null when none.
   DKSmartPtr<DKPlugIn> FindPlugIn(const DKGuid& guid) const;
@@ -233,6 +264,7 @@ public:
   // run plug-ins are started, and asks for the exit when the user leaves it.
   bool IsRunWithMenu() const noexcept { return m_runWithMenu; }
   void SetIsRunWithMenu(bool runWithMenu) noexcept { m_runWithMenu = runWithMenu; }
+  // The host program's pointer given to the constructor (not owned); may be null.
   void* GetHostContext() const noexcept { return m_hostContext; }
 
   // Reads the text of a list file: one module a line; "#" or ";" opens a comment line; blanks
@@ -311,4 +343,9 @@ private:
   std::vector<LoadFailure> m_loadFailures;
   std::chrono::milliseconds m_stopGracePeriod{5000};
   std::unique_ptr<ShutdownState> m_shutdown;
+
+  // A step of the load under way (a child of its counter), or the counter of a load of its own.
+  DKSmartPtr<DKProgress> LoadStep(const DKString& label, std::size_t count);
+  mutable std::mutex m_loadProgressLock;
+  DKSmartPtr<DKProgress> m_loadProgress;
 };

@@ -14,11 +14,13 @@ public:
   ~DKCollator() override;
   // Negative, 0 or positive as a orders before, with or after b.
   virtual int Compare(const DKChar* a, std::size_t aLength, const DKChar* b, std::size_t bLength) const = 0;
-  // Terminated texts; a null pointer is the empty text.
+  // The same for terminated texts; a null pointer is the empty text.
   int Compare(const DKChar* a, const DKChar* b) const;
+  // The same for two strings, embedded zero units included.
   int Compare(const DKString& a, const DKString& b) const {
     return Compare(a.c_str(), a.Length(), b.c_str(), b.Length());
   }
+  // True when the collator finds a and b equal (Compare gives 0).
   bool IsEqual(const DKString& a, const DKString& b) const { return Compare(a, b) == 0; }
 };
 
@@ -60,8 +62,10 @@ class DKCollatorLess {
 public:
   // By the process-wide collator of the flags (default: ignore case); plain order for flags 0.
   explicit DKCollatorLess(long flags = DKString::IgnoreCase) noexcept : m_collator(DKGetFlagsCollator(flags)) {}
+  // By the given collator, which the object keeps a reference to; plain order when it is null.
   explicit DKCollatorLess(const DKSmartPtrToConst<DKCollator>& collator) noexcept : m_collator(collator) {}
 
+  // True when a orders before b.
   bool operator()(const DKString& a, const DKString& b) const {
     return m_collator ? m_collator->Compare(a, b) < 0 : a.Compare(b) < 0;
   }

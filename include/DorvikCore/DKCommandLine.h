@@ -10,24 +10,29 @@
 #include <cstdint>
 #include <vector>
 
+// A value: the word's type, its name and its value.
 class DK_EXPORT DKCommandLineArgument {
 public:
+  // What a word of the command line is.
   enum ArgumentType : std::int32_t {
-    Flag = 0,        // a switch without a value: /noConsole
-    Valued = 1,      // a switch with a value: /trace:2
-    NonStandard = 2, // a word that is not a switch: a file name, a path
-    Absent = 3       // no such argument (a failed look-up), or an empty argument
+    Flag = 0,        // A switch without a value: /noConsole.
+    Valued = 1,      // A switch with a value: /trace:2.
+    NonStandard = 2, // A word that is not a switch: a file name, a path.
+    Absent = 3       // No such argument (a failed look-up), or an empty argument.
   };
 
+  // An Absent argument, or one of the given parts.
   DKCommandLineArgument() = default;
   DKCommandLineArgument(const DKString& argument, const DKString& value, ArgumentType type)
       : m_type(type), m_argument(argument), m_value(value) {}
 
+  // The word's type.
   ArgumentType GetArgType() const noexcept { return m_type; }
   // The switch name without its prefix character; the whole word for NonStandard.
   const DKString& GetArgument() const noexcept { return m_argument; }
   // The text after the value delimiter; empty for every type but Valued.
   const DKString& GetValueAsString() const noexcept { return m_value; }
+  // The value read as a number, as DKString::AsInt and DKString::AsDouble read it.
   int GetValueAsInt() const { return m_value.AsInt(); }
   double GetValueAsDouble() const { return m_value.AsDouble(); }
   // The first code unit of the value; 0 when the value is empty.
@@ -47,8 +52,12 @@ private:
   DKString m_value;
 };
 
+// A command line: the program name, the words as given and as classified. A value: copies
+// and moves keep the words (an owned vector goes with the object). Look-ups may run on several
+// threads at once; changing the object (assignment, SetCaseSensitivity) may not.
 class DK_EXPORT DKCommandLine {
 public:
+  // The argument types, also under this class's name (DKCommandLine::Valued).
   using ArgumentType = DKCommandLineArgument::ArgumentType;
   using enum DKCommandLineArgument::ArgumentType;
 
@@ -75,6 +84,8 @@ public:
   explicit DKCommandLine(const DKString& commandLine, const DKString& argDelimiters = standardArgDelimiters,
                          const DKString& valueDelimiters = standardValueDelimiters, bool caseSensitive = false);
 
+  // Copies and moves take the whole state; a vector the object owns is copied or moved with it,
+  // a caller's vector is shared. A moved-from command line is empty.
   DKCommandLine(const DKCommandLine& other);
   DKCommandLine(DKCommandLine&& other) noexcept;
   DKCommandLine& operator=(const DKCommandLine& other);
@@ -94,7 +105,7 @@ public:
   bool ArgPresent(DKTextArg name) const;
   // The value of the argument, or defaultValue when there is none. A switch without a value
   // gives the empty value (0 as a number), not the default. The number forms write to ok
-  // (when given) whether the value read as a whole number: false for "/count:abc", for a
+  // (when given) whether the value read as a number of their type: false for "/count:abc", for a
   // switch without a value, and for a value out of range; true for the default of an absent
   // switch.
   DKString GetArg(DKTextArg name, const DKString& defaultValue) const;
@@ -106,11 +117,19 @@ public:
   // that takes none, and a value that does not read as the entry's ValueKind. Names compare as
   // the look-ups compare. Words that are not switches are not checked.
   struct Problem {
-    enum Kind { UnknownSwitch, MissingValue, UnexpectedValue, BadValue };
-    Kind kind;
+    // What is wrong.
+    enum Kind {
+      UnknownSwitch,   // No usage entry names the switch.
+      MissingValue,    // The switch needs a value and has none.
+      UnexpectedValue, // The switch takes no value and has one.
+      BadValue,        // The value does not read as the entry's ValueKind.
+    };
+    Kind kind;        // What is wrong.
     DKString word;    // the argument as it was given, "--port=8080"
     DKString message; // for the operator: "Unknown option --port=8080"
   };
+  // The problems in command-line order; empty when the command line is right. The second form
+  // checks against the entries of several usages at once (a host's and its plug-ins').
   std::vector<Problem> Check(const DKUsageInfo& usage) const;
   std::vector<Problem> Check(const std::vector<const DKUsageInfo*>& usages) const;
 
@@ -129,9 +148,12 @@ public:
   // (then argv[argc] is a null pointer).
   std::size_t GetArgCount() const noexcept { return m_argc; }
   const DKChar* const* GetArgValues() const noexcept { return m_argv; }
+  // The program name (argv[0]); empty when there is none.
   const DKString& GetAppName() const noexcept { return m_appName; }
+  // The delimiters given at construction.
   const DKString& GetArgDelimiters() const noexcept { return m_argDelimiters; }
   const DKString& GetValueDelimiters() const noexcept { return m_valueDelimiters; }
+  // Whether look-ups compare names case-sensitively.
   bool IsCaseSensitive() const noexcept { return m_caseSensitive; }
   // Affects later look-ups only.
   void SetCaseSensitivity(bool caseSensitive) noexcept { m_caseSensitive = caseSensitive; }
@@ -150,6 +172,7 @@ protected:
   DKCommandLineArgument ParseArgument(const DKString& word) const;
   // Removes every lone double quote and turns every pair of adjacent ones into one.
   static void RemoveQuotes(DKString& word);
+  // Replaces the program name.
   void SetAppName(const DKString& name) { m_appName = name; }
   // A copy of the first argument with that name, or an Absent one.
   DKCommandLineArgument GetCommandLineArgument(const DKString& name) const;

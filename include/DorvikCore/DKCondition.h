@@ -21,6 +21,7 @@
 // casts back to their own type.
 class DK_EXPORT DKConditionParams {
 public:
+  // Nothing to make or copy; the derived class's members are the values.
   DKConditionParams() noexcept = default;
   DKConditionParams(const DKConditionParams&) noexcept = default;
   DKConditionParams& operator=(const DKConditionParams&) noexcept = default;
@@ -31,11 +32,19 @@ class DKCondition;
 
 // One linked condition: the link kind (0 OR, 1 AND) and the condition.
 struct LinkedCond {
-  enum LinkKind : std::uint32_t { OR = 0, AND = 1 };
-  std::uint32_t m_linkKind = OR;
-  DKSmartPtr<DKCondition> m_condition;
+  // How the condition is linked to the one before.
+  enum LinkKind : std::uint32_t {
+    OR = 0,  // Evaluated only while the result so far is false.
+    AND = 1, // Evaluated only while the result so far is true.
+  };
+  std::uint32_t m_linkKind = OR;       // A LinkKind.
+  DKSmartPtr<DKCondition> m_condition; // The linked condition, held by a counted reference.
 };
 
+// A counted condition: hold it in a DKSmartPtr. Derive from it to evaluate: override OnEvaluate
+// (and NewChild, so that parsed and linked children are of the derived class). Not for changing
+// from two threads at once; an unchanging condition may be printed, and evaluated when its
+// OnEvaluate allows it, on several.
 class DK_EXPORT DKCondition : public DKRefCount {
 public:
   // Operator codes.
@@ -50,7 +59,7 @@ public:
   };
   // Kinds of the supplied value.
   enum ValueKind : std::int32_t {
-    kindNone = 0,
+    kindNone = 0,     // no value
     kindText = 1,     // a DKString, or a quoted value in text
     kindNumber = 2,   // an int, 64-bit integer or double, or an unquoted number in text
     kindDateTime = 3, // a DKDateTime, or a TO_DATE(...) value in text
@@ -65,6 +74,7 @@ public:
   // The date-time format of TO_DATE values without a format of their own.
   static constexpr const DKChar* dateTimeFormat = DK_T("%Y/%m/%d %H:%M:%S");
 
+  // An empty condition (IsNull).
   DKCondition();
   // Parses the text with FromString. A derived class that parses into its own kind of
   // children calls FromString from its own constructor, as virtual calls made here reach only
@@ -130,11 +140,14 @@ public:
   // the LocalCopy of the condition they are linked to.
   virtual void LocalCopy(const DKCondition& other);
 
+  // The field name, the operator and the value as text, returned (the virtual forms above write
+  // them to out).
   DKString GetFieldName() const;
   DKString GetOperator() const;
   DKString GetSuppliedValue() const;
 
-  // Comparisons: set the operator and the value, then call PostAssignSuppliedValue.
+  // Comparisons: set the operator and the value, then call PostAssignSuppliedValue; each
+  // returns this condition.
   DKCondition& operator==(int value);
   DKCondition& operator!=(int value);
   DKCondition& operator<(int value);
@@ -165,15 +178,17 @@ public:
   DKCondition& operator<=(const DKDateTime& value);
   DKCondition& operator>(const DKDateTime& value);
   DKCondition& operator>=(const DKDateTime& value);
-  // A double literal is a number, not an int; other integer types are 64-bit integers.
+  // A double literal is a number, not an int.
   DKCondition& operator==(double value) { return *this == DKDouble(value); }
   DKCondition& operator!=(double value) { return *this != DKDouble(value); }
   DKCondition& operator<(double value) { return *this < DKDouble(value); }
   DKCondition& operator<=(double value) { return *this <= DKDouble(value); }
   DKCondition& operator>(double value) { return *this > DKDouble(value); }
   DKCondition& operator>=(double value) { return *this >= DKDouble(value); }
+  // Selects the integer types other than int and DKInt64, for the comparisons below.
   template <class T>
   using OtherInteger = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, int> && !std::is_same_v<T, DKInt64>, int>;
+  // Other integer types compare as 64-bit integers.
   template <class T, OtherInteger<T> = 0>
   DKCondition& operator==(T value) { return *this == static_cast<DKInt64>(value); }
   template <class T, OtherInteger<T> = 0>
@@ -196,15 +211,20 @@ public:
   DKCondition& operator&&(const DKCondition& other);
   DKCondition& operator||(const DKCondition& other);
 
+  // The linked conditions, in order: to read, and to change in place.
   const std::vector<LinkedCond>& GetSubConditionV() const noexcept { return m_subConditions; }
   std::vector<LinkedCond>& GetSubConditionVR() noexcept { return m_subConditions; }
+  // The number of linked conditions.
   std::size_t GetSubCondCount() const noexcept { return m_subConditions.size(); }
+  // Drops every link (the linked conditions are released).
   void ClearSubCondV() noexcept { m_subConditions.clear(); }
+  // Whether any link is an OR link, or an AND link.
   bool HasOr() const noexcept;
   bool HasAnd() const noexcept;
 
   // True for an empty condition: no field, operator, value or linked condition.
   bool IsNull() const noexcept;
+  // True when the value is a regular expression (operator % or /=).
   bool IsRegularExpression() const noexcept { return m_valueKind == kindRegEx; }
 
   // The condition as text, which FromString always reads back (unless a derived class refuses a
@@ -238,13 +258,17 @@ public:
   // compile is kept without a program, as operator% keeps it.
   bool FromNativeString(const DKPointerVector<DKChar>& tokens);
 
-  // The stored comparison.
+  // The stored comparison: the operator (an Operator) and the value's kind (a ValueKind).
   std::int32_t GetOperatorCode() const noexcept { return m_operator; }
   std::int32_t GetValueKind() const noexcept { return m_valueKind; }
+  // The value's text: a text, word or pattern as given, a number as written.
   const DKString& GetValueText() const noexcept { return m_valueText; }
+  // A number value, or a date-time value as seconds since 1970; 0 for the other kinds.
   double GetValueAsDouble() const noexcept { return m_doubleValue; }
   DKInt64 GetValueAsInt64() const noexcept { return m_int64Value; }
+  // A date-time value (the seconds clamped to DKDateTime's range).
   DKDateTime GetValueAsDateTime() const noexcept;
+  // The compiled pattern of a regular-expression value, and its compile result.
   const DKRegEx& GetRegEx() const noexcept { return m_regEx; }
   const DKErrorID& GetRegExError() const noexcept { return m_regEx.GetError(); }
 
@@ -273,6 +297,7 @@ protected:
   bool AssignDKString(const DKString& value, bool post = true);
   bool AssignDKDateTime(const DKDateTime& value, bool post = true);
 
+  // Sets the operator (an Operator value; not checked) and leaves the value as it is.
   void SetOperatorCode(std::int32_t code) noexcept { m_operator = code; }
 
 private:

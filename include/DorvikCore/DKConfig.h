@@ -28,17 +28,21 @@ public:
   // The part of each line a look-up reads.
   static constexpr std::size_t lookupLineLength = 255;
 
+  // No file open: every look-up gives its default.
   DKConfig();
   // Opens the file at once; IsOpen says whether that worked.
   explicit DKConfig(const DKString& fileName);
   ~DKConfig() override;
+  // Not copyable: the object owns an open file.
   DKConfig(const DKConfig&) = delete;
   DKConfig& operator=(const DKConfig&) = delete;
 
   // Opens the file (closing the one open before); false when it does not exist, cannot be read
   // or is not a plain file (a FIFO, a socket or a device is never waited on).
   bool Open(const DKString& fileName);
+  // Whether a file is open.
   bool IsOpen() const;
+  // The name given to the last Open, also when it failed.
   DKString GetFileName() const;
 
   // The value found, or defaultValue (also when no file is open).
@@ -46,6 +50,8 @@ public:
                      const DKString& defaultValue = DKString()) const override;
   // The value converted as DKString::AsLong converts it, or defaultValue when not found.
   long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const override;
+
+  // The UTF-8 forms of the look-ups (DKConfigI).
   using DKConfigI::GetLong;
   using DKConfigI::GetString;
   // Whether the key is there; value receives it.

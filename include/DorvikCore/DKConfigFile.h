@@ -43,6 +43,7 @@ class DKFileBytes;
 //   std::lock_guard guard(section);
 class DK_EXPORT DKConfigLockableI {
 public:
+  // Takes the lock, and releases it once per Lock; lock and unlock are the same.
   virtual void Lock() const = 0;
   virtual void Unlock() const = 0;
   void lock() const { Lock(); }
@@ -62,13 +63,16 @@ using DKConfigLockGuard = std::lock_guard<const DKConfigLockableI>;
 class DK_EXPORT DKConfigLockable : public DKConfigLockableI {
 public:
   virtual ~DKConfigLockable();
+  // Locks and unlocks the owner; nothing without one.
   void Lock() const override;
   void Unlock() const override;
   // Gives this item (and the items it holds) an owner; null leaves it on its own.
   virtual void SetOwner(const DKConfigLockableI* owner);
+  // The owner (not owned: the file the item belongs to); null for an item on its own.
   const DKConfigLockableI* GetOwner() const noexcept { return m_pOwner; }
 
 protected:
+  // For the items: no owner; a copy has none, a move keeps the other's, assignment keeps its own.
   DKConfigLockable() noexcept = default;
   DKConfigLockable(const DKConfigLockable&) noexcept : DKConfigLockableI() {}
   DKConfigLockable(DKConfigLockable&& other) noexcept : DKConfigLockableI(), m_pOwner(other.m_pOwner) {}
@@ -115,10 +119,11 @@ public:
 // (";" unless the file reads other markers, see DKConfigFile::SetCommentMarkers).
 class DK_EXPORT DKConfigComments : public DKConfigLockable {
 public:
-  typedef std::vector<DKString> CommentVector;
-  typedef CommentVector::iterator Iterator;
-  typedef CommentVector::const_iterator ConstIterator;
+  typedef std::vector<DKString> CommentVector;     // The comment texts, in order.
+  typedef CommentVector::iterator Iterator;         // A position in the block.
+  typedef CommentVector::const_iterator ConstIterator; // A position in a block that is not changed.
 
+  // An empty block; copies take the texts and markers (a copy has no owner).
   DKConfigComments() = default;
   DKConfigComments(const DKConfigComments&) = default;
   DKConfigComments(DKConfigComments&&) noexcept = default;
@@ -126,6 +131,7 @@ public:
   DKConfigComments& operator=(DKConfigComments&&) noexcept = default;
   ~DKConfigComments() override;
 
+  // The comments in order, for iteration while the caller holds the file's lock.
   Iterator GetCommentsBegin() { return m_comments.begin(); }
   Iterator GetCommentsEnd() { return m_comments.end(); }
   ConstIterator GetCommentsBegin() const { return m_comments.begin(); }
@@ -149,10 +155,13 @@ public:
   bool SetMarker(Iterator position, DKChar marker);
   // Removes one comment; returns the position after it.
   Iterator DeleteComment(Iterator position);
+  // The number of comments; IsEmpty: none.
   std::size_t GetSize() const;
   bool IsEmpty() const { return GetSize() == 0; }
+  // Removes every comment.
   void Clear();
 
+  // The same texts with the same markers.
   friend bool operator==(const DKConfigComments& a, const DKConfigComments& b) {
     return a.m_comments == b.m_comments && a.SameMarkers(b);
   }
@@ -171,6 +180,8 @@ private:
 // One key line: its comment block, key and value.
 class DK_EXPORT DKConfigLine : public DKConfigLockable {
 public:
+  // An empty line, or key=value, without comments; copies take the key, the value and the
+  // comments (a copy has no owner).
   DKConfigLine() = default;
   DKConfigLine(const DKString& key, const DKString& value) : m_key(key), m_value(value) {}
   DKConfigLine(const DKConfigLine&) = default;
@@ -179,8 +190,10 @@ public:
   DKConfigLine& operator=(DKConfigLine&&) noexcept = default;
   ~DKConfigLine() override;
 
+  // The key, as stored: read, and replace.
   DKString GetKey() const;
   void SetKey(const DKString& key);
+  // The value's text: read, and replace (a number as its decimal text).
   DKString GetValue() const;
   void SetValue(const DKString& value);
   void SetValue(const DKChar* value) { SetValue(DKString(value)); }
@@ -193,13 +206,16 @@ public:
   long GetValueAsLong(bool* ok = nullptr) const;
   double GetValueAsDouble(bool* ok = nullptr) const;
 
+  // The comment block in front of the line.
   DKConfigComments& GetComments() noexcept { return m_comments; }
   const DKConfigComments& GetComments() const noexcept { return m_comments; }
   // Empties the comments, the key and the value.
   void Clear();
 
+  // Gives the line and its comments an owner.
   void SetOwner(const DKConfigLockableI* owner) override;
 
+  // The same key, value and comments (keys compared with regard to case).
   friend bool operator==(const DKConfigLine& a, const DKConfigLine& b) {
     return a.m_key == b.m_key && a.m_value == b.m_value && a.m_comments == b.m_comments;
   }
@@ -216,10 +232,12 @@ private:
 // One section: its comment block, its name and its key lines in file order.
 class DK_EXPORT DKConfigSection : public DKConfigLockable {
 public:
-  typedef std::vector<DKConfigLine> LineVector;
-  typedef LineVector::iterator LineIterator;
-  typedef LineVector::const_iterator ConstLineIterator;
+  typedef std::vector<DKConfigLine> LineVector;           // The key lines, in file order.
+  typedef LineVector::iterator LineIterator;               // A position among the lines.
+  typedef LineVector::const_iterator ConstLineIterator;    // A position in a section not changed.
 
+  // An empty section without a name or with one; copies take the name, the comments and the
+  // lines (a copy has no owner).
   DKConfigSection() = default;
   explicit DKConfigSection(const DKString& name) : m_name(name) {}
   DKConfigSection(const DKConfigSection&) = default;
@@ -229,11 +247,14 @@ public:
   DKConfigSection& operator=(DKConfigSection&& other) noexcept;
   ~DKConfigSection() override;
 
+  // The name, as stored: read, and replace.
   DKString GetName() const;
   void SetName(const DKString& name);
+  // The comment block in front of the header.
   DKConfigComments& GetComments() noexcept { return m_comments; }
   const DKConfigComments& GetComments() const noexcept { return m_comments; }
 
+  // The lines in order, for iteration while the caller holds the file's lock.
   LineIterator GetLinesBegin() { return m_lines.begin(); }
   LineIterator GetLinesEnd() { return m_lines.end(); }
   ConstLineIterator GetLinesBegin() const { return m_lines.begin(); }
@@ -242,6 +263,7 @@ public:
   LineIterator end() { return m_lines.end(); }
   ConstLineIterator begin() const { return m_lines.begin(); }
   ConstLineIterator end() const { return m_lines.end(); }
+  // The number of lines.
   std::size_t GetLineCount() const;
 
   // The first line at or after `from` (the first line without it) whose key equals key
@@ -264,8 +286,10 @@ public:
   // Empties the name, the comments and the lines.
   void Clear();
 
+  // Gives the section, its comments and its lines an owner.
   void SetOwner(const DKConfigLockableI* owner) override;
 
+  // The same name, comments and lines (names compared with regard to case).
   friend bool operator==(const DKConfigSection& a, const DKConfigSection& b) {
     return a.m_name == b.m_name && a.m_comments == b.m_comments && a.m_lines == b.m_lines;
   }
@@ -283,18 +307,20 @@ private:
 // Something the reader met that the format does not take as a setting. Line numbers count
 // from 1; a note about one line has the same first and last line.
 struct DK_EXPORT DKConfigLoadNote {
+  // What was met.
   enum Kind {
-    KeyOverSeveralLines,   // lines without "=" joined the key of the next "=" line
-    KeyBeforeFirstSection, // a key line in front of the first header: kept as text, not in the tree
-    HashLineAsText,        // a line starting with '#' read as text, as '#' is no comment marker
-    HeaderInsideKey,       // a line that looks like a section header is part of a key
+    KeyOverSeveralLines,   // Lines without "=" joined the key of the next "=" line.
+    KeyBeforeFirstSection, // A key line before the first header: kept as text, not in the tree.
+    HashLineAsText,        // A line starting with '#' read as text, as '#' is no comment marker.
+    HeaderInsideKey,       // A line that looks like a section header is part of a key.
   };
-  Kind kind = KeyOverSeveralLines;
-  std::size_t firstLine = 0;
-  std::size_t lastLine = 0;
+  Kind kind = KeyOverSeveralLines; // What was met.
+  std::size_t firstLine = 0;       // The first line concerned.
+  std::size_t lastLine = 0;        // The last line concerned.
 
   // "lines 3-5: ..." or "line 3: ...", in English.
   DKString GetText() const;
+  // The same kind and lines.
   friend bool operator==(const DKConfigLoadNote&, const DKConfigLoadNote&) = default;
 };
 
@@ -310,19 +336,24 @@ struct DK_EXPORT DKConfigLoadNote {
 // nothing waits on it.
 class DK_EXPORT DKConfigFile : public DKRefCount, public DKConfigI, public DKConfigLockableI {
 public:
-  typedef std::vector<DKConfigSection> SectionVector;
-  typedef SectionVector::iterator SectionIterator;
-  typedef SectionVector::const_iterator ConstSectionIterator;
+  typedef std::vector<DKConfigSection> SectionVector;        // The sections, in file order.
+  typedef SectionVector::iterator SectionIterator;            // A position among the sections.
+  typedef SectionVector::const_iterator ConstSectionIterator; // A position in a file not changed.
 
+  // The encoding of the file's text on disk.
   enum Encoding {
-    Utf8 = 0,
-    Utf8WithBom = 1,
-    Utf16LE = 2, // with a byte-order mark
-    Utf16BE = 3, // with a byte-order mark
-    Utf16LEWithoutBom = 4,
-    Utf16BEWithoutBom = 5,
+    Utf8 = 0,              // UTF-8 without a byte-order mark.
+    Utf8WithBom = 1,       // UTF-8 after a byte-order mark.
+    Utf16LE = 2,           // UTF-16 little-endian, with a byte-order mark.
+    Utf16BE = 3,           // UTF-16 big-endian, with a byte-order mark.
+    Utf16LEWithoutBom = 4, // UTF-16 little-endian without a mark.
+    Utf16BEWithoutBom = 5, // UTF-16 big-endian without a mark.
   };
-  enum LineEnd { LineEndLF = 0, LineEndCRLF = 1 };
+  // The line end a save writes.
+  enum LineEnd {
+    LineEndLF = 0,   // A line feed.
+    LineEndCRLF = 1, // A carriage return and a line feed.
+  };
 
   // At most this many load notes are kept; GetLoadNoteCount counts them all.
   static constexpr std::size_t maxLoadNotes = 1000;
@@ -336,6 +367,7 @@ public:
   // An empty tree for the file name (nothing is read).
   explicit DKConfigFile(const DKString& path = DKString());
   ~DKConfigFile() override;
+  // Not copyable: the items point at the file as their owner.
   DKConfigFile(const DKConfigFile&) = delete;
   DKConfigFile& operator=(const DKConfigFile&) = delete;
 
@@ -392,13 +424,17 @@ public:
   // Why the last Reload, ReloadFromBytes, Save, Save2 or SaveToBytes failed; empty after a success.
   DKString GetLastErrorText() const;
 
+  // The path that Reload reads and the saves write: read, and replace.
   DKString GetFileName() const;
   void SetFileName(const DKString& path);
+  // The encoding and the line end the saves write (those the file was read with, after a
+  // load): read, and replace.
   Encoding GetEncoding() const;
   void SetEncoding(Encoding encoding);
   LineEnd GetLineEnd() const;
   void SetLineEnd(LineEnd lineEnd);
 
+  // The sections in order, for iteration while the caller holds the file's lock.
   SectionIterator GetSectionsBegin() { return m_sections.begin(); }
   SectionIterator GetSectionsEnd() { return m_sections.end(); }
   ConstSectionIterator GetSectionsBegin() const { return m_sections.begin(); }
@@ -407,6 +443,7 @@ public:
   SectionIterator end() { return m_sections.end(); }
   ConstSectionIterator begin() const { return m_sections.begin(); }
   ConstSectionIterator end() const { return m_sections.end(); }
+  // The number of sections.
   std::size_t GetSectionCount() const;
 
   // The first section at or after `from` (the first section without it) whose name equals
@@ -433,11 +470,13 @@ public:
   DKString GetString(const DKString& section, const DKString& key,
                      const DKString& defaultValue = DKString()) const override;
   long GetLong(const DKString& section, const DKString& key, long defaultValue = 0) const override;
+
+  // The UTF-8 forms of the look-ups (DKConfigI).
   using DKConfigI::GetLong;
   using DKConfigI::GetString;
   // Sets the value of the first matching line. A missing line is added at the end of the
   // section; a missing section is added after the last section (in front of the comments
-  // that end the file, if any).
+  // that end the file, if any). SetLong writes the decimal text.
   void SetString(const DKString& section, const DKString& key, const DKString& value);
   void SetLong(const DKString& section, const DKString& key, long value);
   // The same with UTF-8 names for either or both.

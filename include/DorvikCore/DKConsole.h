@@ -16,28 +16,34 @@
 //   DKLockedCOUT() << "Loading " << name << std::endl;
 class DK_EXPORT DKLockedCOUT {
 public:
+  // Takes the console lock, waiting while another thread holds it; the destructor releases it.
   DKLockedCOUT();
   ~DKLockedCOUT();
+  // Not copyable: one object, one hold of the lock.
   DKLockedCOUT(const DKLockedCOUT&) = delete;
   DKLockedCOUT& operator=(const DKLockedCOUT&) = delete;
 
+  // The console stream; use it only while this object lives.
   std::ostream& GetCout() const noexcept;
 
+  // Writes value to the console stream as std::ostream writes it (a DKString as UTF-8).
   template <class T>
   DKLockedCOUT& operator<<(const T& value) {
     GetCout() << value;
     return *this;
   }
+  // Applies a stream manipulator such as std::endl (which also flushes).
   DKLockedCOUT& operator<<(std::ostream& (*manipulator)(std::ostream&)) {
     manipulator(GetCout());
     return *this;
   }
-  // UTF-16 and platform wide text is written as UTF-8.
+  // Writes terminated UTF-16 text as UTF-8.
   DKLockedCOUT& operator<<(const DKChar* text) {
     GetCout() << DKString(text);
     return *this;
   }
 #if !DK_WCHAR_IS_DKCHAR
+  // Writes terminated wide (UTF-32) text as UTF-8.
   DKLockedCOUT& operator<<(const wchar_t* text) {
     GetCout() << DKString(text);
     return *this;

@@ -16,7 +16,8 @@
 // and the plug-in host on its main thread; call it on threads made otherwise. Cheap when done.
 DK_EXPORT void DKInitCatchSignal();
 
-// The file a crash report is appended to besides the standard error; empty for none. An
+// Sets the file a crash report is appended to besides the standard error; empty for none. An
 // application sets it to its error log. False (and no file) when the path is too long.
 DK_EXPORT bool DKSetCrashReportFile(const DKString& path);
+// The file set by DKSetCrashReportFile; empty when there is none.
 DK_EXPORT DKString DKGetCrashReportFile();

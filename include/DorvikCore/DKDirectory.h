@@ -4,6 +4,7 @@
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKTypes.h>
 
+// Static helpers over directories; paths are UTF-16 text with "/" separators.
 class DK_EXPORT DKDirectory {
 public:
   // Whether path names an existing directory; a symbolic link to one counts, a file does not.

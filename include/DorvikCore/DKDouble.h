@@ -18,13 +18,16 @@ public:
   // When true, values below thePrecision are stored as 0.0; initially false.
   static std::atomic<bool> zeroValueOnAssign;
 
+  // 0.0, or value as Adjust stores it.
   DKDouble() noexcept = default;
   DKDouble(double value) noexcept : m_value(Adjust(value)) {}
+  // Stores value as Adjust stores it.
   DKDouble& operator=(double value) noexcept {
     m_value = Adjust(value);
     return *this;
   }
 
+  // The stored value.
   double GetValue() const noexcept { return m_value; }
   operator double() const noexcept { return m_value; }
 

@@ -8,18 +8,20 @@
 #include <cstdint>
 #include <iosfwd>
 
+// A value: a unit and a 32-bit count, copied like an integer.
 class DK_EXPORT DKDurationEx {
 public:
+  // The units, coarsest first; the short names are those of GetShortName.
   enum Unit : std::int32_t {
-    Year = 0,
-    Month = 1,
-    Week = 2,
-    Day = 3,
-    Hour = 4,
-    Minute = 5,
-    Second = 6,
-    Millisecond = 7,
-    Invalid = 8,
+    Year = 0,        // "y": 12 months, 365 days in conversions to days.
+    Month = 1,       // "mo": 30 days in conversions to days.
+    Week = 2,        // "w": 7 days.
+    Day = 3,         // "d": 24 hours.
+    Hour = 4,        // "h".
+    Minute = 5,      // "m".
+    Second = 6,      // "s".
+    Millisecond = 7, // "ms".
+    Invalid = 8,     // No unit: the duration is invalid.
   };
 
   // The count is kept within these bounds; -2147483648 is never held, so that the sign can
@@ -29,9 +31,10 @@ public:
   static constexpr std::int32_t minimum_ = -2147483647;
   static const DKDurationEx invalid_; // unit Invalid, count 0
 
+  // An invalid duration (invalid_).
   constexpr DKDurationEx() noexcept : m_unit(Invalid), m_duration(0) {}
-  // A count of seconds. Every count constructor throws DKDurationExceptionEx for a count
-  // outside minimum_..maximum_.
+  // A count of seconds, or of the unit given. Every count constructor throws DKDurationExceptionEx
+  // for a count outside minimum_..maximum_.
   explicit DKDurationEx(long count) : DKDurationEx(count, Second) {}
   DKDurationEx(long count, Unit unit);
   // The unit by its short name ("y", "mo", "w", "d", "h", "m", "s", "ms"), compared in full
@@ -49,9 +52,13 @@ public:
   // reports that by returning false instead (value unchanged).
   explicit DKDurationEx(std::chrono::milliseconds amount);
 
+  // The unit.
   Unit GetUnit() const noexcept { return m_unit; }
+  // Replaces the unit and keeps the count (3 days become 3 hours); ConvertTo keeps the amount.
   void SetUnit(Unit unit) noexcept { m_unit = unit; }
+  // The count, in the unit.
   std::int32_t GetDuration() const noexcept { return m_duration; }
+  // True when the unit is one of Year to Millisecond.
   bool IsValid() const noexcept { return m_unit >= Year && m_unit < Invalid; }
 
   // Unit in the upper half, count in the lower: one number that identifies the value.
@@ -64,6 +71,8 @@ public:
   // The amount as std::chrono::milliseconds; false (amount unchanged) for an invalid duration
   // and for years and months, which have no fixed length.
   [[nodiscard]] bool AsChrono(std::chrono::milliseconds& amount) const noexcept;
+  // Sets the amount as the std::chrono constructor does; false (value unchanged) when no unit
+  // holds it.
   bool FromChrono(std::chrono::milliseconds amount) noexcept;
 
   // Converts to another unit with the conversion table (a year is 12 months, 52 weeks or 365
@@ -81,7 +90,7 @@ public:
   bool IsEquivalent(const DKDurationEx& other) const noexcept;
 
   // Text: the short form "3d", "15ms"; the long form "1 day", "-2 hours". 0 of any unit is
-  // "0"; an invalid duration gives the empty text.
+  // "0"; an invalid duration gives the empty text. The first form appends to out.
   void AsString(DKString& out, bool longForm = false) const;
   DKString AsString(bool longForm = false) const;
   // The amount as elapsed time: "h:mm:ss.mmm", after "<n> days, " when it spans a day or more
@@ -110,8 +119,9 @@ public:
   // invalid_, for any other text, and for an amount that no such unit holds.
   bool FromReadableString(const DKString& text);
 
-  // Scaling and negation; all throw DKDurationExceptionEx when the result leaves the range,
-  // and division by 0 throws too.
+  // Scaling (the count times factor, or divided by divisor, truncated) and negation, in the same
+  // unit; all throw DKDurationExceptionEx when the result leaves the range, and division by 0
+  // throws too.
   DKDurationEx operator*(int factor) const;
   DKDurationEx operator/(int divisor) const;
   [[nodiscard]] DKDurationEx operator-() const;
@@ -124,7 +134,7 @@ public:
     return a.m_unit == b.m_unit && a.m_duration == b.m_duration;
   }
 
-  // The names of a unit; empty for Invalid.
+  // The long ("day") and short ("d") names of a unit; empty for Invalid.
   static const DKChar* GetLongName(Unit unit) noexcept;
   static const DKChar* GetShortName(Unit unit) noexcept;
   // The step from one unit to another in the conversion table: a positive factor, -1 when the
@@ -144,6 +154,7 @@ private:
   std::int32_t m_duration;
 };
 
-// The short form, UTF-8; reading takes one word, or a count and a unit word.
+// Writes the short form as UTF-8; reads one word, or a count and a unit word, as FromString
+// reads them with seconds as the default unit (failbit when the text is not a duration).
 DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDurationEx& duration);
 DK_EXPORT std::istream& operator>>(std::istream& is, DKDurationEx& duration);

@@ -21,8 +21,10 @@ class DKDateTime;
 // value's default format.
 class DK_EXPORT DKExecContext {
 public:
+  // The default settings, or a date-time format (as DKDateTime::AsString takes it).
   DKExecContext() = default;
   explicit DKExecContext(const DKString& dateTimeFormat) : m_dateTimeFormat(dateTimeFormat) {}
+  // The date-time format of DKDateTime parameters: read, and set.
   const DKString& GetDateTimeFormat() const noexcept { return m_dateTimeFormat; }
   void SetDateTimeFormat(const DKString& format) { m_dateTimeFormat = format; }
 
@@ -34,10 +36,14 @@ private:
 // fill the placeholders (none for a default context) and the execution context.
 class DK_EXPORT DKFormatContext {
 public:
+  // No error and the default settings, or the error (not owned: it must outlive the context)
+  // and the settings given.
   DKFormatContext() = default;
   explicit DKFormatContext(const DKErrorI* error, const DKExecContext& exec = DKExecContext())
       : m_error(error), m_exec(exec) {}
+  // The error whose parameters fill the placeholders; null for none.
   const DKErrorI* GetError() const noexcept { return m_error; }
+  // The settings for the parameters' text.
   const DKExecContext& GetExecContext() const noexcept { return m_exec; }
 
 private:
@@ -48,8 +54,10 @@ private:
 // A counted error whose text comes from a message source (the formatter).
 class DK_EXPORT DKError : public DKErrorI {
 public:
+  // An error of code whose text the formatter gives; the error keeps a reference to it.
   DKError(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity = SeverityError);
   ~DKError() override;
+  // The message source of the text; may be null.
   const DKSmartPtrToConst<DKMessageSource>& GetFormatter() const noexcept { return m_formatter; }
   // The formatter's text for the code, its placeholders filled from this error's parameters.
   // Without a formatter the text is "Unknown message <code>" and the result an error.
@@ -63,17 +71,21 @@ private:
 // error. Parameters are numbered from 0 in the order they were added.
 class DK_EXPORT DKErrorWithArgs : public DKError {
 public:
+  // One stored parameter.
   struct Storage {
-    ErrorParamType type;
-    void* value;
+    ErrorParamType type; // What the value is.
+    void* value;         // The value, in a block of the memory pool that the error owns.
   };
 
+  // An error with no parameters yet, as DKError makes it.
   DKErrorWithArgs(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity = SeverityError);
-  DKErrorWithArgs(const DKErrorWithArgs& other); // deep copy of every parameter
+  // Copies take a copy of every parameter (and the code, severity and formatter).
+  DKErrorWithArgs(const DKErrorWithArgs& other);
   DKErrorWithArgs& operator=(const DKErrorWithArgs& other);
   ~DKErrorWithArgs() override;
 
-  // Each returns the index of the new parameter.
+  // Appends a copy of value as the next parameter, of the type of the overload, and returns its
+  // index. Not for an error that other threads read at the same time.
   std::size_t AddParam(double value);
   std::size_t AddParam(int value);
   std::size_t AddParam(long value);
@@ -82,8 +94,9 @@ public:
   std::size_t AddParam(const DKDouble& value);
   std::size_t AddParam(const DKDateTime& value);
 
-  // False when the index is out of range or the stored type differs (a double parameter is
-  // not read as a DKDouble, nor an int as a long); out is then unchanged.
+  // Copies the parameter at index to out. False when the index is out of range or the stored
+  // type differs (a double parameter is not read as a DKDouble, nor an int as a long); out is
+  // then unchanged.
   bool GetParam(double& out, std::size_t index) const;
   bool GetParam(int& out, std::size_t index) const;
   bool GetParam(long& out, std::size_t index) const;
@@ -91,11 +104,12 @@ public:
   bool GetParam(DKDouble& out, std::size_t index) const;
   bool GetParam(DKDateTime& out, std::size_t index) const;
 
+  // As DKErrorI describes them, over the parameters added.
   std::size_t GetParameterCount() const override;
   ErrorParamType GetParameterType(std::size_t index) const override;
   const void* GetParameterValue(std::size_t index) const override;
   // "%f" for a double, "%d" for an int, "%ld" for a long, the text of a DKString,
-  // DKDouble::AsString() for a DKDouble; empty out of range.
+  // DKDouble::AsString() for a DKDouble, a DKDateTime in the context's format; empty out of range.
   DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const override;
 
 private:
@@ -110,10 +124,12 @@ private:
 // A counted error that carries its text ready made.
 class DK_EXPORT DKErrorString : public DKErrorI {
 public:
+  // An error of code (-1 unless given) whose text is text.
   explicit DKErrorString(const DKString& text, long code = -1, Severity severity = SeverityError);
   ~DKErrorString() override;
   // Copies the text to out; always succeeds.
   DKErrorID AsString(DKString& out, const DKFormatContext& context) const override;
+  // The text.
   const DKString& GetText() const noexcept { return m_text; }
 
 private:

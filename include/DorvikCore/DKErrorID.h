@@ -20,32 +20,47 @@ class DKErrorID;
 // every value text empty.
 class DK_EXPORT DKErrorI : public DKRefCount {
 public:
-  enum Severity : std::int32_t { SeveritySuccess = 0, SeverityInfo = 1, SeverityWarning = 2, SeverityError = 3, SeverityFatal = 4 };
-  enum ErrorParamType : std::int32_t {
-    ParamNone = 0,      // no parameter (index out of range)
-    ParamDouble = 1,    // double, text "%f"
-    ParamInt = 2,       // int, text "%d"
-    ParamLong = 3,      // long, text "%ld"
-    ParamDKString = 4,  // DKString, the text itself
-    ParamDKDateTime = 5,
-    ParamDKDouble = 6   // DKDouble, text DKDouble::AsString()
+  // How grave an error is; the library itself makes SeverityError errors unless told otherwise.
+  enum Severity : std::int32_t {
+    SeveritySuccess = 0, // Not an error.
+    SeverityInfo = 1,    // Information only.
+    SeverityWarning = 2, // Something to look at; the operation went on.
+    SeverityError = 3,   // The operation failed.
+    SeverityFatal = 4,   // The program cannot go on.
   };
-  static constexpr int IUID = 0x444B4552; // "DKER"
+  // The type of a parameter, and its text in a message.
+  enum ErrorParamType : std::int32_t {
+    ParamNone = 0,       // No parameter (index out of range).
+    ParamDouble = 1,     // A double; text "%f".
+    ParamInt = 2,        // An int; text "%d".
+    ParamLong = 3,       // A long; text "%ld".
+    ParamDKString = 4,   // A DKString; the text itself.
+    ParamDKDateTime = 5, // A DKDateTime; text in the execution context's date-time format.
+    ParamDKDouble = 6    // A DKDouble; text DKDouble::AsString().
+  };
+  static constexpr int IUID = 0x444B4552; // The interface id of DKErrorI ("DKER").
 
+  // An error of this code and severity; it starts with no reference (hold it in a smart pointer).
   DKErrorI(long code, Severity severity) noexcept : m_code(code), m_severity(severity) {}
   ~DKErrorI() override;
 
   // The interface identifier, IUID unless a subclass answers for another interface.
   virtual int GetIUID() const;
+  // The number of parameters.
   virtual std::size_t GetParameterCount() const;
+  // The type of the parameter at index; ParamNone out of range.
   virtual ErrorParamType GetParameterType(std::size_t index) const;
-  // Points at the stored value (of the type GetParameterType names); null out of range.
+  // Points at the stored value (of the type GetParameterType names); null out of range. The
+  // value belongs to the error and lives as long as it.
   virtual const void* GetParameterValue(std::size_t index) const;
+  // The parameter's text as a message shows it (see ErrorParamType); empty out of range.
   virtual DKString GetParameterValueAsString(std::size_t index, const DKExecContext& context) const;
   // Writes the error's text to out; the result says whether the text could be produced.
   virtual DKErrorID AsString(DKString& out, const DKFormatContext& context) const = 0;
 
+  // The code given at construction; 0 means success.
   long GetCode() const noexcept { return m_code; }
+  // The severity given at construction.
   Severity GetSeverity() const noexcept { return m_severity; }
 
 private:
@@ -57,21 +72,29 @@ private:
 // shared reference to an error object. Copies share the object.
 class [[nodiscard, DK_EXPORT_ATTRIBUTE]] DKErrorID {
 public:
-  enum DefaultConstant { SUCCESS = 0 };
+  // The constant that reads as success: return DKErrorID::SUCCESS.
+  enum DefaultConstant {
+    SUCCESS = 0, // Success.
+  };
 
-  DKErrorID() noexcept = default;
   // Success, whatever the constant.
+  DKErrorID() noexcept = default;
   DKErrorID(DefaultConstant) noexcept {}
+  // The result of an error object, which the result keeps a reference to (a null one is success).
   DKErrorID(const DKSmartPtrToConst<DKErrorI>& error) noexcept : m_error(error) {}
   template <class E, class = std::enable_if_t<std::is_convertible_v<E*, const DKErrorI*>>>
   DKErrorID(const DKSmartPtr<E>& error) noexcept : m_error(error.Get()) {}
   explicit DKErrorID(const DKErrorI* error) noexcept : m_error(error) {}
 
+  // True for success: no error object, or one whose code is 0. Good is the same, Bad the opposite.
   bool IsSuccess() const noexcept { return !m_error || m_error->GetCode() == 0; }
   bool Good() const noexcept { return IsSuccess(); }
   bool Bad() const noexcept { return !IsSuccess(); }
+  // The code as an int (0 for success), for code that tests "if (result)" for failure.
   operator int() const noexcept { return m_error ? static_cast<int>(m_error->GetCode()) : 0; }
+  // The error's code; 0 when there is no error object.
   long GetCode() const noexcept { return m_error ? m_error->GetCode() : 0; }
+  // The error object; null when there is none.
   const DKSmartPtrToConst<DKErrorI>& GetError() const noexcept { return m_error; }
   // "SUCCESS" when there is no error object, else the error's text in a default context.
   DKString AsString() const;
@@ -102,5 +125,10 @@ enum DKLibraryMessage : long {
   DK_MSG_DUPLICATE_PLUGIN_ID = 10, // "Duplicate plug-in id %0:s"
   DK_MSG_UNKNOWN_MESSAGE = 11,     // "Unknown message %0:d" (a message source lacks the code)
   DK_MSG_INVALID_REGEX = 12,       // "Invalid regular expression \"%0:s\" at position %1:d: %2:s"
-  DK_MSG_LAST = DK_MSG_INVALID_REGEX, // the highest code of the set
+  DK_MSG_QUEUE_FULL = 13,          // "%0:s: the queue is full (%1:d tasks)"
+  DK_MSG_SHUT_DOWN = 14,           // "%0:s is shut down"
+  DK_MSG_TASK_CANCELLED = 15,      // "The task was cancelled before it started"
+  DK_MSG_TASK_EXCEPTION = 16,      // "The task threw an exception: %0:s"
+  DK_MSG_INVALID_SCHEDULE = 17,    // "Invalid schedule \"%0:s\" at position %1:d: %2:s"
+  DK_MSG_LAST = DK_MSG_INVALID_SCHEDULE, // the highest code of the set
 };

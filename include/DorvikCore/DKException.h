@@ -17,18 +17,23 @@
 // report gives the internal text only.
 class DK_EXPORT DKException : public std::exception {
 public:
+  // Whether LogInErrorFile reports an exception that was reported already.
   enum LogOpt : int {
-    LogOnce = 0,  // report unless this exception was reported already
-    LogAgain = 1, // report even if it was
+    LogOnce = 0,  // Report unless this exception was reported already.
+    LogAgain = 1, // Report even if it was.
   };
+  // Separates the internal text from the user text in a message.
   static constexpr const DKChar* MessageMarker = DK_T("###***###");
+  // The stack text when capturing is switched off by DK_DISABLE_STACK.
   static constexpr const DKChar* StackDisabledText = DK_T("(Stack disabled - DK_DISABLE_STACK is defined)");
+  // The support notice until SetSupportNotice replaces it.
   static constexpr const DKChar* DefaultSupportNotice =
       DK_T("The application encountered an unexpected situation. Please contact technical support for assistance.");
 
   // Captures the current call stack unless noStack is set or the environment variable
   // "DK_DISABLE_STACK" is set (read once per process); then the stack reads StackDisabledText.
   explicit DKException(const DKString& message, bool noStack = false);
+  // Copies share the texts (nothing is copied) and keep whether the exception was reported.
   DKException(const DKException& other) noexcept;
   DKException& operator=(const DKException& other) noexcept;
   ~DKException() override;
@@ -42,17 +47,19 @@ public:
   // thread, message and stack). Reports once; LogAgain reports again.
   virtual void LogInErrorFile(LogOpt option = LogOnce);
 
+  // The call stack captured at construction, one frame a line; empty with noStack.
   const DKString& Stack() const noexcept { return m_stack; }
   // The whole message, marker and both texts included. (A Windows program that includes
   // <windows.h> first sees the system's GetMessage macro rename this inline member, and its
   // calls alike: keep the order of those includes the same in every file.)
   const DKString& GetMessage() const noexcept { return m_message; }
+  // Whether LogInErrorFile has reported this exception (or the one it was copied from).
   bool IsLogged() const noexcept { return m_logged; }
 
   // The full report LogInErrorFile writes for a message without the marker, one item a line.
   DKString BuildReport() const;
 
-  // The process-wide support notice that opens every report.
+  // The process-wide support notice that opens every report: set, and read.
   static void SetSupportNotice(const DKString& notice);
   static DKString GetSupportNotice();
 
@@ -72,9 +79,12 @@ private:
 // system's text for it as the message.
 class DK_EXPORT DKWindowsLastErrorException : public DKException {
 public:
+  // The calling thread's last error, or the code given; the message is the system's text for
+  // it ("Unknown error <code>" when the system has none).
   DKWindowsLastErrorException();
   explicit DKWindowsLastErrorException(int errorCode);
   ~DKWindowsLastErrorException() override;
+  // The system error code.
   int GetErrorCode() const noexcept { return m_errorCode; }
 
 private:
@@ -85,12 +95,16 @@ private:
 // number, the stack text at the crash, and whether it was reported already.
 class DK_EXPORT DKStackDump {
 public:
+  // A dump of the given facts.
   DKStackDump(int sehNumber, const DKString& stackText, bool alreadyReported = false);
   // The dump of the current call stack, for a crash handler to hand to DKSignalException.
   static DKStackDump Capture(int sehNumber);
 
+  // The signal number.
   int GetSeHNumber() const noexcept { return m_sehNumber; }
+  // The stack at the crash, one frame a line.
   const DKString& GetStackText() const noexcept { return m_stackText; }
+  // Whether the crash was reported already: set, and read.
   bool IsAlreadyReported() const noexcept { return m_alreadyReported; }
   void SetAlreadyReported(bool reported = true) noexcept { m_alreadyReported = reported; }
 
@@ -104,8 +118,10 @@ private:
 // unless the dump was reported already, construction reports it at once (LogAgain).
 class DK_EXPORT DKSignalException : public DKException {
 public:
+  // The exception of the dump's crash.
   explicit DKSignalException(const DKStackDump& dump);
   ~DKSignalException() override;
+  // The signal number.
   int GetSeHNumber() const noexcept { return m_sehNumber; }
 
 private:
@@ -115,9 +131,13 @@ private:
 // An exception whose message is a message source's text for a code (default context).
 class DK_EXPORT DKMsgException : public DKException {
 public:
+  // The message is the source's text for code; with a null source, "Unknown message <code>".
+  // The exception keeps a reference to the source.
   DKMsgException(long code, const DKSmartPtr<DKMessageSource>& source);
   ~DKMsgException() override;
+  // The message code.
   long GetCode() const noexcept { return m_code; }
+  // The source of the text; may be null.
   const DKSmartPtr<DKMessageSource>& GetSource() const noexcept { return m_source; }
 
 private:
@@ -128,6 +148,7 @@ private:
 // A syntax error met while reading a configuration file.
 class DK_EXPORT DKConfigStreamException : public DKException {
 public:
+  // The text is the message.
   explicit DKConfigStreamException(const DKString& text);
   ~DKConfigStreamException() override;
 };

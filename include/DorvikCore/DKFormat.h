@@ -79,19 +79,19 @@ class DK_EXPORT DKFormatArgSource {
 public:
   virtual ~DKFormatArgSource();
 
-  virtual int NextInt() = 0; // also "*" widths and precisions, and characters (promoted)
-  virtual unsigned int NextUnsigned() = 0;
-  virtual long NextLong() = 0;
-  virtual unsigned long NextUnsignedLong() = 0;
-  virtual long long NextLongLong() = 0;
-  virtual unsigned long long NextUnsignedLongLong() = 0;
-  virtual std::size_t NextSize() = 0; // size_t and ptrdiff_t ("z", "t", "I")
-  virtual double NextDouble() = 0;
-  virtual long double NextLongDouble() = 0;
-  virtual const void* NextPointer() = 0;          // "%p"
-  virtual const char* NextNarrowString() = 0;     // may be null
-  virtual const DKChar* NextWideString() = 0;     // may be null
-  virtual void* NextCountPointer() = 0;           // "%n": consumed, never written through
+  virtual int NextInt() = 0; // An int; also "*" widths and precisions, and characters (promoted).
+  virtual unsigned int NextUnsigned() = 0;                // An unsigned int ("o", "u", "x", "X").
+  virtual long NextLong() = 0;                            // A long ("l" with d or i).
+  virtual unsigned long NextUnsignedLong() = 0;           // An unsigned long ("l" with o, u, x, X).
+  virtual long long NextLongLong() = 0;                   // A long long ("ll", "L", "I64", "j").
+  virtual unsigned long long NextUnsignedLongLong() = 0;  // Their unsigned form.
+  virtual std::size_t NextSize() = 0; // size_t and ptrdiff_t ("z", "t", "I"), as the same bits.
+  virtual double NextDouble() = 0;                        // A double ("e", "f", "g", "a").
+  virtual long double NextLongDouble() = 0;               // A long double ("L" with those).
+  virtual const void* NextPointer() = 0;          // The pointer of "%p".
+  virtual const char* NextNarrowString() = 0;     // Terminated UTF-8 text; may be null.
+  virtual const DKChar* NextWideString() = 0;     // Terminated UTF-16 text; may be null.
+  virtual void* NextCountPointer() = 0;           // The pointer of "%n": consumed, never used.
 };
 
 // Appends the formatted text to out. The format and string arguments may point into out.
@@ -117,5 +117,7 @@ std::string DKFormatNarrow(const char* format, const Args&... args) {
   DKFormatAppend(result, format, DKMakeFormatArgs(args...));
   return result;
 }
+// The formatted text as a new string, with the arguments in a va_list (read as the conversions
+// name them).
 DK_EXPORT DKString DKFormatStringV(const DKChar* format, va_list args);
 DK_EXPORT std::string DKFormatNarrowV(const char* format, va_list args);

@@ -34,40 +34,44 @@
 
 // One captured argument. It refers to the caller's objects and lives only for the call.
 struct DKFormatArg {
+  // What the argument is, and which member of the union holds it.
   enum class Kind : unsigned char {
-    Missing,    // no argument (the end of the list)
-    Int,        // signed integer in i; bytes is its width after the usual promotion
-    UInt,       // unsigned integer in u
-    Bool,       // u is 0 or 1
-    Char,       // a narrow char, in i
-    Char16,     // one DKChar code unit, in u
-    Char32,     // one code point (char32_t; wchar_t where it is 32 bits), in u
-    Double,     // d
-    LongDouble, // *ld
-    Pointer,    // p, not text
-    Null,       // a null-pointer constant
-    NarrowText, // UTF-8 text
-    WideText,   // DKChar text
-    Utf32Text,  // 32-bit text (wchar_t where it is 32 bits, char32_t)
+    Missing,    // No argument (the end of the list).
+    Int,        // A signed integer in i; bytes is its width after the usual promotion.
+    UInt,       // An unsigned integer in u.
+    Bool,       // A bool: u is 0 or 1.
+    Char,       // A narrow char, in i.
+    Char16,     // One DKChar code unit, in u.
+    Char32,     // One code point (char32_t; wchar_t where it is 32 bits), in u.
+    Double,     // A double (or float) in d.
+    LongDouble, // A long double, pointed at by ld.
+    Pointer,    // A pointer that is not text, in p.
+    Null,       // A null-pointer constant.
+    NarrowText, // UTF-8 text in s.
+    WideText,   // DKChar text in s.
+    Utf32Text,  // 32-bit text (wchar_t where it is 32 bits, char32_t) in s.
   };
   // Length of a text that runs to its terminator.
   static constexpr std::size_t terminated = static_cast<std::size_t>(-1);
 
+  // A text argument: where it starts and how long it is.
   struct Text {
-    const void* text;   // null for a null text pointer
-    std::size_t length; // code units, or `terminated`
+    const void* text;   // The first code unit; null for a null text pointer.
+    std::size_t length; // Code units, or `terminated`.
   };
+  // The value; kind says which member holds it.
   union {
-    long long i;
-    unsigned long long u;
-    double d;
-    const long double* ld;
-    const void* p;
-    Text s;
+    long long i;           // Int and Char.
+    unsigned long long u;  // UInt, Bool, Char16 and Char32.
+    double d;              // Double.
+    const long double* ld; // LongDouble: the caller's value, not a copy.
+    const void* p;         // Pointer.
+    Text s;                // The three kinds of text.
   };
-  Kind kind;
-  unsigned char bytes; // integer width after promotion (4 or 8)
+  Kind kind;           // What the argument is.
+  unsigned char bytes; // Integer width after promotion (4 or 8).
 
+  // A Missing argument.
   constexpr DKFormatArg() noexcept : u(0), kind(Kind::Missing), bytes(0) {}
 };
 
@@ -191,17 +195,19 @@ DKFormatArg DKMakeFormatArg(const T& value) noexcept {
 
 // The captured arguments of one call.
 struct DKFormatArgList {
-  const DKFormatArg* args;
-  std::size_t count;
+  const DKFormatArg* args; // The first argument.
+  std::size_t count;       // The number of arguments.
 };
 
 // Captures a call's arguments into an array that lives for the full expression.
 template <std::size_t N>
 struct DKFormatArgStore {
-  DKFormatArg args[N == 0 ? 1 : N];
+  DKFormatArg args[N == 0 ? 1 : N]; // The captured arguments (one unused slot when N is 0).
+  // The list of the N arguments, valid while the store lives.
   operator DKFormatArgList() const noexcept { return {args, N}; }
 };
 
+// Captures each argument as DKMakeFormatArg does; pass the result straight to the engine.
 template <class... Args>
 DKFormatArgStore<sizeof...(Args)> DKMakeFormatArgs(const Args&... args) noexcept {
   return {{DKMakeFormatArg(args)...}};

@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 
+// A value type: 16 bytes, copied and compared like an integer.
 class DK_EXPORT DKGuid {
 public:
   // The null identifier: every bit 0.
@@ -34,11 +35,13 @@ public:
   // A new random identifier (version 4).
   static DKGuid NewGuid();
 
-  // "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}".
+  // The text form "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}", as a string or as UTF-8.
   DKString AsString() const;
   std::string AsUTF8() const;
 
+  // True for the null identifier.
   constexpr bool IsNull() const noexcept { return *this == DKGuid(); }
+  // The fields: the first 8, 4 and 4 digits of the text form, then the last 16 as eight bytes.
   constexpr std::uint32_t Data1() const noexcept { return m_data1; }
   constexpr std::uint16_t Data2() const noexcept { return m_data2; }
   constexpr std::uint16_t Data3() const noexcept { return m_data3; }
@@ -55,8 +58,10 @@ private:
   std::array<std::uint8_t, 8> m_data4{};
 };
 
+// Hashing of identifiers, for std::unordered_map and std::unordered_set keys.
 template <>
 struct std::hash<DKGuid> {
+  // A hash of all 128 bits.
   std::size_t operator()(const DKGuid& guid) const noexcept {
     std::size_t h = guid.Data1();
     h = h * 1000003u ^ guid.Data2();

@@ -59,6 +59,7 @@ public:
 class DK_EXPORT DKConsoleLogSubscriber : public DKLogSubscriberI {
 public:
   ~DKConsoleLogSubscriber() override;
+  // Writes the text to the console under its lock.
   void Write(std::uint32_t channel, std::uint32_t level, std::string_view text) override;
 };
 
@@ -67,16 +68,25 @@ public:
 // file is renamed once a line would take it past its size, and a new one is started.
 class DK_EXPORT DKFileLogSubscriber : public DKLogSubscriberI {
 public:
-  enum OpenMode { Append = 0, Truncate = 1 };
+  // What opening does with a file that exists.
+  enum OpenMode {
+    Append = 0,   // Writes after its content.
+    Truncate = 1, // Empties it first.
+  };
 
+  // Opens the file at once; IsGood and GetErrorText tell whether that worked.
   explicit DKFileLogSubscriber(const DKString& fileName, OpenMode mode = Append);
+  // Closes the file.
   ~DKFileLogSubscriber() override;
+  // Not copyable: the object owns the open file.
   DKFileLogSubscriber(const DKFileLogSubscriber&) = delete;
   DKFileLogSubscriber& operator=(const DKFileLogSubscriber&) = delete;
 
+  // Appends the text and flushes (nothing when the file is not open). Safe from any thread.
   void Write(std::uint32_t channel, std::uint32_t level, std::string_view text) override;
   // Whether the file is open.
   bool IsGood() const override;
+  // The name given to the constructor.
   const DKString& GetFileName() const noexcept { return m_fileName; }
   // Whether both are open on one file on the disk, whatever names they were given.
   bool IsSameFile(const DKFileLogSubscriber& other) const;
@@ -109,7 +119,7 @@ private:
 // The process's log manager. Every operation is safe from any thread.
 class DK_EXPORT DKLogManager {
 public:
-  typedef std::uint32_t ChannelId;
+  typedef std::uint32_t ChannelId; // A channel's id.
   // The id no channel has.
   static constexpr ChannelId NoChannel = 0;
 
@@ -120,7 +130,9 @@ public:
   // A new channel (every call makes one, also for a name in use); its id is never reused.
   ChannelId AddChannel(const DKString& name);
   // Drops the channel and its subscriptions; text published on it afterwards goes nowhere.
+  // False for an unknown channel.
   bool RemoveChannel(ChannelId channel);
+  // Whether the channel exists.
   bool HasChannel(ChannelId channel) const;
   // The first channel of that name (compared without regard to case); NoChannel when none.
   ChannelId FindChannel(const DKString& name) const;
@@ -133,9 +145,11 @@ public:
   // Subscribes at a level; a subscriber subscribed already keeps its place and takes the new
   // level. False for an unknown channel, a null subscriber or one that is not good.
   bool Subscribe(ChannelId channel, const DKSmartPtr<DKLogSubscriberI>& subscriber, std::uint32_t level);
-  // False when the subscriber is not subscribed to the channel.
+  // Changes the subscriber's level, or ends its subscription (the channel lets go of it). False
+  // when the subscriber is not subscribed to the channel.
   bool ChangeSubscriptionLevel(ChannelId channel, const DKLogSubscriberI* subscriber, std::uint32_t level);
   bool Unsubscribe(ChannelId channel, const DKLogSubscriberI* subscriber);
+  // The number of the channel's subscribers; 0 for an unknown channel.
   std::size_t GetSubscriberCount(ChannelId channel) const;
   // The subscriber's level on the channel; false when it is not subscribed.
   bool GetSubscriptionLevel(ChannelId channel, const DKLogSubscriberI* subscriber, std::uint32_t& level) const;
@@ -168,6 +182,7 @@ public:
   // no file was set or it cannot be written.
   bool AppendToErrorLog(const DKString& text);
 
+  // Not copyable: there is one manager, Get().
   DKLogManager(const DKLogManager&) = delete;
   DKLogManager& operator=(const DKLogManager&) = delete;
 
@@ -184,9 +199,12 @@ private:
 // threads: each thread writes through its own buffer.
 class DK_EXPORT DKLogStreamBuf : public std::streambuf {
 public:
+  // A buffer on the channel that publishes at level.
   explicit DKLogStreamBuf(DKLogManager::ChannelId channel, std::uint32_t level = 1);
+  // Publishes the part of a line still pending.
   ~DKLogStreamBuf() override;
 
+  // The channel, and the level text is published at.
   DKLogManager::ChannelId GetChannel() const noexcept { return m_channel; }
   std::uint32_t GetLevel() const noexcept { return m_level; }
   // Publishes what is pending at the old level first, so that every piece keeps the level it
@@ -194,6 +212,8 @@ public:
   void SetLevel(std::uint32_t level);
 
 protected:
+  // The std::streambuf hooks: take a character or a run of them (publishing every completed
+  // line), and publish what is pending (a flush).
   int_type overflow(int_type ch) override;
   std::streamsize xsputn(const char* text, std::streamsize count) override;
   int sync() override;
@@ -209,14 +229,18 @@ private:
 // An output stream on a log channel (UTF-8 text; DKString prints as UTF-8).
 class DK_EXPORT DKLogStream : public std::ostream {
 public:
+  // A stream on the channel whose lines are published at level. One thread writes to one stream.
   explicit DKLogStream(DKLogManager::ChannelId channel, std::uint32_t level = 1);
   // Publishes the part of a line still pending.
   ~DKLogStream() override;
+  // Not copyable: the stream owns its buffer.
   DKLogStream(const DKLogStream&) = delete;
   DKLogStream& operator=(const DKLogStream&) = delete;
 
+  // The channel, and the level text is published at.
   DKLogManager::ChannelId GetChannel() const noexcept { return m_buffer.GetChannel(); }
   std::uint32_t GetLevel() const noexcept { return m_buffer.GetLevel(); }
+  // Changes the level of what is written from now on (DKLogStreamBuf::SetLevel).
   void SetLevel(std::uint32_t level) { m_buffer.SetLevel(level); }
 
   // The calling thread's own stream on the channel, made on first use and kept until the
@@ -228,7 +252,13 @@ private:
 };
 
 // The named severities of DKLogger lines, most severe first.
-enum class DKLogSeverity : std::uint8_t { Error, Warning, Info, Debug, Trace };
+enum class DKLogSeverity : std::uint8_t {
+  Error,   // A failure: "ERROR", level 1.
+  Warning, // Something to look at: "WARNING", level 1.
+  Info,    // What the program does: "INFO", level 1.
+  Debug,   // Details for the developer: "DEBUG", level 2.
+  Trace,   // Every step: "TRACE", level 3.
+};
 
 // The numeric level a severity is published at: error, warning and info at 1 (normal), debug at
 // 2 (maximum), trace at 3. A subscriber at level L takes the severities whose level is <= L.
@@ -253,15 +283,21 @@ DK_EXPORT bool DKLogSeverityFromName(std::string_view name, DKLogSeverity& sever
 // threshold and a subscriber of the channel takes its level. Safe from any thread.
 class DK_EXPORT DKLogger {
 public:
-  enum class TimeZone { Local, Utc };
+  // The zone of the time stamps.
+  enum class TimeZone {
+    Local, // The process's local zone, with its offset.
+    Utc,   // UTC, marked "Z".
+  };
 
   // A logger on the channel of that name (added when there is none), or on a channel by id.
   explicit DKLogger(const DKString& channelName);
   explicit DKLogger(DKLogManager::ChannelId channel);
   ~DKLogger();
+  // Not copyable: make another logger on the same channel.
   DKLogger(const DKLogger&) = delete;
   DKLogger& operator=(const DKLogger&) = delete;
 
+  // Log at that severity: Error(...) is Log(DKLogSeverity::Error, ...).
   template <class... Args>
   void Error(const char* format, const Args&... args) {
     Log(DKLogSeverity::Error, format, args...);
@@ -296,15 +332,17 @@ public:
   }
 
   // Lines less severe than the threshold are dropped here, whoever subscribes (default: none
-  // is dropped, Trace).
+  // is dropped, Trace): set, and read.
   void SetThreshold(DKLogSeverity threshold) noexcept { m_threshold.store(threshold, std::memory_order_relaxed); }
   DKLogSeverity GetThreshold() const noexcept { return m_threshold.load(std::memory_order_relaxed); }
+  // The zone of the time stamps (default: Local): set, and read.
   void SetTimeZone(TimeZone zone) noexcept { m_utc.store(zone == TimeZone::Utc, std::memory_order_relaxed); }
   TimeZone GetTimeZone() const noexcept { return m_utc.load(std::memory_order_relaxed) ? TimeZone::Utc : TimeZone::Local; }
-  // The layout of each line (see above); an empty pattern writes the message alone.
+  // The layout of each line (see above); an empty pattern writes the message alone: set, and read.
   void SetPattern(const DKString& pattern);
   DKString GetPattern() const;
 
+  // The logger's channel.
   DKLogManager::ChannelId GetChannel() const noexcept { return m_channel; }
 
   // The line Log would write at that moment for that message, without its "\n".

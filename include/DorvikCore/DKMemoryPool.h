@@ -4,6 +4,8 @@
 
 #include <DorvikCore/DKTypes.h>
 
+// The pool's functions, all static and callable from any thread. Counting costs the
+// allocating thread no shared write; the counters are sums over all threads.
 class DK_EXPORT DMMemoryPool {
 public:
   // Returns a block of at least `size` bytes, aligned for any fundamental type. Throws

@@ -7,6 +7,8 @@
 #include <initializer_list>
 #include <memory>
 
+// The interface of a message source: a counted object that errors hold through smart pointers
+// and ask for their text. Implementations answer GetText and may use FillPlaceholders.
 class DK_EXPORT DKMessageSource : public DKRefCount {
 public:
   ~DKMessageSource() override;
@@ -31,26 +33,34 @@ public:
 // several threads at once, also while another thread adds or removes messages.
 class DK_EXPORT DKMemoryMessageSource : public DKMessageSource {
 public:
+  // One message of a table given to the constructor.
   struct Entry {
-    long code;
-    const DKChar* text;
+    long code;          // The message code.
+    const DKChar* text; // Its text, copied by the source; null is the empty text.
   };
 
+  // An empty source.
   DKMemoryMessageSource();
+  // A source holding the entries' messages; of two entries with one code, the later one wins.
   DKMemoryMessageSource(std::initializer_list<Entry> entries);
+  // Not copyable: errors share one source through smart pointers.
   DKMemoryMessageSource(const DKMemoryMessageSource&) = delete;
   DKMemoryMessageSource& operator=(const DKMemoryMessageSource&) = delete;
+
   ~DKMemoryMessageSource() override;
 
   // Adds the message, or replaces the text of a code already present.
   void Add(long code, const DKString& text);
-  // False when the code was not present.
+  // Removes the message of code; false when the code was not present.
   bool Remove(long code);
+  // Whether the source has a message for code.
   bool Contains(long code) const;
+  // The number of messages held.
   std::size_t GetCount() const;
   // The message text as stored, placeholders unfilled; false (out unchanged) when unknown.
   bool GetTemplate(long code, DKString& out) const;
 
+  // The message of code with its placeholders filled; for an unknown code, what UnknownCode gives.
   DKErrorID GetText(DKString& out, long code, const DKFormatContext& context) const override;
 
 private:

@@ -8,13 +8,18 @@
 
 #include <cstdint>
 
+// The interface every library object interface derives from. An implementation gives each
+// interface it implements a distinct IUID and answers QueryInterface for each of them.
 class DK_EXPORT DKObjectI {
 public:
-  static constexpr int IUID = 0x444B4F42; // "DKOB"
+  static constexpr int IUID = 0x444B4F42; // The interface id of DKObjectI ("DKOB").
 
   virtual ~DKObjectI();
 
+  // Adds a reference and returns the new count. Safe from any thread.
   virtual std::uint32_t AddRef() const = 0;
+  // Drops a reference and returns the new count; the object deletes itself at 0, so it may not
+  // be used after a Release that returned 0. Safe from any thread.
   virtual std::uint32_t Release() const = 0;
   // The interface id of the object's class.
   virtual int GetIUID() const = 0;
@@ -25,6 +30,7 @@ public:
   virtual DKSmartPtr<DKObjectI> QueryInterface(int iuid) const = 0;
 
 protected:
+  // For the implementing classes; a copy is a new object (its count is the implementation's).
   DKObjectI() = default;
   DKObjectI(const DKObjectI&) = default;
   DKObjectI& operator=(const DKObjectI&) = default;

@@ -34,8 +34,12 @@ struct IUnknown;
 // The root interface of COM objects. Linux has no COM: this is the library's own minimal form,
 // with the same three operations.
 struct IUnknown {
+  // Stores the object under the interface iid in *object (a counted reference) and returns 0;
+  // a non-zero result and a null *object when the object does not implement it.
   virtual long QueryInterface(const DKGuid& iid, void** object) = 0;
+  // Adds a reference; returns the new count.
   virtual unsigned long AddRef() = 0;
+  // Drops a reference and returns the new count; the object deletes itself at 0.
   virtual unsigned long Release() = 0;
 
 protected:
@@ -51,11 +55,11 @@ class DKGenericCreatorProxy;
 template <class Creator>
 class DKObjectFactoryBase {
 public:
-  typedef DKGenericCreatorProxy<Creator> Proxy;
+  typedef DKGenericCreatorProxy<Creator> Proxy; // The proxy type of this registry.
   // What the registry knows of one class id.
   struct TypeInfo {
-    Creator creator = nullptr;
-    std::vector<Proxy*> proxies; // in order of registration
+    Creator creator = nullptr;   // The registered creator; null for none.
+    std::vector<Proxy*> proxies; // The proxies bound to the id, in order of registration.
   };
 
   // Counted: the first call makes the registry, the matching last FreeFactory destroys it.
@@ -93,11 +97,14 @@ private:
 template <class Creator>
 class DKGenericCreatorProxy {
 public:
+  // Binds the proxy to classId (a copy: to other's id) and takes the id's current creator. A
+  // proxy made while the factory is not in use is never bound: its creator stays null.
   explicit DKGenericCreatorProxy(int classId);
   DKGenericCreatorProxy(const DKGenericCreatorProxy& other);
   DKGenericCreatorProxy& operator=(const DKGenericCreatorProxy& other);
   ~DKGenericCreatorProxy();
 
+  // The class id the proxy is bound to.
   int GetClassId() const noexcept { return m_classId; }
   // Null while no creator is registered for the id.
   Creator GetCreator() const noexcept { return m_creator; }
@@ -109,7 +116,9 @@ private:
   Creator m_creator;
 };
 
+// A creator of library objects: returns a new object (the caller owns it), or null.
 typedef DKObjectI* (*DKCppObjectCreator)();
+// A creator of COM wrappers: returns a new wrapper of object (the caller owns it), or null.
 typedef IUnknown* (*DKComFlyweightCreator)(DKObjectI* object);
 
 extern template class DK_EXPORT DKObjectFactoryBase<DKCppObjectCreator>;
@@ -123,15 +132,17 @@ class DKComFlyweightGenericCreatorProxy;
 // Makes library objects.
 class DK_EXPORT DKCppObjectFactory : public DKObjectFactoryBase<DKCppObjectCreator> {
 public:
-  typedef DKCppObjectCreator Creator;
+  typedef DKCppObjectCreator Creator; // The creator type.
   // A new object from the id's creator; null when there is none.
   static DKObjectI* CreateObject(int classId);
   // A new object from the proxy's creator; null when it has none.
   static DKObjectI* CreateObject(const DKCppObjectGenericCreatorProxy& proxy);
 };
 
+// A proxy of DKCppObjectFactory.
 class DK_EXPORT DKCppObjectGenericCreatorProxy : public DKGenericCreatorProxy<DKCppObjectCreator> {
 public:
+  // Bound to a class id, as DKGenericCreatorProxy is.
   using DKGenericCreatorProxy::DKGenericCreatorProxy;
   // A new object, or null while no creator is registered for the id.
   DKObjectI* CreateObject() const;
@@ -140,14 +151,18 @@ public:
 // Makes COM wrappers of library objects.
 class DK_EXPORT DKComFlyweightFactory : public DKObjectFactoryBase<DKComFlyweightCreator> {
 public:
-  typedef DKComFlyweightCreator Creator;
+  typedef DKComFlyweightCreator Creator; // The creator type.
   // A new wrapper of object from the id's creator; null when there is none.
   static IUnknown* CreateFlyweight(int classId, DKObjectI* object);
+  // A new wrapper of object from the proxy's creator; null when it has none.
   static IUnknown* CreateFlyweight(const DKComFlyweightGenericCreatorProxy& proxy, DKObjectI* object);
 };
 
+// A proxy of DKComFlyweightFactory.
 class DK_EXPORT DKComFlyweightGenericCreatorProxy : public DKGenericCreatorProxy<DKComFlyweightCreator> {
 public:
+  // Bound to a class id, as DKGenericCreatorProxy is.
   using DKGenericCreatorProxy::DKGenericCreatorProxy;
+  // A new wrapper of object, or null while no creator is registered for the id.
   IUnknown* CreateFlyweight(DKObjectI* object) const;
 };

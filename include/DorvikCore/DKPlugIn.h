@@ -50,28 +50,36 @@ class DKApplicationWithPlugIns;
 template <class T>
 using DKSmartPtrVector = std::vector<DKSmartPtr<T>>;
 
+// The base of every plug-in: a counted object (DKObjectI) that the application drives through
+// Init, the run step of its subclasses, RequestExit and Unload. Derive from DKRunPlugIn,
+// DKThreadedRunPlugIn or DKPlugInContainer, or from this class for a plug-in without a run step.
 class DK_EXPORT DKPlugIn : public DKObjectI {
 public:
-  static constexpr int IUID = 0x444B504C; // "DKPL"
+  static constexpr int IUID = 0x444B504C; // The interface id of DKPlugIn ("DKPL").
 
+  // Where a plug-in is in its life, as the application sets it.
   enum Status : std::int32_t {
-    NotLoaded = 0,   // not initialised (also after a failed Init): never run nor unloaded
-    Initialized = 2, // Init succeeded
-    Running = 3,     // the run step is under way
-    Finished = 4     // the run step returned
+    NotLoaded = 0,   // Not initialised (also after a failed Init): never run nor unloaded.
+    Initialized = 2, // Init succeeded.
+    Running = 3,     // The run step is under way.
+    Finished = 4     // The run step returned.
   };
 
   // A plug-in's identity: a GUID, and a name for messages. Ids compare by the GUID alone.
   class DK_EXPORT PlugInIdEx {
   public:
+    // The id of guid, with a name for messages (none unless given).
     PlugInIdEx(const DKGuid& guid) : m_guid(guid) {}
     PlugInIdEx(const DKGuid& guid, const DKString& name) : m_guid(guid), m_name(name) {}
 
+    // The GUID that identifies the plug-in.
     const DKGuid& GetGuid() const noexcept { return m_guid; }
+    // The name given; empty when none was.
     const DKString& GetName() const noexcept { return m_name; }
     // "name {GUID}", or the GUID alone when there is no name.
     DKString AsString() const;
 
+    // True when both have the same GUID, whatever their names.
     friend bool operator==(const PlugInIdEx& a, const PlugInIdEx& b) noexcept { return a.m_guid == b.m_guid; }
 
   private:
@@ -83,15 +91,19 @@ public:
   static constexpr DKGuid SilentPlugInId{0x444B5349, 0x4C45, 0x4E54,
                                          {0x8F, 0x2A, 0x51, 0x0C, 0x7E, 0x3D, 0x90, 0x01}};
 
+  // Status NotLoaded, no module, no reference yet.
   DKPlugIn() = default;
   ~DKPlugIn() override;
+  // Not copyable: the application holds each plug-in by reference.
   DKPlugIn(const DKPlugIn&) = delete;
   DKPlugIn& operator=(const DKPlugIn&) = delete;
 
   // The count starts at 0; the plug-in deletes itself when a Release brings it back to 0.
   std::uint32_t AddRef() const override;
   std::uint32_t Release() const override;
+  // IUID; a subclass answers its own.
   int GetIUID() const override;
+  // True for IUID, DKObjectI::IUID and the ids of the subclasses the object belongs to.
   bool IsKindOf(int iuid) const override;
   // This object when IsKindOf(iuid), else null.
   DKSmartPtr<DKObjectI> QueryInterface(int iuid) const override;
@@ -101,18 +113,22 @@ public:
   virtual Status GetStatus() const;
   // The name printed in the application's progress messages.
   virtual DKString GetName() const = 0;
+  // The plug-in's identity; two plug-ins with one GUID cannot both be loaded, and dependencies
+  // name plug-ins by it.
   virtual PlugInIdEx GetId() const = 0;
   // Whether the plug-in has a run step (DKRunPlugIn).
   virtual bool IsRunningPlugIn() const;
   // Whether the plug-in hands over further plug-ins (DKPlugInContainer).
   virtual bool IsContainerPlugIn() const;
   // The command-line options the plug-in reads; the application's usage screen lists them.
+  // None unless overridden.
   virtual DKUsageInfo GetUsageInfo() const;
-  // The plug-ins that must be initialised before this one.
+  // The plug-ins that must be initialised before this one; none unless overridden.
   virtual std::vector<PlugInIdEx> GetDependentV() const;
   // Prepares the plug-in; a failure leaves it loaded but never run nor unloaded.
   virtual DKErrorID Init(const DKApplicationWithPlugIns& application) = 0;
-  // Releases what Init took; called on the main thread before the module is closed.
+  // Releases what Init took; called on the main thread before the module is closed. Does
+  // nothing unless overridden.
   virtual void Unload();
 
   // The module the plug-in came from; null for a plug-in made in code. (After <windows.h> the
@@ -123,6 +139,7 @@ protected:
   // Asked once when the application is told to quit; wait: return only when the plug-in's
   // work is over. Nothing to do here.
   virtual void RequestExit(bool wait);
+  // Records the status that GetStatus reports.
   void SetStatus(Status status) noexcept { m_status.store(status, std::memory_order_release); }
 
 private:
@@ -133,13 +150,14 @@ private:
   void* m_module = nullptr;
 };
 
+// DKPlugIn::PlugInIdEx under a short name.
 typedef DKPlugIn::PlugInIdEx PlugInIdEx;
 
 // A plug-in with a run step. The application runs it on the main thread, after every plug-in
 // is initialised, in dependency order.
 class DK_EXPORT DKRunPlugIn : public DKPlugIn {
 public:
-  static constexpr int IUID = 0x444B5250; // "DKRP"
+  static constexpr int IUID = 0x444B5250; // The interface id of DKRunPlugIn ("DKRP").
 
   ~DKRunPlugIn() override;
   int GetIUID() const override;
@@ -157,8 +175,9 @@ public:
 // plug-in is unloaded.
 class DK_EXPORT DKThreadedRunPlugIn : public DKRunPlugIn {
 public:
-  static constexpr int IUID = 0x444B5452; // "DKTR"
+  static constexpr int IUID = 0x444B5452; // The interface id of DKThreadedRunPlugIn ("DKTR").
 
+  // Not running, no thread yet.
   DKThreadedRunPlugIn();
   // Waits for the plug-in's thread.
   ~DKThreadedRunPlugIn() override;
@@ -202,7 +221,7 @@ private:
 // and then drops the container (after calling its Unload).
 class DK_EXPORT DKPlugInContainer : public DKPlugIn {
 public:
-  static constexpr int IUID = 0x444B5043; // "DKPC"
+  static constexpr int IUID = 0x444B5043; // The interface id of DKPlugInContainer ("DKPC").
 
   ~DKPlugInContainer() override;
   int GetIUID() const override;
@@ -221,13 +240,16 @@ private:
   DKSmartPtrVector<DKPlugIn> m_plugIns;
 };
 
-// The entry point every plug-in module exports.
+// The entry point every plug-in module exports: returns a new plug-in that the caller owns
+// (the application holds it by a counted reference), or null.
 typedef DKPlugIn* (*DKGetPlugInObjectFunction)();
+// The entry point's exported name.
 #define DK_PLUGIN_ENTRY_NAME "GetPlugInObject"
 
 #if defined(_WIN32)
 #  define DK_PLUGIN_EXPORT extern "C" __declspec(dllexport)
 #else
+// Exports a function of a plug-in module under its plain C name.
 #  define DK_PLUGIN_EXPORT extern "C" __attribute__((visibility("default")))
 #endif
 

@@ -52,9 +52,13 @@ public:
   // without the cache, at a lower speed, for the rest of a text that would need more.
   static constexpr std::size_t defaultCacheBytes = 1u << 20;
 
+  // An expression with nothing compiled: Match is false for every text.
   DKRegEx() noexcept;
   // Compiles the pattern; IsCompiled() and GetError() tell whether it could be.
   explicit DKRegEx(const DKString& pattern);
+
+  // A copy shares the compiled program and takes the pattern and the result; a moved-from
+  // expression holds nothing compiled.
   DKRegEx(const DKRegEx& other) noexcept;
   DKRegEx(DKRegEx&& other) noexcept;
   DKRegEx& operator=(const DKRegEx& other) noexcept;
@@ -67,8 +71,10 @@ public:
   // "..." when longer), the position of the problem in code units and the problem. cacheBytes
   // bounds the state cache; 0 runs every match on the automaton directly.
   DKErrorID Compile(const DKString& pattern, std::size_t cacheBytes = defaultCacheBytes);
+  // Drops the program, the pattern and the last result: as newly built.
   void Clear() noexcept;
 
+  // True when a program is compiled (the last Compile succeeded).
   bool IsCompiled() const noexcept { return m_program != nullptr; }
   // The pattern given to the last Compile (even when it failed).
   const DKString& GetPattern() const noexcept { return m_pattern; }
@@ -77,7 +83,8 @@ public:
   // Number of instructions of the compiled program; 0 when nothing is compiled.
   std::size_t GetProgramSize() const noexcept;
 
-  // True when the whole text matches the pattern; false when nothing is compiled.
+  // True when the whole text (a string, or length code units at text) matches the pattern; false
+  // when nothing is compiled.
   bool Match(const DKString& text) const;
   bool Match(const DKChar* text, std::size_t length) const;
 

@@ -44,6 +44,7 @@ public:
   // The code page this converter implements (65001 for UTF-8, also when asked for 0).
   virtual unsigned int GetCodePage() const = 0;
 
+  // What the converter does with input it cannot map, fixed when it is made.
   Policy GetPolicy() const noexcept { return m_policy; }
 
   // The shared converter of a code page (0, 1252, 28591 or 65001); null for any other.
@@ -52,6 +53,7 @@ public:
   static DKErrorID ForCodePage(unsigned int codePage, DKSmartPtr<DKStringConverter>& out, Policy policy = Strict);
 
 protected:
+  // For the implementing classes.
   explicit DKStringConverter(Policy policy) noexcept : m_policy(policy) {}
 
 private:
@@ -63,8 +65,11 @@ private:
 // unpaired surrogates.
 class DK_EXPORT DKUTF8StringConverter : public DKStringConverter {
 public:
+  // A converter of its own; ForCodePage hands out shared ones.
   explicit DKUTF8StringConverter(Policy policy = Strict) noexcept : DKStringConverter(policy) {}
   ~DKUTF8StringConverter() override;
+
+  // As DKStringConverter describes them.
   DKErrorID ToUnicode(const char* text, std::size_t len, DKString& out) const override;
   DKErrorID FromUnicode(const DKChar* text, std::size_t len, std::string& out) const override;
   unsigned int GetCodePage() const override { return codePageUTF8; }
@@ -74,8 +79,11 @@ public:
 // never fails; encoding fails on characters above U+00FF.
 class DK_EXPORT DKLatin1StringConverter : public DKStringConverter {
 public:
+  // A converter of its own; ForCodePage hands out shared ones.
   explicit DKLatin1StringConverter(Policy policy = Strict) noexcept : DKStringConverter(policy) {}
   ~DKLatin1StringConverter() override;
+
+  // As DKStringConverter describes them.
   DKErrorID ToUnicode(const char* text, std::size_t len, DKString& out) const override;
   DKErrorID FromUnicode(const DKChar* text, std::size_t len, std::string& out) const override;
   unsigned int GetCodePage() const override { return codePageLatin1; }
@@ -86,8 +94,11 @@ public:
 // undefined: strict decoding rejects them, and U+0081 and the like have no form either.
 class DK_EXPORT DKWindows1252StringConverter : public DKStringConverter {
 public:
+  // A converter of its own; ForCodePage hands out shared ones.
   explicit DKWindows1252StringConverter(Policy policy = Strict) noexcept : DKStringConverter(policy) {}
   ~DKWindows1252StringConverter() override;
+
+  // As DKStringConverter describes them.
   DKErrorID ToUnicode(const char* text, std::size_t len, DKString& out) const override;
   DKErrorID FromUnicode(const DKChar* text, std::size_t len, std::string& out) const override;
   unsigned int GetCodePage() const override { return codePageWindows1252; }

@@ -57,18 +57,22 @@ DK_EXPORT int DKSyncMillisecondsUntil(std::chrono::steady_clock::time_point dead
 template <class Lockable>
 class DKTimedTries {
 public:
+  // True when the object was taken within timeout (measured on the steady clock; a timeout of 0
+  // or less tries once, one beyond about 24 days waits that long).
   template <class Rep, class Period>
   bool try_lock_for(const std::chrono::duration<Rep, Period>& timeout) {
     return static_cast<Lockable*>(this)->TryLockUntil(std::chrono::steady_clock::now() + DKSyncClampedDuration(timeout));
   }
+  // True when the object was taken before deadline, a time point of any clock (read as the time
+  // left until it, as the standard allows).
   template <class Clock, class Duration>
   bool try_lock_until(const std::chrono::time_point<Clock, Duration>& deadline) {
     return try_lock_for(deadline - Clock::now());
   }
 };
 // The raw results of DKEventSemaphore::Wait.
-inline constexpr std::uint32_t DK_WAIT_OBJECT_0 = 0;
-inline constexpr std::uint32_t DK_WAIT_TIMEOUT = 258;
+inline constexpr std::uint32_t DK_WAIT_OBJECT_0 = 0; // The event is posted.
+inline constexpr std::uint32_t DK_WAIT_TIMEOUT = 258; // The timeout passed first.
 
 class DKMutexImpl;
 class DKEventImpl;
@@ -82,9 +86,11 @@ public:
   // lockNow: enter the section at once.
   explicit DKCriticalSection(bool lockNow = false);
   ~DKCriticalSection();
+  // Not copyable: threads share one section.
   DKCriticalSection(const DKCriticalSection&) = delete;
   DKCriticalSection& operator=(const DKCriticalSection&) = delete;
 
+  // Enters the section, waiting as long as another thread holds it; lock and obtain are the same.
   void Lock() noexcept {
     const std::thread::id self = std::this_thread::get_id();
     if (m_owner.load(std::memory_order_relaxed) == self) {
@@ -99,6 +105,7 @@ public:
   }
   void lock() noexcept { Lock(); }
   void obtain() noexcept { Lock(); }
+  // Leaves the section once; the last leave frees it. unlock and release are the same.
   void Unlock() noexcept {
     if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
       return;
@@ -108,11 +115,13 @@ public:
   }
   void unlock() noexcept { Unlock(); }
   void release() noexcept { Unlock(); }
-  // Enters when the section is free or already held by the caller.
+  // Enters when the section is free or already held by the caller, without waiting; true when it
+  // entered.
   bool TryLock() noexcept;
   bool try_lock() noexcept { return TryLock(); }
   // try_lock_for and try_lock_until enter when the section becomes free within the time
   // (waiting in growing steps of at most a millisecond: a section is meant to be held briefly).
+
   // Whether the caller could enter now: 0 when another thread holds the section, otherwise the
   // recursion count the caller had while trying (1 when the section was free, more when the
   // caller already held it). A non-zero result does not mean the section is held by anyone.
@@ -144,7 +153,9 @@ public:
   // initiallyOwned is honoured when the mutex is created, not when a named mutex that already
   // exists is opened.
   explicit DKMutex(const DKString& name = DKString(), bool initiallyOwned = false);
+  // Closes the mutex (a named one is destroyed by the last close in any process).
   ~DKMutex();
+  // Not copyable: open the name again to share a named mutex.
   DKMutex(const DKMutex&) = delete;
   DKMutex& operator=(const DKMutex&) = delete;
 
@@ -154,7 +165,8 @@ public:
   bool lock(int timeoutMs) { return Lock(timeoutMs); }
   // Locks without limit; returns holding the mutex (an abandoned mutex is taken over).
   void obtain();
-  // Throws when the caller does not hold the mutex.
+  // Leaves the mutex once (the last leave frees it); unlock and release are the same. Throws when
+  // the caller does not hold the mutex.
   void Unlock();
   void unlock() { Unlock(); }
   void release() { Unlock(); }
@@ -166,10 +178,12 @@ public:
   void lock();
   bool try_lock() { return LockTakingOver(0); }
   // try_lock_for and try_lock_until: the same, waiting at most that long.
+
   // Whether the holder's last successful standard lock took the mutex over from an owner that
   // ended while holding it. Meaningful to the holder only.
   bool WasAbandoned() const noexcept { return m_abandoned; }
 
+  // The library's object behind the mutex (opaque): the same for the life of the object.
   void* GetHandle() const noexcept { return m_handle; }
 
 private:
@@ -188,19 +202,25 @@ private:
 // is shared by every process of the user that opens the same name; the last close destroys it.
 class DK_EXPORT DKEventSemaphore {
 public:
+  // The empty name: an unnamed event.
   static const DKString defaultValue;
 
   // initiallyPosted is honoured when the event is created, not when a named event that already
   // exists is opened. Failures of the system throw DKWindowsLastErrorException.
   explicit DKEventSemaphore(const DKString& name = DKString(), bool initiallyPosted = false);
+  // Closes the event (a named one is destroyed by the last close in any process).
   ~DKEventSemaphore();
+  // Not copyable: open the name again to share a named event.
   DKEventSemaphore(const DKEventSemaphore&) = delete;
   DKEventSemaphore& operator=(const DKEventSemaphore&) = delete;
 
+  // Posts the event: every waiter is released, and so is every later Wait until Reset.
   void Post();
   void post() { Post(); }
+  // Resets the event: later waits wait.
   void Reset();
   void reset() { Reset(); }
+  // Releases the threads waiting now and leaves the event reset.
   void Pulse();
   void pulse() { Pulse(); }
   // DK_WAIT_OBJECT_0 (0) when the event is or becomes posted (or is pulsed) within the
@@ -211,6 +231,7 @@ public:
   bool Posted();
   bool posted() { return Posted(); }
 
+  // The library's object behind the event (opaque): the same for the life of the object.
   void* GetHandle() const noexcept { return m_handle; }
 
 private:
@@ -221,6 +242,7 @@ private:
 // UnlockWait, another wakes it with PostUnlock.
 class DK_EXPORT DKSynchronizedCriticalSection : public DKCriticalSection {
 public:
+  // A free section and a reset event.
   DKSynchronizedCriticalSection();
   ~DKSynchronizedCriticalSection();
 
@@ -238,23 +260,26 @@ private:
 // count covers the request. Unlock beyond the maximum throws "DKCountingSemaphore overflow".
 class DK_EXPORT DKCountingSemaphore : public DKTimedTries<DKCountingSemaphore> {
 public:
+  // The maximum when none is given.
   static constexpr std::uint32_t DefaultMaximum = 2147483647;
 
-  // Throws "DKCountingSemaphore exception: initial greater than the maximum".
+  // A count of initial, at most maximum (DefaultMaximum unless given). Throws
+  // "DKCountingSemaphore exception: initial greater than the maximum".
   explicit DKCountingSemaphore(std::uint32_t initial);
   DKCountingSemaphore(std::uint32_t initial, std::uint32_t maximum);
   ~DKCountingSemaphore();
+  // Not copyable: threads share one semaphore.
   DKCountingSemaphore(const DKCountingSemaphore&) = delete;
   DKCountingSemaphore& operator=(const DKCountingSemaphore&) = delete;
 
   // Takes n from the count, waiting until it is there. A request above the maximum could never
-  // be met: it throws instead of waiting for ever.
+  // be met: it throws instead of waiting for ever. wait is the same.
   void Lock(std::uint32_t n = 1);
   void wait(std::uint32_t n = 1) { Lock(n); }
-  // Takes n when the count covers it.
+  // Takes n when the count covers it, without waiting; true when it took them.
   bool TryLock(std::uint32_t n = 1);
   // Gives n back; throws "DKCountingSemaphore overflow", the count unchanged, when that would
-  // pass the maximum.
+  // pass the maximum. post is the same.
   void Unlock(std::uint32_t n = 1);
   void post(std::uint32_t n = 1) { Unlock(n); }
 
@@ -264,6 +289,7 @@ public:
   bool try_lock() { return TryLock(1); }
   void unlock() { Unlock(1); }
 
+  // The count now (it may change as soon as it is read).
   std::uint32_t GetCount();
   // The maximum.
   std::uint32_t GetSize();
@@ -283,11 +309,16 @@ private:
 // system are ignored.
 class DK_EXPORT DKBaton {
 public:
+  // No turn taken yet (GetTurn is 0): turn 1 goes first.
   DKBaton();
   ~DKBaton();
+  // Not copyable: threads share one baton.
   DKBaton(const DKBaton&) = delete;
   DKBaton& operator=(const DKBaton&) = delete;
 
+  // Takes turn: waits until the turn before it was taken and released, then holds the baton
+  // and makes turn the last one taken. Returns at once, holding nothing, for a turn reached
+  // already. lock is the same.
   void Lock(std::uint32_t turn);
   void lock(std::uint32_t turn) { Lock(turn); }
   // Wakes the threads waiting for their turn and lets go of the baton.

@@ -10,12 +10,14 @@
 // A SYSTEMTIME with constructors.
 class DK_EXPORT DKSystemTime : public dk::SYSTEMTIME {
 public:
+  // Every field 0 (not a valid record), the fields given (not checked), or a copy of a record.
   DKSystemTime() noexcept : dk::SYSTEMTIME{} {}
   DKSystemTime(std::uint16_t year, std::uint16_t month, std::uint16_t dayOfWeek, std::uint16_t day, std::uint16_t hour,
                std::uint16_t minute, std::uint16_t second, std::uint16_t milliseconds) noexcept
       : dk::SYSTEMTIME{year, month, dayOfWeek, day, hour, minute, second, milliseconds} {}
   DKSystemTime(const dk::SYSTEMTIME& other) noexcept : dk::SYSTEMTIME(other) {}
 
+  // Copies every field of from to to.
   static void Assign(dk::SYSTEMTIME& to, const dk::SYSTEMTIME& from) noexcept { to = from; }
 };
 
@@ -34,10 +36,11 @@ DK_EXPORT bool DKIsValidSystemTime(const dk::SYSTEMTIME& time) noexcept;
 // Automation dates. The record must be valid with a year in 100..9999; milliseconds are
 // ignored. The value must lie between -657434 (year 100) and 2958466 (exclusive, after
 // 9999-12-31); the time is rounded to the nearest second and the day of the week filled in.
+// False (the output unchanged) outside those bounds.
 DK_EXPORT bool DKSystemTimeToVariantTime(const dk::SYSTEMTIME& time, double& variantTime) noexcept;
 DK_EXPORT bool DKVariantTimeToSystemTime(double variantTime, dk::SYSTEMTIME& time) noexcept;
 
 // FILETIME <-> SYSTEMTIME (both UTC). A FILETIME above 0x7FFFFFFFFFFFFFFF and a record before
-// 1601 or not valid are refused.
+// 1601 or not valid are refused: false, the output unchanged.
 DK_EXPORT bool DKFileTimeToSystemTime(const dk::FILETIME& fileTime, dk::SYSTEMTIME& time) noexcept;
 DK_EXPORT bool DKSystemTimeToFileTime(const dk::SYSTEMTIME& time, dk::FILETIME& fileTime) noexcept;

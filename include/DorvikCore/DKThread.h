@@ -48,30 +48,30 @@
 
 // Thread priorities: the Windows values, applied where the system allows (on Linux as the
 // thread's nice value, relative to the process's).
-inline constexpr int DK_THREAD_PRIORITY_IDLE = -15;
-inline constexpr int DK_THREAD_PRIORITY_LOWEST = -2;
-inline constexpr int DK_THREAD_PRIORITY_BELOW_NORMAL = -1;
-inline constexpr int DK_THREAD_PRIORITY_NORMAL = 0;
-inline constexpr int DK_THREAD_PRIORITY_ABOVE_NORMAL = 1;
-inline constexpr int DK_THREAD_PRIORITY_HIGHEST = 2;
-inline constexpr int DK_THREAD_PRIORITY_TIME_CRITICAL = 15;
+inline constexpr int DK_THREAD_PRIORITY_IDLE = -15;         // Runs only when nothing else would.
+inline constexpr int DK_THREAD_PRIORITY_LOWEST = -2;        // Two steps below normal.
+inline constexpr int DK_THREAD_PRIORITY_BELOW_NORMAL = -1;  // One step below normal.
+inline constexpr int DK_THREAD_PRIORITY_NORMAL = 0;         // The default.
+inline constexpr int DK_THREAD_PRIORITY_ABOVE_NORMAL = 1;   // One step above normal.
+inline constexpr int DK_THREAD_PRIORITY_HIGHEST = 2;        // Two steps above normal.
+inline constexpr int DK_THREAD_PRIORITY_TIME_CRITICAL = 15; // The highest.
 // GetThreadPriority of a thread that cannot be asked.
 inline constexpr int DK_THREAD_PRIORITY_ERROR_RETURN = 0x7FFFFFFF;
 
 // Process priority classes: the Windows values.
-inline constexpr int DK_IDLE_PRIORITY_CLASS = 0x40;
-inline constexpr int DK_BELOW_NORMAL_PRIORITY_CLASS = 0x4000;
-inline constexpr int DK_NORMAL_PRIORITY_CLASS = 0x20;
-inline constexpr int DK_ABOVE_NORMAL_PRIORITY_CLASS = 0x8000;
-inline constexpr int DK_HIGH_PRIORITY_CLASS = 0x80;
-inline constexpr int DK_REALTIME_PRIORITY_CLASS = 0x100;
+inline constexpr int DK_IDLE_PRIORITY_CLASS = 0x40;           // Runs only when the system is idle.
+inline constexpr int DK_BELOW_NORMAL_PRIORITY_CLASS = 0x4000; // Below normal.
+inline constexpr int DK_NORMAL_PRIORITY_CLASS = 0x20;         // The default.
+inline constexpr int DK_ABOVE_NORMAL_PRIORITY_CLASS = 0x8000; // Above normal.
+inline constexpr int DK_HIGH_PRIORITY_CLASS = 0x80;           // High.
+inline constexpr int DK_REALTIME_PRIORITY_CLASS = 0x100;      // The highest.
 
 // The COM model a thread initialises (kept in the low four bits of a thread's flags). Linux has
 // no COM: the value is kept and reported only.
 enum DKComModel : std::uint32_t {
-  DK_COM_NONE = 0,
-  DK_COM_APARTMENTTHREADED = 1,
-  DK_COM_MULTITHREADED = 2,
+  DK_COM_NONE = 0,              // No COM initialisation.
+  DK_COM_APARTMENTTHREADED = 1, // A single-threaded apartment.
+  DK_COM_MULTITHREADED = 2,     // The multithreaded apartment.
 };
 
 // The COM model new thread objects take (DKThread::InitializeCOM sets it).
@@ -81,7 +81,9 @@ DK_EXPORT extern std::atomic<std::uint32_t> glbComModel;
 class DK_EXPORT DKCallback : public DKRefCount {
 public:
   ~DKCallback() override;
+  // Runs the callback.
   virtual void Call() = 0;
+  // Call().
   void operator()() { Call(); }
 };
 
@@ -89,13 +91,16 @@ public:
 template <class F>
 class DKFunctionCallback final : public DKCallback {
 public:
+  // Keeps the callable (moved in).
   explicit DKFunctionCallback(F function) : m_function(std::move(function)) {}
+  // Calls it.
   void Call() override { m_function(); }
 
 private:
   F m_function;
 };
 
+// A new counted callback that calls a copy of function (a lambda, a function pointer, ...).
 template <class F>
 DKSmartPtr<DKCallback> DKMakeCallback(F&& function) {
   return DKSmartPtr<DKCallback>(new DKFunctionCallback<std::decay_t<F>>(std::forward<F>(function)));
@@ -111,19 +116,23 @@ DKSmartPtr<DKCallback> DKMakeCallback(T* object, void (T::*method)()) {
 typedef void* DKThreadHandle;
 // A thread-local slot.
 typedef std::uint32_t DKThreadKey;
+// No slot: what ReleaseThreadKey leaves in a key.
 inline constexpr DKThreadKey DK_INVALID_THREAD_KEY = 0xFFFFFFFF;
 
 // A thread's identity: its identifier and its handle, both zero until started. The identity of
 // the calling thread (GetCurrentThreadID) has no handle.
 struct DKThread_t {
-  std::uint32_t m_threadID = 0;
-  DKThreadHandle m_hThread = nullptr;
+  std::uint32_t m_threadID = 0;       // The system's thread identifier (gettid here).
+  DKThreadHandle m_hThread = nullptr; // The handle; null for the calling thread's identity.
 
+  // Same identifier (the handles are not compared).
   friend bool operator==(const DKThread_t& a, const DKThread_t& b) noexcept { return a.m_threadID == b.m_threadID; }
 };
 
 class DKThreadInfo;
 
+// One thread and the object that controls it. Counted, so that a running thread can hold its
+// object, but not copyable. The member functions may be called from any thread.
 class DK_EXPORT DKThread : public DKRefCount {
 public:
   // The low four bits of the flags hold the COM model; application flags use the bits above.
@@ -133,6 +142,7 @@ public:
   explicit DKThread(const DKSmartPtr<DKCallback>& run);
   // Waits for the thread (Join), then releases the callback and the exit functions.
   ~DKThread() override;
+  // Not copyable: one object per thread.
   DKThread(const DKThread&) = delete;
   DKThread& operator=(const DKThread&) = delete;
 
@@ -152,9 +162,10 @@ public:
   // The thread is in the registry and has not finished its callback.
   bool Exists() const;
 
+  // Whether the thread owns the object and destroys it when it ends.
   bool GetDeleteOnEnd() const noexcept { return m_deleteOnEnd.load(std::memory_order_acquire); }
-  // Decided before Start: who owns the object is settled when the thread starts. False, and
-  // nothing changes, once Start was called (a Start that failed does not count).
+  // Sets that; decided before Start: who owns the object is settled when the thread starts. False,
+  // and nothing changes, once Start was called (a Start that failed does not count).
   bool SetDeleteOnEnd(bool deleteOnEnd) noexcept {
     if (m_startClaimed.load(std::memory_order_acquire))
       return false;
@@ -165,7 +176,7 @@ public:
   // Adds a callback run on the thread after the run callback (in the order added).
   void AddExitFunction(const DKSmartPtr<DKCallback>& function);
 
-  // flags |= value, without a lock; IsFlagSet: all bits of value are set.
+  // SetFlag: flags |= value, without a lock. IsFlagSet: whether all bits of value are set.
   void SetFlag(int value) noexcept { m_flags.fetch_or(static_cast<std::uint32_t>(value), std::memory_order_acq_rel); }
   bool IsFlagSet(int value) const noexcept {
     const auto bits = static_cast<std::uint32_t>(value);
@@ -178,15 +189,19 @@ public:
   // The COM model taken from glbComModel at construction.
   std::uint32_t GetComModel() const noexcept { return m_flags.load(std::memory_order_relaxed) & ComModelMask; }
 
-  // The priority of the object's thread: false, or DK_THREAD_PRIORITY_ERROR_RETURN, when it
-  // has not started or has ended (its identifier may then belong to another thread).
+  // Sets or reads the priority of the object's thread: false (refused by the system too), or
+  // DK_THREAD_PRIORITY_ERROR_RETURN, when it has not started or has ended (its identifier may
+  // then belong to another thread).
   bool SetThreadPriority(int priority);
   int GetThreadPriority() const;
-  // By identifier: DK_THREAD_PRIORITY_ERROR_RETURN when the system knows no such thread.
+  // The same by identifier: false, or DK_THREAD_PRIORITY_ERROR_RETURN, when the system knows no
+  // such thread.
   static bool SetThreadPriority(const DKThread_t& thread, int priority);
   static int GetThreadPriority(const DKThread_t& thread);
 
+  // The identity of the object's thread; zero until started.
   DKThread_t GetThreadID() const noexcept;
+  // The identity of the calling thread (without a handle).
   static DKThread_t GetCurrentThreadID() noexcept;
   // The calling thread's object from the registry; null for a thread not started by a DKThread.
   static DKThread* GetCurrentThreadP();
@@ -197,7 +212,9 @@ public:
   // itself it does not wait: it only removes the registry entry.
   static void WaitForThread(const DKThread_t& thread, int timeoutMs = DK_INFINITE);
 
+  // Lets other threads run.
   static void yield() noexcept;
+  // Suspends the calling thread for at least milliseconds; 0 only yields. Milli_sleep is the same.
   static void Sleep(std::uint32_t milliseconds);
   static void Milli_sleep(std::uint32_t milliseconds);
 
@@ -205,12 +222,15 @@ public:
   // has none left; ReleaseThreadKey sets the key to DK_INVALID_THREAD_KEY.
   static DKThreadKey AllocateThreadKey();
   static void ReleaseThreadKey(DKThreadKey& key) noexcept;
+  // Stores the calling thread's value of the slot (not owned); false for an invalid key.
   static bool Set(DKThreadKey key, void* value) noexcept;
+  // The calling thread's value of the slot; null when none was set or the key is invalid.
   static void* Get(DKThreadKey key) noexcept;
 
   // Sets the process-wide COM model for thread objects created from now on (a DKComModel
   // value, 0..15). False for a value out of range.
   static bool InitializeCOM(std::uint32_t model = DK_COM_APARTMENTTHREADED);
+  // Whether that model is DK_COM_APARTMENTTHREADED.
   static bool IsSingleThreadedCOMApartment() noexcept;
 
   // The stack size of the calling thread, in bytes (0 when the system does not tell).
@@ -252,23 +272,30 @@ public:
   DKThreadInfo(std::uint32_t threadId, const DKDateTimeEx& creationTime, DKInt64 kernelMs, DKInt64 userMs,
                DKInt64 elapsedMs, int priorityClass, int threadPriority);
 
+  // The thread's identifier.
   std::uint32_t GetThreadId() const noexcept { return m_threadId; }
-  // Null when the system does not know the thread.
+  // When the thread was created; null when the system does not know the thread.
   const DKDateTimeEx& GetCreationTime() const noexcept { return m_creationTime; }
+  // Milliseconds the thread has run in the kernel, and in user code.
   DKInt64 GetKernelTime() const noexcept { return m_kernelMs; }
   DKInt64 GetUserTime() const noexcept { return m_userMs; }
+  // Milliseconds since the thread was created.
   DKInt64 GetElapsedTime() const noexcept { return m_elapsedMs; }
+  // The process's priority class (DK_..._PRIORITY_CLASS) and the thread's priority
+  // (DK_THREAD_PRIORITY_..., DK_THREAD_PRIORITY_ERROR_RETURN when unknown).
   int GetPriorityClass() const noexcept { return m_priorityClass; }
   int GetThreadPriority() const noexcept { return m_threadPriority; }
-  // The Windows constant names ("NORMAL_PRIORITY_CLASS", "THREAD_PRIORITY_NORMAL", ...).
+  // Those as the Windows constant names ("NORMAL_PRIORITY_CLASS", "THREAD_PRIORITY_NORMAL", ...).
   DKString GetPriorityClassText() const { return PriorityClassText(m_priorityClass); }
   DKString GetThreadPriorityText() const { return ThreadPriorityText(m_threadPriority); }
   // The creation time as "YYYY/MM/DD HH:MM:SS" in the local zone; empty when unknown.
   DKString GetCreationTimeText() const;
 
+  // The name of a priority class or thread priority; an unknown value gives
+  // "UNKNOWN_PRIORITY_CLASS(0x<hex>)" or "THREAD_PRIORITY(<value>)".
   static DKString PriorityClassText(int priorityClass);
   static DKString ThreadPriorityText(int priority);
-  // A time counted in 100-nanosecond units, in milliseconds.
+  // A time counted in 100-nanosecond units, in milliseconds (truncated).
   static DKInt64 TimeAsMilliSec(DKInt64 hundredNanoseconds) noexcept { return hundredNanoseconds / 10000; }
   static DKInt64 TimeAsMilliSec(const dk::FILETIME& time) noexcept;
   // Milliseconds as "hours:minutes:seconds.milliseconds", e.g. "1:02:03.004".

@@ -7,18 +7,24 @@
 #include <DorvikCore/DKSystemTime.h>
 #include <DorvikCore/DKTypes.h>
 
+// A zone named by its id: a small value, cheap to copy.
 class DK_EXPORT DKTimeZone {
 public:
+  // The ids of the predefined zones.
   enum Predefined : int {
-    Local = 0, // the library's default zone
-    UTC = 1,
+    Local = 0, // The process's local zone (the system setting, TZ); the library's default zone.
+    UTC = 1,   // Coordinated Universal Time: offset 0, no daylight saving.
   };
 
+  // The local zone, or the predefined zone id.
   constexpr DKTimeZone() noexcept : m_id(Local) {}
   constexpr DKTimeZone(Predefined id) noexcept : m_id(id) {}
 
+  // The zone's id (a Predefined value).
   constexpr int GetId() const noexcept { return m_id; }
+  // True for UTC.
   constexpr bool IsUTC() const noexcept { return m_id == UTC; }
+  // True when both name the same zone.
   friend constexpr bool operator==(const DKTimeZone& a, const DKTimeZone& b) noexcept { return a.m_id == b.m_id; }
 
   // Offset of the zone from UTC at a UTC instant (seconds since 1970-01-01), in seconds east
@@ -36,8 +42,11 @@ public:
   // ends of the 64-bit range as ToUTC does.
   DKInt64 FromUTC(DKInt64 utcSeconds) const noexcept;
 
-  // SYSTEMTIME between UTC and this zone; false when the record is not valid.
+  // Converts a UTC SYSTEMTIME to this zone's wall clock; false (zoneTime unchanged) when the
+  // record is not a valid date and time or the result falls outside the years 0 to 65535.
   bool SystemTimeToZone(const dk::SYSTEMTIME& utc, dk::SYSTEMTIME& zoneTime) const noexcept;
+  // Converts this zone's wall-clock SYSTEMTIME to UTC, as ToUTC reads it; false (utc unchanged)
+  // as for SystemTimeToZone.
   bool ZoneToSystemTime(const dk::SYSTEMTIME& zoneTime, dk::SYSTEMTIME& utc) const noexcept;
 
   // Minutes to add to the zone's standard time to get UTC (Paris: -60, New York: 300).

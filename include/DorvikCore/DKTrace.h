@@ -34,7 +34,7 @@ class DKString;
 // current level mask; the level is printed as a decimal number in the line.
 enum TracelLevels : int {
   TL_NORMAL = 0x01, // always enabled
-  TL_DETAIL = 0x02,
+  TL_DETAIL = 0x02, // details beyond the normal messages
   TL_DATA = 0x04, // data dumps (MsgHex)
   TL_HEX = 0x08,  // in the level mask: MsgHex adds a hexadecimal block
 };
@@ -54,6 +54,7 @@ enum TracelSubjects : int {
   TS_DL = 0x200,  // "DL" dynamic libraries and plug-ins
 };
 
+// The union of two level masks, or of two subject masks.
 constexpr TracelLevels operator|(TracelLevels a, TracelLevels b) noexcept {
   return static_cast<TracelLevels>(static_cast<int>(a) | static_cast<int>(b));
 }
@@ -61,11 +62,13 @@ constexpr TracelSubjects operator|(TracelSubjects a, TracelSubjects b) noexcept 
   return static_cast<TracelSubjects>(static_cast<int>(a) | static_cast<int>(b));
 }
 
+// The trace facility: static functions over one process-wide state, safe from any thread. An
+// object may be made and copied, but holds nothing.
 class DK_EXPORT DKTrace {
 public:
+  // All state is class-wide: there is nothing to make or copy.
   DKTrace() = default;
   DKTrace(const DKTrace&) = default;
-  // All state is class-wide: there is nothing to copy.
   DKTrace& operator=(const DKTrace&) noexcept { return *this; }
 
   // Writes one line when level and subject pass the filters. The format is narrow (UTF-8) and

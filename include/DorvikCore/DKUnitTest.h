@@ -29,6 +29,8 @@
 #include <utility>
 #include <vector>
 
+// One menu: a name and its entries, tests and sub-menus, in order of addition. The top menu
+// belongs to its creator (the application has one); sub-menus belong to their parent.
 class DK_EXPORT DKUnitTest {
 public:
   // A test that reports through its result: a bad DKErrorID is a failure.
@@ -36,12 +38,16 @@ public:
   // A test that fails only by throwing.
   using VoidTest = std::function<void()>;
 
+  // The count of a run.
   struct Result {
-    std::size_t passed = 0;
-    std::size_t failed = 0;
+    std::size_t passed = 0; // Tests that passed.
+    std::size_t failed = 0; // Tests that failed.
 
+    // Tests run.
     std::size_t Total() const noexcept { return passed + failed; }
+    // True when no test failed (also when none ran).
     bool AllPassed() const noexcept { return failed == 0; }
+    // Adds the counts of another run.
     Result& operator+=(const Result& other) noexcept {
       passed += other.passed;
       failed += other.failed;
@@ -52,11 +58,15 @@ public:
   // The longest line RunInteractive accepts as a choice, in bytes.
   static constexpr std::size_t MaxChoiceLine = 64;
 
+  // An empty menu; the name starts each path in the result lines.
   explicit DKUnitTest(const DKString& name);
+  // Destroys the menu with its sub-menus; references to them become invalid.
   ~DKUnitTest();
+  // Not copyable: sub-menus are handed out by reference.
   DKUnitTest(const DKUnitTest&) = delete;
   DKUnitTest& operator=(const DKUnitTest&) = delete;
 
+  // The menu's name.
   const DKString& GetName() const noexcept { return m_name; }
 
   // Appends a test. Refused (DK_MSG_INVALID_ARGUMENT, naming the menu and the entry) when the

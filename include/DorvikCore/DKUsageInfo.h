@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <vector>
 
+// A list of option descriptions in the order they were added. A value: copy it freely. Not for
+// changing from two threads at once.
 class DK_EXPORT DKUsageInfo {
 public:
   // Option names up to nameWidth code units share a line with their description; longer names
@@ -15,11 +17,16 @@ public:
   static constexpr std::size_t nameWidth = 20;
   static constexpr std::size_t descriptionWidth = 54;
 
+  // No options, and the general information given (none by default).
   DKUsageInfo() = default;
   explicit DKUsageInfo(const DKString& generalInfo) : m_generalInfo(generalInfo) {}
 
   // What the value of an option must read as, for DKCommandLine::Check.
-  enum class ValueKind { Text, Integer, Number };
+  enum class ValueKind {
+    Text,    // Any text.
+    Integer, // A whole number, as DKString::AsInt reads it.
+    Number,  // A number, as DKString::AsDouble reads it.
+  };
 
   // Adds an option description. The name is written without its leading "/" and includes its
   // value syntax: "config:{filename}" takes a value, "consoleToFile[:filename]" may take one,
@@ -34,19 +41,26 @@ public:
 
   // An option as its name's syntax describes it.
   struct Option {
-    enum Value { NoValue, RequiredValue, OptionalValue };
-    DKString name; // the switch name alone: "config" of "config:{filename}"
-    Value value;
-    ValueKind kind;
+    // Whether the option takes a value.
+    enum Value {
+      NoValue,       // A name alone: "noConsole".
+      RequiredValue, // A name followed by ":", "{" or a blank: "config:{filename}".
+      OptionalValue, // A name followed by "[": "consoleToFile[:filename]".
+    };
+    DKString name;  // The switch name alone: "config" of "config:{filename}".
+    Value value;    // Whether it takes a value.
+    ValueKind kind; // What the value must read as.
   };
+  // The options of the entries, in order of addition, as DKCommandLine::Check reads them.
   std::vector<Option> GetOptions() const;
 
+  // The number of entries added.
   std::size_t GetCmdLineArgDescCount() const noexcept { return m_entries.size(); }
   // The entry at index, in order of addition. False, with the outputs untouched, when index is
   // out of range.
   bool GetCmdLineArgDesc(std::size_t index, DKString& name, DKString& description, bool& flag) const;
 
-  // Free text printed above the option lines.
+  // Free text printed above the option lines: set, and read.
   void SetGeneralInfo(const DKString& info) { m_generalInfo = info; }
   const DKString& GetGeneralInfo() const noexcept { return m_generalInfo; }
 

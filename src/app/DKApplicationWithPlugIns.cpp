@@ -5,11 +5,13 @@
 #include <DorvikCore/DKCrashHandler.h>
 #include <DorvikCore/DKFormat.h>
 #include <DorvikCore/DKThread.h>
+#include <DorvikCore/DKTimer.h>
 #include <DorvikCore/DKTrace.h>
 #include <DorvikCore/DKUnitTest.h>
 
 #include "app/DKAppPath.h"
 #include "app/DKPlugInCalls.h"
+#include "app/DKPlugInLoadProgress.h"
 #include "app/DKShutdownWatch.h"
 #include "os/DKEnvironment.h"
 #include "os/DKFile.h"
@@ -335,9 +337,12 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
                      DKEnvironment::ChangeDirectory(searchDirectory.AsUTF8());
   DKErrorID result = DKErrorID::FromText(DKString(DK_T("No plug-in could be loaded from ")) + directory);
   bool anyLoaded = false;
+  const DKSmartPtr<DKProgress> progress = LoadStep(DK_T("Loading plug-ins"), modules.size());
+  const std::unique_ptr<DKProgressConsole> display = DKStartPlugInLoadDisplay(progress, modules.size());
   for (const DKString& module : modules) {
     GetCout(1) << "LoadLibrary on " << module << "..." << std::endl;
     const DKErrorID loaded = LoadPlugIn(module, entryName);
+    progress->Increment();
     if (loaded.Good()) {
       anyLoaded = true;
     } else {
@@ -356,7 +361,14 @@ DKErrorID DKApplicationWithPlugIns::GetDLLPlugInsFromDirectory(const DKString& d
 DKErrorID DKApplicationWithPlugIns::LoadPlugInsFromDirectory(const DKString& directory, const DKString& extension,
                                                              const char* entryName, bool stopOnError) {
   const std::size_t before = m_loadedPlugIns.size();
+  // Two steps: loading the modules, then initialising their plug-ins.
+  const DKSmartPtr<DKProgress> progress = LoadStep(DKString(DK_T("Loading plug-ins from ")) + directory, 2);
+  struct Completion {
+    DKProgress& progress;
+    ~Completion() { progress.Complete(); }
+  } completion{*progress};
   const DKErrorID found = GetDLLPlugInsFromDirectory(directory, extension, entryName, stopOnError);
+  progress->SetDone(1);
   if (found.Bad() && stopOnError)
     return found;
 
@@ -367,8 +379,10 @@ DKErrorID DKApplicationWithPlugIns::LoadPlugInsFromDirectory(const DKString& dir
   const DKSmartPtrVector<DKPlugIn> ordered = GetPlugInHier(added, &cycles);
   for (const DKString& cycle : cycles)
     PrintError(DKString(DK_T("Dependency cycle: ")) + cycle);
+  const DKSmartPtr<DKProgress> initialising = progress->AddChild(DK_T("Initializing plug-ins"), ordered.size());
   for (const DKSmartPtr<DKPlugIn>& plugIn : ordered) {
     const DKErrorID initialised = LoadPlugIn(plugIn);
+    initialising->Increment();
     if (initialised.Bad() && stopOnError)
       return initialised;
   }
@@ -765,11 +779,12 @@ int DKApplicationWithPlugIns::Run() {
     m_mainMenu->RunInteractive(std::cin, console, [] { return IsExitPosted(); });
     PostExitRequest();
   }
-  while (AnyRunning()) {
+  // Application timers run here, on the main thread, where the loop waits; while one is armed
+  // the loop goes on until the exit is asked for.
+  while (AnyRunning() || (DKAppTimer::HasArmedTimers() && !quitSignals.ExitPosted())) {
     if (quitSignals.ExitPosted())
       RequestExit(false);
-    DKThread::Sleep(10);
-    DKThread::Sleep(200);
+    DKTimerWnd::Pump(210);
   }
   return 1;
 }

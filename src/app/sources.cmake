@@ -6,6 +6,7 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKGuid.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKObjectFactory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugIn.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKPlugInLoadProgress.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKShutdownWatch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKUnitTest.cpp
 )

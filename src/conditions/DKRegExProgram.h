@@ -6,6 +6,8 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
+#include "conditions/DKSparseSet.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -73,35 +75,6 @@ struct Inst {
   std::uint32_t out;
   std::uint32_t out1; // Split only
   std::uint32_t arg;  // Char: the code point; Set: the index into Program::sets
-};
-
-// A set of instruction indices with constant-time insert, test and clear.
-class SparseSet {
-public:
-  explicit SparseSet(std::size_t capacity = 0) : m_dense(capacity), m_sparse(capacity) {}
-  void Resize(std::size_t capacity) {
-    m_dense.resize(capacity);
-    m_sparse.resize(capacity);
-    m_size = 0;
-  }
-  bool Contains(std::uint32_t i) const noexcept {
-    const std::uint32_t s = m_sparse[i];
-    return s < m_size && m_dense[s] == i;
-  }
-  void Insert(std::uint32_t i) noexcept {
-    m_sparse[i] = m_size;
-    m_dense[m_size++] = i;
-  }
-  void Clear() noexcept { m_size = 0; }
-  std::uint32_t Size() const noexcept { return m_size; }
-  bool Empty() const noexcept { return m_size == 0; }
-  const std::uint32_t* begin() const noexcept { return m_dense.data(); }
-  const std::uint32_t* end() const noexcept { return m_dense.data() + m_size; }
-
-private:
-  std::vector<std::uint32_t> m_dense;
-  std::vector<std::uint32_t> m_sparse;
-  std::uint32_t m_size = 0;
 };
 
 struct VectorHash {

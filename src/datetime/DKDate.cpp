@@ -110,7 +110,8 @@ bool StartsWithToDate(const DKString& text) {
 
 } // namespace
 
-// ---- DKDate --------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDate
 
 // The class constants are defined here, in the library, and nowhere else: on Windows a program
 // imports an exported class's members and may hold no copy of its own.
@@ -381,7 +382,8 @@ DKDurationEx operator-(const DKDate& a, const DKDate& b) {
   return dkcal::FittingDuration(static_cast<DKInt64>(a.GetDays()) - b.GetDays(), DKDurationEx::Day);
 }
 
-// ---- DKDateTime -----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateTime
 
 constinit const DKDateTime DKDateTime::minimum = DKDateTime::FromCount(-2147397248);
 constinit const DKDateTime DKDateTime::maximum = DKDateTime::FromCount(2147397247);
@@ -567,7 +569,8 @@ DKDurationEx operator-(const DKDateTime& a, const DKDateTime& b) {
   return dkcal::FittingDuration(static_cast<DKInt64>(a.GetTime_t()) - b.GetTime_t(), DKDurationEx::Second);
 }
 
-// ---- Streams -------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Streams
 
 std::ostream& operator<<(std::ostream& os, const DKDate& date) { return dkdt::WriteValue(os, date); }
 std::istream& operator>>(std::istream& is, DKDate& date) { return dkdt::ReadValue(is, date); }

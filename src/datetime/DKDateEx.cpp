@@ -46,7 +46,8 @@ dk::SYSTEMTIME OriginRecord(const DKTimeEx& time) noexcept {
 
 } // namespace
 
-// ---- DKDateEx ------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateEx
 
 // The class constants are defined here, in the library, and nowhere else: on Windows a program
 // imports an exported class's members and may hold no copy of its own.
@@ -280,7 +281,8 @@ DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b) {
   return dkcal::FittingDuration(days, DKDurationEx::Day);
 }
 
-// ---- DKTimeEx ------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKTimeEx
 
 constinit const DKTimeEx DKTimeEx::null{};
 constinit const DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
@@ -497,7 +499,8 @@ DKDurationEx operator-(const DKTimeEx& a, const DKTimeEx& b) {
   return DKDurationEx(static_cast<long>(a.AsMilliseconds()) - b.AsMilliseconds(), DKDurationEx::Millisecond);
 }
 
-// ---- Streams -------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Streams
 
 std::ostream& operator<<(std::ostream& os, const DKDateEx& date) { return dkdt::WriteValue(os, date); }
 std::istream& operator>>(std::istream& is, DKDateEx& date) { return dkdt::ReadValue(is, date); }

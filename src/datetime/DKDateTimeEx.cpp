@@ -141,7 +141,8 @@ bool FieldsToWrite(const DKDateTimeEx& value, const DKTimeZone& zone, dkdt::Writ
 
 } // namespace
 
-// ---- Construction ----------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Construction
 
 // The class constants are defined here, in the library, and nowhere else: on Windows a program
 // imports an exported class's members and may hold no copy of its own.
@@ -194,7 +195,8 @@ bool DKDateTimeEx::IsValid() const noexcept {
   return !IsNull() && (!HasDate() || m_date.IsValid()) && (m_time.IsNull() || m_time.IsValid());
 }
 
-// ---- Broken-down form ------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Broken-down form
 
 bool DKDateTimeEx::GetDateAndTime(DKDateAndTime& fields, const DKTimeZone& zone) const noexcept {
   fields = DKDateAndTime();
@@ -244,7 +246,8 @@ bool DKDateTimeEx::SetDateAndTime(const DKDateAndTime& fields) noexcept {
   return true;
 }
 
-// ---- Records -----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Records
 
 bool DKDateTimeEx::FromSystemTime(const dk::SYSTEMTIME& time, const DKTimeZone& zone) noexcept {
   return DKIsValidSystemTime(time) && SetDateAndTime(DKDateAndTime(time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
@@ -365,7 +368,8 @@ bool DKDateTimeEx::FromUnixTime(DKInt64 seconds, std::int32_t milliseconds) noex
   return PackMoment(dkcal::MsToMoment(seconds * msPerSecond + milliseconds), *this);
 }
 
-// ---- Now ---------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Now
 
 DKDateTimeEx DKDateTimeEx::GetCurrentDateTime() {
   const DKClockReading now = DKClock::Now();
@@ -391,7 +395,8 @@ DKDateTimeEx CurrentPart(bool local, std::uint32_t absent) {
 DKDateTimeEx DKDateTimeEx::GetCurrentDate(bool local) { return CurrentPart(local, DKDateAndTime::NoTime); }
 DKDateTimeEx DKDateTimeEx::GetTheCurrentTime(bool local) { return CurrentPart(local, DKDateAndTime::NoDate); }
 
-// ---- Arithmetic --------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Arithmetic
 
 void DKDateTimeEx::AddOrSubstract(const DKDurationEx& duration, bool add) {
   const DKDurationEx::Unit unit = duration.GetUnit();
@@ -479,7 +484,8 @@ DKDurationEx operator-(const DKDateTimeEx& a, const DKDateTimeEx& b) {
   return dkcal::FittingDuration(days * dkcal::msPerDay + timeA - timeB, DKDurationEx::Millisecond);
 }
 
-// ---- Text --------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Text
 
 const DKString& DKDateTimeEx::GetDefaultFormat(bool full, bool withMilliseconds) const {
   const DefaultFormats& formats = Formats();
@@ -561,7 +567,8 @@ DKErrorID DKDateTimeEx::FromString(const DKString& text, const DKString& format,
 std::ostream& operator<<(std::ostream& os, const DKDateTimeEx& value) { return dkdt::WriteValue(os, value); }
 std::istream& operator>>(std::istream& is, DKDateTimeEx& value) { return dkdt::ReadValue(is, value); }
 
-// ---- DKString conversions ----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKString conversions
 
 namespace {
 

@@ -17,7 +17,8 @@ std::int64_t LastDay() noexcept {
   return day;
 }
 
-// ---- Writing ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Writing
 
 // Years 0..9999 in four digits; others signed, with at least four.
 void AppendYear(DKString& out, DKInt64 year) {
@@ -26,7 +27,8 @@ void AppendYear(DKString& out, DKInt64 year) {
   dkdt::AppendInt(out, year, 4);
 }
 
-// ---- Reading ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Reading
 
 constexpr bool IsDigit(DKChar c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -174,7 +176,8 @@ DKDateEx PackDate(DKInt64 year, DKInt64 month, DKInt64 day) noexcept {
 
 } // namespace
 
-// ---- DKDateEx ----------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateEx
 
 bool DKDateEx::AsSysDays(std::chrono::sys_days& days) const noexcept {
   if (!IsValid())
@@ -193,7 +196,8 @@ bool DKDateEx::FromSysDays(std::chrono::sys_days days) noexcept {
   return true;
 }
 
-// ---- DKDateTimeEx --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKDateTimeEx
 
 bool DKDateTimeEx::AsSysDays(std::chrono::sys_days& days) const noexcept { return IsValid() && HasDate() && m_date.AsSysDays(days); }
 

@@ -132,7 +132,8 @@ DKString WriteString(const DKChar* format, const WriteFields& fields, const Writ
   return DKString(buffer);
 }
 
-// ---- Reading ---------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Reading
 
 const DKString& DefaultReadFormat() {
   static const DKString format(DK_T("%Y/%m/%d %H:%M:%S.%L"));

@@ -248,7 +248,8 @@ DKDurationEx operator-(const DKDurationEx& a, const DKDurationEx& b) { return Co
 const DKChar* DKDurationEx::GetLongName(Unit unit) noexcept { return IsUnit(unit) ? longNames[unit] : DK_T(""); }
 const DKChar* DKDurationEx::GetShortName(Unit unit) noexcept { return IsUnit(unit) ? shortNames[unit] : DK_T(""); }
 
-// ---- Text ------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Text
 
 void DKDurationEx::AsString(DKString& out, bool longForm) const {
   out.Clear();

@@ -82,14 +82,14 @@ TraceState& State() {
 // which may hold its own lock while it traces.
 class ComplaintScope {
 public:
-  ComplaintScope() noexcept : m_outermost(s_current == nullptr) {
+  ComplaintScope() noexcept : m_outermost(t_current == nullptr) {
     if (m_outermost)
-      s_current = this;
+      t_current = this;
   }
   ~ComplaintScope() {
     if (!m_outermost)
       return;
-    s_current = nullptr;
+    t_current = nullptr;
     Write(m_lines);
   }
   ComplaintScope(const ComplaintScope&) = delete;
@@ -97,8 +97,8 @@ public:
 
   static void Add(std::string line) noexcept {
     try {
-      if (s_current) {
-        s_current->m_lines.push_back(std::move(line));
+      if (t_current) {
+        t_current->m_lines.push_back(std::move(line));
         return;
       }
       std::vector<std::string> lines;
@@ -124,12 +124,12 @@ private:
     }
   }
 
-  static thread_local ComplaintScope* s_current;
+  static thread_local ComplaintScope* t_current;
   bool m_outermost;
   std::vector<std::string> m_lines;
 };
 
-thread_local ComplaintScope* ComplaintScope::s_current = nullptr;
+thread_local ComplaintScope* ComplaintScope::t_current = nullptr;
 
 bool IsWhiteSpace(DKChar ch) noexcept {
   if (ch <= 0x20)
@@ -226,7 +226,8 @@ void WriteHexBlock(std::FILE* file, const unsigned char* data, std::int32_t coun
 
 } // namespace
 
-// ---- Filters and the environment ------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Filters and the environment
 
 bool DKTrace::DecideTracing() noexcept {
   try {
@@ -269,7 +270,8 @@ void DKTrace::InitTracing(bool calledFromSetTraceSubjects) {
     SetTraceSubjects(DKProcess::EnvironmentVariable("DK_TRACE", value) ? value.c_str() : nullptr);
 }
 
-// ---- Setters --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Setters
 
 bool DKTrace::SetTraceLevel(int level) {
   TraceState& s = State();
@@ -349,7 +351,8 @@ bool DKTrace::SetTraceSubjects(const DKChar* subjects) {
   }
 }
 
-// ---- The trace file -------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// The trace file
 
 DKString DKTrace::BuildFolderName(const DKChar* folder) {
   if (folder && *folder) {
@@ -434,7 +437,8 @@ const char* DKTrace::GetTraceSubjectDescr(TracelSubjects subject) noexcept {
   return "??";
 }
 
-// ---- Writers --------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Writers
 
 void DKTrace::WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
                        DKFormatArgList args) {

@@ -96,7 +96,8 @@ DKString FormatNumber(const char* format, T value) {
 
 } // namespace
 
-// ---- DKErrorI ------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKErrorI
 
 DKErrorI::~DKErrorI() = default;
 
@@ -106,7 +107,8 @@ DKErrorI::ErrorParamType DKErrorI::GetParameterType(std::size_t) const { return 
 const void* DKErrorI::GetParameterValue(std::size_t) const { return nullptr; }
 DKString DKErrorI::GetParameterValueAsString(std::size_t, const DKExecContext&) const { return DKString(); }
 
-// ---- DKError -------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKError
 
 DKError::DKError(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity)
     : DKErrorI(code, severity), m_formatter(formatter) {}
@@ -119,7 +121,8 @@ DKErrorID DKError::AsString(DKString& out, const DKFormatContext& context) const
   return m_formatter->GetText(out, GetCode(), DKFormatContext(this, context.GetExecContext()));
 }
 
-// ---- DKErrorWithArgs -----------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKErrorWithArgs
 
 DKErrorWithArgs::DKErrorWithArgs(const DKSmartPtrToConst<DKMessageSource>& formatter, long code, Severity severity)
     : DKError(formatter, code, severity) {}
@@ -194,7 +197,8 @@ DKString DKErrorWithArgs::GetParameterValueAsString(std::size_t index, const DKE
   return DKString();
 }
 
-// ---- DKErrorString -------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKErrorString
 
 DKErrorID DKErrorID::FromText(const DKString& text, long code) {
   return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(text, code)));
@@ -210,7 +214,8 @@ DKErrorID DKErrorString::AsString(DKString& out, const DKFormatContext&) const {
   return DKErrorID();
 }
 
-// ---- DKErrorID -----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKErrorID
 
 DKString DKErrorID::AsString() const {
   if (!m_error)

@@ -44,7 +44,8 @@ DKString UserText(const DKString& message) {
 
 } // namespace
 
-// ---- DKException ---------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKException
 
 DKException::DKException(const DKString& message, bool noStack) {
   SetMessage(message);
@@ -117,7 +118,8 @@ DKString DKException::GetSupportNotice() {
   return state.notice;
 }
 
-// ---- Subclasses ----------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// Subclasses
 
 // The error code is read before anything else can change it.
 DKWindowsLastErrorException::DKWindowsLastErrorException() : DKWindowsLastErrorException(DKSystem::LastErrorCode()) {}

@@ -20,6 +20,11 @@ DKSmartPtr<DKMessageSource> DKGetLibraryMessageSource() {
         {DK_MSG_DUPLICATE_PLUGIN_ID, DK_T("Duplicate plug-in id %0:s")},
         {DK_MSG_UNKNOWN_MESSAGE, DK_T("Unknown message %0:d")},
         {DK_MSG_INVALID_REGEX, DK_T("Invalid regular expression \"%0:s\" at position %1:d: %2:s")},
+        {DK_MSG_QUEUE_FULL, DK_T("%0:s: the queue is full (%1:d tasks)")},
+        {DK_MSG_SHUT_DOWN, DK_T("%0:s is shut down")},
+        {DK_MSG_TASK_CANCELLED, DK_T("The task was cancelled before it started")},
+        {DK_MSG_TASK_EXCEPTION, DK_T("The task threw an exception: %0:s")},
+        {DK_MSG_INVALID_SCHEDULE, DK_T("Invalid schedule \"%0:s\" at position %1:d: %2:s")},
     };
     messages->AddRef();
     return messages;

@@ -76,7 +76,8 @@ DKErrorID DKMessageSource::UnknownCode(DKString& out, long code) {
   return error;
 }
 
-// ---- DKMemoryMessageSource -----------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
+// DKMemoryMessageSource
 
 struct DKMemoryMessageSource::Impl {
   mutable std::shared_mutex lock;

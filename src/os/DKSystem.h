@@ -19,6 +19,10 @@ public:
   // The local wall-clock time now, "YYYY/MM/DD HH:MM:SS.mmm".
   static std::string LocalTimeNow();
 
+  // Whether the process's standard output is a terminal (a console), as opposed to a file or a
+  // pipe.
+  static bool StandardOutputIsTerminal() noexcept;
+
   // The calling thread's last system error code.
   static int LastErrorCode() noexcept;
   // The system's text for an error code, UTF-8 ("No such file or directory").

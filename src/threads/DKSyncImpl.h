@@ -53,6 +53,9 @@ public:
   // a post or pulse made after the ticket is never missed.
   std::uint32_t Ticket() const noexcept;
   DKWaitStatus WaitAfter(std::uint32_t ticket, int timeoutMs) noexcept;
+  // WaitAfter with the timeout in nanoseconds (negative: without limit; 0: no wait), for timers
+  // that must not round up to the next millisecond. The system may still wake a little late.
+  DKWaitStatus WaitAfterNs(std::uint32_t ticket, std::int64_t timeoutNs) noexcept;
   DKWaitStatus Wait(int timeoutMs) noexcept { return WaitAfter(Ticket(), timeoutMs); }
 
 protected:

@@ -5,4 +5,8 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKSemaphore.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKThread.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKThreadInfo.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKThreadPool.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKTimer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKSchedule.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKScheduleTimer.cpp
 )

@@ -116,18 +116,22 @@ bool DKEventImpl::IsPosted() const noexcept { return (Self(this)->word->load(std
 std::uint32_t DKEventImpl::Ticket() const noexcept { return Self(this)->word->load(std::memory_order_acquire); }
 
 DKWaitStatus DKEventImpl::WaitAfter(std::uint32_t ticket, int timeoutMs) noexcept {
+  return WaitAfterNs(ticket, timeoutMs < 0 ? -1 : std::int64_t{timeoutMs} * 1000000);
+}
+
+DKWaitStatus DKEventImpl::WaitAfterNs(std::uint32_t ticket, std::int64_t timeoutNs) noexcept {
   PosixEvent* self = Self(this);
   const auto released = [ticket](std::uint32_t w) {
     return (w & kPosted) != 0 || (w & kGenerationMask) != (ticket & kGenerationMask);
   };
   if (ticket & kPosted)
     return DKWaitStatus::Signalled;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(timeoutNs < 0 ? 0 : timeoutNs);
   std::uint32_t w = self->word->load(std::memory_order_acquire);
   for (;;) {
     if (released(w))
       return DKWaitStatus::Signalled;
-    if (timeoutMs == 0)
+    if (timeoutNs == 0)
       return DKWaitStatus::TimedOut;
     if (!(w & kWaiters)) {
       if (!self->word->compare_exchange_weak(w, w | kWaiters, std::memory_order_acquire, std::memory_order_acquire))
@@ -136,7 +140,7 @@ DKWaitStatus DKEventImpl::WaitAfter(std::uint32_t ticket, int timeoutMs) noexcep
     }
     timespec relative{};
     const timespec* timeout = nullptr;
-    if (timeoutMs > 0) {
+    if (timeoutNs > 0) {
       const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) {
         w = self->word->load(std::memory_order_acquire);

@@ -92,6 +92,8 @@ std::string DKSystem::LocalTimeNow() {
   return text;
 }
 
+bool DKSystem::StandardOutputIsTerminal() noexcept { return isatty(STDOUT_FILENO) == 1; }
+
 int DKSystem::LastErrorCode() noexcept { return errno; }
 
 std::string DKSystem::ErrorCodeText(int code) {

@@ -1,0 +1,337 @@
+// DKTimer, DKAppTimer and DKTimerWnd: firing order, never early, periodic timers on their grid
+// (no drift) that skip instead of piling up, Cancel against running callbacks and its races,
+// re-arming from a callback, bad arguments, exceptions, and delivery on the pumping thread.
+// Time appears only as the order of events and as due times the timers report; nothing
+// depends on how fast the machine is.
+#include "ThreadsTestSupport.h"
+
+#include <DorvikCore/DKThreadPool.h>
+#include <DorvikCore/DKTimer.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = DKTimer::Clock;
+using std::chrono::milliseconds;
+
+// What the callbacks saw, in the order they ran.
+struct Firings {
+  std::mutex lock;
+  std::vector<int> ids;
+  std::vector<DKTimerFiring> firings;
+  std::vector<Clock::time_point> ranAt;
+
+  void Add(int id) {
+    const Clock::time_point now = Clock::now();
+    std::lock_guard<std::mutex> guard(lock);
+    ids.push_back(id);
+    firings.push_back(*DKTimer::CurrentFiring());
+    ranAt.push_back(now);
+  }
+  std::size_t Count() {
+    std::lock_guard<std::mutex> guard(lock);
+    return ids.size();
+  }
+};
+
+// Every callback ran at or after its due time.
+void ExpectNeverEarly(Firings& seen) {
+  std::lock_guard<std::mutex> guard(seen.lock);
+  for (std::size_t i = 0; i < seen.ranAt.size(); ++i)
+    EXPECT_GE(seen.ranAt[i], seen.firings[i].due) << "firing " << i << " ran early";
+}
+
+} // namespace
+
+TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
+  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
+    // Cancelled ones never fire; equal due times fire in the order of arming. A pool of one
+    // thread keeps the order of the hand-over.
+    DKThreadPool pool(0, 1);
+    Firings seen;
+    // The timer thread is held until every timer is armed and the cancelled ones are cancelled,
+    // however long that takes: then all are due, and the heap alone decides the order.
+    DKEventSemaphore armed;
+    DKTimer holder([&] { armed.Wait(); }, DKTimerTarget::TimerThread);
+    ASSERT_TRUE(holder.Start(0).Good());
+    std::mt19937 random(7);
+    const Clock::time_point base = Clock::now() + milliseconds(5);
+    std::vector<std::unique_ptr<DKTimer>> timers;
+    std::vector<std::pair<int, int>> expected; // (offset, id)
+    for (int id = 0; id < 300; ++id) {
+      const int offset = static_cast<int>(random() % 40);
+      timers.push_back(std::make_unique<DKTimer>([&seen, id] { seen.Add(id); }, target, &pool));
+      ASSERT_TRUE(timers.back()->StartAt(base + milliseconds(offset)).Good());
+      expected.emplace_back(offset, id);
+    }
+    for (int id = 0; id < 300; id += 7) {
+      EXPECT_TRUE(timers[id]->Cancel());
+      expected.erase(std::find_if(expected.begin(), expected.end(), [id](const auto& e) { return e.second == id; }));
+    }
+    std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    armed.Post();
+    ASSERT_TRUE(WaitUntil([&] { return seen.Count() == expected.size(); }));
+    for (const auto& timer : timers)
+      timer->Cancel();
+    std::vector<int> expectedIds;
+    for (const auto& e : expected)
+      expectedIds.push_back(e.second);
+    EXPECT_EQ(seen.ids, expectedIds) << "target " << static_cast<int>(target);
+    ExpectNeverEarly(seen);
+    for (const DKTimerFiring& firing : seen.firings)
+      EXPECT_EQ(firing.number, 1u);
+  }
+}
+
+TEST(DKTimerTest, PeriodicDueTimesStayOnTheirGridAndOverrunsAreSkippedNotPiledUp) {
+  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
+    Firings seen;
+    std::atomic<int> inside{0};
+    std::atomic<int> mostInside{0};
+    const Clock::duration period = milliseconds(2);
+    DKTimer timer(
+        [&] {
+          const int now = ++inside;
+          mostInside = std::max(mostInside.load(), now);
+          seen.Add(0);
+          // The third callback overruns: it lasts until four more due times have passed.
+          const DKTimerFiring firing = *DKTimer::CurrentFiring();
+          if (firing.number == 3)
+            while (Clock::now() < firing.due + 4 * period)
+              DKThread::yield();
+          --inside;
+        },
+        target);
+    const Clock::time_point start = Clock::now() + milliseconds(1);
+    ASSERT_TRUE(timer.StartAt(start, period).Good());
+    ASSERT_TRUE(WaitUntil([&] { return seen.Count() >= 8; }));
+    EXPECT_TRUE(timer.Cancel());
+    EXPECT_FALSE(timer.IsArmed());
+    EXPECT_EQ(mostInside.load(), 1);
+    std::lock_guard<std::mutex> guard(seen.lock);
+    for (std::size_t i = 0; i < seen.firings.size(); ++i) {
+      const DKTimerFiring& firing = seen.firings[i];
+      EXPECT_EQ(firing.number, i + 1);
+      // No drift: every due time is the start plus a whole number of periods, and each period
+      // either fired or was counted as skipped.
+      EXPECT_EQ(firing.due, start + static_cast<Clock::rep>(firing.number - 1 + firing.skipped) * period)
+          << "firing " << i;
+      EXPECT_GE(seen.ranAt[i], firing.due);
+    }
+    EXPECT_GE(seen.firings.back().skipped, 3u);
+    EXPECT_EQ(timer.GetFiredCount(), seen.firings.size());
+  }
+}
+
+TEST(DKTimerTest, CancelReturnsOnlyOnceTheRunningCallbackHasFinished) {
+  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
+    DKEventSemaphore release;
+    std::atomic<bool> inside{false};
+    std::atomic<bool> finished{false};
+    DKTimer timer(
+        [&] {
+          inside = true;
+          release.Wait();
+          finished = true;
+        },
+        target);
+    ASSERT_TRUE(timer.Start(0, 1).Good());
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    std::atomic<bool> cancelReturned{false};
+    bool finishedWhenCancelReturned = false;
+    std::thread canceller([&] {
+      EXPECT_TRUE(timer.Cancel()); // periodic: still armed
+      finishedWhenCancelReturned = finished.load();
+      cancelReturned = true;
+    });
+    ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); })); // Cancel has disarmed, and waits
+    EXPECT_FALSE(cancelReturned.load());
+    release.Post();
+    canceller.join();
+    EXPECT_TRUE(finishedWhenCancelReturned);
+    EXPECT_EQ(timer.GetFiredCount(), 1u);
+  }
+}
+
+TEST(DKTimerTest, NoCallbackStartsAfterCancelReturnsWhateverTheRace) {
+  DKThreadPool pool(2, 2);
+  for (const DKTimerTarget target : {DKTimerTarget::Pool, DKTimerTarget::TimerThread}) {
+    std::atomic<int> late{0};
+    std::atomic<bool> cancelled{false};
+    std::atomic<int> ran{0};
+    DKTimer timer(
+        [&] {
+          ++ran;
+          late += cancelled.load();
+        },
+        target, &pool);
+    for (int round = 0; round < 300; ++round) {
+      cancelled = false;
+      ASSERT_TRUE(timer.Start(0, round % 3 == 0 ? 0 : 1).Good());
+      if (round % 2)
+        DKThread::yield();
+      timer.Cancel();
+      cancelled = true;
+    }
+    pool.Submit([] {}).Wait(); // every firing handed to the pool has been looked at
+    EXPECT_EQ(late.load(), 0) << "target " << static_cast<int>(target) << ", " << ran.load() << " ran";
+  }
+}
+
+TEST(DKTimerTest, CallbacksMayCancelAndReArmTheirOwnTimer) {
+  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
+    std::atomic<int> runs{0};
+    std::unique_ptr<DKTimer> timer;
+    timer = std::make_unique<DKTimer>(
+        [&] {
+          const int run = ++runs;
+          if (run < 5) {
+            EXPECT_TRUE(timer->Start(0).Good()); // a one-shot that arms itself again
+          } else {
+            EXPECT_FALSE(timer->Cancel()); // not armed any more, and no deadlock on itself
+          }
+        },
+        target);
+    ASSERT_TRUE(timer->Start(0).Good());
+    ASSERT_TRUE(WaitUntil([&] { return runs.load() == 5 && !timer->IsArmed(); }));
+    timer.reset();
+    EXPECT_EQ(runs.load(), 5);
+  }
+  // A periodic timer cancelled from its own callback stops there.
+  std::atomic<int> runs{0};
+  DKTimer* self = nullptr;
+  DKTimer periodic([&] {
+    if (++runs == 3) {
+      EXPECT_TRUE(self->Cancel());
+    }
+  });
+  self = &periodic;
+  ASSERT_TRUE(periodic.Start(0, 1).Good());
+  ASSERT_TRUE(WaitUntil([&] { return runs.load() == 3 && !periodic.IsArmed(); }));
+  periodic.Cancel();
+  EXPECT_EQ(runs.load(), 3);
+}
+
+TEST(DKTimerTest, BadArgumentsAreRefusedAndNothingIsArmed) {
+  DKTimer empty;
+  EXPECT_EQ(empty.Start(10).GetCode(), DK_MSG_INVALID_ARGUMENT);
+  EXPECT_FALSE(empty.IsArmed());
+  std::atomic<int> runs{0};
+  DKTimer timer([&] { ++runs; });
+  EXPECT_EQ(timer.Start(10, -1).GetCode(), DK_MSG_INVALID_ARGUMENT);
+  EXPECT_FALSE(timer.IsArmed());
+  EXPECT_EQ(timer.GetNextDue(), Clock::time_point());
+  ASSERT_TRUE(timer.Start(std::chrono::hours(1), std::chrono::hours(1)).Good());
+  EXPECT_TRUE(timer.IsArmed());
+  EXPECT_GT(timer.GetNextDue(), Clock::now());
+  EXPECT_EQ(timer.GetPeriod(), std::chrono::hours(1));
+  EXPECT_EQ(timer.SetCallback(DKMakeCallback([] {})).GetCode(), DK_MSG_INVALID_ARGUMENT);
+  EXPECT_TRUE(timer.Cancel());
+  EXPECT_FALSE(timer.Cancel());
+  EXPECT_TRUE(timer.SetCallback(DKMakeCallback([&] { runs += 10; }), DKTimerTarget::TimerThread).Good());
+  EXPECT_EQ(timer.GetTarget(), DKTimerTarget::TimerThread);
+  ASSERT_TRUE(timer.Start(-5).Good()); // in the past: at once
+  ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); }));
+  EXPECT_EQ(runs.load(), 10);
+  EXPECT_EQ(DKTimer::CurrentFiring(), nullptr);
+}
+
+TEST(DKTimerTest, AThrowingCallbackIsReportedAndTheTimerThreadGoesOn) {
+  ConsoleCapture console;
+  TraceLevelOverride verbose(1);
+  DKTimer thrower([] { throw std::runtime_error("tick failed"); }, DKTimerTarget::TimerThread);
+  std::atomic<int> after{0};
+  DKTimer next([&] { ++after; }, DKTimerTarget::TimerThread);
+  const Clock::time_point due = Clock::now();
+  ASSERT_TRUE(thrower.StartAt(due).Good());
+  ASSERT_TRUE(next.StartAt(due + milliseconds(1)).Good());
+  ASSERT_TRUE(WaitUntil([&] { return after.load() == 1; }));
+  EXPECT_EQ(console.Text(), "DKTimer: unhandled exception in a timer callback: tick failed\n");
+}
+
+TEST(DKTimerTest, ManyTimersArmAndCancelInAnyOrder) {
+  const std::size_t before = DKTimer::GetArmedCount();
+  std::atomic<int> runs{0};
+  std::vector<std::unique_ptr<DKTimer>> timers;
+  for (int i = 0; i < 20000; ++i) {
+    timers.push_back(std::make_unique<DKTimer>([&] { ++runs; }));
+    ASSERT_TRUE(timers.back()->Start(std::chrono::hours(1) + milliseconds(i % 977)).Good());
+  }
+  EXPECT_EQ(DKTimer::GetArmedCount(), before + 20000);
+  std::shuffle(timers.begin(), timers.end(), std::mt19937(3));
+  for (std::size_t i = 0; i < timers.size(); i += 2)
+    EXPECT_TRUE(timers[i]->Cancel());
+  EXPECT_EQ(DKTimer::GetArmedCount(), before + 10000);
+  timers.clear(); // the destructor cancels the rest
+  EXPECT_EQ(DKTimer::GetArmedCount(), before);
+  EXPECT_EQ(runs.load(), 0);
+}
+
+TEST(DKAppTimerTest, CallbacksRunOnThePumpingThreadAndWaitForItWithoutPilingUp) {
+  EXPECT_FALSE(DKAppTimer::HasArmedTimers());
+  std::atomic<int> runs{0};
+  std::atomic<std::uint32_t> ranOn{0};
+  DKAppTimer timer([&] {
+    ++runs;
+    ranOn = DKThread::GetCurrentThreadID().m_threadID;
+  });
+  ASSERT_TRUE(timer.Start(0, 1).Good());
+  EXPECT_TRUE(DKAppTimer::HasArmedTimers());
+  // Nobody pumps: one firing waits, the others are skipped.
+  ASSERT_TRUE(WaitUntil([&] { return timer.GetSkippedCount() >= 3; }));
+  EXPECT_EQ(DKTimerWnd::GetQueuedCount(), 1u);
+  EXPECT_EQ(runs.load(), 0);
+  EXPECT_EQ(DKTimerWnd::Pump(0), 1);
+  EXPECT_EQ(runs.load(), 1);
+  EXPECT_EQ(ranOn.load(), DKThread::GetCurrentThreadID().m_threadID);
+  while (runs.load() < 4)
+    DKTimerWnd::Pump(DK_INFINITE);
+  EXPECT_TRUE(timer.Cancel());
+  DKTimerWnd::Pump(0); // a firing queued before the cancel does nothing now
+  EXPECT_EQ(runs.load(), 4);
+  EXPECT_FALSE(DKAppTimer::HasArmedTimers());
+
+  // A one-shot keeps the loop alive until its callback ran.
+  DKAppTimer once([&] { runs += 10; });
+  ASSERT_TRUE(once.Start(0).Good());
+  ASSERT_TRUE(WaitUntil([&] { return DKTimerWnd::GetQueuedCount() == 1; }));
+  EXPECT_TRUE(DKAppTimer::HasArmedTimers());
+  EXPECT_EQ(DKTimerWnd::Pump(0), 1);
+  EXPECT_EQ(runs.load(), 14);
+  EXPECT_FALSE(DKAppTimer::HasArmedTimers());
+}
+
+TEST(DKAppTimerTest, PostRunsInOrderWakeEndsAWaitAndExceptionsDoNotStopThePump) {
+  ConsoleCapture console;
+  TraceLevelOverride verbose(1);
+  std::vector<int> order;
+  for (int i = 0; i < 3; ++i)
+    DKTimerWnd::Post(DKMakeCallback([&order, i] {
+      order.push_back(i);
+      if (i == 1)
+        throw std::runtime_error("posted failure");
+    }));
+  DKTimerWnd::Post(DKSmartPtr<DKCallback>()); // null: ignored
+  EXPECT_EQ(DKTimerWnd::GetQueuedCount(), 3u);
+  EXPECT_EQ(DKTimerWnd::Pump(0), 3);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  EXPECT_EQ(console.Text(), "DKTimerWnd: unhandled exception in a timer callback: posted failure\n");
+
+  std::atomic<int> pumped{-1};
+  std::thread pump([&] { pumped = DKTimerWnd::Pump(DK_INFINITE); });
+  DKTimerWnd::Wake();
+  pump.join();
+  EXPECT_EQ(pumped.load(), 0);
+  DKTimerWnd::Wake(); // nobody pumps: the next pump does not wait
+  EXPECT_EQ(DKTimerWnd::Pump(DK_INFINITE), 0);
+}
