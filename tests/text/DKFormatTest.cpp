@@ -407,7 +407,7 @@ TEST(DKFormatTyped, EveryTextTypePrintsWithEitherConversionInEitherFormat) {
   check(reinterpret_cast<const char8_t*>(utf8.c_str()), "const char8_t*");
   check(utf16.c_str(), "const DKChar*");
   check(utf16, "DKStdString");
-  check(std::u16string_view(utf16), "std::u16string_view");
+  check(std::u16string_view(dk), "std::u16string_view");
   check(dk, "DKString");
   check(utf32.c_str(), "const wchar_t*");
   check(utf32, "std::wstring");
