@@ -50,6 +50,14 @@ int Open(const DKString& path, DWORD access, DWORD disposition, std::intptr_t& h
   std::wstring wide;
   if (!PathOf(path, wide))
     return LastError();
+  // A read-only file is never written, whoever asks: the system refuses it too, and checking
+  // first keeps that answer where permissions are not enforced (an emulator run as root).
+  if (access & GENERIC_WRITE) {
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) &&
+        !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+      return ERROR_ACCESS_DENIED;
+  }
   HANDLE file = CreateFileW(wide.c_str(), access, kShareAll, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
     const int code = LastError();
