@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DKConfigNormalForm.h"
+#include "support/DKTestPlatform.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -122,9 +123,7 @@ bool SameContent(const DKConfigFile& a, const DKConfigFile& b) {
 class DKConfigCorpusTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "dkcorpus-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    m_dir = pattern;
+    m_dir = dktest::MakeScratchFolder("dkcorpus-");
   }
   void TearDown() override {
     std::error_code ignored;

@@ -3,6 +3,12 @@
 
 #include <DorvikCore/DKDateTime.h>
 
+#include "support/DKTestPlatform.h"
+
+#if defined(_WIN32)
+#  include <oaidl.h> // the system's VARIANT, whose members the tests read
+#endif
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -18,14 +24,14 @@ public:
       m_had = true;
       m_old = old;
     }
-    setenv("TZ", zone, 1);
+    dktest::SetEnvironment("TZ", zone);
     DKTimeZone::Reload();
   }
   ~ScopedTimeZone() {
     if (m_had)
-      setenv("TZ", m_old.c_str(), 1);
+      dktest::SetEnvironment("TZ", m_old);
     else
-      unsetenv("TZ");
+      dktest::UnsetEnvironment("TZ");
     DKTimeZone::Reload();
   }
   ScopedTimeZone(const ScopedTimeZone&) = delete;
@@ -36,11 +42,17 @@ private:
   std::string m_old;
 };
 
-inline bool HasZoneInfo(const char* zone) { return std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone); }
+// Whether TZ=zone can be set for a test: the zone is in the system's time-zone database and the
+// local zone follows TZ.
+inline bool HasZoneInfo(const char* zone) {
+  return dktest::TimeZoneFollowsTZ() && std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone);
+}
 
 // Runs the rest of the scope under TZ=zone, or skips the test when the system's time-zone database
-// lacks the zone (package tzdata).
+// lacks the zone (package tzdata) or the local zone does not follow TZ (Windows).
 #define DK_IN_ZONE(zone)                                                                              \
+  if (!dktest::TimeZoneFollowsTZ())                                                                   \
+    GTEST_SKIP() << "the local zone comes from the system settings, not from TZ";                     \
   if (!HasZoneInfo(zone))                                                                             \
     GTEST_SKIP() << "time-zone data for " << zone << " is missing (install the tzdata package)";      \
   const ScopedTimeZone dkZoneScope(zone)

@@ -2,6 +2,7 @@
 // process that runs a trace scenario with an environment of its own.
 #pragma once
 
+#include "support/DKTestPlatform.h"
 #include "support/DKTestSupport.h"
 
 #include <DorvikCore/DKError.h>
@@ -13,25 +14,16 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <spawn.h>
 #include <sstream>
-#include <stdexcept>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 
 // A new empty folder under the system's temporary folder, removed with its content at the end.
 class ScratchFolder {
 public:
-  ScratchFolder() {
-    std::string pattern = (fs::temp_directory_path() / "dk_trace_test_XXXXXX").string();
-    m_path = mkdtemp(pattern.data()) ? pattern : throw std::runtime_error("cannot make " + pattern);
-  }
+  ScratchFolder() : m_path(dktest::MakeScratchFolder("dk_trace_test_")) {}
   ~ScratchFolder() {
     std::error_code ignored;
     fs::remove_all(m_path, ignored);
@@ -47,10 +39,32 @@ private:
 
 inline DKString ToDK(const std::string& utf8) { return DKString::FromUTF8(utf8); }
 
+// A path's UTF-8 text, and the path of UTF-8 text (a narrow path is the ANSI code page on
+// Windows).
+inline std::string Utf8(const fs::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+inline fs::path PathOf(const std::string& utf8) { return fs::path(std::u8string(utf8.begin(), utf8.end())); }
+
 inline std::string ReadWholeFile(const fs::path& path) {
   std::ostringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
+}
+
+// The lines of a trace file. It is a text file with the system's line ends: "\r\n" on Windows,
+// which each line must have and loses here.
+inline std::vector<std::string> TraceFileLines(const fs::path& path) {
+  std::vector<std::string> lines = SplitLines(ReadWholeFile(path));
+#if defined(_WIN32)
+  for (std::string& line : lines) {
+    EXPECT_TRUE(!line.empty() && line.back() == '\r') << "no CR LF at the end of " << line;
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+  }
+#endif
+  return lines;
 }
 
 inline void WriteWholeFile(const fs::path& path, const std::string& text) {
@@ -61,7 +75,7 @@ inline std::vector<std::string> FilesIn(const fs::path& folder) {
   std::vector<std::string> names;
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(folder, error))
-    names.push_back(entry.path().filename().string());
+    names.push_back(Utf8(entry.path().filename()));
   return names;
 }
 
@@ -122,60 +136,24 @@ struct ChildResult {
   int exitCode = -1;  // -1 when it did not exit normally
   std::string output; // its standard output
   long pid = 0;
+  long mainThread = 0; // the id of its first thread
 };
 
 inline std::string ChildExecutableBase() {
-  return fs::path(DK_TRACE_CHILD_PATH).filename().string();
+  return fs::path(DK_TRACE_CHILD_PATH).stem().string(); // the extension goes
 }
 
 // Runs the trace child program with the given commands and waits for it. Its environment is this
 // process's without any DK_TRACE* variable, with `set` added (or replacing what is there).
 inline ChildResult RunTraceChild(const std::vector<std::string>& commands,
                                  const std::map<std::string, std::string>& set = {}) {
-  Texts args{DK_TRACE_CHILD_PATH}, env;
+  Texts args{DK_TRACE_CHILD_PATH};
   args.insert(args.end(), commands.begin(), commands.end());
-  for (char** p = environ; *p; ++p) {
-    const std::string entry = *p, name = entry.substr(0, entry.find('='));
-    if (name.rfind("DK_TRACE", 0) != 0 && !set.count(name))
-      env.push_back(entry);
-  }
-  for (const auto& [name, value] : set)
-    env.push_back(name + "=" + value);
-  const auto pointers = [](Texts& texts) {
-    std::vector<char*> pointers;
-    for (std::string& text : texts)
-      pointers.push_back(text.data());
-    pointers.push_back(nullptr);
-    return pointers;
-  };
-  std::vector<char*> argv = pointers(args), envp = pointers(env);
-
-  ChildResult result;
-  int fds[2];
-  if (pipe(fds) != 0)
-    return result;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  close(fds[1]);
-  char buffer[4096];
-  for (ssize_t n; spawned == 0 && (n = read(fds[0], buffer, sizeof buffer)) > 0;)
-    result.output.append(buffer, static_cast<std::size_t>(n));
-  close(fds[0]);
-  int status = 0;
-  if (spawned != 0 || waitpid(pid, &status, 0) != pid)
-    return result;
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  result.pid = pid;
-  return result;
+  const dktest::ProcessResult run = dktest::RunProcess(args, set, "DK_TRACE");
+  return ChildResult{run.exitCode, run.output, run.pid, run.mainThread};
 }
 
 // The lines of the child's trace file in `folder`.
 inline std::vector<std::string> ChildTraceLines(const fs::path& folder, const ChildResult& child) {
-  return SplitLines(ReadWholeFile(TraceFile(folder, ChildExecutableBase(), child.pid)));
+  return TraceFileLines(TraceFile(folder, ChildExecutableBase(), child.pid));
 }

@@ -38,13 +38,13 @@ TEST_F(DKStringSurfaceTest, ViewsAndUtf8ComeInWholeAndBadBytesBecomeReplacementC
       {"bad\xFF|\xC3|\xE2\x82|\xED\xA0\x80|\xF4\x90\x80\x80", u"bad\uFFFD|\uFFFD|\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD"},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(V(DKString::FromUTF8(row.utf8)), row.expected) << row.utf8;
-    EXPECT_EQ(V(DKString(row.utf8)), row.expected) << row.utf8;
-    EXPECT_EQ(V(DKString(row.utf8.c_str())), row.expected) << row.utf8;
-    DKString appended(u"<");
+    EXPECT_EQ(DKString::FromUTF8(row.utf8).View(), row.expected) << row.utf8;
+    EXPECT_EQ(DKString(row.utf8).View(), row.expected) << row.utf8;
+    EXPECT_EQ(DKString(row.utf8.c_str()).View(), row.expected) << row.utf8;
+    DKString appended(DK_T("<"));
     appended += row.utf8;
     appended.Append(std::string_view(row.utf8)).Append(row.utf8.c_str());
-    EXPECT_EQ(V(appended), u"<" + row.expected + row.expected + row.expected) << row.utf8;
+    EXPECT_EQ(appended.View(), DK_T("<") + row.expected + row.expected + row.expected) << row.utf8;
     // Equality with narrow text is equality with its decoding.
     EXPECT_TRUE(DKString(row.expected.c_str()) == row.utf8) << row.utf8;
     EXPECT_FALSE(DKString(row.expected + u"x") == row.utf8) << row.utf8;
@@ -110,7 +110,7 @@ TEST_F(DKStringSurfaceTest, StartsEndsContainsAndSplit) {
     for (const std::u16string sep : {u",", u", ", u",,"}) {
       std::vector<std::u16string> got;
       for (const DKString& piece : DKString(text.c_str()).Split(DKStringView(sep)))
-        got.emplace_back(V(piece));
+        got.emplace_back(piece.View());
       EXPECT_EQ(got, reference(text, sep)) << DKString(text.c_str()).AsUTF8() << " / " << DKString(sep.c_str()).AsUTF8();
     }
   const std::vector<DKString> byChar = DKString(u"x;y").Split(u';');
