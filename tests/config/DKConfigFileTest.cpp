@@ -80,9 +80,9 @@ std::string ToBytes(const DKConfigFile& file) {
   return out;
 }
 
-std::string Utf16(const std::u16string& text, bool little) {
+std::string Utf16(const DKStdString& text, bool little) {
   std::string out = little ? "\xFF\xFE" : "\xFE\xFF";
-  for (char16_t u : text) {
+  for (DKChar u : text) {
     const char hi = static_cast<char>(u >> 8), lo = static_cast<char>(u & 0xFF);
     out += little ? std::string{lo, hi} : std::string{hi, lo};
   }
@@ -183,7 +183,7 @@ TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
   }
   DKConfigFile file;
   EXPECT_EQ(U8(file.GetCommentMarkers()), ";");
-  for (const char16_t* bad : {u"#a", u"# ", u"[", u"=", u"]", u"\u00A7"})
+  for (const DKChar* bad : {DK_T("#a"), DK_T("# "), DK_T("["), DK_T("="), DK_T("]"), DK_T("\u00A7")})
     EXPECT_FALSE(file.SetCommentMarkers(bad)) << U8(bad);
   EXPECT_EQ(U8(file.GetCommentMarkers()), ";");
   EXPECT_TRUE(file.SetCommentMarkers(DK_T("#!#")));
@@ -279,7 +279,7 @@ TEST(DKConfigFileReadTest, BadTextIsRefusedAndKeepsTheTree) {
 }
 
 TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
-  const std::u16string text = u"[Stra\u00DFe]\r\nk=\U0001F600 \u20AC\r\n";
+  const DKStdString text = DK_T("[Stra\u00DFe]\r\nk=\U0001F600 \u20AC\r\n");
   for (const bool little : {true, false}) {
     const std::string bytes = Utf16(text, little);
     const auto file = FromBytes(bytes);
@@ -294,10 +294,10 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
   const auto file = FromBytes("[A]\nk=v\n");
   file->SetEncoding(DKConfigFile::Utf16BE);
   file->SetLineEnd(DKConfigFile::LineEndCRLF);
-  EXPECT_EQ(ToBytes(*file), Utf16(u"[A]\r\nk=v\r\n", false));
+  EXPECT_EQ(ToBytes(*file), Utf16(DK_T("[A]\r\nk=v\r\n"), false));
 }
 
-std::string Utf16NoMark(const std::u16string& text, bool little) { return Utf16(text, little).substr(2); }
+std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
 
 // Bytes without a byte-order mark: the encoding read, or the start of the error text.
 struct EncodingCase {
@@ -307,13 +307,13 @@ struct EncodingCase {
 };
 
 TEST(DKConfigFileReadTest, TextWithoutAByteOrderMarkIsReadAsItsNulBytesSayOrRefused) {
-  const std::u16string text = u"; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n";
+  const DKStdString text = DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n");
   const EncodingCase cases[] = {
       {Utf16NoMark(text, true), DKConfigFile::Utf16LEWithoutBom, nullptr},
       {Utf16NoMark(text, false), DKConfigFile::Utf16BEWithoutBom, nullptr},
-      {Utf16NoMark(u"[A]\nk=v\n", false), DKConfigFile::Utf16BEWithoutBom, nullptr},
-      {Utf16NoMark(u"[A]\nk=v\n", true) + "x", -1, "the text looks like UTF-16 LE without a byte-order mark, but ends"},
-      {Utf16NoMark(u"[A]\nk=v\n", false).substr(1), -1, "the text looks like UTF-16 LE"},
+      {Utf16NoMark(DK_T("[A]\nk=v\n"), false), DKConfigFile::Utf16BEWithoutBom, nullptr},
+      {Utf16NoMark(DK_T("[A]\nk=v\n"), true) + "x", -1, "the text looks like UTF-16 LE without a byte-order mark, but ends"},
+      {Utf16NoMark(DK_T("[A]\nk=v\n"), false).substr(1), -1, "the text looks like UTF-16 LE"},
       {"[\0\0\0A\0\0\0]\0\0\0\n\0\0\0"s, -1, "the text looks like UTF-32 LE"},
       {"\0\0\0[\0\0\0A\0\0\0]\0\0\0\n"s, -1, "the text looks like UTF-32 BE"},
       {"\xFF\xFE\0\0[\0\0\0"s, -1, "the text is UTF-32"},
@@ -1021,29 +1021,29 @@ TEST_F(DKConfigFileDiskTest, KilledSave2LeavesTheOldOrTheNewFile) {
 TEST_F(DKConfigFileDiskTest, DKConfigSearchesTheFileLineByLine) {
   struct Case {
     std::string text;
-    const char16_t* section;
-    const char16_t* key;
+    const DKChar* section;
+    const DKChar* key;
     const char* value; // null: not found
   };
   const Case cases[] = {
-      {"[Main]\nKey=Value\n", u"main", u"KEY", "Value"},
-      {"[Main]\nkey = a b \t  c\n", u"Main", u"key", "a b c"},
-      {"[Main]\nkey=a=b c\n", u"Main", u"key", "a b c"},
-      {"[Main]\nkey=x y=z\n", u"Main", u"key", "x y=z"},
-      {"[Main]\nkey=\n", u"Main", u"key", ""},
-      {"[Main]\n;key=commented\nkey=real\n", u"Main", u"key", "real"},
-      {"[Main]\nother=1\n[Next]\nkey=2\n", u"Main", u"key", nullptr},
-      {"[Main]\nother=1\n  [Next]\nkey=2\n", u"Main", u"key", nullptr},
-      {"[Main]\nkey=1\n[Main]\nextra=2\n", u"Main", u"extra", nullptr},
-      {"key=top\n[Main]\n", u"Main", u"key", nullptr},
-      {" [Main]\nkey=1\n", u"Main", u"key", nullptr},
-      {"[main] trailing\nkey=1", u"MAIN", u"key", "1"},
-      {"[Main]\r\n\r\n  key\t=\tv\r\n", u"Main", u"key", "v"},
-      {"\xEF\xBB\xBF[Main]\nkey=\xE2\x82\xAC\n", u"Main", u"key", "\xE2\x82\xAC"},
-      {Utf16(u"[Main]\r\nkey=\u00E9t\u00E9\r\n", true), u"MAIN", u"key", "\xC3\xA9t\xC3\xA9"},
-      {Utf16(u"[Main]\r\nkey=\u00E9t\u00E9\r\n", false), u"MAIN", u"key", "\xC3\xA9t\xC3\xA9"},
-      {"[Main]\nmy key=1\n", u"Main", u"my key", nullptr},
-      {"[Main]\nkey=" + std::string(300, 'x') + "\nnext=1\n", u"Main", u"next", "1"},
+      {"[Main]\nKey=Value\n", DK_T("main"), DK_T("KEY"), "Value"},
+      {"[Main]\nkey = a b \t  c\n", DK_T("Main"), DK_T("key"), "a b c"},
+      {"[Main]\nkey=a=b c\n", DK_T("Main"), DK_T("key"), "a b c"},
+      {"[Main]\nkey=x y=z\n", DK_T("Main"), DK_T("key"), "x y=z"},
+      {"[Main]\nkey=\n", DK_T("Main"), DK_T("key"), ""},
+      {"[Main]\n;key=commented\nkey=real\n", DK_T("Main"), DK_T("key"), "real"},
+      {"[Main]\nother=1\n[Next]\nkey=2\n", DK_T("Main"), DK_T("key"), nullptr},
+      {"[Main]\nother=1\n  [Next]\nkey=2\n", DK_T("Main"), DK_T("key"), nullptr},
+      {"[Main]\nkey=1\n[Main]\nextra=2\n", DK_T("Main"), DK_T("extra"), nullptr},
+      {"key=top\n[Main]\n", DK_T("Main"), DK_T("key"), nullptr},
+      {" [Main]\nkey=1\n", DK_T("Main"), DK_T("key"), nullptr},
+      {"[main] trailing\nkey=1", DK_T("MAIN"), DK_T("key"), "1"},
+      {"[Main]\r\n\r\n  key\t=\tv\r\n", DK_T("Main"), DK_T("key"), "v"},
+      {"\xEF\xBB\xBF[Main]\nkey=\xE2\x82\xAC\n", DK_T("Main"), DK_T("key"), "\xE2\x82\xAC"},
+      {Utf16(DK_T("[Main]\r\nkey=\u00E9t\u00E9\r\n"), true), DK_T("MAIN"), DK_T("key"), "\xC3\xA9t\xC3\xA9"},
+      {Utf16(DK_T("[Main]\r\nkey=\u00E9t\u00E9\r\n"), false), DK_T("MAIN"), DK_T("key"), "\xC3\xA9t\xC3\xA9"},
+      {"[Main]\nmy key=1\n", DK_T("Main"), DK_T("my key"), nullptr},
+      {"[Main]\nkey=" + std::string(300, 'x') + "\nnext=1\n", DK_T("Main"), DK_T("next"), "1"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);

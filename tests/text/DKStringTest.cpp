@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t npos = DKString::npos;
 
-DKString S(const char16_t* text) { return DKString(text); }
+DKString S(const DKChar* text) { return DKString(text); }
 
 using DKStringTest = DKPoolLeakCheckedTest;
 
@@ -23,7 +23,7 @@ bool IsEmptyBlock(const DKString& s) { return s.GetData() == DKString::GetEmptyD
 
 TEST_F(DKStringTest, EmptyStringsShareTheStaticBlockAndAllocateNothing) {
   const std::size_t before = DMMemoryPool::GetTotalBlocks();
-  DKString a, b(u""), c(static_cast<const DKChar*>(nullptr)), d(u'x', 0);
+  DKString a, b(DK_T("")), c(static_cast<const DKChar*>(nullptr)), d(DK_T('x'), 0);
   EXPECT_EQ(DMMemoryPool::GetTotalBlocks(), before);
   for (const DKString* s : {&a, &b, &c, &d}) {
     EXPECT_TRUE(IsEmptyBlock(*s));
@@ -34,8 +34,8 @@ TEST_F(DKStringTest, EmptyStringsShareTheStaticBlockAndAllocateNothing) {
   EXPECT_EQ(DKString::GetEmptyData()->references.load(), 1);
 
   for (void (*empty)(DKString&) : {+[](DKString& s) { s.Clear(); }, +[](DKString& s) { s.Remove(0, 3); },
-                                   +[](DKString& s) { s.LTrim(u"abc"); }}) {
-    DKString e(u"abc");
+                                   +[](DKString& s) { s.LTrim(DK_T("abc")); }}) {
+    DKString e(DK_T("abc"));
     empty(e);
     EXPECT_TRUE(IsEmptyBlock(e));
   }
@@ -46,11 +46,11 @@ TEST_F(DKStringTest, EmptyStringsShareTheStaticBlockAndAllocateNothing) {
 }
 
 TEST_F(DKStringTest, BlockLayoutAndCapacity) {
-  DKString one(u'z');
+  DKString one(DK_T('z'));
   EXPECT_EQ(one.Capacity(), 2u);
   const std::size_t bytes = DMMemoryPool::GetLiveBytes();
   {
-    DKString s(u'q', 9);
+    DKString s(DK_T('q'), 9);
     EXPECT_EQ(s.Capacity(), 10u);
     EXPECT_EQ(DMMemoryPool::GetLiveBytes() - bytes, 12u + 2u * (10u + 1u));
   }
@@ -60,25 +60,25 @@ TEST_F(DKStringTest, BlockLayoutAndCapacity) {
 }
 
 TEST_F(DKStringTest, ConstructionForms) {
-  EXPECT_EQ(DKString(u"hello", 3), S(u"hel"));
-  EXPECT_EQ(DKString(u"hello", 0), S(u"hello"));
-  EXPECT_EQ(DKString(u'a', 4), S(u"aaaa"));
-  EXPECT_EQ(DKString(DKStdString(u"ab\0cd", 5)), S(u"ab")); // up to the first 0
-  EXPECT_EQ(S(u"round").AsStdString(), DKStdString(u"round"));
+  EXPECT_EQ(DKString(DK_T("hello"), 3), S(DK_T("hel")));
+  EXPECT_EQ(DKString(DK_T("hello"), 0), S(DK_T("hello")));
+  EXPECT_EQ(DKString(DK_T('a'), 4), S(DK_T("aaaa")));
+  EXPECT_EQ(DKString(DKStdString(DK_T("ab\0cd"), 5)), S(DK_T("ab"))); // up to the first 0
+  EXPECT_EQ(S(DK_T("round")).AsStdString(), DKStdString(DK_T("round")));
 
   DKString a;
-  a.Assign(u"abcdef", 2);
-  EXPECT_EQ(a, S(u"ab"));
+  a.Assign(DK_T("abcdef"), 2);
+  EXPECT_EQ(a, S(DK_T("ab")));
   a.Assign(nullptr, 5);
   EXPECT_TRUE(IsEmptyBlock(a));
-  a = u'c';
-  EXPECT_EQ(a, S(u"c"));
+  a = DK_T('c');
+  EXPECT_EQ(a, S(DK_T("c")));
   a = static_cast<const DKChar*>(nullptr);
   EXPECT_TRUE(IsEmptyBlock(a));
 }
 
 TEST_F(DKStringTest, CopiesShareUntilOneChanges) {
-  DKString a(u"shared text");
+  DKString a(DK_T("shared text"));
   DKString b(a);
   DKString c;
   c = a;
@@ -86,22 +86,22 @@ TEST_F(DKStringTest, CopiesShareUntilOneChanges) {
   EXPECT_EQ(a.GetData(), c.GetData());
   EXPECT_EQ(a.GetData()->references.load(), 2);
 
-  b += u'!';
+  b += DK_T('!');
   EXPECT_NE(a.GetData(), b.GetData());
-  EXPECT_EQ(a, S(u"shared text"));
-  EXPECT_EQ(b, S(u"shared text!"));
+  EXPECT_EQ(a, S(DK_T("shared text")));
+  EXPECT_EQ(b, S(DK_T("shared text!")));
   EXPECT_EQ(a.GetData()->references.load(), 1);
 
-  c.Set(0, u'S');
-  EXPECT_EQ(a, S(u"shared text"));
-  EXPECT_EQ(c, S(u"Shared text"));
+  c.Set(0, DK_T('S'));
+  EXPECT_EQ(a, S(DK_T("shared text")));
+  EXPECT_EQ(c, S(DK_T("Shared text")));
   EXPECT_EQ(a.GetData()->references.load(), 0);
 
   DKString& alias = a;
   a = alias; // self-assignment changes nothing
-  EXPECT_EQ(a, S(u"shared text"));
+  EXPECT_EQ(a, S(DK_T("shared text")));
   DKString moved(std::move(b));
-  EXPECT_EQ(moved, S(u"shared text!"));
+  EXPECT_EQ(moved, S(DK_T("shared text!")));
   EXPECT_TRUE(IsEmptyBlock(b)); // NOLINT(bugprone-use-after-move): moved-from is empty
 }
 
@@ -111,33 +111,33 @@ TEST_F(DKStringTest, EveryEditingOperationUnsharesFirst) {
     void (*edit)(DKString&);
   };
   const Case cases[] = {
-      {"Append", [](DKString& s) { s.Append(u"x"); }},   {"AppendChar", [](DKString& s) { s += u'x'; }},
-      {"Insert", [](DKString& s) { s.Insert(1, u"x"); }}, {"Remove", [](DKString& s) { s.Remove(1, 1); }},
-      {"Replace", [](DKString& s) { s.Replace(u"b", u"x"); }}, {"Upper", [](DKString& s) { s.Upper(); }},
-      {"LTrim", [](DKString& s) { s.LTrim(u'a'); }},      {"RTrim", [](DKString& s) { s.RTrim(u'c'); }},
-      {"Set", [](DKString& s) { s.Set(0, u'x'); }},       {"AssignPointer", [](DKString& s) { s = u"other"; }},
+      {"Append", [](DKString& s) { s.Append(DK_T("x")); }},   {"AppendChar", [](DKString& s) { s += DK_T('x'); }},
+      {"Insert", [](DKString& s) { s.Insert(1, DK_T("x")); }}, {"Remove", [](DKString& s) { s.Remove(1, 1); }},
+      {"Replace", [](DKString& s) { s.Replace(DK_T("b"), DK_T("x")); }}, {"Upper", [](DKString& s) { s.Upper(); }},
+      {"LTrim", [](DKString& s) { s.LTrim(DK_T('a')); }},      {"RTrim", [](DKString& s) { s.RTrim(DK_T('c')); }},
+      {"Set", [](DKString& s) { s.Set(0, DK_T('x')); }},       {"AssignPointer", [](DKString& s) { s = DK_T("other"); }},
   };
   for (const Case& c : cases) {
-    DKString original(u"abc");
+    DKString original(DK_T("abc"));
     DKString copy(original);
     c.edit(copy);
-    EXPECT_EQ(original, S(u"abc")) << c.name;
-    EXPECT_NE(copy, S(u"abc")) << c.name;
+    EXPECT_EQ(original, S(DK_T("abc"))) << c.name;
+    EXPECT_NE(copy, S(DK_T("abc"))) << c.name;
   }
 }
 
 // Every appending form grows to length + n + 1, by one half at least: ten single characters
 // appended to an empty string see the same capacities whichever form appends them.
 TEST_F(DKStringTest, EveryAppendingFormGrowsTheSameWay) {
-  const DKString x(u"x");
+  const DKString x(DK_T("x"));
   const std::pair<const char*, void (*)(DKString&, const DKString&)> forms[] = {
-      {"+= char", [](DKString& s, const DKString&) { s += u'x'; }},
-      {"+= pointer", [](DKString& s, const DKString&) { s += u"x"; }},
+      {"+= char", [](DKString& s, const DKString&) { s += DK_T('x'); }},
+      {"+= pointer", [](DKString& s, const DKString&) { s += DK_T("x"); }},
       {"+= string", [](DKString& s, const DKString& one) { s += one; }},
-      {"Append(char)", [](DKString& s, const DKString&) { s.Append(u'x'); }},
-      {"Append(pointer, 1)", [](DKString& s, const DKString&) { s.Append(u"xyz", 1); }},
-      {"Insert(end, char)", [](DKString& s, const DKString&) { s.Insert(s.Length(), u'x'); }},
-      {"Insert(end, pointer)", [](DKString& s, const DKString&) { s.Insert(DKString::npos, u"x"); }},
+      {"Append(char)", [](DKString& s, const DKString&) { s.Append(DK_T('x')); }},
+      {"Append(pointer, 1)", [](DKString& s, const DKString&) { s.Append(DK_T("xyz"), 1); }},
+      {"Insert(end, char)", [](DKString& s, const DKString&) { s.Insert(s.Length(), DK_T('x')); }},
+      {"Insert(end, pointer)", [](DKString& s, const DKString&) { s.Insert(DKString::npos, DK_T("x")); }},
       {"Insert(end, string)", [](DKString& s, const DKString& one) { s.Insert(s.Length(), one); }},
   };
   const std::size_t expected[] = {2, 3, 4, 6, 6, 9, 9, 9, 13, 13};
@@ -147,7 +147,7 @@ TEST_F(DKStringTest, EveryAppendingFormGrowsTheSameWay) {
       append(s, x);
       EXPECT_EQ(s.Capacity(), expected[i]) << name << ", character " << i + 1;
     }
-    EXPECT_EQ(s, S(u"xxxxxxxxxx")) << name;
+    EXPECT_EQ(s, S(DK_T("xxxxxxxxxx"))) << name;
   }
 }
 
@@ -156,7 +156,7 @@ TEST_F(DKStringTest, GrowthByOneHalfKeepsAppendingAmortised) {
   std::size_t reallocations = 0;
   const DKString::DataDef* block = s.GetData();
   for (int i = 0; i < 100000; ++i) {
-    s += static_cast<DKChar>(u'a' + i % 26);
+    s += static_cast<DKChar>(DK_T('a') + i % 26);
     if (s.GetData() != block) {
       ++reallocations;
       block = s.GetData();
@@ -164,10 +164,10 @@ TEST_F(DKStringTest, GrowthByOneHalfKeepsAppendingAmortised) {
   }
   EXPECT_EQ(s.Length(), 100000u);
   EXPECT_LT(reallocations, 40u);
-  EXPECT_EQ(s[99999], static_cast<DKChar>(u'a' + 99999 % 26));
+  EXPECT_EQ(s[99999], static_cast<DKChar>(DK_T('a') + 99999 % 26));
   EXPECT_EQ(s.c_str()[100000], 0);
 
-  DKString t(u"abcd"); // capacity 5
+  DKString t(DK_T("abcd")); // capacity 5
   t.ResizeCapacity(6);
   EXPECT_EQ(t.Capacity(), 7u); // max(6, 5 + 5 / 2)
   t.ResizeCapacity(20);
@@ -175,47 +175,47 @@ TEST_F(DKStringTest, GrowthByOneHalfKeepsAppendingAmortised) {
 }
 
 TEST_F(DKStringTest, AppendAndInsertAcceptTextFromTheStringItself) {
-  DKString s(u"abc");
+  DKString s(DK_T("abc"));
   s.Append(s);
-  EXPECT_EQ(s, S(u"abcabc"));
+  EXPECT_EQ(s, S(DK_T("abcabc")));
   s.Append(s.c_str() + 4);
-  EXPECT_EQ(s, S(u"abcabcbc"));
-  DKString t(u"xyz");
+  EXPECT_EQ(s, S(DK_T("abcabcbc")));
+  DKString t(DK_T("xyz"));
   t.Insert(1, t.c_str());
-  EXPECT_EQ(t, S(u"xxyzyz"));
-  DKString u(u"12");
+  EXPECT_EQ(t, S(DK_T("xxyzyz")));
+  DKString u(DK_T("12"));
   u.Insert(5, u); // past the end: at the end
-  EXPECT_EQ(u, S(u"1212"));
+  EXPECT_EQ(u, S(DK_T("1212")));
   u.Insert(0, static_cast<const DKChar*>(nullptr));
-  EXPECT_EQ(u, S(u"1212"));
+  EXPECT_EQ(u, S(DK_T("1212")));
   u.Append(nullptr, 3);
-  u.Append(u"", 0);
-  EXPECT_EQ(u, S(u"1212"));
-  DKString v(u"abc");
-  v.Append(u"defgh", 2);
-  EXPECT_EQ(v, S(u"abcde"));
+  u.Append(DK_T(""), 0);
+  EXPECT_EQ(u, S(DK_T("1212")));
+  DKString v(DK_T("abc"));
+  v.Append(DK_T("defgh"), 2);
+  EXPECT_EQ(v, S(DK_T("abcde")));
   v = v.c_str() + 2; // assignment from its own tail
-  EXPECT_EQ(v, S(u"cde"));
+  EXPECT_EQ(v, S(DK_T("cde")));
 }
 
 TEST_F(DKStringTest, Concatenation) {
-  EXPECT_EQ(S(u"ab") + S(u"cd"), S(u"abcd"));
-  EXPECT_EQ(S(u"ab") + u"cd", S(u"abcd"));
-  EXPECT_EQ(u"ab" + S(u"cd"), S(u"abcd"));
-  EXPECT_EQ(S(u"ab") + u'c', S(u"abc"));
-  EXPECT_EQ(DKString() + S(u"x"), S(u"x"));
+  EXPECT_EQ(S(DK_T("ab")) + S(DK_T("cd")), S(DK_T("abcd")));
+  EXPECT_EQ(S(DK_T("ab")) + DK_T("cd"), S(DK_T("abcd")));
+  EXPECT_EQ(DK_T("ab") + S(DK_T("cd")), S(DK_T("abcd")));
+  EXPECT_EQ(S(DK_T("ab")) + DK_T('c'), S(DK_T("abc")));
+  EXPECT_EQ(DKString() + S(DK_T("x")), S(DK_T("x")));
 }
 
 struct RemoveCase {
-  const char16_t* text;
+  const DKChar* text;
   std::size_t pos, count;
-  const char16_t* expected;
+  const DKChar* expected;
 };
 
 TEST_F(DKStringTest, RemoveAndSubStr) {
   const RemoveCase removes[] = {
-      {u"abcd", 0, npos, u""},  {u"abcd", 2, npos, u"ab"}, {u"abcd", 1, 2, u"ad"}, {u"abcd", 4, 1, u"abcd"},
-      {u"abcd", 1, 0, u"abcd"}, {u"abcd", 3, 9, u"abc"}, {u"", 0, 1, u""},
+      {DK_T("abcd"), 0, npos, DK_T("")},  {DK_T("abcd"), 2, npos, DK_T("ab")}, {DK_T("abcd"), 1, 2, DK_T("ad")}, {DK_T("abcd"), 4, 1, DK_T("abcd")},
+      {DK_T("abcd"), 1, 0, DK_T("abcd")}, {DK_T("abcd"), 3, 9, DK_T("abc")}, {DK_T(""), 0, 1, DK_T("")},
   };
   for (const RemoveCase& c : removes) {
     DKString s(c.text);
@@ -223,66 +223,66 @@ TEST_F(DKStringTest, RemoveAndSubStr) {
     EXPECT_EQ(s, S(c.expected)) << "Remove(" << c.pos << ", " << c.count << ")";
   }
   const RemoveCase subs[] = {
-      {u"abcd", 1, 2, u"bc"},  {u"abcd", 1, npos, u"bcd"}, {u"abcd", 2, 99, u"cd"},
-      {u"abcd", 4, 1, u""},    {u"abcd", 0, 0, u""},       {u"abcd", 9, npos, u""},
+      {DK_T("abcd"), 1, 2, DK_T("bc")},  {DK_T("abcd"), 1, npos, DK_T("bcd")}, {DK_T("abcd"), 2, 99, DK_T("cd")},
+      {DK_T("abcd"), 4, 1, DK_T("")},    {DK_T("abcd"), 0, 0, DK_T("")},       {DK_T("abcd"), 9, npos, DK_T("")},
   };
   for (const RemoveCase& c : subs)
     EXPECT_EQ(S(c.text).SubStr(c.pos, c.count), S(c.expected)) << "SubStr(" << c.pos << ", " << c.count << ")";
-  DKString whole(u"whole");
+  DKString whole(DK_T("whole"));
   EXPECT_EQ(whole.SubStr(0).GetData(), whole.GetData()); // the whole text shares the block
 }
 
 struct ReplaceCase {
-  const char16_t* text;
-  const char16_t* find;
-  const char16_t* repl;
-  const char16_t* expected;
+  const DKChar* text;
+  const DKChar* find;
+  const DKChar* repl;
+  const DKChar* expected;
   std::size_t count;
 };
 
 TEST_F(DKStringTest, Replace) {
   const ReplaceCase cases[] = {
-      {u"aa", u"a", u"aa", u"aaaa", 2},          {u"hello world", u"o", u"0", u"hell0 w0rld", 2},
-      {u"abcabc", u"abc", u"", u"", 2},           {u"abcabc", u"abc", nullptr, u"", 2},
-      {u"abc", u"", u"x", u"abc", 0},             {u"abc", nullptr, u"x", u"abc", 0},
-      {u"aaa", u"aa", u"b", u"ba", 1},            {u"xyz", u"q", u"r", u"xyz", 0},
-      {u"one two", u"two", u"three", u"one three", 1},
+      {DK_T("aa"), DK_T("a"), DK_T("aa"), DK_T("aaaa"), 2},          {DK_T("hello world"), DK_T("o"), DK_T("0"), DK_T("hell0 w0rld"), 2},
+      {DK_T("abcabc"), DK_T("abc"), DK_T(""), DK_T(""), 2},           {DK_T("abcabc"), DK_T("abc"), nullptr, DK_T(""), 2},
+      {DK_T("abc"), DK_T(""), DK_T("x"), DK_T("abc"), 0},             {DK_T("abc"), nullptr, DK_T("x"), DK_T("abc"), 0},
+      {DK_T("aaa"), DK_T("aa"), DK_T("b"), DK_T("ba"), 1},            {DK_T("xyz"), DK_T("q"), DK_T("r"), DK_T("xyz"), 0},
+      {DK_T("one two"), DK_T("two"), DK_T("three"), DK_T("one three"), 1},
   };
   for (const ReplaceCase& c : cases) {
     DKString s(c.text);
     EXPECT_EQ(s.Replace(c.find, c.repl), c.count) << DKString(c.text).AsUTF8();
     EXPECT_EQ(s, S(c.expected)) << DKString(c.text).AsUTF8();
   }
-  DKString s(u"abab"), copy(s);
-  EXPECT_EQ(s.Replace(S(u"b"), S(u"cc")), 2u);
-  EXPECT_EQ(s, S(u"accacc"));
-  EXPECT_EQ(copy, S(u"abab"));
-  DKString self(u"ab");
+  DKString s(DK_T("abab")), copy(s);
+  EXPECT_EQ(s.Replace(S(DK_T("b")), S(DK_T("cc"))), 2u);
+  EXPECT_EQ(s, S(DK_T("accacc")));
+  EXPECT_EQ(copy, S(DK_T("abab")));
+  DKString self(DK_T("ab"));
   self.Replace(self, self); // find and replacement share the block being replaced
-  EXPECT_EQ(self, S(u"ab"));
-  DKString none(u"abc"), shared(none);
-  none.Replace(u"q", u"r");
+  EXPECT_EQ(self, S(DK_T("ab")));
+  DKString none(DK_T("abc")), shared(none);
+  none.Replace(DK_T("q"), DK_T("r"));
   EXPECT_EQ(none.GetData(), shared.GetData()); // nothing found: still shared
 }
 
 struct TrimCase {
-  const char16_t* text;
+  const DKChar* text;
   DKChar ch;
-  const char16_t* set; // used instead of ch when not null
+  const DKChar* set; // used instead of ch when not null
   std::size_t start;
-  const char16_t* expected;
+  const DKChar* expected;
 };
 
 TEST_F(DKStringTest, LTrimRules) {
   const TrimCase cases[] = {
-      {u"ab  cd", u' ', nullptr, 2, u"cd"},  // characters before start go whatever they are
-      {u"  ab", u' ', nullptr, 0, u"ab"},     {u"ab", u' ', nullptr, 0, u"ab"},
-      {u"aaa", u'a', nullptr, 0, u""},        {u"abc", u'c', nullptr, 9, u""}, // start past the end: last char
-      {u"abc", u'x', nullptr, 9, u"c"},       {u"", u' ', nullptr, 0, u""},
-      {u"abc", 0, u" ", 10, u""},              // start past the end empties the string
-      {u"abc", 0, u"", 10, u""},               {u"abc", 0, u"", 0, u"abc"},
-      {u" \tx ", 0, u" \t", 0, u"x "},         {u"xy  z", 0, u" ", 2, u"z"},
-      {u"   ", 0, u" ", 0, u""},                 {u"abc", 0, u"x", 0, u"abc"},
+      {DK_T("ab  cd"), DK_T(' '), nullptr, 2, DK_T("cd")},  // characters before start go whatever they are
+      {DK_T("  ab"), DK_T(' '), nullptr, 0, DK_T("ab")},     {DK_T("ab"), DK_T(' '), nullptr, 0, DK_T("ab")},
+      {DK_T("aaa"), DK_T('a'), nullptr, 0, DK_T("")},        {DK_T("abc"), DK_T('c'), nullptr, 9, DK_T("")}, // start past the end: last char
+      {DK_T("abc"), DK_T('x'), nullptr, 9, DK_T("c")},       {DK_T(""), DK_T(' '), nullptr, 0, DK_T("")},
+      {DK_T("abc"), 0, DK_T(" "), 10, DK_T("")},              // start past the end empties the string
+      {DK_T("abc"), 0, DK_T(""), 10, DK_T("")},               {DK_T("abc"), 0, DK_T(""), 0, DK_T("abc")},
+      {DK_T(" \tx "), 0, DK_T(" \t"), 0, DK_T("x ")},         {DK_T("xy  z"), 0, DK_T(" "), 2, DK_T("z")},
+      {DK_T("   "), 0, DK_T(" "), 0, DK_T("")},                 {DK_T("abc"), 0, DK_T("x"), 0, DK_T("abc")},
   };
   for (const TrimCase& c : cases) {
     DKString s(c.text);
@@ -296,13 +296,13 @@ TEST_F(DKStringTest, LTrimRules) {
 
 TEST_F(DKStringTest, RTrimRules) {
   const TrimCase cases[] = {
-      {u"axxb", u'x', nullptr, 1, u"axx"},  // counts from start, removes from the end
-      {u"abxx", u'x', nullptr, npos, u"ab"}, {u"abxx", u'x', nullptr, 2, u"abx"}, // one 'x' at or below start
-      {u"abxx", u'x', nullptr, 1, u"abxx"},  {u"xxx", u'x', nullptr, npos, u""},
-      {u"", u'x', nullptr, npos, u""},
-      {u"ab  ", 0, u" ", npos, u"ab"},        {u"ab c ", 0, u" ", 2, u"ab"}, // also after start
-      {u"   ", 0, u" ", npos, u""},             {u"abc", 0, u"", npos, u"abc"},
-      {u"abc", 0, u"x", npos, u"abc"},        {u"a \t", 0, u" \t", npos, u"a"},
+      {DK_T("axxb"), DK_T('x'), nullptr, 1, DK_T("axx")},  // counts from start, removes from the end
+      {DK_T("abxx"), DK_T('x'), nullptr, npos, DK_T("ab")}, {DK_T("abxx"), DK_T('x'), nullptr, 2, DK_T("abx")}, // one 'x' at or below start
+      {DK_T("abxx"), DK_T('x'), nullptr, 1, DK_T("abxx")},  {DK_T("xxx"), DK_T('x'), nullptr, npos, DK_T("")},
+      {DK_T(""), DK_T('x'), nullptr, npos, DK_T("")},
+      {DK_T("ab  "), 0, DK_T(" "), npos, DK_T("ab")},        {DK_T("ab c "), 0, DK_T(" "), 2, DK_T("ab")}, // also after start
+      {DK_T("   "), 0, DK_T(" "), npos, DK_T("")},             {DK_T("abc"), 0, DK_T(""), npos, DK_T("abc")},
+      {DK_T("abc"), 0, DK_T("x"), npos, DK_T("abc")},        {DK_T("a \t"), 0, DK_T(" \t"), npos, DK_T("a")},
   };
   for (const TrimCase& c : cases) {
     DKString s(c.text);
@@ -312,8 +312,8 @@ TEST_F(DKStringTest, RTrimRules) {
       s.RTrim(c.ch, c.start);
     EXPECT_EQ(s, S(c.expected)) << "RTrim of '" << DKString(c.text).AsUTF8() << "' from " << c.start;
   }
-  DKString t(u"  both  ");
-  EXPECT_EQ(t.Trim(), S(u"both"));
+  DKString t(DK_T("  both  "));
+  EXPECT_EQ(t.Trim(), S(DK_T("both")));
 }
 
 struct FindCase {
@@ -324,95 +324,95 @@ struct FindCase {
 
 TEST_F(DKStringTest, SearchingRules) {
   const FindCase cases[] = {
-      {"Find from start", [](const DKString& s) { return s.Find(u"ab", 1); }, 4},
-      {"Find missing", [](const DKString& s) { return s.Find(u"zz"); }, npos},
-      {"Find start = length", [](const DKString& s) { return s.Find(u"a", 7); }, npos},
-      {"Find empty needle", [](const DKString& s) { return s.Find(u"", 3); }, 3},
-      {"Find empty needle at length", [](const DKString& s) { return s.Find(u"", 7); }, npos},
+      {"Find from start", [](const DKString& s) { return s.Find(DK_T("ab"), 1); }, 4},
+      {"Find missing", [](const DKString& s) { return s.Find(DK_T("zz")); }, npos},
+      {"Find start = length", [](const DKString& s) { return s.Find(DK_T("a"), 7); }, npos},
+      {"Find empty needle", [](const DKString& s) { return s.Find(DK_T(""), 3); }, 3},
+      {"Find empty needle at length", [](const DKString& s) { return s.Find(DK_T(""), 7); }, npos},
       {"Find null needle", [](const DKString& s) { return s.Find(static_cast<const DKChar*>(nullptr), 2); }, 2},
-      {"Find char from", [](const DKString& s) { return s.Find(u'a', 1); }, 4},
-      {"Find DKString", [](const DKString& s) { return s.Find(DKString(u"bc"), 0); }, 1},
-      {"RFind", [](const DKString& s) { return s.RFind(u"ab"); }, 4},
-      {"RFind bounded", [](const DKString& s) { return s.RFind(u"ab", 3); }, 0},
-      {"RFind begins at start", [](const DKString& s) { return s.RFind(u"ab", 4); }, 4},
-      {"RFind char", [](const DKString& s) { return s.RFind(u'b', 4); }, 1},
-      {"RFind too long", [](const DKString& s) { return s.RFind(u"abcdabcx"); }, npos},
-      {"FindFirstOf", [](const DKString& s) { return s.FindFirstOf(u"dc"); }, 2},
-      {"FindFirstOf empty set", [](const DKString& s) { return s.FindFirstOf(u"", 0); }, npos},
-      {"FindFirstNotOf", [](const DKString& s) { return s.FindFirstNotOf(u"ab"); }, 2},
-      {"FindFirstNotOf empty set is 0", [](const DKString& s) { return s.FindFirstNotOf(u"", 5); }, 0},
-      {"FindFirstNotOf start past end", [](const DKString& s) { return s.FindFirstNotOf(u"", 7); }, npos},
-      {"FindLastOf", [](const DKString& s) { return s.FindLastOf(u"a"); }, 4},
-      {"FindLastOf bounded", [](const DKString& s) { return s.FindLastOf(u"a", 3); }, 0},
-      {"FindLastOf empty set", [](const DKString& s) { return s.FindLastOf(u""); }, npos},
-      {"FindLastNotOf", [](const DKString& s) { return s.FindLastNotOf(u"abc"); }, 3},
-      {"FindLastNotOf empty set", [](const DKString& s) { return s.FindLastNotOf(u"", 1); }, 6},
+      {"Find char from", [](const DKString& s) { return s.Find(DK_T('a'), 1); }, 4},
+      {"Find DKString", [](const DKString& s) { return s.Find(DKString(DK_T("bc")), 0); }, 1},
+      {"RFind", [](const DKString& s) { return s.RFind(DK_T("ab")); }, 4},
+      {"RFind bounded", [](const DKString& s) { return s.RFind(DK_T("ab"), 3); }, 0},
+      {"RFind begins at start", [](const DKString& s) { return s.RFind(DK_T("ab"), 4); }, 4},
+      {"RFind char", [](const DKString& s) { return s.RFind(DK_T('b'), 4); }, 1},
+      {"RFind too long", [](const DKString& s) { return s.RFind(DK_T("abcdabcx")); }, npos},
+      {"FindFirstOf", [](const DKString& s) { return s.FindFirstOf(DK_T("dc")); }, 2},
+      {"FindFirstOf empty set", [](const DKString& s) { return s.FindFirstOf(DK_T(""), 0); }, npos},
+      {"FindFirstNotOf", [](const DKString& s) { return s.FindFirstNotOf(DK_T("ab")); }, 2},
+      {"FindFirstNotOf empty set is 0", [](const DKString& s) { return s.FindFirstNotOf(DK_T(""), 5); }, 0},
+      {"FindFirstNotOf start past end", [](const DKString& s) { return s.FindFirstNotOf(DK_T(""), 7); }, npos},
+      {"FindLastOf", [](const DKString& s) { return s.FindLastOf(DK_T("a")); }, 4},
+      {"FindLastOf bounded", [](const DKString& s) { return s.FindLastOf(DK_T("a"), 3); }, 0},
+      {"FindLastOf empty set", [](const DKString& s) { return s.FindLastOf(DK_T("")); }, npos},
+      {"FindLastNotOf", [](const DKString& s) { return s.FindLastNotOf(DK_T("abc")); }, 3},
+      {"FindLastNotOf empty set", [](const DKString& s) { return s.FindLastNotOf(DK_T(""), 1); }, 6},
   };
-  const DKString text(u"abcdabc");
+  const DKString text(DK_T("abcdabc"));
   for (const FindCase& c : cases)
     EXPECT_EQ(c.find(text), c.expected) << c.what;
 
   const DKString empty;
-  EXPECT_EQ(empty.Find(u""), npos);
-  EXPECT_EQ(empty.RFind(u""), npos);
-  EXPECT_EQ(empty.FindLastNotOf(u""), npos);
-  EXPECT_EQ(empty.FindLastOf(u"a"), npos);
+  EXPECT_EQ(empty.Find(DK_T("")), npos);
+  EXPECT_EQ(empty.RFind(DK_T("")), npos);
+  EXPECT_EQ(empty.FindLastNotOf(DK_T("")), npos);
+  EXPECT_EQ(empty.FindLastOf(DK_T("a")), npos);
 }
 
 TEST_F(DKStringTest, PlainComparison) {
-  EXPECT_EQ(S(u"abc").Compare(u"abd"), -1);
-  EXPECT_EQ(S(u"abd").Compare(u"abc"), 1);
-  EXPECT_EQ(S(u"abc").Compare(u"abc"), 0);
-  EXPECT_EQ(S(u"ab").Compare(u"abc"), -1);
-  EXPECT_EQ(S(u"abc").Compare(S(u"ab")), 1);
-  EXPECT_EQ(S(u"\uFFFF").Compare(u"a"), 1); // unsigned 16-bit units
+  EXPECT_EQ(S(DK_T("abc")).Compare(DK_T("abd")), -1);
+  EXPECT_EQ(S(DK_T("abd")).Compare(DK_T("abc")), 1);
+  EXPECT_EQ(S(DK_T("abc")).Compare(DK_T("abc")), 0);
+  EXPECT_EQ(S(DK_T("ab")).Compare(DK_T("abc")), -1);
+  EXPECT_EQ(S(DK_T("abc")).Compare(S(DK_T("ab"))), 1);
+  EXPECT_EQ(S(DK_T("\uFFFF")).Compare(DK_T("a")), 1); // unsigned 16-bit units
   for (long flags : {0L, 1L, 2L, 3L}) {
-    EXPECT_EQ(S(u"x").Compare(static_cast<const DKChar*>(nullptr), flags), -1);
+    EXPECT_EQ(S(DK_T("x")).Compare(static_cast<const DKChar*>(nullptr), flags), -1);
     EXPECT_EQ(DKString().Compare(static_cast<const DKChar*>(nullptr), flags), 0);
   }
-  EXPECT_TRUE(S(u"a") == u"a");
-  EXPECT_TRUE(S(u"a") != S(u"b"));
-  EXPECT_TRUE(S(u"a") < S(u"b"));
-  EXPECT_TRUE(u"a" < S(u"b"));
-  EXPECT_FALSE(S(u"b") < u"a");
-  EXPECT_EQ(S(u"abc").Compare(u"ABC", 8), 1); // unknown flag bits are ignored
+  EXPECT_TRUE(S(DK_T("a")) == DK_T("a"));
+  EXPECT_TRUE(S(DK_T("a")) != S(DK_T("b")));
+  EXPECT_TRUE(S(DK_T("a")) < S(DK_T("b")));
+  EXPECT_TRUE(DK_T("a") < S(DK_T("b")));
+  EXPECT_FALSE(S(DK_T("b")) < DK_T("a"));
+  EXPECT_EQ(S(DK_T("abc")).Compare(DK_T("ABC"), 8), 1); // unknown flag bits are ignored
 }
 
 TEST_F(DKStringTest, ComparisonWithFlagsAndCollators) {
   // The named flag values; what each collator does is tested with the collators.
-  EXPECT_GT(S(u"école").Compare(u"Ecole", DKString::IgnoreAccent), 0);
-  EXPECT_EQ(S(u"École").Compare(u"ecole", DKString::IgnoreCaseAndAccent), 0);
-  EXPECT_TRUE(S(u"ÄBC").IsEqual(S(u"äbc"), DKString::IgnoreCase));
+  EXPECT_GT(S(DK_T("école")).Compare(DK_T("Ecole"), DKString::IgnoreAccent), 0);
+  EXPECT_EQ(S(DK_T("École")).Compare(DK_T("ecole"), DKString::IgnoreCaseAndAccent), 0);
+  EXPECT_TRUE(S(DK_T("ÄBC")).IsEqual(S(DK_T("äbc")), DKString::IgnoreCase));
   DKSmartPtrToConst<DKCollator> none;
-  EXPECT_EQ(S(u"a").Compare(S(u"b"), none), -1);
+  EXPECT_EQ(S(DK_T("a")).Compare(S(DK_T("b")), none), -1);
 }
 
 TEST_F(DKStringTest, CaseMapping) {
-  DKString s(u"Grüße, ΣΟΦΊΑ! 123");
+  DKString s(DK_T("Grüße, ΣΟΦΊΑ! 123"));
   DKString copy(s);
   s.Upper();
-  EXPECT_EQ(s, S(u"GRÜßE, ΣΟΦΊΑ! 123")); // ß has no one-unit upper-case form
+  EXPECT_EQ(s, S(DK_T("GRÜßE, ΣΟΦΊΑ! 123"))); // ß has no one-unit upper-case form
   s.Lower();
-  EXPECT_EQ(s, S(u"grüße, σοφία! 123"));
-  EXPECT_EQ(copy, S(u"Grüße, ΣΟΦΊΑ! 123"));
-  DKString digits(u"123"), shared(digits);
+  EXPECT_EQ(s, S(DK_T("grüße, σοφία! 123")));
+  EXPECT_EQ(copy, S(DK_T("Grüße, ΣΟΦΊΑ! 123")));
+  DKString digits(DK_T("123")), shared(digits);
   digits.Upper();
   EXPECT_EQ(digits.GetData(), shared.GetData()); // nothing to change: still shared
 }
 
 TEST_F(DKStringTest, SetIgnoresPositionsOutsideTheText) {
-  DKString s(u"ab");
-  s.Set(2, u'x');
-  s.Set(npos, u'x');
-  EXPECT_EQ(s, S(u"ab"));
+  DKString s(DK_T("ab"));
+  s.Set(2, DK_T('x'));
+  s.Set(npos, DK_T('x'));
+  EXPECT_EQ(s, S(DK_T("ab")));
   EXPECT_EQ(s.c_str()[2], 0);
   DKString e;
-  e.Set(0, u'x');
+  e.Set(0, DK_T('x'));
   EXPECT_TRUE(IsEmptyBlock(e));
 }
 
 TEST_F(DKStringTest, CopiesMayBeTakenAndDroppedOnManyThreads) {
-  const DKString source(u"shared among threads");
+  const DKString source(DK_T("shared among threads"));
   std::vector<std::thread> threads;
   std::atomic<int> mismatches{0};
   for (int t = 0; t < 4; ++t)
@@ -420,7 +420,7 @@ TEST_F(DKStringTest, CopiesMayBeTakenAndDroppedOnManyThreads) {
       for (int i = 0; i < 20000; ++i) {
         DKString copy(source);
         if (i % 100 == 0) {
-          copy += u'!'; // unshares on this thread only
+          copy += DK_T('!'); // unshares on this thread only
           if (copy.Length() != source.Length() + 1)
             ++mismatches;
         }
@@ -430,13 +430,13 @@ TEST_F(DKStringTest, CopiesMayBeTakenAndDroppedOnManyThreads) {
     t.join();
   EXPECT_EQ(mismatches.load(), 0);
   EXPECT_EQ(source.GetData()->references.load(), 0);
-  EXPECT_EQ(source, S(u"shared among threads"));
+  EXPECT_EQ(source, S(DK_T("shared among threads")));
 }
 
 TEST_F(DKStringTest, HashFollowsEquality) {
   std::hash<DKString> h;
-  EXPECT_EQ(h(S(u"key")), h(DKString(u"key one", 3)));
-  EXPECT_NE(h(S(u"key")), h(S(u"kez")));
+  EXPECT_EQ(h(S(DK_T("key"))), h(DKString(DK_T("key one"), 3)));
+  EXPECT_NE(h(S(DK_T("key"))), h(S(DK_T("kez"))));
 }
 
 } // namespace
