@@ -5,6 +5,8 @@
 #include <benchmark/benchmark.h>
 
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -118,5 +120,34 @@ void BM_LookupLast_DKCommandLine(benchmark::State& state) {
     benchmark::DoNotOptimize(cl.ArgPresent(name));
 }
 BENCHMARK(BM_LookupLast_DKCommandLine);
+
+// The standard library's nearest equivalent: switch names folded to upper case in an
+// unordered_map, the query folded into a reused buffer before the find.
+void BM_LookupLast_StdUnorderedMap(benchmark::State& state) {
+  auto fold = [](std::u16string_view text, std::u16string& out) {
+    out.assign(text);
+    for (char16_t& ch : out)
+      if (ch >= u'a' && ch <= u'z')
+        ch = static_cast<char16_t>(ch - 0x20);
+  };
+  std::unordered_map<std::u16string, std::size_t> names;
+  std::u16string key;
+  const std::vector<std::u16string> words = StdSplit(CommandLine());
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    const std::u16string_view word = words[i];
+    if (word.empty() || (word[0] != u'/' && word[0] != u'-'))
+      continue;
+    fold(word.substr(1, word.find(u':') == std::u16string_view::npos ? word.npos : word.find(u':') - 1), key);
+    names.emplace(key, i);
+  }
+  const std::u16string name = u"NOCONSOLES6";
+  if (names.find(name) == names.end())
+    state.SkipWithError("the switch is missing");
+  for (auto _ : state) {
+    fold(name, key);
+    benchmark::DoNotOptimize(names.find(key) != names.end());
+  }
+}
+BENCHMARK(BM_LookupLast_StdUnorderedMap);
 
 } // namespace

@@ -3,6 +3,13 @@
 //   against std::regex_match (ECMAScript) on the same texts as std::string;
 // - "(a+)+b" on texts of n "a": DKRegEx up to n = 10,000; std::regex, which backtracks, only
 //   on short texts, where its time doubles with every "a";
+// - programs of about 2,000 instructions written out, too large for the cache of automaton
+//   states to hold every state a text could meet: "(?:a{0,1000})+b" and "(?:[ab]{0,1000})+c"
+//   on 100,000 "a"; "(?:a{0,1000}c?)+b" on 100,000 "a", which meets a thousand states of up to
+//   a thousand instructions; "(?:a|b)*a(?:a|b){n}c" on random a/b text, where nearly every
+//   character is a new state. std::regex only on "(?:a{0,1000})+b" with 10 "a": it backtracks
+//   through every way of cutting the run, each "a" tripling the time (22 ms for 10, 1.5 s for
+//   14), so that longer texts do not finish;
 // - compiling the pattern: DKRegEx::Compile against constructing a std::regex;
 // - evaluating a parsed condition of three links through a derived class that reads typed
 //   row values, against a hand-written std::function chain doing the same comparisons with
@@ -21,7 +28,7 @@ namespace {
 
 DKString FromUtf8(const std::string& text) {
   DKString s;
-  s.SetFromUTF8(text.c_str());
+  s.SetFromUTF8(text.c_str()).IgnoreError(); // the texts here are ASCII
   return s;
 }
 
@@ -82,7 +89,7 @@ BENCHMARK(BM_StdRegex_Match64);
 // The same texts without the cache of automaton states: the plain automaton simulation.
 void BM_DKRegEx_Match64_Uncached(benchmark::State& state) {
   DKRegEx re;
-  re.Compile(FromUtf8(simplePattern), 0);
+  re.Compile(FromUtf8(simplePattern), 0).IgnoreError(); // a fixed pattern that compiles
   MatchTexts(state, re);
 }
 BENCHMARK(BM_DKRegEx_Match64_Uncached);
@@ -94,7 +101,7 @@ void BM_DKRegEx_NestedPlus(benchmark::State& state) {
     benchmark::DoNotOptimize(re.Match(text));
   state.SetComplexityN(state.range(0));
 }
-BENCHMARK(BM_DKRegEx_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DKRegEx_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
 void BM_StdRegex_NestedPlus(benchmark::State& state) {
   const std::regex re("(a+)+b", std::regex::ECMAScript);
@@ -103,6 +110,56 @@ void BM_StdRegex_NestedPlus(benchmark::State& state) {
     benchmark::DoNotOptimize(std::regex_match(text, re));
 }
 BENCHMARK(BM_StdRegex_NestedPlus)->Arg(12)->Arg(16)->Arg(20)->Unit(benchmark::kMicrosecond);
+
+// Large programs on long texts; the time per character is the figure to read.
+void LargeProgram(benchmark::State& state, const char* pattern, const DKString& text) {
+  const DKRegEx re(FromUtf8(pattern));
+  if (!re.IsCompiled())
+    state.SkipWithError("the pattern is refused");
+  for (auto _ : state)
+    benchmark::DoNotOptimize(re.Match(text));
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * text.Length()));
+}
+
+void BM_DKRegEx_LargeProgram_Repeat(benchmark::State& state) {
+  LargeProgram(state, "(?:a{0,1000})+b", DKString(DK_T('a'), static_cast<std::size_t>(state.range(0))));
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_Repeat)->Arg(10)->Arg(100000)->Unit(benchmark::kMicrosecond);
+
+void BM_StdRegex_LargeProgram_Repeat(benchmark::State& state) {
+  const std::regex re("(?:a{0,1000})+b", std::regex::ECMAScript);
+  const std::string text(static_cast<std::size_t>(state.range(0)), 'a');
+  for (auto _ : state)
+    benchmark::DoNotOptimize(std::regex_match(text, re));
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_StdRegex_LargeProgram_Repeat)->Arg(10)->Unit(benchmark::kMicrosecond);
+
+void BM_DKRegEx_LargeProgram_Class(benchmark::State& state) {
+  LargeProgram(state, "(?:[ab]{0,1000})+c", DKString(DK_T('a'), 100000));
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_Class)->Unit(benchmark::kMicrosecond);
+
+void BM_DKRegEx_LargeProgram_Grow(benchmark::State& state) {
+  LargeProgram(state, "(?:a{0,1000}c?)+b", DKString(DK_T('a'), 100000));
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_Grow)->Unit(benchmark::kMicrosecond);
+
+// Every window of n + 1 characters is a state of its own: the cache can never settle. With n =
+// 6,000 the program is near the size limit (about 18,000 instructions).
+void BM_DKRegEx_LargeProgram_NewStates(benchmark::State& state) {
+  DKString text;
+  std::uint32_t x = 12345;
+  for (int i = 0; i < 20000; ++i) {
+    x = x * 1103515245u + 12345u;
+    text += (x >> 16) & 1 ? DK_T('a') : DK_T('b');
+  }
+  const std::int64_t n = state.range(0); // a count is at most 1,000: larger ones are nested
+  const std::string pattern = n <= 1000 ? "(?:a|b)*a(?:a|b){" + std::to_string(n) + "}c"
+                                        : "(?:a|b)*a(?:(?:a|b){1000}){" + std::to_string(n / 1000) + "}c";
+  LargeProgram(state, pattern.c_str(), text);
+}
+BENCHMARK(BM_DKRegEx_LargeProgram_NewStates)->Arg(200)->Arg(6000)->Unit(benchmark::kMicrosecond);
 
 void BM_DKRegEx_Compile(benchmark::State& state) {
   const DKString pattern = FromUtf8(simplePattern);

@@ -12,6 +12,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -108,6 +110,20 @@ void BM_TraceMsg_Filtered(benchmark::State& state, TracelLevels level, TracelSub
 BENCHMARK_CAPTURE(BM_TraceMsg_Filtered, SubjectOff, TL_NORMAL, TS_DB, true);
 BENCHMARK_CAPTURE(BM_TraceMsg_Filtered, LevelOff, TL_DATA, TS_SO, true);
 BENCHMARK_CAPTURE(BM_TraceMsg_Filtered, TracingOff, TL_NORMAL, TS_SO, false);
+
+// The reference for the filtered cases: a call guarded by one relaxed atomic level, the least a
+// logger can test at its call site.
+std::atomic<int> g_referenceLevel{0};
+[[gnu::noinline]] void ReferenceWrite(int i) { benchmark::DoNotOptimize(i); }
+void BM_GuardedCall_Off(benchmark::State& state) {
+  int i = 0;
+  for (auto _ : state) {
+    if (g_referenceLevel.load(std::memory_order_relaxed) >= 1) [[unlikely]]
+      ReferenceWrite(++i);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_GuardedCall_Off);
 
 // ---- Written lines --------------------------------------------------------------------------
 // Both write the same line: a 23-character date-time, the thread id, source, level, subject,

@@ -8,7 +8,8 @@
 //     "Invalid regular expression" error that names the pattern, a position inside it and the
 //     problem; nothing is kept on refusal;
 //   - the match does not depend on the cache: with the default cache, a cache that fills at
-//     once and no cache at all, the answers are the same; so are those of a copy;
+//     once, one that holds a few states (so that a thread's own cache is flushed and rebuilt
+//     along the text) and no cache at all, the answers are the same; so are those of a copy;
 //   - a pattern without "$" that matches a text matches it followed by more under "(?:pattern).*";
 //   - writing each character beyond ASCII that stands for itself as \uHHHH escapes (one per
 //     UTF-16 code unit, so a pair becomes two escapes) changes neither whether the pattern
@@ -62,11 +63,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const DKString pattern = Decode(data, patternSize);
   const DKString text = newline ? Decode(newline + 1, size - patternSize - 1) : DKString();
 
-  DKRegEx cached, tiny, uncached;
+  DKRegEx cached, tiny, small, uncached;
   const DKErrorID result = cached.Compile(pattern);
   tiny.Compile(pattern, 256).IgnoreError(); // compared with the cached compile just below
+  small.Compile(pattern, 2048).IgnoreError();
   uncached.Compile(pattern, 0).IgnoreError();
-  Require(tiny.IsCompiled() == cached.IsCompiled() && uncached.IsCompiled() == cached.IsCompiled(),
+  Require(tiny.IsCompiled() == cached.IsCompiled() && small.IsCompiled() == cached.IsCompiled() &&
+              uncached.IsCompiled() == cached.IsCompiled(),
           "the cache size does not decide whether a pattern compiles");
   if (result.Bad()) {
     Require(result.GetCode() == DK_MSG_INVALID_REGEX, "a refused pattern gives Invalid regular expression");
@@ -87,6 +90,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const bool match = cached.Match(text);
   Require(cached.Match(text) == match, "a second match (on cached states) agrees");
   Require(tiny.Match(text) == match, "a full cache changes no answer");
+  Require(small.Match(text) == match, "a cache flushed and rebuilt changes no answer");
   Require(uncached.Match(text) == match, "the uncached automaton agrees");
   const DKRegEx copy = cached;
   Require(copy.Match(text) == match, "a copy agrees");

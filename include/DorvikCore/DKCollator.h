@@ -33,6 +33,10 @@ class DK_EXPORT DKTableIgnoreCaseCollator final : public DKCollator {
 public:
   using DKCollator::Compare;
   int Compare(const DKChar* a, std::size_t aLength, const DKChar* b, std::size_t bLength) const override;
+  // Whether two texts of the same length compare equal here: the fast form of Compare == 0
+  // for name look-ups (case folding maps one unit to one unit, so texts of different lengths
+  // are never equal).
+  static bool Equal(const DKChar* a, const DKChar* b, std::size_t length) noexcept;
 };
 
 // Ignores accents: each unit is compared as DKFoldAccent gives it, and nonspacing marks are

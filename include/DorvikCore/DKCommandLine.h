@@ -6,6 +6,7 @@
 #include <DorvikCore/DKString.h>
 #include <DorvikCore/DKUsageInfo.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -178,8 +179,13 @@ protected:
   DKCommandLineArgument GetCommandLineArgument(const DKString& name) const;
 
 private:
-  const DKCommandLineArgument* FindArgument(const DKString& name) const;
-  bool NamesEqual(const DKString& a, const DKString& b) const noexcept;
+  // An open-addressing table from case-folded name hashes to argument positions.
+  struct NameIndex;
+  const DKCommandLineArgument* FindArgument(DKStringView name) const;
+  const DKCommandLineArgument* FindArgument(const DKTextArg& name) const;
+  const NameIndex& GetNameIndex() const;
+  void DropNameIndex() noexcept;
+  bool NamesEqual(DKStringView a, DKStringView b) const noexcept;
   void SetDelimiters(const DKString& argDelimiters, const DKString& valueDelimiters, bool caseSensitive);
   // Takes the words as the owned vector and parses them.
   void UseOwnedWords(std::vector<DKString>&& words);
@@ -198,4 +204,7 @@ private:
   // The owned vector: the words, and pointers to their text followed by a null pointer.
   std::vector<DKString> m_ownedWords;
   std::vector<const DKChar*> m_ownedVector;
+  // Built by the first look-up (threads that race to build it agree on one), dropped whenever
+  // the arguments change; never copied.
+  mutable std::atomic<const NameIndex*> m_nameIndex{nullptr};
 };

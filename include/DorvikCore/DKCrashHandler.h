@@ -5,15 +5,25 @@
 //
 // After the report the process ends exactly as it would have: a handler that was installed
 // before runs, otherwise the signal's default action (a core dump where the system makes them).
-// A crash is never turned into a C++ exception: code after a fault cannot be trusted.
+//
+// On Windows the crash is a structured exception that no one handled: the report names the
+// exception's code (EXCEPTION_ACCESS_VIOLATION, EXCEPTION_STACK_OVERFLOW, ...), the filter that
+// was installed before runs after it, and the process then ends with the exception's code as its
+// exit code (3 after abort). Each thread keeps a stack guarantee, so that a stack overflow is
+// reported too.
+//
+// A crash is never turned into a C++ exception (DKSignalException), on a DKThread or elsewhere
+// and on every system: code after a fault cannot be trusted, and GCC's code keeps no unwind state
+// at a faulting instruction.
 #pragma once
 
 #include <DorvikCore/DKExport.h>
 #include <DorvikCore/DKString.h>
 
-// Installs the catching for the process (once) and an alternate signal stack for the calling
-// thread, so that a stack overflow is reported too. DKThread calls it on each of its threads
-// and the plug-in host on its main thread; call it on threads made otherwise. Cheap when done.
+// Installs the catching for the process (once) and an alternate signal stack (on Windows a stack
+// guarantee) for the calling thread, so that a stack overflow is reported too. DKThread calls it
+// on each of its threads and the plug-in host on its main thread; call it on threads made
+// otherwise. Cheap when done.
 DK_EXPORT void DKInitCatchSignal();
 
 // Sets the file a crash report is appended to besides the standard error; empty for none. An

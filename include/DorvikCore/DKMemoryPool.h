@@ -18,7 +18,15 @@ public:
   // block as it was, when the system has no memory left.
   static void* Resize(void* block, std::size_t size);
 
-  // Blocks handed out by New and not yet given back to Delete.
+  // The same without a header in front of the block, for owners that keep its size themselves
+  // (a string's block holds its capacity): the caller passes the size it asked for back to
+  // DeleteSized and ResizeSized. A block from one family goes back to the same family. These
+  // blocks are the allocator's own, so a short string costs the allocator's smallest block.
+  static void* NewSized(std::size_t size);
+  static void DeleteSized(void* block, std::size_t size) noexcept;
+  static void* ResizeSized(void* block, std::size_t oldSize, std::size_t size);
+
+  // Blocks handed out by New or NewSized and not yet given back.
   static std::size_t GetLiveBlocks() noexcept;
   // Bytes requested by those blocks.
   static std::size_t GetLiveBytes() noexcept;

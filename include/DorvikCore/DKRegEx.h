@@ -48,8 +48,10 @@ public:
   // Largest compiled program, in instructions, once counted repetitions are written out (each
   // character, class or anchor is one instruction, each alternative, "*", "+" or "?" one more).
   static constexpr std::size_t maxProgramSize = 20000;
-  // Memory a compiled pattern may use for its cache of automaton states. Matching goes on
-  // without the cache, at a lower speed, for the rest of a text that would need more.
+  // Memory a compiled pattern may use for its cache of automaton states, shared by its copies and
+  // the threads that match with it. Once it is full, a text that needs more goes on in a cache
+  // of the calling thread's own, as large, which is emptied and rebuilt whenever it fills; a
+  // thread keeps that cache for the last pattern that needed it.
   static constexpr std::size_t defaultCacheBytes = 1u << 20;
 
   // An expression with nothing compiled: Match is false for every text.

@@ -361,12 +361,19 @@ private:
   };
   static EmptyBlock glbEmptyData;
   static DataDef* EmptyData() noexcept { return &glbEmptyData.header; }
+  // A block with no other sharer is freed without an atomic read-modify-write: nobody else can
+  // take a share of it now (that would need a string sharing it), and the acquire load pairs
+  // with the release of every sharer that let go, as the decrement would.
   static void Release(DataDef* data) noexcept {
-    if (data != EmptyData() && data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
+    if (data == EmptyData())
+      return;
+    if (data->references.load(std::memory_order_acquire) == 0 ||
+        data->references.fetch_sub(1, std::memory_order_acq_rel) == 0)
       FreeData(data);
   }
   static void FreeData(DataDef* data) noexcept;
   static DataDef* AllocData(std::size_t capacity);
+  static std::size_t BlockBytes(std::size_t capacity) noexcept;
 
   DKString& AppendSlow(DKChar ch);
   bool Equals(const DKString& other) const noexcept;
@@ -411,6 +418,16 @@ public:
       return DKString(m_wide);
     return DKString::FromUTF8(m_narrowLength == DKString::npos ? std::string_view(m_narrow)
                                                                : std::string_view(m_narrow, m_narrowLength));
+  }
+  // The text as a view when it is UTF-16 already (nothing is copied); false for UTF-8 text.
+  bool GetView(DKStringView& view) const noexcept {
+    if (m_string)
+      view = m_string->View();
+    else if (m_wide)
+      view = DKStringView(m_wide);
+    else
+      return false;
+    return true;
   }
 
 private:

@@ -79,8 +79,10 @@ class DKEventImpl;
 
 // A recursive lock for the threads of one process. The owning thread may enter again; it must
 // leave as many times as it entered. Unlocking a section the caller does not hold does nothing.
-// Entering a free section and leaving it cost one atomic operation each (inline); a thread that
-// finds the section held spins briefly, then sleeps until it is released.
+// Entering a free section and leaving it cost one atomic operation each; a thread that finds
+// the section held spins briefly, then sleeps until it is released. The owner is told by the
+// library's own code only: on Windows each module links its own threads runtime, whose
+// std::thread::id of one thread differs from module to module.
 class DK_EXPORT DKCriticalSection : public DKTimedTries<DKCriticalSection> {
 public:
   // lockNow: enter the section at once.
@@ -91,28 +93,11 @@ public:
   DKCriticalSection& operator=(const DKCriticalSection&) = delete;
 
   // Enters the section, waiting as long as another thread holds it; lock and obtain are the same.
-  void Lock() noexcept {
-    const std::thread::id self = std::this_thread::get_id();
-    if (m_owner.load(std::memory_order_relaxed) == self) {
-      ++m_count;
-      return;
-    }
-    std::uint32_t expected = Free;
-    if (!m_state.compare_exchange_strong(expected, Held, std::memory_order_acquire, std::memory_order_relaxed))
-      LockContended();
-    m_owner.store(self, std::memory_order_relaxed);
-    m_count = 1;
-  }
+  void Lock() noexcept;
   void lock() noexcept { Lock(); }
   void obtain() noexcept { Lock(); }
   // Leaves the section once; the last leave frees it. unlock and release are the same.
-  void Unlock() noexcept {
-    if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
-      return;
-    m_owner.store(std::thread::id(), std::memory_order_relaxed);
-    if (m_state.exchange(Free, std::memory_order_release) == HeldWaited)
-      WakeWaiter();
-  }
+  void Unlock() noexcept;
   void unlock() noexcept { Unlock(); }
   void release() noexcept { Unlock(); }
   // Enters when the section is free or already held by the caller, without waiting; true when it

@@ -80,7 +80,7 @@ public:
   template <class... Args>
   static void Msg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
                   const Args&... args) {
-    if (TraceThisSubject(level, subject))
+    if (MayTrace(level, subject)) [[unlikely]]
       WriteMsg(level, subject, source, format, DKMakeFormatArgs(args...));
   }
   // Msg with the arguments in a va_list, for functions that pass their own arguments on.
@@ -92,7 +92,7 @@ public:
   // written with the given length and no text, and no block follows.
   static void MsgHex(TracelLevels level, TracelSubjects subject, const char* source, const void* bytes,
                      std::int32_t length) {
-    if (TraceThisSubject(level, subject))
+    if (MayTrace(level, subject)) [[unlikely]]
       WriteHex(level, subject, source, bytes, length);
   }
 
@@ -130,7 +130,33 @@ public:
   static bool SetTraceSubjects(const DKChar* subjects);
 
 private:
-  // The writers behind Msg and MsgHex, called once the filters have passed.
+  // The call-site filter: one relaxed load and one test. ActiveFilter holds a bit for every
+  // (level group, subject group) pair that the current masks let through, and none while
+  // tracing is off or no file is open; it is all ones until the environment has been read, so
+  // that the first message decides. Levels 1, 2, 4 and 8 and the ten subjects are groups of
+  // their own; the remaining bits of each mask share one group, which the writers check
+  // exactly.
+  static constexpr int kSubjectGroups = 11;
+  static constexpr std::uint64_t FilterBits(int level, int subject) noexcept {
+    const auto subjects = static_cast<std::uint32_t>(subject);
+    const std::uint64_t groups = (subjects & 0x3FFu) | (subjects >> 10 ? 0x400u : 0u);
+    const auto levels = static_cast<std::uint32_t>(level);
+    std::uint64_t bits = 0;
+    for (int group = 0; group < 4; ++group)
+      if (levels & (1u << group))
+        bits |= groups << (group * kSubjectGroups);
+    if (levels >> 4)
+      bits |= groups << (4 * kSubjectGroups);
+    return bits;
+  }
+  static bool MayTrace(TracelLevels level, TracelSubjects subject) noexcept {
+    return (ActiveFilter.load(std::memory_order_relaxed) & FilterBits(level, subject)) != 0;
+  }
+  // Recomputes ActiveFilter from the masks, the switch and the file; called after each change.
+  static void RefreshFilter() noexcept;
+
+  // The writers behind Msg and MsgHex, called once the call-site filter has passed; they check
+  // the filters exactly.
   static void WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
                        DKFormatArgList args);
   template <class AppendText>
@@ -158,4 +184,6 @@ private:
   static std::atomic<int> CurrTraceSubject;
   // The open trace file, or null. Replaced only under the writer lock.
   static std::atomic<std::FILE*> fp;
+  // The call-site filter (see MayTrace).
+  static std::atomic<std::uint64_t> ActiveFilter;
 };

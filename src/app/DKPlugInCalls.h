@@ -10,6 +10,7 @@
 
 #include <exception>
 #include <string>
+#include <vector>
 
 namespace dkapp {
 
@@ -52,5 +53,26 @@ DKErrorID CallPlugIn(const DKPlugIn& plugIn, const DKChar* call, F&& fn) {
     failed = DKErrorID::FromText(DK_T("<") + SafeName(plugIn) + DK_T(">: ") + failed.AsString());
   return failed;
 }
+
+// none. The destructor relies on these never throwing.
+inline DKGuid SafeGuid(const DKPlugIn& plugIn) {
+  try {
+    return plugIn.GetId().GetGuid();
+  } catch (...) {
+    return DKGuid();
+  }
+}
+
+inline std::vector<DKPlugIn::PlugInIdEx> SafeDependencies(const DKPlugIn& plugIn) {
+  try {
+    return plugIn.GetDependentV();
+  } catch (...) {
+    return {};
+  }
+}
+
+// The status as the framework set it. Plug-in code is not asked: the framework keeps the status
+// itself, and a plug-in that could not tell it would be neither run nor unloaded.
+inline DKPlugIn::Status StatusOf(const DKPlugIn& plugIn) { return plugIn.DKPlugIn::GetStatus(); }
 
 } // namespace dkapp

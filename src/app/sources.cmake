@@ -7,6 +7,8 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKObjectFactory.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugIn.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKPlugInLoadProgress.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKPlugInLoading.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKPlugInOrder.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKShutdownWatch.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKUnitTest.cpp
 )

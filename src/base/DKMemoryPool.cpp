@@ -110,17 +110,44 @@ std::size_t Sum(std::atomic<std::int64_t> Counts::*counter) noexcept {
 
 } // namespace
 
-void* DMMemoryPool::New(std::size_t size) {
-  if (size > static_cast<std::size_t>(-1) - kHeader)
+void* DMMemoryPool::NewSized(std::size_t size) {
+  void* block = std::malloc(size != 0 ? size : 1);
+  if (!block)
     throw std::bad_alloc();
-  void* raw = std::malloc(size + kHeader);
-  if (!raw)
-    throw std::bad_alloc();
-  *static_cast<std::size_t*>(raw) = size;
   Counts& counts = ThreadCounts();
   Add(counts, &Counts::liveBlocks, 1);
   Add(counts, &Counts::liveBytes, static_cast<std::int64_t>(size));
   Add(counts, &Counts::totalBlocks, 1);
+  return block;
+}
+
+void DMMemoryPool::DeleteSized(void* block, std::size_t size) noexcept {
+  if (!block)
+    return;
+  Counts& counts = ThreadCounts();
+  Add(counts, &Counts::liveBlocks, -1);
+  Add(counts, &Counts::liveBytes, -static_cast<std::int64_t>(size));
+  std::free(block);
+}
+
+void* DMMemoryPool::ResizeSized(void* block, std::size_t oldSize, std::size_t size) {
+  if (!block)
+    return NewSized(size);
+  void* moved = std::realloc(block, size != 0 ? size : 1);
+  if (!moved)
+    throw std::bad_alloc();
+  Add(ThreadCounts(), &Counts::liveBytes, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(oldSize));
+  return moved;
+}
+
+// The header-carrying family: the requested size sits in the first kHeader bytes, which keep
+// the block aligned for any fundamental type; the counters count what the caller asked for.
+void* DMMemoryPool::New(std::size_t size) {
+  if (size > static_cast<std::size_t>(-1) - kHeader)
+    throw std::bad_alloc();
+  void* raw = NewSized(size + kHeader);
+  Add(ThreadCounts(), &Counts::liveBytes, -static_cast<std::int64_t>(kHeader));
+  *static_cast<std::size_t*>(raw) = size;
   return static_cast<char*>(raw) + kHeader;
 }
 
@@ -128,10 +155,8 @@ void DMMemoryPool::Delete(void* block) noexcept {
   if (!block)
     return;
   void* raw = static_cast<char*>(block) - kHeader;
-  Counts& counts = ThreadCounts();
-  Add(counts, &Counts::liveBlocks, -1);
-  Add(counts, &Counts::liveBytes, -static_cast<std::int64_t>(*static_cast<std::size_t*>(raw)));
-  std::free(raw);
+  DeleteSized(raw, *static_cast<std::size_t*>(raw) + kHeader);
+  Add(ThreadCounts(), &Counts::liveBytes, static_cast<std::int64_t>(kHeader));
 }
 
 void* DMMemoryPool::Resize(void* block, std::size_t size) {
@@ -141,11 +166,8 @@ void* DMMemoryPool::Resize(void* block, std::size_t size) {
     throw std::bad_alloc();
   void* raw = static_cast<char*>(block) - kHeader;
   const std::size_t old = *static_cast<std::size_t*>(raw);
-  void* moved = std::realloc(raw, size + kHeader);
-  if (!moved)
-    throw std::bad_alloc();
+  void* moved = ResizeSized(raw, old + kHeader, size + kHeader);
   *static_cast<std::size_t*>(moved) = size;
-  Add(ThreadCounts(), &Counts::liveBytes, static_cast<std::int64_t>(size) - static_cast<std::int64_t>(old));
   return static_cast<char*>(moved) + kHeader;
 }
 

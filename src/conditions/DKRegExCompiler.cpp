@@ -140,6 +140,7 @@ Emitter::Frag EmitTree(Emitter& emitter, const std::vector<Node>& nodes, const s
   struct Task {
     std::uint32_t node;
     bool combine;
+    bool star = false; // Star and Plus: the loop, once the body is stripped, may run zero times
   };
   std::vector<Task> tasks{{root, false}};
   std::vector<Emitter::Frag> frags;
@@ -166,7 +167,26 @@ Emitter::Frag EmitTree(Emitter& emitter, const std::vector<Node>& nodes, const s
           tasks.push_back({children[n.child + k], false});
         break;
       case NodeKind::Star:
-      case NodeKind::Plus:
+      case NodeKind::Plus: {
+        // A loop over a body that is itself a loop or an option of x, or x{0,n} or x{1,n}, is a
+        // loop over x: (x{0,n})+ is x*, (x+)+ is x+. Fewer instructions, and far fewer states
+        // for the cache of automaton states, where the copies of x would each be a state.
+        std::uint32_t body = n.child;
+        bool star = n.kind == NodeKind::Star;
+        for (;;) {
+          const Node& b = nodes[body];
+          if (b.kind == NodeKind::Star || b.kind == NodeKind::Quest)
+            star = true;
+          else if (b.kind == NodeKind::Repeat && b.arg <= 1 && b.arg2 != 0)
+            star = star || b.arg == 0;
+          else if (b.kind != NodeKind::Plus)
+            break;
+          body = b.child;
+        }
+        tasks.push_back({task.node, true, star});
+        tasks.push_back({body, false});
+        break;
+      }
       case NodeKind::Quest:
         tasks.push_back({task.node, true});
         tasks.push_back({n.child, false});
@@ -197,8 +217,8 @@ Emitter::Frag EmitTree(Emitter& emitter, const std::vector<Node>& nodes, const s
       frags.push_back(f);
       break;
     }
-    case NodeKind::Star: frags.push_back(emitter.Star(pop())); break;
-    case NodeKind::Plus: frags.push_back(emitter.Plus(pop())); break;
+    case NodeKind::Star:
+    case NodeKind::Plus: frags.push_back(task.star ? emitter.Star(pop()) : emitter.Plus(pop())); break;
     case NodeKind::Quest: frags.push_back(emitter.Quest(pop())); break;
     case NodeKind::Repeat: {
       // x{m,} is x^(m-1) x+ (x* when m is 0); x{m,n} is x^m (x (x (...)?)?)? with n - m optional

@@ -4,6 +4,7 @@
 // clearing the set only resets its size.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -37,6 +38,29 @@ private:
   std::vector<std::uint32_t> m_dense;
   std::vector<std::uint32_t> m_sparse;
   std::uint32_t m_size = 0;
+};
+
+// A set of instruction indices that is only tested and added to, never listed: one stamp per
+// index, the set being the indices stamped with the current generation, so that clearing it is
+// one increment.
+class StampSet {
+public:
+  void Resize(std::size_t capacity) {
+    m_stamps.assign(capacity, 0);
+    m_generation = 1;
+  }
+  bool Contains(std::uint32_t i) const noexcept { return m_stamps[i] == m_generation; }
+  void Insert(std::uint32_t i) noexcept { m_stamps[i] = m_generation; }
+  void Clear() noexcept {
+    if (++m_generation == 0) { // wrapped: old stamps could pass for the new generation
+      std::fill(m_stamps.begin(), m_stamps.end(), 0);
+      m_generation = 1;
+    }
+  }
+
+private:
+  std::vector<std::uint32_t> m_stamps;
+  std::uint32_t m_generation = 1;
 };
 
 } // namespace dkre

@@ -1,6 +1,8 @@
 #include <DorvikCore/DKCharacter.h>
 #include <DorvikCore/DKCommandLine.h>
 
+#include <cstdint>
+#include <memory>
 #include <utility>
 
 namespace {
@@ -64,7 +66,8 @@ DKCommandLine::DKCommandLine(DKCommandLine&& other) noexcept
       m_appName(std::move(other.m_appName)), m_argDelimiters(std::move(other.m_argDelimiters)),
       m_valueDelimiters(std::move(other.m_valueDelimiters)), m_caseSensitive(other.m_caseSensitive),
       m_rawArguments(std::move(other.m_rawArguments)), m_parsedArguments(std::move(other.m_parsedArguments)),
-      m_ownedWords(std::move(other.m_ownedWords)), m_ownedVector(std::move(other.m_ownedVector)) {
+      m_ownedWords(std::move(other.m_ownedWords)), m_ownedVector(std::move(other.m_ownedVector)),
+      m_nameIndex(other.m_nameIndex.exchange(nullptr, std::memory_order_relaxed)) {
   // The moved-from object is left empty rather than pointing into this one's vector.
   other.m_argc = 0;
   other.m_argv = nullptr;
@@ -92,11 +95,13 @@ DKCommandLine& DKCommandLine::operator=(DKCommandLine&& other) noexcept {
     m_parsedArguments = std::move(other.m_parsedArguments);
     m_ownedWords = std::move(other.m_ownedWords);
     m_ownedVector = std::move(other.m_ownedVector);
+    DropNameIndex();
+    m_nameIndex.store(other.m_nameIndex.exchange(nullptr, std::memory_order_relaxed), std::memory_order_relaxed);
   }
   return *this;
 }
 
-DKCommandLine::~DKCommandLine() = default;
+DKCommandLine::~DKCommandLine() { DropNameIndex(); }
 
 void DKCommandLine::RebuildOwnedVector() {
   if (!m_ownsVector)
@@ -222,6 +227,7 @@ void DKCommandLine::RemoveQuotes(DKString& word) {
 }
 
 void DKCommandLine::ParseCommandLine() {
+  DropNameIndex();
   m_rawArguments.clear();
   m_parsedArguments.clear();
   // Owned words are shared rather than copied from their pointers.
@@ -266,39 +272,130 @@ DKCommandLineArgument DKCommandLine::ParseArgument(const DKString& word) const {
 // ---------------------------------------------------------------------------------------------
 // Look-ups
 
-bool DKCommandLine::NamesEqual(const DKString& a, const DKString& b) const noexcept {
+bool DKCommandLine::NamesEqual(DKStringView a, DKStringView b) const noexcept {
   if (m_caseSensitive)
     return a == b;
-  const std::size_t length = a.Length();
-  if (length != b.Length())
+  const std::size_t length = a.size();
+  if (length != b.size())
     return false;
-  const DKChar* x = a.c_str();
-  const DKChar* y = b.c_str();
-  for (std::size_t i = 0; i < length; ++i)
-    if (x[i] != y[i] && DKtowupper(x[i]) != DKtowupper(y[i]))
+  for (std::size_t i = 0; i < length; ++i) {
+    const DKChar x = a[i];
+    const DKChar y = b[i];
+    if (x == y)
+      continue;
+    if ((x | y) < 0x80) { // ASCII: only letters that differ in case by 0x20 are equal
+      if ((x ^ y) != 0x20 || static_cast<DKChar>((x | 0x20) - DK_T('a')) > DK_T('z') - DK_T('a'))
+        return false;
+    } else if (DKtowupper(x) != DKtowupper(y)) {
       return false;
+    }
+  }
   return true;
 }
 
-const DKCommandLineArgument* DKCommandLine::FindArgument(const DKString& name) const {
-  for (const DKCommandLineArgument& argument : m_parsedArguments)
-    if (NamesEqual(argument.GetArgument(), name))
+namespace {
+
+// A hash of the name under the case-insensitive comparison, so that names equal in either
+// comparison hash alike: each unit is folded to upper case, and an ASCII one also loses the case
+// bit (cheap, and a unit whose upper case is ASCII folds with it). Four units make one 64-bit
+// word of the hash.
+std::uint32_t FoldedHash(DKStringView name) noexcept {
+  auto fold = [](DKChar ch) -> std::uint64_t {
+    if (ch >= 0x80)
+      ch = DKtowupper(ch);
+    return ch < 0x80 ? ch & ~0x20u : ch;
+  };
+  constexpr std::uint64_t kMix = 0x9E3779B97F4A7C15ull;
+  const std::size_t length = name.size();
+  std::uint64_t hash = length * kMix;
+  std::size_t i = 0;
+  for (; i + 4 <= length; i += 4)
+    hash = (hash ^ (fold(name[i]) | fold(name[i + 1]) << 16 | fold(name[i + 2]) << 32 | fold(name[i + 3]) << 48)) * kMix;
+  std::uint64_t tail = 0;
+  for (int shift = 0; i < length; ++i, shift += 16)
+    tail |= fold(name[i]) << shift;
+  hash = (hash ^ tail) * kMix;
+  return static_cast<std::uint32_t>(hash >> 32);
+}
+
+} // namespace
+
+// Linear probing over a power-of-two table at most half full. Arguments go in in command-line
+// order, so along one probe sequence equal names meet in that order and the first match is the
+// first argument with the name, in case-sensitive look-ups too.
+struct DKCommandLine::NameIndex {
+  std::vector<std::uint32_t> hashes;  // per argument
+  std::vector<std::uint32_t> slots;   // argument position + 1, or 0 for a free slot
+  std::uint32_t mask = 0;
+};
+
+const DKCommandLine::NameIndex& DKCommandLine::GetNameIndex() const {
+  if (const NameIndex* index = m_nameIndex.load(std::memory_order_acquire))
+    return *index;
+  auto built = std::make_unique<NameIndex>();
+  const std::size_t count = m_parsedArguments.size();
+  std::size_t size = 4;
+  while (size < 2 * count)
+    size *= 2;
+  built->mask = static_cast<std::uint32_t>(size - 1);
+  built->slots.assign(size, 0);
+  built->hashes.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint32_t hash = FoldedHash(m_parsedArguments[i].GetArgument().View());
+    built->hashes.push_back(hash);
+    std::uint32_t slot = hash & built->mask;
+    while (built->slots[slot] != 0)
+      slot = (slot + 1) & built->mask;
+    built->slots[slot] = static_cast<std::uint32_t>(i + 1);
+  }
+  const NameIndex* expected = nullptr;
+  if (m_nameIndex.compare_exchange_strong(expected, built.get(), std::memory_order_acq_rel))
+    return *built.release();
+  return *expected; // another thread built the same index first
+}
+
+void DKCommandLine::DropNameIndex() noexcept {
+  delete m_nameIndex.exchange(nullptr, std::memory_order_relaxed);
+}
+
+const DKCommandLineArgument* DKCommandLine::FindArgument(DKStringView name) const {
+  if (m_parsedArguments.size() <= 8) { // a scan beats hashing the name
+    for (const DKCommandLineArgument& argument : m_parsedArguments)
+      if (NamesEqual(argument.GetArgument().View(), name))
+        return &argument;
+    return nullptr;
+  }
+  const NameIndex& index = GetNameIndex();
+  const std::uint32_t hash = FoldedHash(name);
+  for (std::uint32_t slot = hash & index.mask; const std::uint32_t entry = index.slots[slot];
+       slot = (slot + 1) & index.mask) {
+    const DKCommandLineArgument& argument = m_parsedArguments[entry - 1];
+    if (index.hashes[entry - 1] == hash && NamesEqual(argument.GetArgument().View(), name))
       return &argument;
+  }
   return nullptr;
 }
 
+const DKCommandLineArgument* DKCommandLine::FindArgument(const DKTextArg& name) const {
+  DKStringView view;
+  if (name.GetView(view))
+    return FindArgument(view);
+  const DKString decoded = name.Get();
+  return FindArgument(decoded.View());
+}
+
 DKCommandLineArgument DKCommandLine::GetCommandLineArgument(const DKString& name) const {
-  const DKCommandLineArgument* found = FindArgument(name);
+  const DKCommandLineArgument* found = FindArgument(name.View());
   return found ? *found : DKCommandLineArgument();
 }
 
 bool DKCommandLine::ArgPresent(DKTextArg name) const {
-  const DKCommandLineArgument* found = FindArgument(name.Get());
+  const DKCommandLineArgument* found = FindArgument(name);
   return found && found->GetArgType() != Absent;
 }
 
 DKString DKCommandLine::GetArg(DKTextArg name, const DKString& defaultValue) const {
-  const DKCommandLineArgument* found = FindArgument(name.Get());
+  const DKCommandLineArgument* found = FindArgument(name);
   return found && found->GetArgType() != Absent ? found->GetValueAsString() : defaultValue;
 }
 
@@ -317,11 +414,11 @@ T ConvertedArg(const DKCommandLineArgument* found, T defaultValue, bool* ok, Con
 } // namespace
 
 int DKCommandLine::GetArg(DKTextArg name, int defaultValue, bool* ok) const {
-  return ConvertedArg(FindArgument(name.Get()), defaultValue, ok, [](const DKString& v, bool* k) { return v.AsInt(k); });
+  return ConvertedArg(FindArgument(name), defaultValue, ok, [](const DKString& v, bool* k) { return v.AsInt(k); });
 }
 
 double DKCommandLine::GetArg(DKTextArg name, double defaultValue, bool* ok) const {
-  return ConvertedArg(FindArgument(name.Get()), defaultValue, ok,
+  return ConvertedArg(FindArgument(name), defaultValue, ok,
                       [](const DKString& v, bool* k) { return v.AsDouble(k); });
 }
 

@@ -4,6 +4,7 @@
 // DKConfigComments, DKConfigLine and DKConfigSection, and those of DKConfigFile that edit, look
 // up and set; private here: the name matching and the numbers' texts. The reader, the writer and
 // the bytes on disk are in DKConfigReader.cpp, DKConfigWriter.cpp and DKConfigEncoding.cpp.
+#include <DorvikCore/DKCollator.h>
 #include <DorvikCore/DKConfigFile.h>
 
 #include "config/DKConfigIO.h"
@@ -20,7 +21,7 @@ namespace {
 // Names and keys match without regard to case. Case folding maps one unit to one unit, so
 // texts of different lengths never match.
 bool SameName(const DKString& a, const DKString& b) {
-  return a.Length() == b.Length() && a.Compare(b, DKString::IgnoreCase) == 0;
+  return a.Length() == b.Length() && DKTableIgnoreCaseCollator::Equal(a.c_str(), b.c_str(), a.Length());
 }
 
 // The first item at or after from whose name (the member field) matches.

@@ -23,6 +23,7 @@ std::atomic<int> DKTrace::CurrTraceLevel{TL_NORMAL};
 std::atomic<int> DKTrace::CurrTraceDelim{9};
 std::atomic<int> DKTrace::CurrTraceSubject{0};
 std::atomic<std::FILE*> DKTrace::fp{nullptr};
+std::atomic<std::uint64_t> DKTrace::ActiveFilter{~std::uint64_t{0}};
 
 namespace {
 
@@ -238,6 +239,7 @@ bool DKTrace::DecideTracing() noexcept {
   }
   int undecided = -1;
   TracingEnabled.compare_exchange_strong(undecided, 0, std::memory_order_relaxed);
+  RefreshFilter();
   return TracingEnabled.load(std::memory_order_relaxed) > 0;
 }
 
@@ -254,6 +256,7 @@ void DKTrace::InitTracing(bool calledFromSetTraceSubjects) {
     if (!s.InitTraceLevelDone && DKProcess::EnvironmentVariable("DK_TRACE_LEVEL", value)) {
       s.InitTraceLevelDone = true;
       CurrTraceLevel.store(value.AsInt() | TL_NORMAL, std::memory_order_relaxed);
+      RefreshFilter();
     }
   }
   {
@@ -270,6 +273,21 @@ void DKTrace::InitTracing(bool calledFromSetTraceSubjects) {
     SetTraceSubjects(DKProcess::EnvironmentVariable("DK_TRACE", value) ? value.c_str() : nullptr);
 }
 
+// Serialised, so that the last change's refresh is the one that stays: each reads every input
+// after its own change was made.
+void DKTrace::RefreshFilter() noexcept {
+  static std::mutex refreshLock;
+  std::lock_guard guard(refreshLock);
+  const int enabled = TracingEnabled.load(std::memory_order_relaxed);
+  std::uint64_t filter = ~std::uint64_t{0};
+  if (enabled >= 0)
+    filter = enabled > 0 && fp.load(std::memory_order_relaxed)
+                 ? FilterBits(CurrTraceLevel.load(std::memory_order_relaxed),
+                              CurrTraceSubject.load(std::memory_order_relaxed))
+                 : 0;
+  ActiveFilter.store(filter, std::memory_order_relaxed);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Setters
 
@@ -278,6 +296,7 @@ bool DKTrace::SetTraceLevel(int level) {
   std::lock_guard guard(s.levelLock);
   s.InitTraceLevelDone = true;
   CurrTraceLevel.store(level | TL_NORMAL, std::memory_order_relaxed);
+  RefreshFilter();
   return true;
 }
 
@@ -337,6 +356,7 @@ bool DKTrace::SetTraceSubjects(const DKChar* subjects) {
     if (mask == 0) {
       TracingEnabled.store(0, std::memory_order_relaxed);
       CloseTraceFile();
+      RefreshFilter();
       return true;
     }
     {
@@ -345,6 +365,7 @@ bool DKTrace::SetTraceSubjects(const DKChar* subjects) {
         return false;
     }
     TracingEnabled.store(1, std::memory_order_relaxed);
+    RefreshFilter();
     return true;
   } catch (...) {
     return false;
@@ -404,6 +425,7 @@ bool DKTrace::OpenTraceFile() {
     std::lock_guard writerGuard(s.writerLock);
     previous = fp.exchange(file, std::memory_order_relaxed);
   }
+  RefreshFilter();
   if (previous)
     std::fclose(previous);
   return true;
@@ -416,6 +438,7 @@ void DKTrace::CloseTraceFile() {
     std::lock_guard writerGuard(s.writerLock);
     previous = fp.exchange(nullptr, std::memory_order_relaxed);
   }
+  RefreshFilter();
   if (previous)
     std::fclose(previous);
 }
@@ -442,6 +465,8 @@ const char* DKTrace::GetTraceSubjectDescr(TracelSubjects subject) noexcept {
 
 void DKTrace::WriteMsg(TracelLevels level, TracelSubjects subject, const char* source, const char* format,
                        DKFormatArgList args) {
+  if (!TraceThisSubject(level, subject))
+    return;
   WriteFormatted(level, subject, source, format, [&](std::string& line) { DKFormatAppend(line, format, args); });
 }
 
@@ -474,6 +499,8 @@ void DKTrace::WriteFormatted(TracelLevels level, TracelSubjects subject, const c
 
 void DKTrace::WriteHex(TracelLevels level, TracelSubjects subject, const char* source, const void* bytes,
                        std::int32_t length) {
+  if (!TraceThisSubject(level, subject))
+    return;
   TraceState& s = State();
   const auto* data = static_cast<const unsigned char*>(bytes);
   const std::int32_t count = data && length > 0 ? length : 0;

@@ -1,7 +1,7 @@
-// Catching of fatal signals (internal), implemented once per platform in
-// src/platform/<os>/CrashImpl.cpp. A fatal signal produces a crash report on the standard error
-// and, when one is set, appended to a report file; the process then ends as it would have
-// without the library (or the handler that was there before runs).
+// Catching of fatal signals (internal): the installation in os/DKCrash.cpp, the rest once per
+// platform in src/platform/<os>/CrashImpl.cpp. A fatal signal produces a crash report on the
+// standard error and, when one is set, appended to a report file; the process then ends as it
+// would have without the library (or the handler that was there before runs).
 #pragma once
 
 #include <cstddef>
@@ -19,6 +19,8 @@ public:
   // Installs the handlers for the process on the first call; later calls only replace the
   // extension when one is given. False when the system refused.
   static bool InstallHandlers(ReportExtension extension);
+  // The extension given last; null for none. Safe in a signal handler.
+  static ReportExtension Extension() noexcept;
   // Gives the calling thread an alternate signal stack, so that a stack overflow is reported
   // too; a thread that already has one keeps it. The stack is freed when the thread ends.
   static bool PrepareThread();
@@ -26,4 +28,9 @@ public:
   // False, and no file, when the path is too long to be kept.
   static bool SetReportFile(const std::string& path);
   static std::string GetReportFile();
+
+private:
+  // Installs the system's handlers for the process; called once, under InstallHandlers's lock.
+  // False when the system refused.
+  static bool InstallSystemHandlers();
 };

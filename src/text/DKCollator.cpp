@@ -132,6 +132,28 @@ int DKTableIgnoreCaseCollator::Compare(const DKChar* a, std::size_t aLength, con
   return FoldedCompare<Fold>(a, aLength, b, bLength);
 }
 
+bool DKTableIgnoreCaseCollator::Equal(const DKChar* a, const DKChar* b, std::size_t length) noexcept {
+  const auto sameUnit = [](DKChar x, DKChar y) { return x == y || MapFromTable<Fold>(x) == MapFromTable<Fold>(y); };
+  std::size_t i = 0;
+  for (; i + 4 <= length; i += 4) {
+    const std::uint64_t wa = LoadFour(a + i);
+    const std::uint64_t wb = LoadFour(b + i);
+    if (wa == wb)
+      continue;
+    if (((wa | wb) & kNonAsciiBits) == 0) {
+      if (FoldAsciiFour<Fold>(wa) != FoldAsciiFour<Fold>(wb))
+        return false;
+    } else if (!sameUnit(a[i], b[i]) || !sameUnit(a[i + 1], b[i + 1]) || !sameUnit(a[i + 2], b[i + 2]) ||
+               !sameUnit(a[i + 3], b[i + 3])) {
+      return false;
+    }
+  }
+  for (; i < length; ++i)
+    if (!sameUnit(a[i], b[i]))
+      return false;
+  return true;
+}
+
 int DKTableIgnoreAccentCollator::Compare(const DKChar* a, std::size_t aLength, const DKChar* b,
                                          std::size_t bLength) const {
   return FoldedCompare<Accent>(a, aLength, b, bLength);

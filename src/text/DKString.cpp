@@ -50,19 +50,24 @@ std::size_t DKStrLen(const DKChar* text) noexcept {
 // ---------------------------------------------------------------------------------------------
 // Blocks
 
+// A block's bytes: the header, then room for capacity units and the terminator. The pool keeps no
+// header of its own for string blocks, since the capacity tells the size.
+std::size_t DKString::BlockBytes(std::size_t capacity) noexcept { return sizeof(DataDef) + sizeof(DKChar) * (capacity + 1); }
+
 DKString::DataDef* DKString::AllocData(std::size_t capacity) {
   if (capacity == 0)
     capacity = 1;
   if (capacity > maxLength + 1)
     ThrowTooLong();
-  void* raw = DMMemoryPool::New(sizeof(DataDef) + sizeof(DKChar) * (capacity + 1));
+  void* raw = DMMemoryPool::NewSized(BlockBytes(capacity));
   DataDef* d = new (raw) DataDef{static_cast<std::uint32_t>(capacity), 0, 0};
   return d;
 }
 
 void DKString::FreeData(DataDef* data) noexcept {
+  const std::size_t bytes = BlockBytes(data->capacity);
   data->~DataDef();
-  DMMemoryPool::Delete(data);
+  DMMemoryPool::DeleteSized(data, bytes);
 }
 
 void DKString::ResizeCapacity(std::size_t capacity) {
@@ -78,7 +83,7 @@ void DKString::ResizeCapacity(std::size_t capacity) {
   if (!old->IsShared()) {
     // A private block grows in place where the allocator can (large blocks are remapped,
     // not copied).
-    void* moved = DMMemoryPool::Resize(old, sizeof(DataDef) + sizeof(DKChar) * (newCapacity + 1));
+    void* moved = DMMemoryPool::ResizeSized(old, BlockBytes(old->capacity), BlockBytes(newCapacity));
     m_pData = static_cast<DataDef*>(moved);
     m_pData->capacity = static_cast<std::uint32_t>(newCapacity);
     return;

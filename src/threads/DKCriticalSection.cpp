@@ -1,9 +1,11 @@
 // DKCriticalSection and DKSynchronizedCriticalSection.
 //
-// The section is a lock word with the owner and the recursion count beside it (the fast paths
-// are inline in the header). A thread that finds it held marks the word "waited for" and sleeps
-// on it until the holder's release wakes one sleeper.
+// The section is a lock word with the owner and the recursion count beside it. A thread that
+// finds it held marks the word "waited for" and sleeps on it until the holder's release wakes one
+// sleeper.
 #include <DorvikCore/DKSync.h>
+
+#include "threads/DKSyncImpl.h"
 
 #include <algorithm>
 #include <thread>
@@ -15,6 +17,27 @@ DKCriticalSection::DKCriticalSection(bool lockNow) : m_state(Free), m_owner(std:
 
 DKCriticalSection::~DKCriticalSection() = default;
 
+void DKCriticalSection::Lock() noexcept {
+  const std::thread::id self = std::this_thread::get_id();
+  if (m_owner.load(std::memory_order_relaxed) == self) {
+    ++m_count;
+    return;
+  }
+  std::uint32_t expected = Free;
+  if (!m_state.compare_exchange_strong(expected, Held, std::memory_order_acquire, std::memory_order_relaxed))
+    LockContended();
+  m_owner.store(self, std::memory_order_relaxed);
+  m_count = 1;
+}
+
+void DKCriticalSection::Unlock() noexcept {
+  if (m_owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || --m_count != 0)
+    return;
+  m_owner.store(std::thread::id(), std::memory_order_relaxed);
+  if (m_state.exchange(Free, std::memory_order_release) == HeldWaited)
+    WakeWaiter();
+}
+
 void DKCriticalSection::LockContended() noexcept {
   // A short spin first: sections are usually held for a few instructions.
   for (int i = 0; i < 100; ++i) {
@@ -25,10 +48,10 @@ void DKCriticalSection::LockContended() noexcept {
   }
   // From here on the word says "waited for", so that the release wakes a sleeper.
   while (m_state.exchange(HeldWaited, std::memory_order_acquire) != Free)
-    m_state.wait(HeldWaited, std::memory_order_relaxed);
+    DKWordWaitImpl::Wait(m_state, HeldWaited);
 }
 
-void DKCriticalSection::WakeWaiter() { m_state.notify_one(); }
+void DKCriticalSection::WakeWaiter() { DKWordWaitImpl::WakeOne(m_state); }
 
 bool DKCriticalSection::TryLock() noexcept {
   const std::thread::id self = std::this_thread::get_id();

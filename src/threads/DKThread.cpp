@@ -14,6 +14,7 @@
 #include "threads/DKSyncCommon.h"
 #include "threads/DKThreadImpl.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -114,8 +115,11 @@ std::size_t ConfiguredStackSize() {
     std::string value;
     if (!DKProcess::EnvironmentVariableUTF8("DK_THREAD_STACKSIZE", value))
       return std::size_t(0);
-    const int bytes = std::atoi(value.c_str());
-    return bytes > 0 ? static_cast<std::size_t>(bytes) : std::size_t(0);
+    // The whole size, as large as the system allows (a size cut to an int would be another
+    // size); a value that no integer holds is no value.
+    errno = 0;
+    const long long bytes = std::strtoll(value.c_str(), nullptr, 10);
+    return bytes > 0 && errno != ERANGE ? static_cast<std::size_t>(bytes) : std::size_t(0);
   }();
   return size;
 }

@@ -48,6 +48,10 @@ const OracleCase oracleCases[] = {
     {"\\x41\\u0042\\t", {"AB\t", "AB "}}, {"[\\x30-\\x39]{2}", {"42", "4a"}}, {"a|b|c|", {"", "a", "c", "ab"}},
     {"((a)|(b))*c", {"c", "ababc", "abab"}}, {"a.*b.*c", {"abc", "a123b456c", "acb"}},
     {"(a|b)*a(a|b){3}", {"abbb", "babab", "aaaa", "baba"}},
+    // Loops over loops, options and x{0,n} or x{1,n} are compiled as loops over x; x{2,n} is not.
+    {"(?:a{0,3})+b", {"b", "aaaaaaab", "aaaa", "ab"}}, {"(?:a{1,3})*c", {"c", "aaaaac", "bc"}},
+    {"(?:(?:ab)?)+", {"", "abab", "aba"}}, {"(?:a{2,3})+", {"a", "aa", "aaaaa", "aaaaaaa"}},
+    {"(?:(?:a|b)+)+c", {"c", "abbac"}}, {"(?:a{1})+", {"", "aaa"}}, {"(?:(?:a*)?)*b", {"b", "aab", "ba"}},
 };
 
 TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
@@ -126,6 +130,63 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
     }
   }
   EXPECT_GT(compared, 3000);
+}
+
+// Random patterns with nested quantified groups, characters beyond ASCII and surrogates, on long
+// texts made of runs: the cached matcher (with the default cache, and with caches so small that
+// they are flushed and rebuilt over and over, two programs taking turns on the same thread)
+// against the plain simulation of the automaton.
+const char* const runAtoms[] = {"a", "b", ".", "[a-z]", "[^a]", "\\u00e9", "[\\u00e9a]", "\\w", "\\s",
+                               "[^\\n]", "\\uD83D\\uDE00", "\\uD83D", "[a-c\\u00e9-\\u00ff]"};
+const char* const runQuantifiers[] = {"", "", "*", "+", "?", "{0,3}", "{2}", "{1,}", "{2,4}"};
+const char16_t runUnits[] = {u'a', u'b', u'z', u'\u00e9', u'\n', u' ', u'\u2028', 0xD83D, 0xDE00, u'1'};
+
+TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
+  std::mt19937 rng(77);
+  auto pick = [&rng](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
+  auto pattern = [&](auto& self, int depth) -> std::string {
+    std::string out;
+    for (std::size_t i = 0, n = 1 + pick(3); i < n; ++i) {
+      out += depth < 2 && pick(3) == 0 ? "(?:" + self(self, depth + 1) + ")" : runAtoms[pick(std::size(runAtoms))];
+      out += runQuantifiers[pick(std::size(runQuantifiers))];
+    }
+    return depth < 2 && pick(5) == 0 ? out + "|" + self(self, depth + 1) : out;
+  };
+  std::size_t compared = 0;
+  for (int i = 0; i < 300; ++i) {
+    const DKString p = U(pattern(pattern, 0).c_str());
+    const DKString other = U(pattern(pattern, 0).c_str());
+    DKRegEx cached(p), tiny, uncached, otherTiny, otherUncached;
+    ASSERT_TRUE(cached.IsCompiled()) << p.AsUTF8() << ": " << ErrorText(cached);
+    ASSERT_TRUE(tiny.Compile(p, 700 + 100 * (i % 8)).Good());
+    ASSERT_TRUE(uncached.Compile(p, 0).Good());
+    ASSERT_TRUE(otherTiny.Compile(other, 900).Good());
+    ASSERT_TRUE(otherUncached.Compile(other, 0).Good());
+    for (int t = 0; t < 12; ++t) {
+      DKString text;
+      for (std::size_t r = 0, runs = pick(5); r < runs; ++r)
+        text += DKString(static_cast<DKChar>(runUnits[pick(std::size(runUnits))]), pick(3) == 0 ? 1 : 1 + pick(20));
+      const bool expected = uncached.Match(text);
+      ++compared;
+      ASSERT_EQ(cached.Match(text), expected) << "/" << p.AsUTF8() << "/ on " << t;
+      ASSERT_EQ(tiny.Match(text), expected) << "/" << p.AsUTF8() << "/ tiny cache on " << t;
+      ASSERT_EQ(otherTiny.Match(text), otherUncached.Match(text)) << "/" << other.AsUTF8() << "/ on " << t;
+    }
+  }
+  EXPECT_EQ(compared, 3600u);
+
+  // Every budget from none to a few states: the caches give up at every point where they can
+  // (no start state, no room for a second state, a flush that makes too little room), and the
+  // automaton takes over from where they were.
+  const DKString texts[] = {DK_T("abbabaabbbc"), DK_T("bbbbbbbbab"), DK_T("aaaa"), DK_T("ab\u00e9aaaab"), DK_T("")};
+  DKRegEx reference;
+  ASSERT_TRUE(reference.Compile(DK_T("(?:a|b)*a(?:a|b|\u00e9){3}c?"), 0).Good());
+  for (std::size_t budget = 0; budget < 4000; budget += 8) {
+    DKRegEx re;
+    ASSERT_TRUE(re.Compile(reference.GetPattern(), budget).Good());
+    for (const DKString& text : texts)
+      ASSERT_EQ(re.Match(text), reference.Match(text)) << "budget " << budget << " on " << text.AsUTF8();
+  }
 }
 
 // Cases std::regex cannot judge: code points beyond ASCII (UTF-8 here, UTF-16 inside) and syntax
@@ -306,6 +367,22 @@ TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   EXPECT_FALSE(DKRegEx(DK_T("(a+)+b")).Match(DKString(DK_T('a'), 10000)));
   EXPECT_TRUE(DKRegEx(DK_T("(a|aa)*")).Match(as));
   EXPECT_TRUE(DKRegEx(DK_T("(a*)*(a*)*(a*)*$")).Match(as));
+
+  // A loop over a{0,1000} is a loop over a: a handful of instructions, not two thousand.
+  ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000})+b")).Good());
+  EXPECT_LT(re.GetProgramSize(), 10u);
+  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 100000) + DK_T("b")));
+  // Programs whose automaton meets a new state at nearly every character, far more than the
+  // cache holds: the cache is flushed and rebuilt, the answers stay right.
+  ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000}c?)+b")).Good());
+  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cab")));
+  EXPECT_FALSE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cca")));
+  ASSERT_TRUE(re.Compile(DK_T("(?:a|b)*a(?:a|b){200}c"), 64 * 1024).Good());
+  DKString ab;
+  for (int i = 0; i < 3000; ++i)
+    ab += (i * 7919) % 5 < 2 ? DK_T('a') : DK_T('b');
+  EXPECT_EQ(re.Match(ab + DK_T("c")), ab[ab.Length() - 201] == 'a');
+  EXPECT_FALSE(re.Match(ab));
 }
 
 DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, int minLength, int maxLength) {
@@ -352,6 +429,36 @@ TEST(DKRegExTest, CopiesShareTheProgramAndMatchFromManyThreads) {
   for (std::thread& t : threads)
     t.join();
   EXPECT_EQ(wrong.load(), 0);
+}
+
+// Matches from its destructor, which runs at thread exit after the destructors of the thread's
+// later thread-local objects, among them the cache a thread gets once a shared cache is full.
+struct MatchAtThreadExit {
+  const DKRegEx* re = nullptr;
+  DKString text;
+  std::optional<bool>* out = nullptr;
+  ~MatchAtThreadExit() {
+    if (re)
+      *out = re->Match(text);
+  }
+};
+
+TEST(DKRegExTest, MatchesFromAThreadExitAfterTheThreadsCacheIsGone) {
+  DKRegEx re, reference;
+  ASSERT_TRUE(re.Compile(DK_T("(a|b)*a(a|b){11}"), 2048).Good());
+  ASSERT_TRUE(reference.Compile(re.GetPattern(), 0).Good());
+  std::mt19937 rng(5);
+  const DKString text = RandomText(rng, "ab", 2, 60, 60);
+  std::optional<bool> atExit;
+  std::thread([&] {
+    thread_local MatchAtThreadExit late; // made before the thread's cache, so destroyed after it
+    EXPECT_EQ(re.Match(text), reference.Match(text));
+    late.re = &re;
+    late.text = text;
+    late.out = &atExit;
+  }).join();
+  ASSERT_TRUE(atExit.has_value());
+  EXPECT_EQ(*atExit, reference.Match(text));
 }
 
 TEST(DKRegExTest, EmptyAndCleared) {

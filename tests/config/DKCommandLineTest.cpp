@@ -5,6 +5,7 @@
 #include <initializer_list>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -241,6 +242,68 @@ TEST(DKCommandLineLookup, CaseSensitivity) {
     EXPECT_EQ(cl.ArgPresent(c.name), c.sensitive) << DKString(c.name);
   }
   EXPECT_FALSE(DKCommandLine(DK_T("t /A"), DK_T("/"), DK_T(":"), true).ArgPresent(DK_T("a")));
+}
+
+// Long command lines are looked up through a hash index: every look-up must find what a plain
+// scan finds (the first argument with the name, under either comparison), on copies, moved and
+// reassigned objects too, and from several threads racing to build the index.
+TEST(DKCommandLineLookup, IndexedLookupsAgreeWithAScan) {
+  const DKChar* const names[] = {DK_T("a"), DK_T("A"), DK_T("ab"), DK_T("aB"), DK_T("été"), DK_T("ÉTÉ"),
+                                 DK_T("x1"), DK_T("X1"), DK_T(""), DK_T("file.txt"), DK_T("s"), DK_T("ſ")};
+  const DKChar* const prefixes[] = {DK_T("/"), DK_T("-"), DK_T("")};
+  DKString line(DK_T("tool"));
+  unsigned seed = 7;
+  for (int i = 0; i < 60; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    line += DK_T(" ");
+    line += prefixes[(seed >> 8) % 3];
+    line += names[(seed >> 12) % std::size(names)];
+    if ((seed >> 20) % 3 == 0)
+      line += DKString(DK_T(":")) + DKString::Number(i);
+  }
+  auto scan = [](const DKCommandLine& cl, DKStringView name) -> const DKCommandLineArgument* {
+    for (const DKCommandLineArgument& argument : cl.GetParsedArgumentVector()) {
+      const DKString& found = argument.GetArgument();
+      const bool equal = cl.IsCaseSensitive() ? found.View() == name
+                                              : DKString(name.data(), name.size()).IsEqual(found, DKString::IgnoreCase);
+      if (equal)
+        return &argument;
+    }
+    return nullptr;
+  };
+  auto check = [&](const DKCommandLine& cl, const char* label) {
+    for (const DKChar* name : names) {
+      const DKCommandLineArgument* expected = scan(cl, name);
+      EXPECT_EQ(cl.ArgPresent(name), expected != nullptr) << label << " " << DKString(name);
+      EXPECT_EQ(cl.GetArg(name, DKString(DK_T("none"))),
+                expected ? expected->GetValueAsString() : DKString(DK_T("none")))
+          << label << " " << DKString(name);
+      EXPECT_EQ(cl.ArgPresent(DKString(name).AsUTF8()), expected != nullptr) << label << " UTF-8";
+    }
+    EXPECT_FALSE(cl.ArgPresent(DK_T("missing"))) << label;
+  };
+  DKCommandLine cl(line);
+  ASSERT_GT(cl.GetParsedArgumentVector().size(), 40u); // an empty name without a prefix is no word
+  for (const bool sensitive : {false, true, false}) {
+    cl.SetCaseSensitivity(sensitive);
+    check(cl, sensitive ? "sensitive" : "insensitive");
+  }
+  const DKCommandLine copy(cl);
+  check(copy, "copy");
+  DKCommandLine moved(std::move(cl));
+  check(moved, "moved");
+  moved = DKCommandLine(DK_T("tool /b /B:2 /c"));
+  EXPECT_TRUE(moved.ArgPresent(DK_T("c")));
+  EXPECT_FALSE(moved.ArgPresent(DK_T("a"))) << "the old index must go with the old arguments";
+  moved = copy;
+  check(moved, "assigned");
+
+  const DKCommandLine shared(line);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] { check(shared, "threads"); });
+  for (std::thread& thread : threads)
+    thread.join();
 }
 
 TEST(DKCommandLineLookup, InvalidArguments) {

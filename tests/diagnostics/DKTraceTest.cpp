@@ -113,6 +113,7 @@ TEST_F(DKTraceFileTest, LevelMaskKeepsLevelOneAndPrintsTheMessageLevel) {
   } cases[] = {
       {0, 1, true},       {0, 2, false},      {0, 4, false},          {TL_DATA, 1, true},  {TL_DATA, 2, false},
       {TL_DATA, 4, true}, {TL_DATA, 6, true}, {-1, 0x40000000, true}, {TL_DATA, 0, false},
+      {0x20, 0x40, false}, {0x20, 0x60, true},  {TL_HEX, 8, true},
   };
   Texts expected;
   for (const auto& c : cases) {

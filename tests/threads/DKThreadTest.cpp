@@ -473,6 +473,11 @@ TEST(DKThreadTest, StackSizeComesFromTheEnvironmentOncePerProcess) {
   EXPECT_EQ(RunHelper("stacksize 1048576", "DK_THREAD_STACKSIZE=1048576"), 0);
 }
 
+TEST(DKThreadTest, AStackSizeBeyondAnIntIsTakenWhole) {
+  // 4 GiB + 1 MiB: cut to 32 bits it would be a 1 MiB stack.
+  EXPECT_EQ(RunHelper("stacksize-whole 4296015872", "DK_THREAD_STACKSIZE=4296015872"), 0);
+}
+
 TEST(DKThreadTest, AThreadTheSystemCannotCreateMakesStartThrow) {
 #if defined(DK_TEST_SANITIZER)
   GTEST_SKIP() << "a sanitizer's runtime cannot live under the address-space limit this case sets";

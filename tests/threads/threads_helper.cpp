@@ -134,6 +134,16 @@ int main(int argc, char** argv) {
     setenv("DK_THREAD_STACKSIZE", "4194304", 1);
     return StackOfNewThread() != expected ? 14 : 0;
   }
+  // stacksize-whole BYTES: a thread gets at least BYTES of stack (from DK_THREAD_STACKSIZE), or
+  // Start throws because the system refuses that much; 13 for a smaller stack.
+  if (mode == "stacksize-whole" && argc == 3) {
+    const std::size_t expected = std::strtoull(argv[2], nullptr, 10);
+    try {
+      return StackOfNewThread() >= expected ? 0 : 13;
+    } catch (const DKException& e) {
+      return e.What().AsUTF8() == "_beginthreadex failed in DKThread::Start()" ? 0 : 16;
+    }
+  }
   // start-refused: Start throws the creation failure (the system refuses the thread's stack);
   // 15 when the thread started, 16 for another failure.
   if (mode == "start-refused" && argc == 2) {

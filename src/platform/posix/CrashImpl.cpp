@@ -3,6 +3,7 @@
 // then hands the extension the rest under an alarm, and finally lets the signal end the
 // process the way it would have: the earlier handler runs, or the default action (core dump).
 #include "os/DKCrash.h"
+#include "os/DKCrashLine.h"
 
 #include <atomic>
 #include <cerrno>
@@ -29,9 +30,6 @@ constexpr int kMaxFrames = 128;
 constexpr std::size_t kMaxPath = 4096;
 
 struct sigaction g_previous[kFatalSignalCount];
-std::atomic<bool> g_installed{false};
-std::atomic<DKCrash::ReportExtension> g_extension{nullptr};
-std::mutex g_installLock;
 
 // The report file: two buffers, so that the handler reads a whole path while another thread
 // sets a new one in the other buffer.
@@ -64,35 +62,10 @@ void Sink(const char* text, std::size_t size) {
       WriteAll(fd, text, size);
 }
 
-// A line built in place, with no allocation.
-class Line {
+// A report line written to every destination of the report.
+class Line : public DKCrashLine {
 public:
-  Line& operator<<(const char* text) {
-    while (*text && m_size < sizeof m_text)
-      m_text[m_size++] = *text++;
-    return *this;
-  }
-  Line& Number(unsigned long long value, unsigned base = 10, unsigned minDigits = 1) {
-    char digits[32];
-    unsigned count = 0;
-    do {
-      digits[count++] = "0123456789abcdef"[value % base];
-      value /= base;
-    } while (value != 0 && count < sizeof digits);
-    while (count < minDigits && count < sizeof digits)
-      digits[count++] = '0';
-    while (count > 0 && m_size < sizeof m_text)
-      m_text[m_size++] = digits[--count];
-    return *this;
-  }
-  void Flush() {
-    Sink(m_text, m_size);
-    m_size = 0;
-  }
-
-private:
-  char m_text[512];
-  std::size_t m_size = 0;
+  Line() noexcept : DKCrashLine(&Sink) {}
 };
 
 const char* SignalName(int signalNumber) {
@@ -284,7 +257,7 @@ void OnFatalSignal(int signalNumber, siginfo_t* info, void* context) {
   g_sinks[1] = OpenReportFile();
   WriteHeader(signalNumber, info);
   WriteStack();
-  if (DKCrash::ReportExtension extension = g_extension.load(std::memory_order_acquire)) {
+  if (DKCrash::ReportExtension extension = DKCrash::Extension()) {
     StartWatchdog();
     extension(&Sink);
     alarm(0);
@@ -355,16 +328,7 @@ thread_local AlternateStack t_alternateStack;
 
 } // namespace
 
-bool DKCrash::InstallHandlers(ReportExtension extension) {
-  // Every thread start comes here: once installed, nothing to lock.
-  if (g_installed.load(std::memory_order_acquire) &&
-      (!extension || extension == g_extension.load(std::memory_order_acquire)))
-    return true;
-  std::lock_guard guard(g_installLock);
-  if (extension)
-    g_extension.store(extension, std::memory_order_release);
-  if (g_installed.load(std::memory_order_acquire))
-    return true;
+bool DKCrash::InstallSystemHandlers() {
   // The first backtrace loads the unwinder, which allocates: never let that happen in a handler.
   void* warmUp[2];
   backtrace(warmUp, 2);
@@ -380,7 +344,6 @@ bool DKCrash::InstallHandlers(ReportExtension extension) {
       return false;
     }
   }
-  g_installed.store(true, std::memory_order_release);
   return true;
 }
 

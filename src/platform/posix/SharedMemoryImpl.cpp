@@ -1,6 +1,8 @@
 // POSIX shared memory for the named synchronisation objects (SharedMemoryImpl.h).
 #include "SharedMemoryImpl.h"
 
+#include "threads/DKSyncImpl.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -85,15 +87,6 @@ bool WaitBriefly(Condition condition) {
   return true;
 }
 
-std::uint64_t Fnv1a(const std::string& text) {
-  std::uint64_t hash = 14695981039346656037ull;
-  for (const unsigned char c : text) {
-    hash ^= c;
-    hash *= 1099511628211ull;
-  }
-  return hash;
-}
-
 // The segments this process has open, by shared-memory name, so that its opens of one name
 // share a descriptor and a mapping. Nothing else is locked while the table's lock is held. Two
 // threads opening a name at once may each open a segment: the second one stays out of the table
@@ -128,7 +121,7 @@ std::string DKSharedSegment::SegmentName(const char* kind, const std::string& na
   constexpr std::size_t kLongest = 200;
   if (result.size() + escaped.size() > kLongest) {
     char hash[24];
-    std::snprintf(hash, sizeof hash, "~%016llx", static_cast<unsigned long long>(Fnv1a(bare)));
+    std::snprintf(hash, sizeof hash, "~%016llx", static_cast<unsigned long long>(DKSyncNameHash(bare)));
     escaped = escaped.substr(0, kLongest - result.size() - 17) + hash;
   }
   return result + escaped;
