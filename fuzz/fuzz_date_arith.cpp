@@ -66,7 +66,7 @@ public:
   }
 
   std::int32_t Int32() noexcept {
-    static constexpr std::int32_t edges[] = {
+    static const std::int32_t edges[] = {
         i32min, i32min + 1, -2147483647 + 1, -86400000, -1, 0, 1, 2, 7, 12, 13, 31, 32, 60, 1000, 3600000,
         86399999, 86400000, 2147483646, i32max, DKDateEx::minimum.AsInt(), DKDateEx::maximum.AsInt(),
         DKDateEx::minimum.AsInt() - 1, DKDateEx::maximum.AsInt() + 1, DKDateEx::minYear, DKDateEx::maxYear,

@@ -134,9 +134,6 @@ private:
   std::int32_t m_date;
 };
 
-inline constexpr DKDate DKDate::minimum = DKDate::FromDays(-693230);
-inline constexpr DKDate DKDate::maximum = DKDate::FromDays(2147483647);
-
 // The date moved by a duration, as += and -= move it.
 [[nodiscard]] DK_EXPORT DKDate operator+(const DKDate& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDate operator-(const DKDate& date, const DKDurationEx& duration);
@@ -241,9 +238,6 @@ private:
 
   std::int32_t m_time;
 };
-
-inline constexpr DKDateTime DKDateTime::minimum = DKDateTime::FromCount(-2147397248);
-inline constexpr DKDateTime DKDateTime::maximum = DKDateTime::FromCount(2147397247);
 
 // The moment moved by a duration, as += and -= move it.
 [[nodiscard]] DK_EXPORT DKDateTime operator+(const DKDateTime& value, const DKDurationEx& duration);

@@ -216,10 +216,6 @@ private:
   std::int32_t m_date;
 };
 
-inline constexpr DKDateEx DKDateEx::null{};
-inline constexpr DKDateEx DKDateEx::minimum = DKDateEx::Pack(DKDateEx::minYear, 1, 1);
-inline constexpr DKDateEx DKDateEx::maximum = DKDateEx::Pack(DKDateEx::maxYear, 12, 31);
-
 // The date moved by a duration or by days, as += and -= move it.
 [[nodiscard]] DK_EXPORT DKDateEx operator+(const DKDateEx& date, const DKDurationEx& duration);
 [[nodiscard]] DK_EXPORT DKDateEx operator-(const DKDateEx& date, const DKDurationEx& duration);
@@ -345,10 +341,6 @@ private:
 
   std::int32_t m_time;
 };
-
-inline constexpr DKTimeEx DKTimeEx::null{};
-inline constexpr DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
-inline constexpr DKTimeEx DKTimeEx::maximum = DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1);
 
 // The time moved by a duration, as += and -= move it.
 [[nodiscard]] DK_EXPORT DKTimeEx operator+(const DKTimeEx& time, const DKDurationEx& duration);
@@ -541,10 +533,6 @@ private:
   DKTimeEx m_time;
   DKDateEx m_date;
 };
-
-inline constexpr DKDateTimeEx DKDateTimeEx::null{};
-inline constexpr DKDateTimeEx DKDateTimeEx::minimum = DKDateTimeEx::FromParts(DKDateEx::minimum, DKTimeEx::minimum);
-inline constexpr DKDateTimeEx DKDateTimeEx::maximum = DKDateTimeEx::FromParts(DKDateEx::maximum, DKTimeEx::maximum);
 
 template <dkdate_detail::DividesMillisecond Duration>
 bool DKDateTimeEx::AsTimePoint(std::chrono::sys_time<Duration>& time) const noexcept {

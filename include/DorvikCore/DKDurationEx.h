@@ -154,8 +154,6 @@ private:
   std::int32_t m_duration;
 };
 
-inline constexpr DKDurationEx DKDurationEx::invalid_{};
-
 // Writes the short form as UTF-8; reads one word, or a count and a unit word, as FromString
 // reads them with seconds as the default unit (failbit when the text is not a duration).
 DK_EXPORT std::ostream& operator<<(std::ostream& os, const DKDurationEx& duration);

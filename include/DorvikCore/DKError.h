@@ -149,10 +149,10 @@ template <class T>
 void AddParam(DKErrorWithArgs& error, const T& value) {
   if constexpr (std::is_enum_v<T>) {
     AddParam(error, static_cast<std::underlying_type_t<T>>(value));
+  } else if constexpr (std::is_same_v<T, long>) {
+    error.AddParam(value); // before the int-sized kinds: long is as wide as int on Windows
   } else if constexpr (std::is_integral_v<T> && sizeof(T) <= sizeof(int) && !std::is_same_v<T, unsigned>) {
     error.AddParam(static_cast<int>(value));
-  } else if constexpr (std::is_same_v<T, long>) {
-    error.AddParam(value);
   } else if constexpr (std::is_integral_v<T>) {
     if (std::in_range<long>(value))
       error.AddParam(static_cast<long>(value));

@@ -48,22 +48,26 @@ DKString MakeAbsolute(const DKString& path) {
   DKString full = path;
   if (!DKEnvironment::IsAbsolutePath(path.AsUTF8()))
     full = JoinPath(CurrentDirectory(), path);
-  // Rebuilt component by component, dropping empty and "." components.
-  std::vector<DKString> components;
-  std::size_t start = 0;
+  // The root ("/", a drive, a network share) stays, with this platform's separators; the rest is
+  // rebuilt component by component, dropping empty and "." components.
+  const std::size_t root = DKFileSystem::RootLength(full.View());
+  DKString result = root ? DKString() : DKString(DKFileSystem::Separator());
+  for (std::size_t i = 0; i < root; ++i)
+    result += DKFileSystem::IsSeparator(full[i]) ? DKFileSystem::Separator() : full[i];
+  std::size_t start = root;
   const std::size_t length = full.Length();
-  for (std::size_t i = 0; i <= length; ++i) {
+  for (std::size_t i = root; i <= length; ++i) {
     if (i < length && !DKFileSystem::IsSeparator(full[i]))
       continue;
     const DKString component = full.SubStr(start, i - start);
-    if (!component.IsEmpty() && component != DK_T("."))
-      components.push_back(component);
+    if (!component.IsEmpty() && component != DK_T(".")) {
+      if (!DKFileSystem::IsSeparator(result[result.Length() - 1]))
+        result += DKFileSystem::Separator();
+      result += component;
+    }
     start = i + 1;
   }
-  DKString result;
-  for (const DKString& component : components)
-    result += DKString(DKFileSystem::Separator()) + component;
-  return result.IsEmpty() ? DKString(DKFileSystem::Separator()) : result;
+  return result;
 }
 
 bool IsReadableFile(const DKString& path) { return DKEnvironment::IsReadableFile(path.AsUTF8()); }

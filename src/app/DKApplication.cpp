@@ -10,6 +10,7 @@
 #include <DorvikCore/DKTrace.h>
 
 #include "app/DKAppPath.h"
+#include "os/DKConsoleOutput.h"
 #include "os/DKEnvironment.h"
 #include "os/DKProcess.h"
 
@@ -332,7 +333,7 @@ std::ostream& DKApplication::GetAppCout(std::uint32_t level) {
   CurrentApp& current = Current();
   std::lock_guard guard(current.lock);
   if (!current.app)
-    return std::cout;
+    return DKConsoleOutput::Stream();
   // The stream refers to the channel by its id only: it stays safe to write to after the
   // application is gone (the text then goes nowhere).
   DKLogStream& stream = DKLogStream::ForThread(current.app->m_channelId);

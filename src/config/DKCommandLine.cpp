@@ -441,7 +441,7 @@ std::vector<DKCommandLine::Problem> DKCommandLine::Check(const std::vector<const
     const DKString& word = m_rawArguments[i];
     const DKUsageInfo::Option* option = nullptr;
     for (const DKUsageInfo::Option& candidate : options)
-      if (NamesEqual(argument.GetArgument(), candidate.name)) {
+      if (NamesEqual(argument.GetArgument().View(), candidate.name.View())) {
         option = &candidate;
         break;
       }
@@ -487,7 +487,7 @@ std::size_t DKCommandLine::GetInvalidArguments(const std::vector<DKString>& vali
       continue;
     bool valid = false;
     for (const DKString& name : validNames)
-      if (NamesEqual(argument.GetArgument(), name)) {
+      if (NamesEqual(argument.GetArgument().View(), name.View())) {
         valid = true;
         break;
       }

@@ -113,6 +113,11 @@ bool StartsWithToDate(const DKString& text) {
 // ---------------------------------------------------------------------------------------------
 // DKDate
 
+// The class constants are defined here, in the library, and nowhere else: on Windows a program
+// imports an exported class's members and may hold no copy of its own.
+constinit const DKDate DKDate::minimum = DKDate::FromDays(-693230);
+constinit const DKDate DKDate::maximum = DKDate::FromDays(2147483647);
+
 long DKDate::JulianDay(unsigned short day, unsigned short month, unsigned short year) noexcept {
   return dkcal::JulianDayFormula<long>(day, month, year);
 }
@@ -379,6 +384,9 @@ DKDurationEx operator-(const DKDate& a, const DKDate& b) {
 
 // ---------------------------------------------------------------------------------------------
 // DKDateTime
+
+constinit const DKDateTime DKDateTime::minimum = DKDateTime::FromCount(-2147397248);
+constinit const DKDateTime DKDateTime::maximum = DKDateTime::FromCount(2147397247);
 
 void DKDateTime::SetCount(DKInt64 seconds) {
   if (seconds > maximum.m_time)

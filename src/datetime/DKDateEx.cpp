@@ -49,6 +49,12 @@ dk::SYSTEMTIME OriginRecord(const DKTimeEx& time) noexcept {
 // ---------------------------------------------------------------------------------------------
 // DKDateEx
 
+// The class constants are defined here, in the library, and nowhere else: on Windows a program
+// imports an exported class's members and may hold no copy of its own.
+constinit const DKDateEx DKDateEx::null{};
+constinit const DKDateEx DKDateEx::minimum = DKDateEx::Pack(DKDateEx::minYear, 1, 1);
+constinit const DKDateEx DKDateEx::maximum = DKDateEx::Pack(DKDateEx::maxYear, 12, 31);
+
 DKDateEx::DKDateEx(std::int32_t year, std::uint32_t month, std::uint32_t day) : m_date(0) {
   if (!SetDate(year, month, day)) {
     DKString text(DK_T("Invalid date: "));
@@ -277,6 +283,10 @@ DKDurationEx operator-(const DKDateEx& a, const DKDateEx& b) {
 
 // ---------------------------------------------------------------------------------------------
 // DKTimeEx
+
+constinit const DKTimeEx DKTimeEx::null{};
+constinit const DKTimeEx DKTimeEx::minimum = DKTimeEx::FromMilliseconds(0);
+constinit const DKTimeEx DKTimeEx::maximum = DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1);
 
 DKTimeEx::DKTimeEx(std::uint32_t hour, std::uint32_t minute, std::uint32_t second, std::uint32_t millisecond)
     : m_time(NULL_TIME) {

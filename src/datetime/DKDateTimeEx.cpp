@@ -144,6 +144,14 @@ bool FieldsToWrite(const DKDateTimeEx& value, const DKTimeZone& zone, dkdt::Writ
 // ---------------------------------------------------------------------------------------------
 // Construction
 
+// The class constants are defined here, in the library, and nowhere else: on Windows a program
+// imports an exported class's members and may hold no copy of its own.
+constinit const DKDateTimeEx DKDateTimeEx::null{};
+constinit const DKDateTimeEx DKDateTimeEx::minimum =
+    DKDateTimeEx::FromParts(DKDateEx::Pack(DKDateEx::minYear, 1, 1), DKTimeEx::FromMilliseconds(0));
+constinit const DKDateTimeEx DKDateTimeEx::maximum =
+    DKDateTimeEx::FromParts(DKDateEx::Pack(DKDateEx::maxYear, 12, 31), DKTimeEx::FromMilliseconds(DKTimeEx::msPerDay - 1));
+
 DKDateTimeEx::DKDateTimeEx(std::int32_t year, std::uint32_t month, std::uint32_t day, std::uint32_t hour, std::uint32_t minute,
                            std::uint32_t second, std::uint32_t millisecond, const DKTimeZone& zone)
     : DKDateTimeEx() {

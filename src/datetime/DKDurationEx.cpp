@@ -64,6 +64,10 @@ DKInt64 FactorToFiner(DKDurationEx::Unit from, DKDurationEx::Unit to) noexcept {
 
 } // namespace
 
+// The class constants are defined here, in the library, and nowhere else: on Windows a program
+// imports an exported class's members and may hold no copy of its own.
+constinit const DKDurationEx DKDurationEx::invalid_{};
+
 DKDurationEx::DKDurationEx(long count, Unit unit) : m_unit(CheckedUnit(unit)), m_duration(0) { SetDuration(count); }
 
 DKDurationEx::DKDurationEx(long count, const DKChar* unitShortName) : m_unit(UnitByShortName(unitShortName)), m_duration(0) {

@@ -1,7 +1,8 @@
 #include <DorvikCore/DKConsole.h>
 
+#include "os/DKConsoleOutput.h"
+
 #include <atomic>
-#include <iostream>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -12,7 +13,7 @@ namespace {
 // works from static constructors and destructors of any module.
 struct ConsoleState {
   std::recursive_mutex lock;
-  std::ostream* stream = &std::cout; // guarded by lock
+  std::ostream* stream = &DKConsoleOutput::Stream(); // guarded by lock
 };
 
 ConsoleState& Console() {
@@ -54,7 +55,7 @@ std::ostream* DKLockedCOUT::SetConsoleStream(std::ostream* stream) {
   ConsoleState& console = Console();
   std::lock_guard guard(console.lock);
   std::ostream* previous = console.stream;
-  console.stream = stream ? stream : &std::cout;
+  console.stream = stream ? stream : &DKConsoleOutput::Stream();
   return previous;
 }
 

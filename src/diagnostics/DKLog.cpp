@@ -11,7 +11,6 @@
 #include "os/DKSystem.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <map>
 #include <vector>
 
@@ -50,10 +49,7 @@ DKFileLogSubscriber::DKFileLogSubscriber(const DKString& fileName, OpenMode mode
     return;
   }
   // An appended file counts what it holds already towards its rotation.
-  if (std::fseek(m_file, 0, SEEK_END) == 0) {
-    const long size = std::ftell(m_file);
-    m_size = size > 0 ? static_cast<std::uint64_t>(size) : 0;
-  }
+  DKFileSystem::FileSize(m_file, m_size); // stays 0 when the system cannot tell
 }
 
 DKFileLogSubscriber::~DKFileLogSubscriber() {
@@ -88,15 +84,15 @@ void DKFileLogSubscriber::Rotate() {
     DKFileSystem::RemoveFile(numbered(m_keepCount)); // may well not exist
     for (unsigned n = m_keepCount - 1; n >= 1 && failure == 0; --n)
       if (DKEnvironment::PathExists(numbered(n)) && !DKFileSystem::RenameFile(numbered(n), numbered(n + 1))) {
-        failure = errno;
+        failure = DKSystem::LastErrorCode();
         failedName = numbered(n);
       }
     if (failure == 0 && !DKFileSystem::RenameFile(m_path, numbered(1))) {
-      failure = errno;
+      failure = DKSystem::LastErrorCode();
       failedName = m_path;
     }
   } else if (!DKFileSystem::RemoveFile(m_path)) {
-    failure = errno;
+    failure = DKSystem::LastErrorCode();
     failedName = m_path;
   }
   if (failure != 0) {

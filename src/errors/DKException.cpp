@@ -1,10 +1,10 @@
 #include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKException.h>
 
+#include "os/DKProcess.h"
 #include "os/DKSystem.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <mutex>
 
 namespace {
@@ -15,7 +15,8 @@ bool IsStackDisabled() {
   static std::atomic<int> disabled{-1};
   int answer = disabled.load(std::memory_order_relaxed);
   if (answer < 0) {
-    answer = std::getenv("DK_DISABLE_STACK") != nullptr ? 1 : 0;
+    std::string value;
+    answer = DKProcess::EnvironmentVariableUTF8("DK_DISABLE_STACK", value) ? 1 : 0;
     disabled.store(answer, std::memory_order_relaxed);
   }
   return answer == 1;

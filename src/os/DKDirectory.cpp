@@ -35,10 +35,11 @@ bool DKDirectory::Create(const DKString& path, bool createParents) {
   if (!createParents)
     return MakeOne(utf8);
 
-  // Walk down from the top: every prefix that ends before a separator names one level. Leading
-  // separators (the root) and repeated ones never end a component.
+  // Walk down from the top: every prefix that ends before a separator names one level. The root
+  // (a leading separator, a drive, a network share) and repeated separators never end a component.
   const std::size_t length = path.Length();
-  for (std::size_t i = 1; i < length; ++i) {
+  const std::size_t root = DKFileSystem::RootLength(path.View());
+  for (std::size_t i = root > 1 ? root : 1; i < length; ++i) {
     if (!DKFileSystem::IsSeparator(path[i]) || DKFileSystem::IsSeparator(path[i - 1]))
       continue;
     if (!MakeOne(path.SubStr(0, i).AsUTF8()))

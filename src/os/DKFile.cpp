@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -100,7 +99,7 @@ bool DKFile::ReadAll(const DKString& path, DKFileBytes& bytes, DKString& error) 
   for (;;) {
     auto* data = static_cast<unsigned char*>(FileImpl::AllocatePages(capacity));
     if (!data)
-      return Failed(ENOMEM, DK_T("cannot read"), path, error);
+      return Failed(FileImpl::OutOfMemory(), DK_T("cannot read"), path, error);
     if (bytes.m_data) {
       std::memcpy(data, bytes.m_data, bytes.m_size);
       FileImpl::FreePages(bytes.m_data, bytes.m_mapped);

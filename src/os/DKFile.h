@@ -98,6 +98,8 @@ public:
   // The file a chain of symbolic links at path leads to; path itself when it is no link.
   static DKString ResolveLinks(const DKString& path);
   static bool IsAlreadyExists(int error) noexcept;
+  // The system's code for "not enough memory".
+  static int OutOfMemory() noexcept;
 
   // Memory pages straight from the system, zero-filled; null when none can be had.
   static void* AllocatePages(std::size_t size) noexcept;

@@ -333,12 +333,17 @@ bool IsConversion(unsigned c) noexcept {
 // conversion letter `conversion`) into out. Returns false if the C library refused.
 template <class CharT, class T>
 bool FormatNumber(Sink<CharT>& sink, const Directive& dir, const char* modifier, char conversion, T value) {
+  // A NaN's sign is written on every system (some C runtimes drop it): the positive NaN is
+  // formatted with a forced sign, which is then turned.
+  const bool negativeNan = std::isnan(value) && std::signbit(value);
+  if (negativeNan)
+    value = -value;
   char format[48];
   char* f = format;
   *f++ = '%';
   if (dir.left) *f++ = '-';
-  if (dir.plus) *f++ = '+';
-  if (dir.space) *f++ = ' ';
+  if (dir.plus || negativeNan) *f++ = '+';
+  if (dir.space && !negativeNan) *f++ = ' ';
   if (dir.zero) *f++ = '0';
   if (dir.alternate) *f++ = '#';
   char* const formatEnd = format + sizeof format;
@@ -374,6 +379,10 @@ bool FormatNumber(Sink<CharT>& sink, const Directive& dir, const char* modifier,
   }
   if (n < 0)
     return false;
+  if (negativeNan) {
+    if (void* sign = std::memchr(buffer, '+', static_cast<std::size_t>(n)))
+      *static_cast<char*>(sign) = '-';
+  }
   sink.WriteUtf8(buffer, static_cast<std::size_t>(n));
   return true;
 }

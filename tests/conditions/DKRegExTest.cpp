@@ -138,7 +138,7 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
 const char* const runAtoms[] = {"a", "b", ".", "[a-z]", "[^a]", "\\u00e9", "[\\u00e9a]", "\\w", "\\s",
                                "[^\\n]", "\\uD83D\\uDE00", "\\uD83D", "[a-c\\u00e9-\\u00ff]"};
 const char* const runQuantifiers[] = {"", "", "*", "+", "?", "{0,3}", "{2}", "{1,}", "{2,4}"};
-const char16_t runUnits[] = {u'a', u'b', u'z', u'\u00e9', u'\n', u' ', u'\u2028', 0xD83D, 0xDE00, u'1'};
+const DKChar runUnits[] = {DK_T('a'), DK_T('b'), DK_T('z'), DK_T('\u00e9'), DK_T('\n'), DK_T(' '), DK_T('\u2028'), 0xD83D, 0xDE00, DK_T('1')};
 
 TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   std::mt19937 rng(77);

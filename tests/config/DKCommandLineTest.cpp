@@ -394,14 +394,14 @@ TEST(DKCommandLineArgument, ValuesAndOrdering) {
 // DKUsageInfo
 
 DKStdString Pad(const DKStdString& text, std::size_t width) {
-  return text.size() >= width ? text : text + DKStdString(width - text.size(), u' ');
+  return text.size() >= width ? text : text + DKStdString(width - text.size(), DK_T(' '));
 }
 // The three kinds of layout line, built independently of the library's formatting.
 DKString OptionLine(const DKStdString& name, const DKStdString& chunk) {
-  return DKString(u"   /" + Pad(name, 20) + u" " + Pad(chunk, 54));
+  return DKString(DK_T("   /") + Pad(name, 20) + DK_T(" ") + Pad(chunk, 54));
 }
-DKString NameLine(const DKStdString& name) { return DKString(u"   /" + name); }
-DKString ContinuationLine(const DKStdString& chunk) { return DKString(DKStdString(25, u' ') + Pad(chunk, 54)); }
+DKString NameLine(const DKStdString& name) { return DKString(DK_T("   /") + name); }
+DKString ContinuationLine(const DKStdString& chunk) { return DKString(DKStdString(25, DK_T(' ')) + Pad(chunk, 54)); }
 
 Lines Layout(const DKString& name, const DKString& description) {
   DKUsageInfo info;
@@ -435,7 +435,7 @@ TEST(DKUsageInfo, EntriesKeepTheirOrderAndFlag) {
 }
 
 TEST(DKUsageLayout, NameWidthAndBreaks) {
-  const DKStdString name20(20, u'n'), name21(21, u'n'), word54(54, u'w'), word60(60, u'x'), a50(50, u'a');
+  const DKStdString name20(20, DK_T('n')), name21(21, DK_T('n')), word54(54, DK_T('w')), word60(60, DK_T('x')), a50(50, DK_T('a'));
   struct Case {
     const char* what;
     DKStdString name;
@@ -443,22 +443,22 @@ TEST(DKUsageLayout, NameWidthAndBreaks) {
     Lines expected;
   };
   const Case cases[] = {
-      {"short", u"help", u"Shows this text", {OptionLine(u"help", u"Shows this text")}},
-      {"name of 20 shares the line", name20, u"d", {OptionLine(name20, u"d")}},
-      {"name of 21 has its own line", name21, u"d", {NameLine(name21), ContinuationLine(u"d")}},
-      {"empty description", u"x", u"", {OptionLine(u"x", u"")}},
-      {"long name, empty description", name21, u"", {NameLine(name21)}},
-      {"exactly 54 is one chunk", u"x", word54, {OptionLine(u"x", word54)}},
-      {"a blank at 54 closes a full chunk", u"x", word54 + u" tail",
-       {OptionLine(u"x", word54), ContinuationLine(u"tail")}},
-      {"the last blank within 54 breaks", u"x", a50 + u" bb cc",
-       {OptionLine(u"x", a50 + u" bb"), ContinuationLine(u"cc")}},
-      {"a word longer than 54 is cut", u"x", word60 + u" end",
-       {OptionLine(u"x", DKStdString(54, u'x')), ContinuationLine(u"xxxxxx end")}},
-      {"a cut never splits a surrogate pair", u"x", DKStdString(53, u'a') + u"\U0001D11Ebc",
-       {OptionLine(u"x", DKStdString(53, u'a')), ContinuationLine(u"\U0001D11Ebc")}},
-      {"long name, long description", name21, u"one " + word54,
-       {NameLine(name21), ContinuationLine(u"one"), ContinuationLine(word54)}},
+      {"short", DK_T("help"), DK_T("Shows this text"), {OptionLine(DK_T("help"), DK_T("Shows this text"))}},
+      {"name of 20 shares the line", name20, DK_T("d"), {OptionLine(name20, DK_T("d"))}},
+      {"name of 21 has its own line", name21, DK_T("d"), {NameLine(name21), ContinuationLine(DK_T("d"))}},
+      {"empty description", DK_T("x"), DK_T(""), {OptionLine(DK_T("x"), DK_T(""))}},
+      {"long name, empty description", name21, DK_T(""), {NameLine(name21)}},
+      {"exactly 54 is one chunk", DK_T("x"), word54, {OptionLine(DK_T("x"), word54)}},
+      {"a blank at 54 closes a full chunk", DK_T("x"), word54 + DK_T(" tail"),
+       {OptionLine(DK_T("x"), word54), ContinuationLine(DK_T("tail"))}},
+      {"the last blank within 54 breaks", DK_T("x"), a50 + DK_T(" bb cc"),
+       {OptionLine(DK_T("x"), a50 + DK_T(" bb")), ContinuationLine(DK_T("cc"))}},
+      {"a word longer than 54 is cut", DK_T("x"), word60 + DK_T(" end"),
+       {OptionLine(DK_T("x"), DKStdString(54, DK_T('x'))), ContinuationLine(DK_T("xxxxxx end"))}},
+      {"a cut never splits a surrogate pair", DK_T("x"), DKStdString(53, DK_T('a')) + DK_T("\U0001D11Ebc"),
+       {OptionLine(DK_T("x"), DKStdString(53, DK_T('a'))), ContinuationLine(DK_T("\U0001D11Ebc"))}},
+      {"long name, long description", name21, DK_T("one ") + word54,
+       {NameLine(name21), ContinuationLine(DK_T("one")), ContinuationLine(word54)}},
   };
   for (const Case& c : cases)
     EXPECT_EQ(Layout(DKString(c.name), DKString(c.description)), c.expected) << c.what;
@@ -475,8 +475,8 @@ TEST(DKUsageLayout, EveryCharacterIsLaidOutOnce) {
     DKStdString description;
     const unsigned words = next(30);
     for (unsigned w = 0; w < words; ++w) {
-      description += DKStdString(next(80) + 1, static_cast<DKChar>(u'a' + next(26)));
-      description += next(5) == 0 ? u"  " : u" ";
+      description += DKStdString(next(80) + 1, static_cast<DKChar>(DK_T('a') + next(26)));
+      description += next(5) == 0 ? DK_T("  ") : DK_T(" ");
     }
     DKStdString laidOut;
     for (const DKString& line : Layout(DK_T("opt"), DKString(description))) {
@@ -484,8 +484,8 @@ TEST(DKUsageLayout, EveryCharacterIsLaidOutOnce) {
       laidOut += line.AsStdString().substr(25);
     }
     // Without blanks (those dropped at breaks and the padding) the text is the description.
-    std::erase(description, u' ');
-    std::erase(laidOut, u' ');
+    std::erase(description, DK_T(' '));
+    std::erase(laidOut, DK_T(' '));
     ASSERT_EQ(laidOut, description) << "round " << round;
   }
 }
@@ -494,12 +494,12 @@ TEST(DKUsageLayout, FormatUsageEndsEveryLine) {
   DKUsageInfo info;
   EXPECT_TRUE(info.FormatUsage().IsEmpty());
   info.AddCmdLineArgDesc(DK_T("a"), DK_T("first"));
-  EXPECT_EQ(info.FormatUsage(), DKString(OptionLine(u"a", u"first").AsStdString() + u"\n"));
+  EXPECT_EQ(info.FormatUsage(), DKString(OptionLine(DK_T("a"), DK_T("first")).AsStdString() + DK_T("\n")));
   info.SetGeneralInfo(DK_T("Plug-in X options:"));
   info.AddCmdLineArgDesc(DK_T("bbbbbbbbbbbbbbbbbbbbbbbbb"), DK_T("second"));
-  const DKStdString expected = u"Plug-in X options:\n" + OptionLine(u"a", u"first").AsStdString() + u"\n" +
-                               NameLine(u"bbbbbbbbbbbbbbbbbbbbbbbbb").AsStdString() + u"\n" +
-                               ContinuationLine(u"second").AsStdString() + u"\n";
+  const DKStdString expected = DK_T("Plug-in X options:\n") + OptionLine(DK_T("a"), DK_T("first")).AsStdString() + DK_T("\n") +
+                               NameLine(DK_T("bbbbbbbbbbbbbbbbbbbbbbbbb")).AsStdString() + DK_T("\n") +
+                               ContinuationLine(DK_T("second")).AsStdString() + DK_T("\n");
   EXPECT_EQ(info.FormatUsage(), DKString(expected));
 }
 

@@ -2,7 +2,10 @@
 // days: day counts, dates, leap years, week days and week numbers.
 #include "DateTimeTestSupport.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <limits>
 #include <random>
 
 namespace {
@@ -50,12 +53,14 @@ TEST(CalendarTest, DaysBeforeYearZeroFormAnUnbrokenSequence) {
 
 TEST(CalendarTest, WholePackedRangeRoundTripsThroughDayCounts) {
   std::mt19937_64 random(1234);
-  std::uniform_int_distribution<long> anyDay(0, 2L * 4194303 * 366);
+  std::uniform_int_distribution<long long> anyDay(0, 2LL * 4194303 * 366);
   const DKDateEx low = DKDateEx::minimum;
   const long span = (DKDateEx::maximum - low).GetDuration(); // in weeks: too many days for 32 bits
   ASSERT_EQ((DKDateEx::maximum - low).GetUnit(), DKDurationEx::Week);
+  // A count of days is a long: where it has 32 bits (Windows) it reaches the first 2^31 days.
+  const long long reach = std::min<long long>(span * 7LL, std::numeric_limits<long>::max());
   for (int i = 0; i < 200000; ++i) {
-    const long n = anyDay(random) % (span * 7L);
+    const long n = static_cast<long>(anyDay(random) % reach);
     const DKDateEx date = low + n;
     ASSERT_TRUE(date.IsValid());
     const DKDateEx next = date + 1L;
@@ -64,7 +69,7 @@ TEST(CalendarTest, WholePackedRangeRoundTripsThroughDayCounts) {
     ASSERT_EQ(date - n, low);
   }
   // The weeks are truncated: less than one week is left to the maximum.
-  const DKDurationEx rest = DKDateEx::maximum - (low + span * 7L);
+  const DKDurationEx rest = DKDateEx::maximum - (low + DKDurationEx(span, DKDurationEx::Week));
   EXPECT_EQ(rest.GetUnit(), DKDurationEx::Day);
   EXPECT_GE(rest.GetDuration(), 0);
   EXPECT_LT(rest.GetDuration(), 7);

@@ -67,7 +67,7 @@ TEST(DateExTest, LeavingTheRangeThrowsWithTheBound) {
   EXPECT_EQ(last, DKDateEx::maximum);
   EXPECT_THROW(DKDateEx(DKDateEx::minimum) -= DKDurationEx(1, U::Month), DKDateExceptionEx);
   EXPECT_THROW(DKDateEx(2000, 1, 1) += DKDurationEx(2147483647L, U::Year), DKDateExceptionEx);
-  EXPECT_THROW(DKDateEx(2000, 1, 1) += 9000000000000000000L, DKDateExceptionEx);
+  EXPECT_THROW(DKDateEx(2000, 1, 1) += std::numeric_limits<long>::max(), DKDateExceptionEx);
   EXPECT_THROW(DKDateEx(2000, 1, 1) -= std::numeric_limits<long>::min(), DKDateExceptionEx);
   EXPECT_EQ(--DKDateEx(DKDateEx::maximum) + 1L, DKDateEx::maximum);
   // A date that is not valid does not move.

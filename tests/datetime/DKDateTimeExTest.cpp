@@ -97,6 +97,9 @@ TEST(TimeZoneTest, SystemTimeBetweenUtcAndZone) {
 // The library learns each year's changes of offset from the system and answers from that
 // table: it must agree with the system at every instant, to the second around each change.
 TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "the zones are set through TZ, which the Windows local zone does not follow";
+#else
   const auto system = [](std::int64_t t) {
     const time_t value = static_cast<time_t>(t);
     std::tm tm{};
@@ -124,6 +127,7 @@ TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
     }
     EXPECT_GT(changes, 2);
   }
+#endif
 }
 
 // Instants and readings at the ends of the 64-bit range lie far beyond the years the system

@@ -3,6 +3,12 @@
 
 #include <DorvikCore/DKDateTime.h>
 
+#include "support/DKTestPlatform.h"
+
+#if defined(_WIN32)
+#  include <oaidl.h> // the system's VARIANT, whose members the tests read
+#endif
+
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
@@ -17,11 +23,17 @@ public:
   explicit ScopedTimeZone(const char* zone) : ScopedEnv("TZ", zone, &DKTimeZone::Reload) {}
 };
 
-inline bool HasZoneInfo(const char* zone) { return std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone); }
+// Whether TZ=zone can be set for a test: the zone is in the system's time-zone database and the
+// local zone follows TZ.
+inline bool HasZoneInfo(const char* zone) {
+  return dktest::TimeZoneFollowsTZ() && std::filesystem::exists(std::string("/usr/share/zoneinfo/") + zone);
+}
 
 // Runs the rest of the scope under TZ=zone, or skips the test when the system's time-zone database
-// lacks the zone (package tzdata).
+// lacks the zone (package tzdata) or the local zone does not follow TZ (Windows).
 #define DK_IN_ZONE(zone)                                                                              \
+  if (!dktest::TimeZoneFollowsTZ())                                                                   \
+    GTEST_SKIP() << "the local zone comes from the system settings, not from TZ";                     \
   if (!HasZoneInfo(zone))                                                                             \
     GTEST_SKIP() << "time-zone data for " << zone << " is missing (install the tzdata package)";      \
   const ScopedTimeZone dkZoneScope(zone)

@@ -70,7 +70,7 @@ TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecuta
 
   const fs::path file =
       TraceFile(fs::canonical(fs::path(DK_TRACE_CHILD_PATH).parent_path()), ChildExecutableBase(), child.pid);
-  const Texts lines = SplitLines(ReadWholeFile(file));
+  const Texts lines = TraceFileLines(file);
   std::error_code ignored;
   fs::remove(file, ignored);
 
@@ -80,7 +80,7 @@ TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecuta
     expected += "filter=0\n";
   EXPECT_EQ(child.output, expected);
   ASSERT_EQ(lines.size(), 1u) << file;
-  EXPECT_EQ(Parsed(lines[0]).threadId, std::to_string(child.pid)); // the main thread's id is the process id
+  EXPECT_EQ(Parsed(lines[0]).threadId, std::to_string(child.mainThread));
   EXPECT_EQ(Digests(lines), Texts{"child|1|SO|socket line"});
 }
 
@@ -140,7 +140,7 @@ TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFol
     for (const bool quiet : {false, true}) {
       const ChildResult child =
           RunTraceChild(Quietly(quiet, {"enabled", "msg", "1", "1", "text"}),
-                        {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}, {"TMPDIR", temp.string() + "/"}});
+                        {{"DK_TRACE", "SO"}, {"DK_TRACE_FOLDER", folder.string()}, {dktest::TempFolderVariable(), temp.string() + "/"}});
       EXPECT_EQ(child.output, (quiet ? "" : "Cannot create folder " + folder.string() + "\n") + "enabled=1\n");
       EXPECT_EQ(ChildTraceLines(temp, child).size(), 1u) << folder;
     }
@@ -150,11 +150,13 @@ TEST(DKTraceEnvironmentTest, FolderThatCannotBeCreatedFallsBackToTheTemporaryFol
 
 // The file cannot be opened when the environment switches tracing on, so tracing stays off.
 TEST(DKTraceEnvironmentTest, FolderWithoutWriteAccessLeavesTracingOff) {
+  if (dktest::UnwritableFolder().empty())
+    GTEST_SKIP() << "no folder refuses files on this system";
   const TracedRun run = RunTracing({"enabled", "filter", "1", "1", "msg", "1", "1", "lost", "hex", "1", "20"},
-                                   {{"DK_TRACE_FOLDER", "/proc"}});
+                                   {{"DK_TRACE_FOLDER", dktest::UnwritableFolder().string()}});
   EXPECT_EQ(run.child.exitCode, 0);
   EXPECT_EQ(run.child.output, "Cannot open trace file " +
-                                  TraceFile("/proc", ChildExecutableBase(), run.child.pid).string() +
+                                  TraceFile(dktest::UnwritableFolder(), ChildExecutableBase(), run.child.pid).string() +
                                   "\nenabled=0\nfilter=0\n");
 }
 

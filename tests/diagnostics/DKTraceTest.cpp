@@ -17,13 +17,12 @@
 namespace {
 
 fs::path OwnTraceFile(const fs::path& folder) {
-  return TraceFile(folder, fs::canonical("/proc/self/exe").stem().string(), static_cast<long>(getpid()));
+  return TraceFile(folder, dktest::CurrentExecutable().stem().string(), dktest::CurrentProcessId());
 }
 
 std::string LocalStamp(std::chrono::system_clock::time_point when) {
   const std::time_t t = std::chrono::system_clock::to_time_t(when);
-  std::tm local{};
-  localtime_r(&t, &local);
+  const std::tm local = dktest::LocalTime(t);
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%d;%H:%M:%S", &local);
   return text;
@@ -39,7 +38,7 @@ protected:
     ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO,DB")));
   }
   void TearDown() override { DKTrace::SetTraceSubjects(nullptr); }
-  Texts Lines(const fs::path& folder) const { return SplitLines(ReadWholeFile(OwnTraceFile(folder))); }
+  Texts Lines(const fs::path& folder) const { return TraceFileLines(OwnTraceFile(folder)); }
   Texts Lines() const { return Lines(m_folder.Path()); }
 
   ScratchFolder m_folder;
@@ -57,7 +56,7 @@ TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   EXPECT_TRUE(std::regex_match(line.stamp, std::regex(R"(\d{4}-\d\d-\d\d;\d\d:\d\d:\d\d\.\d{3})"))) << line.stamp;
   EXPECT_LE(before, line.stamp.substr(0, 19));
   EXPECT_GE(after, line.stamp.substr(0, 19));
-  EXPECT_EQ(line.threadId, std::to_string(gettid()));
+  EXPECT_EQ(line.threadId, std::to_string(dktest::CurrentThreadId()));
   EXPECT_EQ(Digests(lines), Texts{"Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
                                   "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
 }
@@ -155,8 +154,11 @@ TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThereOrLosesOutputWhenItC
   EXPECT_EQ(Digests(Lines(nested)), Texts{"s|1|SO|after"});
 
   ConsoleCapture console;
-  EXPECT_FALSE(DKTrace::SetTraceFolderName(DK_T("/proc")));
-  EXPECT_EQ(console.Text(), "Cannot open trace file " + OwnTraceFile("/proc").string() + "\n");
+  const fs::path unwritable = dktest::UnwritableFolder();
+  if (unwritable.empty())
+    GTEST_SKIP() << "no folder refuses files on this system";
+  EXPECT_FALSE(DKTrace::SetTraceFolderName(Text(unwritable.string()).c_str()));
+  EXPECT_EQ(console.Text(), "Cannot open trace file " + OwnTraceFile(unwritable).string() + "\n");
   EXPECT_TRUE(DKTrace::IsTracingEnabled());
   EXPECT_FALSE(DKTrace::TraceThisSubject(TL_NORMAL, TS_SO));
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "lost\n");
@@ -233,7 +235,7 @@ TEST_F(DKTraceFileTest, LinesOfConcurrentThreadsNeverInterleave) {
   const std::string hexBytes = "0123456789abcdefghijklmnopqrstuvwxyzABCD"; // 40 bytes: three rows
   std::vector<long> threadIds(kThreads);
   RunOnThreads(kThreads, kLines, [&](int t, int i) {
-    threadIds[t] = gettid();
+    threadIds[t] = dktest::CurrentThreadId();
     DKTrace::Msg(TL_NORMAL, TS_SO, "worker", "thread=%d line=%d %s\n", t, i, payload.c_str());
     if (i % 100 == 0)
       DKTrace::MsgHex(TL_NORMAL, TS_DB, "worker", hexBytes.data(), 40);

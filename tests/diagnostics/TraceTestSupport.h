@@ -2,7 +2,7 @@
 // trace scenario with an environment of its own.
 #pragma once
 
-#include "support/DKChildProcess.h"
+#include "support/DKTestPlatform.h"
 #include "support/DKTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -62,25 +62,40 @@ inline Texts Digests(const Texts& lines, char delim = '\t') {
 }
 
 struct ChildResult {
-  int exitCode = -1; // or 128 + the signal that ended it
-  std::string output;
+  int exitCode = -1;  // -1 when it did not exit normally
+  std::string output; // its standard output
   long pid = 0;
+  long mainThread = 0; // the id of its first thread
 };
 
-inline std::string ChildExecutableBase() { return fs::path(DK_TRACE_CHILD_PATH).filename().string(); }
+inline std::string ChildExecutableBase() {
+  return fs::path(DK_TRACE_CHILD_PATH).stem().string(); // the extension goes
+}
 
 // Runs the trace child program with the given commands and waits for it. Its environment is this
 // process's without any DK_TRACE* variable, with `set` added (or replacing what is there).
 inline ChildResult RunTraceChild(const Texts& commands, const std::map<std::string, std::string>& set = {}) {
   Texts arguments{DK_TRACE_CHILD_PATH};
   arguments.insert(arguments.end(), commands.begin(), commands.end());
-  const Texts environment = dktest::EnvironmentWith(set, "DK_TRACE");
-  dktest::Child child(arguments, std::string(), &environment);
-  const int exitCode = child.Finish();
-  return {exitCode, child.Output(), child.Pid()};
+  const dktest::ProcessResult run = dktest::RunProcess(arguments, set, "DK_TRACE");
+  return ChildResult{run.exitCode, run.output, run.pid, run.mainThread};
+}
+
+// The lines of a trace file. It is a text file with the system's line ends: "\r\n" on Windows,
+// which each line must have and loses here.
+inline Texts TraceFileLines(const fs::path& path) {
+  Texts lines = SplitLines(ReadWholeFile(path));
+#if defined(_WIN32)
+  for (std::string& line : lines) {
+    EXPECT_TRUE(!line.empty() && line.back() == '\r') << "no CR LF at the end of " << line;
+    if (!line.empty() && line.back() == '\r')
+      line.pop_back();
+  }
+#endif
+  return lines;
 }
 
 // The lines of the child's trace file in `folder`.
 inline Texts ChildTraceLines(const fs::path& folder, const ChildResult& child) {
-  return SplitLines(ReadWholeFile(TraceFile(folder, ChildExecutableBase(), child.pid)));
+  return TraceFileLines(TraceFile(folder, ChildExecutableBase(), child.pid));
 }

@@ -2,6 +2,8 @@
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKMessageSource.h>
 
+#include "support/DKTestPlatform.h"
+
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
@@ -293,18 +295,25 @@ TEST(DKExceptionStackTest, EnvironmentDisablesCaptureForTheProcess) {
 }
 
 TEST(DKExceptionSubclassTest, LastErrorExceptionCarriesTheSystemText) {
-  errno = ENOENT;
-  const DKWindowsLastErrorException fromErrno;
-  EXPECT_EQ(fromErrno.GetErrorCode(), ENOENT);
-  EXPECT_EQ(fromErrno.What(), DK_T("No such file or directory"));
+  // The system's last error: errno here, GetLastError on Windows.
+#if defined(_WIN32)
+  const int notFound = 2, denied = 5; // ERROR_FILE_NOT_FOUND, ERROR_ACCESS_DENIED
+#else
+  const int notFound = ENOENT, denied = EACCES;
+#endif
+  dktest::SetLastSystemError(notFound);
+  const DKWindowsLastErrorException fromLastError;
+  EXPECT_EQ(fromLastError.GetErrorCode(), notFound);
+  EXPECT_EQ(fromLastError.What(), Text(dktest::SystemErrorText(notFound)));
+  EXPECT_FALSE(dktest::SystemErrorText(notFound).empty());
   const struct {
     int code;
-    const char* text;
-  } cases[] = {{EACCES, "Permission denied"}, {987654, "Unknown error 987654"}};
+    std::string text;
+  } cases[] = {{denied, dktest::SystemErrorText(denied)}, {987654, "Unknown error 987654"}};
   for (const auto& c : cases) {
     const DKWindowsLastErrorException e(c.code);
     EXPECT_EQ(e.GetErrorCode(), c.code);
-    EXPECT_STREQ(e.what(), c.text);
+    EXPECT_EQ(e.what(), c.text);
   }
 }
 
@@ -352,11 +361,16 @@ TEST(DKExceptionSubclassTest, MsgExceptionTakesItsTextFromTheSource) {
 TEST(DKLockedCOUTTest, RedirectionReturnsThePreviousStream) {
   std::ostringstream first, second;
   std::ostream* original = DKLockedCOUT::SetConsoleStream(&first);
+#if defined(_WIN32)
+  EXPECT_NE(original, &std::cout); // the platform's own: UTF-16 to a console, UTF-8 bytes to a pipe
+  ASSERT_NE(original, nullptr);
+#else
   EXPECT_EQ(original, &std::cout);
+#endif
   EXPECT_EQ(DKLockedCOUT::SetConsoleStream(&second), &first);
   DKLockedCOUT() << "to second";
   EXPECT_EQ(DKLockedCOUT::SetConsoleStream(nullptr), &second); // null restores standard output
-  EXPECT_EQ(DKLockedCOUT::SetConsoleStream(original), &std::cout);
+  EXPECT_EQ(DKLockedCOUT::SetConsoleStream(original), original);
   EXPECT_EQ(first.str(), "");
   EXPECT_EQ(second.str(), "to second");
 }

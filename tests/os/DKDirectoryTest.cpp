@@ -57,7 +57,9 @@ TEST(DKDirectoryTest, CreateMakesParentsOnlyWhenAskedAndRefusesWhatCannotBeADire
       {Text(root + "/file/sub/deeper"), true, nullptr},
       {DKString(), true, nullptr},
       {Text(root + "/") + DKString(DK_T("nul\0inside"), 10), true, nullptr},
+#if !defined(_WIN32) // a system folder that refuses new folders
       {DK_T("/proc/dk-not-allowed/x"), true, nullptr},
+#endif
   };
   for (const auto& c : cases) {
     EXPECT_EQ(DKDirectory::Create(c.path, c.parents), c.made != nullptr) << c.path;

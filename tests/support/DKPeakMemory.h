@@ -4,8 +4,10 @@
 // size before). Used by the configuration tests and benchmark.
 #pragma once
 
-#include <sys/wait.h>
-#include <unistd.h>
+#if !defined(_WIN32)
+#  include <sys/wait.h>
+#  include <unistd.h>
+#endif
 
 #include <cstring>
 #include <filesystem>
@@ -17,6 +19,11 @@ namespace dktest {
 
 // -1 where the system does not tell.
 inline double PeakResidentPerFileByte(const std::string& path, const std::function<void()>& work) {
+#if defined(_WIN32)
+  (void)path;
+  (void)work;
+  return -1; // no resettable peak of the resident set (a fresh child per measurement would be needed)
+#else
   int pipe[2];
   if (::pipe(pipe) != 0)
     return -1;
@@ -47,6 +54,7 @@ inline double PeakResidentPerFileByte(const std::string& path, const std::functi
   ::close(pipe[0]);
   ::waitpid(pid, nullptr, 0);
   return ratio;
+#endif
 }
 
 } // namespace dktest

@@ -7,6 +7,8 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
+#include "support/DKTestPlatform.h"
+
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -77,9 +79,9 @@ public:
 private:
   void Set(const char* value) {
     if (value)
-      setenv(m_name.c_str(), value, 1);
+      dktest::SetEnvironment(m_name, value);
     else
-      unsetenv(m_name.c_str());
+      dktest::UnsetEnvironment(m_name);
     if (m_reread)
       m_reread();
   }
@@ -105,12 +107,7 @@ private:
 // (permissions a test took away are given back first).
 class ScratchFolder {
 public:
-  ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "dktest-XXXXXX").string();
-    if (!mkdtemp(pattern.data()))
-      throw std::runtime_error("cannot make " + pattern);
-    m_path = std::filesystem::canonical(pattern);
-  }
+  ScratchFolder() : m_path(std::filesystem::canonical(dktest::MakeScratchFolder("dktest-"))) {}
   ~ScratchFolder() {
     namespace fs = std::filesystem;
     std::error_code ignored;
@@ -130,6 +127,16 @@ private:
   std::filesystem::path m_path;
 };
 
+// A path's UTF-8 text, and the path of UTF-8 text (a narrow path is the ANSI code page on
+// Windows).
+inline std::string Utf8(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+inline std::filesystem::path PathOf(const std::string& utf8) {
+  return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
 inline std::string ReadWholeFile(const std::filesystem::path& path) {
   std::ostringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
@@ -148,7 +155,7 @@ inline std::vector<std::string> FilesIn(const std::filesystem::path& folder) {
   std::vector<std::string> names;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(folder, error))
-    names.push_back(entry.path().filename().string());
+    names.push_back(Utf8(entry.path().filename()));
   return names;
 }
 

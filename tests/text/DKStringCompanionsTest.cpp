@@ -11,27 +11,27 @@ int Sign(int v) { return (v > 0) - (v < 0); }
 
 TEST(DKStringNatCompare, OrdersDigitRunsByValue) {
   struct Case {
-    const char16_t* a;
-    const char16_t* b;
+    const DKChar* a;
+    const DKChar* b;
     int sign;
   };
   const Case cases[] = {
-      {u"file2", u"file10", -1}, {u"file10", u"file2", 1}, {u"007", u"7", 0},  {u"1a", u"aa", -1},
-      {u"aa", u"1a", 1},         {u"ABC", u"abc", 0},      {u"  x", u"x", 0},  {u"a", u"ab", -1},
-      {u"", u"", 0},             {u"x2y3", u"x2y10", -1},  {u"é", u"É", 0},    {u"b", u"a", 1},
+      {DK_T("file2"), DK_T("file10"), -1}, {DK_T("file10"), DK_T("file2"), 1}, {DK_T("007"), DK_T("7"), 0},  {DK_T("1a"), DK_T("aa"), -1},
+      {DK_T("aa"), DK_T("1a"), 1},         {DK_T("ABC"), DK_T("abc"), 0},      {DK_T("  x"), DK_T("x"), 0},  {DK_T("a"), DK_T("ab"), -1},
+      {DK_T(""), DK_T(""), 0},             {DK_T("x2y3"), DK_T("x2y10"), -1},  {DK_T("é"), DK_T("É"), 0},    {DK_T("b"), DK_T("a"), 1},
       // Leading white space is any Unicode white space, whatever the locale.
-      {u"\u3000x", u"x", 0},     {u"\u00A0\u2003\u20289", u"10", -1},        {u"\u200Bx", u"x", 1},
+      {DK_T("\u3000x"), DK_T("x"), 0},     {DK_T("\u00A0\u2003\u20289"), DK_T("10"), -1},        {DK_T("\u200Bx"), DK_T("x"), 1},
   };
   DKStringNatCompare cmp;
   for (const Case& c : cases)
     EXPECT_EQ(Sign(cmp(c.a, c.b)), c.sign) << DKString(c.a).AsUTF8() << " vs " << DKString(c.b).AsUTF8();
-  EXPECT_EQ(cmp(nullptr, u""), 0);
-  EXPECT_LT(cmp(nullptr, u"a"), 0);
-  EXPECT_LT(cmp(DKString(u"IMG2"), DKString(u"img10")), 0);
+  EXPECT_EQ(cmp(nullptr, DK_T("")), 0);
+  EXPECT_LT(cmp(nullptr, DK_T("a")), 0);
+  EXPECT_LT(cmp(DKString(DK_T("IMG2")), DKString(DK_T("img10"))), 0);
 }
 
-std::vector<std::u16string> Tokens(const char16_t* text, const char16_t* separators, bool allowEmpty) {
-  std::u16string buffer(text);
+std::vector<DKStdString> Tokens(const DKChar* text, const DKChar* separators, bool allowEmpty) {
+  DKStdString buffer(text);
   DKTokenizer configured;
   if (separators)
     configured.SetSeparators(separators);
@@ -41,7 +41,7 @@ std::vector<std::u16string> Tokens(const char16_t* text, const char16_t* separat
   tokenizer = DKTokenizer(configured);
   DKPointerVector<DKChar> out;
   tokenizer.Tokenize(buffer.data(), out);
-  std::vector<std::u16string> result;
+  std::vector<DKStdString> result;
   for (DKChar* p : out) {
     // Every pointer lies inside the caller's buffer.
     EXPECT_TRUE(p >= buffer.data() && p <= buffer.data() + buffer.size());
@@ -51,24 +51,24 @@ std::vector<std::u16string> Tokens(const char16_t* text, const char16_t* separat
 }
 
 TEST(DKTokenizer, SplitsInPlace) {
-  using V = std::vector<std::u16string>;
+  using V = std::vector<DKStdString>;
   struct Case {
-    const char16_t* text;
-    const char16_t* separators;
+    const DKChar* text;
+    const DKChar* separators;
     bool allowEmpty;
     V expected;
   };
   const Case cases[] = {
-      {u"a b\tc", nullptr, false, V{u"a", u"b", u"c"}},
-      {u"  a  b ", nullptr, false, V{u"a", u"b"}},
-      {u"a,,b", u",", true, V{u"a", u"", u"b"}},
-      {u",a", u",", true, V{u"", u"a"}},
-      {u"a,", u",", true, V{u"a", u""}},
-      {u",", u",", true, V{u"", u""}},
-      {u"a,,b", u",", false, V{u"a", u"b"}},
-      {u"", u",", true, V{}},
-      {u"a b", u"", false, V{u"a b"}},
-      {u"k=v;x=y", u"=;", false, V{u"k", u"v", u"x", u"y"}},
+      {DK_T("a b\tc"), nullptr, false, V{DK_T("a"), DK_T("b"), DK_T("c")}},
+      {DK_T("  a  b "), nullptr, false, V{DK_T("a"), DK_T("b")}},
+      {DK_T("a,,b"), DK_T(","), true, V{DK_T("a"), DK_T(""), DK_T("b")}},
+      {DK_T(",a"), DK_T(","), true, V{DK_T(""), DK_T("a")}},
+      {DK_T("a,"), DK_T(","), true, V{DK_T("a"), DK_T("")}},
+      {DK_T(","), DK_T(","), true, V{DK_T(""), DK_T("")}},
+      {DK_T("a,,b"), DK_T(","), false, V{DK_T("a"), DK_T("b")}},
+      {DK_T(""), DK_T(","), true, V{}},
+      {DK_T("a b"), DK_T(""), false, V{DK_T("a b")}},
+      {DK_T("k=v;x=y"), DK_T("=;"), false, V{DK_T("k"), DK_T("v"), DK_T("x"), DK_T("y")}},
   };
   for (const Case& c : cases)
     EXPECT_EQ(Tokens(c.text, c.separators, c.allowEmpty), c.expected) << DKString(c.text).AsUTF8();

@@ -113,7 +113,7 @@ struct Utf8Case {
 TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
   constexpr std::size_t ok = DKString::npos;
   const Utf8Case cases[] = {
-      {"ascii", "plain text", ok, DKString(u"plain text")},
+      {"ascii", "plain text", ok, DKString(DK_T("plain text"))},
       {"U+1F600", Bytes({0xF0, 0x9F, 0x98, 0x80}), ok, Units({0xD83D, 0xDE00})},
       {"overlong 2", Bytes({0xC0, 0x80}), 0, Units({FFFD, FFFD})},
       {"overlong 3", Bytes({0xE0, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
@@ -136,22 +136,22 @@ TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
       {"maximal subparts", Bytes({0x61, 0xF1, 0x80, 0x80, 0xE1, 0x80, 0xC2, 0x62, 0x80, 0x63, 0x80, 0xBF, 0x64}), 1,
        Units({0x61, FFFD, FFFD, FFFD, 0x62, FFFD, 0x63, FFFD, FFFD, 0x64})},
       {"invalid after long ascii run", std::string(37, 'q') + Bytes({0xFF}) + "tail", 37,
-       DKString(std::u16string(37, u'q').c_str()) + FFFD + u"tail"},
+       DKString(DKStdString(37, DK_T('q')).c_str()) + FFFD + DK_T("tail")},
   };
   const auto strict = Utf8(), lenient = Utf8(Policy::Replace);
   for (const Utf8Case& c : cases) {
     SCOPED_TRACE(c.name);
-    DKString strictOut(u"kept"), lenientOut;
+    DKString strictOut(DK_T("kept")), lenientOut;
     const DKErrorID strictResult = strict->ToUnicode(c.bytes.data(), c.bytes.size(), strictOut);
     EXPECT_TRUE(lenient->ToUnicode(c.bytes.data(), c.bytes.size(), lenientOut).Good());
     EXPECT_EQ(lenientOut, c.lenient);
     if (c.badOffset == DKString::npos) {
       EXPECT_TRUE(strictResult.Good());
-      EXPECT_EQ(strictOut, u"kept" + c.lenient);
+      EXPECT_EQ(strictOut, DK_T("kept") + c.lenient);
     } else {
       EXPECT_EQ(strictResult.GetCode(), DK_MSG_INVALID_UTF8);
       EXPECT_EQ(Param(strictResult, 0), static_cast<long>(c.badOffset));
-      EXPECT_EQ(strictOut, u"kept");
+      EXPECT_EQ(strictOut, DK_T("kept"));
     }
   }
 }
@@ -240,21 +240,21 @@ TEST_F(DKUtf8Test, UnpairedSurrogatesEncodeAsReplacementOrFailStrictly) {
 }
 
 TEST_F(DKUtf8Test, SetFromUtf8LengthNullAndFailure) {
-  DKString s(u"before");
+  DKString s(DK_T("before"));
   EXPECT_TRUE(s.SetFromUTF8("abcdef", 3).Good());
-  EXPECT_EQ(s, u"abc");
+  EXPECT_EQ(s, DK_T("abc"));
   // The text ends at a 0 byte even inside the given length.
   EXPECT_TRUE(s.SetFromUTF8("ab\0cd", 5).Good());
-  EXPECT_EQ(s, u"ab");
+  EXPECT_EQ(s, DK_T("ab"));
   EXPECT_EQ(s.Length(), 2u);
   // A length that cuts a sequence makes it truncated.
   EXPECT_EQ(s.SetFromUTF8("\xE2\x82\xAC", 2).GetCode(), DK_MSG_INVALID_UTF8);
-  EXPECT_EQ(s, u"ab");
+  EXPECT_EQ(s, DK_T("ab"));
   const DKString shared = s;
   const DKErrorID bad = s.SetFromUTF8("ok\xED\xA0\x80");
   EXPECT_EQ(bad.GetCode(), DK_MSG_INVALID_UTF8);
   EXPECT_EQ(Param(bad, 0), 2);
-  EXPECT_EQ(s, u"ab");
+  EXPECT_EQ(s, DK_T("ab"));
   EXPECT_EQ(s.GetData(), shared.GetData()) << "a failed decode must not touch the string";
   EXPECT_TRUE(s.SetFromUTF8(nullptr).Good());
   EXPECT_TRUE(s.IsEmpty());
@@ -307,7 +307,7 @@ TEST_F(DKStringConverterTest, Latin1MapsEveryByteBothWays) {
 
   // The euro sign and everything else above U+00FF have no Latin-1 form.
   std::string out = "x";
-  const DKString euro(u"ab€");
+  const DKString euro(DK_T("ab€"));
   const DKErrorID result = latin1->FromUnicode(euro.c_str(), euro.Length(), out);
   EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
   EXPECT_EQ(Param(result, 0), 2);
@@ -317,20 +317,20 @@ TEST_F(DKStringConverterTest, Latin1MapsEveryByteBothWays) {
 
 // The high half of code page 1252: 0x80-0x9F are typographic characters, five bytes are undefined.
 TEST_F(DKStringConverterTest, Windows1252TableBothWays) {
-  const char16_t table[32] = {u'€',    0,      u'‚', u'ƒ', u'„', u'…', u'†', u'‡', u'ˆ', u'‰', u'Š',
-                              u'‹',    u'Œ',   0,    u'Ž', 0,    0,    u'‘', u'’', u'“', u'”', u'•',
-                              u'–',    u'—',   u'˜', u'™', u'š', u'›', u'œ', 0,    u'ž', u'Ÿ'};
+  const DKChar table[32] = {DK_T('€'),    0,      DK_T('‚'), DK_T('ƒ'), DK_T('„'), DK_T('…'), DK_T('†'), DK_T('‡'), DK_T('ˆ'), DK_T('‰'), DK_T('Š'),
+                              DK_T('‹'),    DK_T('Œ'),   0,    DK_T('Ž'), 0,    0,    DK_T('‘'), DK_T('’'), DK_T('“'), DK_T('”'), DK_T('•'),
+                              DK_T('–'),    DK_T('—'),   DK_T('˜'), DK_T('™'), DK_T('š'), DK_T('›'), DK_T('œ'), 0,    DK_T('ž'), DK_T('Ÿ')};
   const auto strict = DKStringConverter::ForCodePage(1252);
   const auto lenient = DKStringConverter::ForCodePage(1252, Policy::Replace);
   for (int b = 0x80; b < 0x100; ++b) {
     SCOPED_TRACE(b);
     const char byte = static_cast<char>(b);
     const DKChar expected = b < 0xA0 ? table[b - 0x80] : static_cast<DKChar>(b);
-    DKString decoded(u"k");
+    DKString decoded(DK_T("k"));
     const DKErrorID result = strict->ToUnicode(&byte, 1, decoded);
     if (expected) {
       ASSERT_TRUE(result.Good());
-      EXPECT_EQ(decoded, DKString(u"k") + expected);
+      EXPECT_EQ(decoded, DKString(DK_T("k")) + expected);
       std::string encoded;
       ASSERT_TRUE(strict->FromUnicode(&expected, 1, encoded).Good());
       EXPECT_EQ(encoded, std::string(1, byte));
@@ -338,9 +338,9 @@ TEST_F(DKStringConverterTest, Windows1252TableBothWays) {
       EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
       EXPECT_EQ(Param(result, 0), 0);
       EXPECT_EQ(Param(result, 1), 1252);
-      EXPECT_EQ(decoded, u"k");
+      EXPECT_EQ(decoded, DK_T("k"));
       ASSERT_TRUE(lenient->ToUnicode(&byte, 1, decoded).Good());
-      EXPECT_EQ(decoded, DKString(u"k") + FFFD);
+      EXPECT_EQ(decoded, DKString(DK_T("k")) + FFFD);
       // The C1 control of the same value has no form either.
       const DKChar control = static_cast<DKChar>(b);
       std::string encoded;
@@ -375,48 +375,48 @@ TEST_F(DKStringConverterTest, ReplacePolicyNeverFails) {
 
 TEST_F(DKStringConverterTest, ConversionsAppendAndKeepTheOutputOnFailure) {
   const auto utf8 = Utf8();
-  DKString out(u"pre");
+  DKString out(DK_T("pre"));
   const DKString sharer = out;
   EXPECT_TRUE(utf8->ToUnicode("fix", 3, out).Good());
-  EXPECT_EQ(out, u"prefix");
-  EXPECT_EQ(sharer, u"pre") << "appending to a shared string copies it first";
+  EXPECT_EQ(out, DK_T("prefix"));
+  EXPECT_EQ(sharer, DK_T("pre")) << "appending to a shared string copies it first";
   EXPECT_TRUE(utf8->ToUnicode(nullptr, 12, out).Good());
-  EXPECT_EQ(out, u"prefix");
+  EXPECT_EQ(out, DK_T("prefix"));
   const std::string longBad = std::string(600, 'x') + "\xC3";
   EXPECT_EQ(utf8->ToUnicode(longBad.data(), longBad.size(), out).GetCode(), DK_MSG_INVALID_UTF8);
-  EXPECT_EQ(out, u"prefix");
+  EXPECT_EQ(out, DK_T("prefix"));
 
   std::string bytes = "pre";
-  EXPECT_TRUE(utf8->FromUnicode(u"fix", 3, bytes).Good());
+  EXPECT_TRUE(utf8->FromUnicode(DK_T("fix"), 3, bytes).Good());
   EXPECT_TRUE(utf8->FromUnicode(nullptr, 3, bytes).Good());
   EXPECT_EQ(bytes, "prefix");
-  const DKString longLone = DKString(u'y', 700) + DKChar(0xD800);
+  const DKString longLone = DKString(DK_T('y'), 700) + DKChar(0xD800);
   EXPECT_EQ(utf8->FromUnicode(longLone.c_str(), longLone.Length(), bytes).GetCode(), DK_MSG_INVALID_UTF16);
   EXPECT_EQ(bytes, "prefix");
 }
 
 TEST_F(DKStringConverterTest, StringConversionsByCodePage) {
-  DKString s(u"kept");
+  DKString s(DK_T("kept"));
   DKErrorID result = s.ConvertToUnicode("x", 1200);
   EXPECT_EQ(result.GetCode(), DK_MSG_UNKNOWN_CODE_PAGE);
   EXPECT_EQ(Param(result, 0), 1200);
-  EXPECT_EQ(s, u"kept");
+  EXPECT_EQ(s, DK_T("kept"));
   std::string out = "kept";
   EXPECT_EQ(s.ConvertFromUnicode(out, 1200).GetCode(), DK_MSG_UNKNOWN_CODE_PAGE);
   EXPECT_EQ(out, "kept");
 
   EXPECT_TRUE(s.ConvertToUnicode("\x80 \xE9t\xE9", 1252).Good());
-  EXPECT_EQ(s, u"€ été");
+  EXPECT_EQ(s, DK_T("€ été"));
   EXPECT_TRUE(DKString::ConvertToUnicode("\xC3\xA9t\xC3\xA9", 0, s).Good());
-  EXPECT_EQ(s, u"été");
+  EXPECT_EQ(s, DK_T("été"));
   EXPECT_EQ(DKString::ConvertToUnicode("\xC3", 65001, s).GetCode(), DK_MSG_INVALID_UTF8);
-  EXPECT_EQ(s, u"été");
+  EXPECT_EQ(s, DK_T("été"));
   EXPECT_EQ(s.ConvertToUnicode("a\x8D", 1252).GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
-  EXPECT_EQ(s, u"été");
+  EXPECT_EQ(s, DK_T("été"));
   EXPECT_TRUE(s.ConvertToUnicode(nullptr, 1252).Good());
   EXPECT_TRUE(s.IsEmpty());
 
-  EXPECT_TRUE(DKString(u"été").ConvertFromUnicode(out, 28591).Good());
+  EXPECT_TRUE(DKString(DK_T("été")).ConvertFromUnicode(out, 28591).Good());
   EXPECT_EQ(out, "\xE9t\xE9");
   EXPECT_TRUE(DKString().ConvertFromUnicode(out, 65001).Good());
   EXPECT_EQ(out, "");
@@ -424,10 +424,10 @@ TEST_F(DKStringConverterTest, StringConversionsByCodePage) {
 
 TEST_F(DKStringConverterTest, StreamOutputIsUtf8) {
   std::ostringstream os;
-  os << DKString(u"né 😀") << '|' << std::setw(6) << DKString(u"ab") << '|';
+  os << DKString(DK_T("né 😀")) << '|' << std::setw(6) << DKString(DK_T("ab")) << '|';
   EXPECT_EQ(os.str(), "n\xC3\xA9 \xF0\x9F\x98\x80|    ab|");
   // Long text takes the heap path.
-  const DKString longText = DKString(u'é', 400) + u"end";
+  const DKString longText = DKString(DK_T('é'), 400) + DK_T("end");
   std::ostringstream big;
   big << longText;
   EXPECT_EQ(big.str(), longText.AsUTF8());
@@ -451,7 +451,7 @@ TEST_F(DKStringConverterTest, WideTextIsTranscodedFromUtf32) {
   s = L"𝄞";
   EXPECT_EQ(s, Units({0xD834, 0xDD1E}));
   s = std::wstring(L"x\0y", 3); // the text ends at the first 0
-  EXPECT_EQ(s, u"x");
+  EXPECT_EQ(s, DK_T("x"));
   s.Append(L"ü");
   s += std::wstring(L"𝄞");
   s += L"!";

@@ -85,18 +85,18 @@ TEST(DKStringNumbers, AgreeWithTheCLibraryOnAsciiText) {
 
 TEST(DKStringNumbers, WhiteSpaceBeyondAsciiAndWhatTheCLibraryLeavesOpen) {
   const struct {
-    const char16_t* text;
+    const DKChar* text;
     char reader; // AsInt, AsInt64, AsUInt64 or AsDouble
     double value;
     bool ok;
   } cases[] = {
       // Leading white space is any Unicode white space, and nothing else.
-      {u"\u3000\u00A0\u20059", 'i', 9, true}, {u"\u200B9", 'i', 0, false},        {u"\u30007", 'l', 7, true},
-      {u"\u2028 1", 'u', 1, true},            {u"\u3000\u2028-2", 'd', -2, true}, {u"\uFEFF1", 'd', 0, false},
-      {u"1\u00E9", 'd', 1, false},
+      {DK_T("\u3000\u00A0\u20059"), 'i', 9, true}, {DK_T("\u200B9"), 'i', 0, false},        {DK_T("\u30007"), 'l', 7, true},
+      {DK_T("\u2028 1"), 'u', 1, true},            {DK_T("\u3000\u2028-2"), 'd', -2, true}, {DK_T("\uFEFF1"), 'd', 0, false},
+      {DK_T("1\u00E9"), 'd', 1, false},
       // The 64-bit readers wrap around; the exponents overflow however long.
-      {u"9223372036854775808", 'l', -9223372036854775808.0, true}, {u"18446744073709551616", 'u', 0, true},
-      {u"99e99999999999999999999", 'd', HUGE_VAL, false},         {u"0.01e-99999999999999999999", 'd', 0, false},
+      {DK_T("9223372036854775808"), 'l', -9223372036854775808.0, true}, {DK_T("18446744073709551616"), 'u', 0, true},
+      {DK_T("99e99999999999999999999"), 'd', HUGE_VAL, false},         {DK_T("0.01e-99999999999999999999"), 'd', 0, false},
   };
   for (const auto& c : cases) {
     const DKString s(c.text);
@@ -108,7 +108,7 @@ TEST(DKStringNumbers, WhiteSpaceBeyondAsciiAndWhatTheCLibraryLeavesOpen) {
     EXPECT_EQ(value, c.value) << c.reader << " " << s.AsUTF8();
     EXPECT_EQ(ok, c.ok) << c.reader << " " << s.AsUTF8();
   }
-  EXPECT_EQ(DKString(u"42").AsInt(), 42); // the flag is optional
+  EXPECT_EQ(DKString(DK_T("42")).AsInt(), 42); // the flag is optional
 }
 
 } // namespace

@@ -7,24 +7,24 @@
 
 namespace {
 
-const DKChar* const marker = u"{DKS1}";
+const DKChar* const marker = DK_T("{DKS1}");
 
 // Stored scrambled values must stay readable by later versions of the library.
 TEST(DKStringScrambleTest, TheScrambledFormIsStableAndEachStepIdempotent) {
-  const DKChar* const scrambled = u"{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA";
-  DKString s(u"secret");
+  const DKChar* const scrambled = DK_T("{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA");
+  DKString s(DK_T("secret"));
   for (int twice = 0; twice < 2; ++twice) {
     s.Encrypt();
     EXPECT_EQ(s, scrambled);
   }
   for (int twice = 0; twice < 2; ++twice) {
     s.Decrypt();
-    EXPECT_EQ(s, u"secret");
+    EXPECT_EQ(s, DK_T("secret"));
   }
 }
 
 TEST(DKStringScrambleTest, SimilarTextsScrambleDifferentlyThroughout) {
-  DKString a(u"password1"), b(u"password2");
+  DKString a(DK_T("password1")), b(DK_T("password2"));
   a.Encrypt();
   b.Encrypt();
   ASSERT_EQ(a.Length(), b.Length());
@@ -35,24 +35,24 @@ TEST(DKStringScrambleTest, SimilarTextsScrambleDifferentlyThroughout) {
 }
 
 TEST(DKStringScrambleTest, DamagedBodiesAreLeftUnchanged) {
-  DKString good(u"the quick brown fox");
+  DKString good(DK_T("the quick brown fox"));
   good.Encrypt();
   const std::size_t bodyStart = DKStrLen(marker);
   std::vector<DKString> damaged;
   for (std::size_t i = bodyStart; i < good.Length(); ++i) {
     DKString flipped = good;
-    flipped.Set(i, good[i] == u'A' ? u'B' : u'A');
+    flipped.Set(i, good[i] == DK_T('A') ? DK_T('B') : DK_T('A'));
     damaged.push_back(flipped);
   }
   damaged.push_back(good.SubStr(0, good.Length() - 1));
   damaged.push_back(good.SubStr(0, good.Length() - 3));
-  damaged.push_back(good + u"A");
-  damaged.push_back(good + u"AAA");
+  damaged.push_back(good + DK_T("A"));
+  damaged.push_back(good + DK_T("AAA"));
   DKString badChar = good;
-  badChar.Set(bodyStart + 2, u'+');
+  badChar.Set(bodyStart + 2, DK_T('+'));
   damaged.push_back(badChar);
   damaged.push_back(good.SubStr(1));
-  damaged.push_back(DKString(u"{dks1}") + good.SubStr(bodyStart));
+  damaged.push_back(DKString(DK_T("{dks1}")) + good.SubStr(bodyStart));
   for (const DKString& d : damaged) {
     SCOPED_TRACE(d.AsUTF8());
     EXPECT_FALSE(d.IsEncrypted());

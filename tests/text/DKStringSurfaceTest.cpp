@@ -29,36 +29,36 @@ TEST_F(DKStringSurfaceTest, ViewsAndUtf8ComeInWholeAndBadBytesBecomeReplacementC
   EXPECT_EQ(V(DKString(withNul)), withNul);
   struct Row {
     std::string utf8;
-    std::u16string expected;
+    DKStdString expected;
   };
   const Row rows[] = {
-      {"", u""},
-      {"plain", u"plain"},
-      {"h\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", u"h\u00E9 \u20AC \U0001F600"},
-      {"bad\xFF|\xC3|\xE2\x82|\xED\xA0\x80|\xF4\x90\x80\x80", u"bad\uFFFD|\uFFFD|\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"", DK_T("")},
+      {"plain", DK_T("plain")},
+      {"h\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80", DK_T("h\u00E9 \u20AC \U0001F600")},
+      {"bad\xFF|\xC3|\xE2\x82|\xED\xA0\x80|\xF4\x90\x80\x80", DK_T("bad\uFFFD|\uFFFD|\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD\uFFFD")},
   };
   for (const Row& row : rows) {
-    EXPECT_EQ(V(DKString::FromUTF8(row.utf8)), row.expected) << row.utf8;
-    EXPECT_EQ(V(DKString(row.utf8)), row.expected) << row.utf8;
-    EXPECT_EQ(V(DKString(row.utf8.c_str())), row.expected) << row.utf8;
-    DKString appended(u"<");
+    EXPECT_EQ(DKString::FromUTF8(row.utf8).View(), row.expected) << row.utf8;
+    EXPECT_EQ(DKString(row.utf8).View(), row.expected) << row.utf8;
+    EXPECT_EQ(DKString(row.utf8.c_str()).View(), row.expected) << row.utf8;
+    DKString appended(DK_T("<"));
     appended += row.utf8;
     appended.Append(std::string_view(row.utf8)).Append(row.utf8.c_str());
-    EXPECT_EQ(V(appended), u"<" + row.expected + row.expected + row.expected) << row.utf8;
+    EXPECT_EQ(appended.View(), DK_T("<") + row.expected + row.expected + row.expected) << row.utf8;
     // Equality with narrow text is equality with its decoding.
     EXPECT_TRUE(DKString(row.expected.c_str()) == row.utf8) << row.utf8;
-    EXPECT_FALSE(DKString(row.expected + u"x") == row.utf8) << row.utf8;
+    EXPECT_FALSE(DKString(row.expected + DK_T("x")) == row.utf8) << row.utf8;
   }
   EXPECT_TRUE(DKString() == static_cast<const char*>(nullptr));
   const DKChar half[] = {0xD83D, 0};
   EXPECT_FALSE(DKString(half) == "\xF0\x9F\x98\x80"); // half a pair is not the character
-  EXPECT_TRUE(DKString(u"\U0001F600") != "\xF0\x9F\x98\x81");
+  EXPECT_TRUE(DKString(DK_T("\U0001F600")) != "\xF0\x9F\x98\x81");
 
   // The standard spellings serve generic code.
-  const DKString s(u"generic");
-  EXPECT_EQ(std::u16string(s.data(), s.size()), u"generic");
+  const DKString s(DK_T("generic"));
+  EXPECT_EQ(DKStdString(s.data(), s.size()), DK_T("generic"));
   EXPECT_TRUE(DKString().empty());
-  EXPECT_EQ(std::count(s.begin(), s.end(), u'e'), 2);
+  EXPECT_EQ(std::count(s.begin(), s.end(), DK_T('e')), 2);
 }
 
 int Sign(int v) { return (v > 0) - (v < 0); }
@@ -66,15 +66,15 @@ int Sign(std::strong_ordering o) { return o < 0 ? -1 : o > 0 ? 1 : 0; }
 
 TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
   std::mt19937 random(7);
-  const char16_t alphabet[] = {u'a', u'b', u'A', u'\u00E9', char16_t{0xD83D}, char16_t{0xDE00}, u'\uFFFF', u'\u0001'};
+  const DKChar alphabet[] = {DK_T('a'), DK_T('b'), DK_T('A'), DK_T('\u00E9'), DKChar{0xD83D}, DKChar{0xDE00}, DK_T('\uFFFF'), DK_T('\u0001')};
   auto randomText = [&] {
-    std::u16string t(random() % 4, u' ');
-    for (char16_t& c : t)
+    DKStdString t(random() % 4, DK_T(' '));
+    for (DKChar& c : t)
       c = alphabet[random() % std::size(alphabet)];
     return t;
   };
   for (int i = 0; i < 2000; ++i) {
-    const std::u16string a = randomText(), b = randomText();
+    const DKStdString a = randomText(), b = randomText();
     const int expected = Sign(a.compare(b));
     const DKString da(a.c_str()), db(b.c_str());
     EXPECT_EQ(Sign(da <=> db), expected);
@@ -82,7 +82,7 @@ TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
     EXPECT_EQ(da.Compare(b.c_str()), expected);
     EXPECT_EQ(Sign(da <=> b.c_str()), expected);
     EXPECT_EQ(Sign(a.c_str() <=> db), expected);
-    EXPECT_EQ(Sign(da <=> std::u16string_view(b)), expected);
+    EXPECT_EQ(Sign(da <=> V(db)), expected);
     EXPECT_EQ(Sign(da <=> b), expected);
     EXPECT_EQ(da < db, expected < 0);
     EXPECT_EQ(a.c_str() >= db, expected >= 0);
@@ -93,36 +93,36 @@ TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
 }
 
 TEST_F(DKStringSurfaceTest, StartsEndsContainsAndSplit) {
-  const DKString s(u"key=value=more");
-  EXPECT_TRUE(s.StartsWith(u"key=") && s.StartsWith(u"") && s.StartsWith(u'k'));
-  EXPECT_FALSE(s.StartsWith(u"value") || DKString().StartsWith(u'k'));
-  EXPECT_TRUE(s.EndsWith(u"more") && s.EndsWith(u'e') && !s.EndsWith(u"key"));
-  EXPECT_TRUE(s.Contains(u"=value=") && s.Contains(u'v') && !s.Contains(u"==") && DKString().Contains(u""));
+  const DKString s(DK_T("key=value=more"));
+  EXPECT_TRUE(s.StartsWith(DK_T("key=")) && s.StartsWith(DK_T("")) && s.StartsWith(DK_T('k')));
+  EXPECT_FALSE(s.StartsWith(DK_T("value")) || DKString().StartsWith(DK_T('k')));
+  EXPECT_TRUE(s.EndsWith(DK_T("more")) && s.EndsWith(DK_T('e')) && !s.EndsWith(DK_T("key")));
+  EXPECT_TRUE(s.Contains(DK_T("=value=")) && s.Contains(DK_T('v')) && !s.Contains(DK_T("==")) && DKString().Contains(DK_T("")));
 
   // Against a reference split written with std::u16string.
-  auto reference = [](const std::u16string& text, const std::u16string& sep) {
-    std::vector<std::u16string> out;
+  auto reference = [](const DKStdString& text, const DKStdString& sep) {
+    std::vector<DKStdString> out;
     std::size_t from = 0;
-    for (std::size_t at; (at = text.find(sep, from)) != std::u16string::npos; from = at + sep.size())
+    for (std::size_t at; (at = text.find(sep, from)) != DKStdString::npos; from = at + sep.size())
       out.push_back(text.substr(from, at - from));
     out.push_back(text.substr(from));
     return out;
   };
-  for (const std::u16string text : {u"", u",", u"a", u"a,b", u",a,,b,", u"a, b,  c"})
-    for (const std::u16string sep : {u",", u", ", u",,"}) {
-      std::vector<std::u16string> got;
+  for (const DKStdString text : {DK_T(""), DK_T(","), DK_T("a"), DK_T("a,b"), DK_T(",a,,b,"), DK_T("a, b,  c")})
+    for (const DKStdString sep : {DK_T(","), DK_T(", "), DK_T(",,")}) {
+      std::vector<DKStdString> got;
       for (const DKString& piece : DKString(text.c_str()).Split(DKStringView(sep)))
-        got.emplace_back(V(piece));
+        got.emplace_back(piece.View());
       EXPECT_EQ(got, reference(text, sep)) << DKString(text.c_str()).AsUTF8() << " / " << DKString(sep.c_str()).AsUTF8();
     }
-  const std::vector<DKString> byChar = DKString(u"x;y").Split(u';');
+  const std::vector<DKString> byChar = DKString(DK_T("x;y")).Split(DK_T(';'));
   ASSERT_EQ(byChar.size(), 2u);
-  EXPECT_EQ(byChar[1], u"y");
-  const DKString whole(u"no separator");
+  EXPECT_EQ(byChar[1], DK_T("y"));
+  const DKString whole(DK_T("no separator"));
   EXPECT_EQ(whole.Split(DKStringView()).front().GetData(), whole.GetData()); // shared, not copied
 }
 
-// The searches against std::u16string_view's, on text from small alphabets (the repetitive text
+// The searches against the standard view's, on text from small alphabets (the repetitive text
 // that defeats a first/last-unit filter and sends Find to its fallback) and needles and sets of
 // every length around the vector width. (Empty and null needles and sets follow rules of their
 // own: DKStringTest.SearchingRules.)
@@ -130,17 +130,17 @@ TEST_F(DKStringSurfaceTest, SearchesAgreeWithTheStandardOnes) {
   std::mt19937 random(3);
   for (int round = 0; round < 3000; ++round) {
     const unsigned alphabet = 1 + random() % (round % 3 == 0 ? 2 : 6);
-    std::u16string hay(random() % (round % 10 == 0 ? 9000 : 80), u'a');
-    for (char16_t& c : hay)
-      c = static_cast<char16_t>(u'a' + random() % alphabet);
-    std::u16string needle(1 + random() % 20, u'a');
-    for (char16_t& c : needle)
-      c = static_cast<char16_t>(u'a' + random() % alphabet);
+    DKStdString hay(random() % (round % 10 == 0 ? 9000 : 80), DK_T('a'));
+    for (DKChar& c : hay)
+      c = static_cast<DKChar>(DK_T('a') + random() % alphabet);
+    DKStdString needle(1 + random() % 20, DK_T('a'));
+    for (DKChar& c : needle)
+      c = static_cast<DKChar>(DK_T('a') + random() % alphabet);
     if (round % 4 == 0 && hay.size() >= needle.size()) // plant it near the end
       hay.replace(hay.size() - needle.size() - random() % (hay.size() - needle.size() + 1), needle.size(), needle);
     const DKString dkHay(hay.c_str()), dkNeedle(needle.c_str());
     const std::size_t start = hay.empty() ? 0 : random() % hay.size();
-    const std::u16string_view h(hay), n(needle);
+    const DKStringView h(hay), n(needle);
     const std::size_t expected = h.find(n, start);
     ASSERT_EQ(dkHay.Find(dkNeedle, start), expected) << "round " << round;
     ASSERT_EQ(dkHay.Find(needle.c_str(), start), expected) << "round " << round;
@@ -160,13 +160,13 @@ TEST_F(DKStringSurfaceTest, SearchesAgreeWithTheStandardOnes) {
 }
 
 TEST_F(DKStringSurfaceTest, NumbersReadBackAndConcatenationSizesOnce) {
-  EXPECT_EQ(DKString::Number(0), u"0");
-  EXPECT_EQ(DKString::Number(std::numeric_limits<int>::min()), u"-2147483648");
-  EXPECT_EQ(DKString::Number(std::numeric_limits<long long>::min()), u"-9223372036854775808");
-  EXPECT_EQ(DKString::Number(std::numeric_limits<unsigned long long>::max()), u"18446744073709551615");
-  EXPECT_EQ(DKString::Number(0.1), u"0.1");
-  EXPECT_EQ(DKString::Number(1e21), u"1e+21");
-  EXPECT_EQ(DKString::Number(-0.0), u"-0");
+  EXPECT_EQ(DKString::Number(0), DK_T("0"));
+  EXPECT_EQ(DKString::Number(std::numeric_limits<int>::min()), DK_T("-2147483648"));
+  EXPECT_EQ(DKString::Number(std::numeric_limits<long long>::min()), DK_T("-9223372036854775808"));
+  EXPECT_EQ(DKString::Number(std::numeric_limits<unsigned long long>::max()), DK_T("18446744073709551615"));
+  EXPECT_EQ(DKString::Number(0.1), DK_T("0.1"));
+  EXPECT_EQ(DKString::Number(1e21), DK_T("1e+21"));
+  EXPECT_EQ(DKString::Number(-0.0), DK_T("-0"));
   std::mt19937_64 random(11);
   for (int i = 0; i < 1000; ++i) {
     double v;
@@ -179,21 +179,21 @@ TEST_F(DKStringSurfaceTest, NumbersReadBackAndConcatenationSizesOnce) {
     EXPECT_TRUE(ok);
   }
 
-  const DKString name(u"caf\u00E9");
+  const DKString name(DK_T("caf\u00E9"));
   const std::size_t blocks = DMMemoryPool::GetTotalBlocks();
-  const DKString joined = DKStrCat(name, DK_T(": "), 42, u' ', -7LL, ' ', "\xE2\x82\xAC", std::string("!"), 0u);
+  const DKString joined = DKStrCat(name, DK_T(": "), 42, DK_T(' '), -7LL, ' ', "\xE2\x82\xAC", std::string("!"), 0u);
   EXPECT_EQ(DMMemoryPool::GetTotalBlocks() - blocks, 1u); // one block of the final size
-  EXPECT_EQ(joined, u"caf\u00E9: 42 -7 \u20AC!0");
-  EXPECT_EQ(joined, name + DK_T(": ") + DK_T("42") + u' ' + DK_T("-7 \u20AC!0"));
+  EXPECT_EQ(joined, DK_T("caf\u00E9: 42 -7 \u20AC!0"));
+  EXPECT_EQ(joined, name + DK_T(": ") + DK_T("42") + DK_T(' ') + DK_T("-7 \u20AC!0"));
   EXPECT_TRUE(DKStrCat().IsEmpty());
 
   // A temporary on the left of + is appended to in place.
-  DKString left(u"a");
+  DKString left(DK_T("a"));
   left.Reserve(16);
   const DKString::DataDef* block = left.GetData();
-  const DKString chained = std::move(left) + u"b" + name + u'!';
+  const DKString chained = std::move(left) + DK_T("b") + name + DK_T('!');
   EXPECT_EQ(chained.GetData(), block);
-  EXPECT_EQ(chained, u"abcaf\u00E9!");
+  EXPECT_EQ(chained, DK_T("abcaf\u00E9!"));
 }
 
 } // namespace

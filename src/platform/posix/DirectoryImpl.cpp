@@ -37,8 +37,18 @@ bool DKFileSystem::RenameFile(const std::string& from, const std::string& to) no
 
 bool DKFileSystem::RemoveFile(const std::string& path) noexcept { return std::remove(path.c_str()) == 0; }
 
+bool DKFileSystem::FileSize(std::FILE* file, std::uint64_t& size) noexcept {
+  struct stat info {};
+  if (!file || fstat(fileno(file), &info) != 0)
+    return false;
+  size = static_cast<std::uint64_t>(info.st_size);
+  return true;
+}
+
 bool DKFileSystem::IsSameFile(std::FILE* a, std::FILE* b) noexcept {
   struct stat first {}, second {};
   return a && b && fstat(fileno(a), &first) == 0 && fstat(fileno(b), &second) == 0 &&
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
+
+std::size_t DKFileSystem::RootLength(DKStringView path) noexcept { return !path.empty() && path[0] == DK_T('/') ? 1 : 0; }

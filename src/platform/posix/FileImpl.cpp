@@ -210,6 +210,8 @@ DKString FileImpl::ResolveLinks(const DKString& path) {
 
 bool FileImpl::IsAlreadyExists(int error) noexcept { return error == EEXIST; }
 
+int FileImpl::OutOfMemory() noexcept { return ENOMEM; }
+
 void* FileImpl::AllocatePages(std::size_t size) noexcept {
   void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   return p == MAP_FAILED ? nullptr : p;

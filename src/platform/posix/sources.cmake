@@ -4,6 +4,7 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DirectoryImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ProcessImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ClockImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ConsoleImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ThreadImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/VariantImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/MutexImpl.cpp
