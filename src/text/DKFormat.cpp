@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 DKFormatArgSource::~DKFormatArgSource() = default;
@@ -141,6 +142,49 @@ public:
     }
     std::copy_n(text, n, m_buffer + m_used);
     m_used += n;
+  }
+
+  // Copies format text up to the next '%' or the terminator in one pass over it, and returns
+  // where it stopped. The format must not lie inside the output string.
+  const CharT* CopyLiteral(const CharT* p) {
+    for (;;) {
+      CharT* out = m_buffer + m_used;
+      CharT* const end = m_buffer + kSize;
+      for (; out != end; ++out, ++p) {
+        const CharT c = *p;
+        if (c == 0 || c == '%') {
+          m_used = static_cast<std::size_t>(out - m_buffer);
+          return p;
+        }
+        *out = c;
+      }
+      m_used = kSize;
+      Flush();
+    }
+  }
+
+  // Room for n more units in the buffer (flushing it first when needed), to be filled by the
+  // caller and then committed; null when n is more than the buffer ever holds.
+  CharT* Room(std::size_t n) {
+    if (n > kSize - m_used) {
+      if (n > kSize)
+        return nullptr;
+      Flush();
+    }
+    return m_buffer + m_used;
+  }
+  void Commit(std::size_t n) noexcept { m_used += n; }
+
+  // ASCII text (digits, signs, prefixes): one output unit per byte in either kind of output.
+  void WriteAscii(const char* text, std::size_t n) {
+    if constexpr (std::is_same_v<CharT, char>) {
+      Write(text, n);
+    } else if (CharT* out = Room(n)) {
+      std::copy_n(text, n, out);
+      Commit(n);
+    } else {
+      WriteUtf8(text, n);
+    }
   }
 
   void Fill(CharT ch, std::size_t n) {
@@ -508,27 +552,84 @@ void ToUpper(char* begin, char* end) noexcept {
 }
 
 // Lays a number out as printf does: blanks, sign, prefix, zeros, digits (the blanks last
-// when left-justified). With zeroFill, zeros rather than blanks make up the width.
+// when left-justified). With zeroFill, zeros rather than blanks make up the width. All of it
+// is ASCII, written straight into the sink's buffer when it fits there.
 template <class CharT>
-void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, const char* prefix, std::size_t zeros,
+void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, std::string_view prefix, std::size_t zeros,
                  const char* digits, std::size_t n, bool zeroFill) {
-  const std::size_t prefixLength = std::strlen(prefix);
-  std::size_t length = (sign ? 1 : 0) + prefixLength + zeros + n;
+  std::size_t length = (sign ? 1 : 0) + prefix.size() + zeros + n;
   const auto width = static_cast<std::size_t>(dir.width);
   if (zeroFill && width > length) {
     zeros += width - length;
     length = width;
   }
   const std::size_t pad = width > length ? width - length : 0;
+  if (CharT* const start = sink.Room(length + pad)) {
+    CharT* out = start;
+    if (!dir.left)
+      out = std::fill_n(out, pad, CharT(' '));
+    if (sign)
+      *out++ = static_cast<CharT>(sign);
+    out = std::copy(prefix.begin(), prefix.end(), out);
+    out = std::fill_n(out, zeros, CharT('0'));
+    out = std::copy_n(digits, n, out);
+    if (dir.left)
+      out = std::fill_n(out, pad, CharT(' '));
+    sink.Commit(static_cast<std::size_t>(out - start));
+    return;
+  }
   if (!dir.left)
     sink.Fill(' ', pad);
   if (sign)
     sink.Put(sign);
-  sink.WriteUtf8(prefix, prefixLength);
+  sink.WriteAscii(prefix.data(), prefix.size());
   sink.Fill('0', zeros);
-  sink.WriteUtf8(digits, n);
+  sink.WriteAscii(digits, n);
   if (dir.left)
     sink.Fill(' ', pad);
+}
+
+// Writes the digits of value in the conversion's base so that they end at end; returns where
+// they start. Decimal digits go two at a time.
+char* IntegerDigits(char* end, unsigned long long value, char conversion) noexcept {
+  char* p = end;
+  switch (conversion) {
+  case 'x':
+  case 'X': {
+    const char* const hex = conversion == 'x' ? "0123456789abcdef" : "0123456789ABCDEF";
+    do {
+      *--p = hex[value & 15];
+      value >>= 4;
+    } while (value);
+    return p;
+  }
+  case 'o':
+    do {
+      *--p = static_cast<char>('0' + (value & 7));
+      value >>= 3;
+    } while (value);
+    return p;
+  default: {
+    static constexpr char pairs[] = "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+                                    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+                                    "8081828384858687888990919293949596979899";
+    while (value >= 100) {
+      const auto pair = static_cast<std::size_t>(value % 100) * 2;
+      value /= 100;
+      p -= 2;
+      p[0] = pairs[pair];
+      p[1] = pairs[pair + 1];
+    }
+    if (value >= 10) {
+      p -= 2;
+      p[0] = pairs[value * 2];
+      p[1] = pairs[value * 2 + 1];
+    } else {
+      *--p = static_cast<char>('0' + value);
+    }
+    return p;
+  }
+  }
 }
 
 template <class CharT, class T>
@@ -544,18 +645,15 @@ void FormatInteger(Sink<CharT>& sink, const Directive& dir, char conversion, T v
     }
   }
   // Precision 0 writes no digit for the value 0.
-  char digits[24];
-  std::size_t n = 0;
-  if (magnitude != 0 || !dir.hasPrecision || dir.precision != 0) {
-    const int base = conversion == 'o' ? 8 : conversion == 'x' || conversion == 'X' ? 16 : 10;
-    char* const end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
-    if (conversion == 'X')
-      ToUpper(digits, end);
-    n = static_cast<std::size_t>(end - digits);
-  }
+  char buffer[24];
+  char* const end = buffer + sizeof buffer;
+  const char* digits = end;
+  if (magnitude != 0 || !dir.hasPrecision || dir.precision != 0)
+    digits = IntegerDigits(end, magnitude, conversion);
+  const auto n = static_cast<std::size_t>(end - digits);
   const auto precision = static_cast<std::size_t>(dir.precision);
   std::size_t zeros = precision > n ? precision - n : 0;
-  const char* prefix = "";
+  std::string_view prefix;
   if (dir.alternate) {
     if (conversion == 'o') {
       if (zeros == 0 && (n == 0 || digits[0] != '0'))
@@ -594,7 +692,7 @@ bool FormatDouble(Sink<CharT>& sink, const Directive& dir, char conversion, doub
       if (conversion != lower)
         ToUpper(digits, end);
       // Infinity and NaN are padded with blanks even with the "0" flag.
-      WriteNumber(sink, dir, sign, "", 0, digits, static_cast<std::size_t>(end - digits),
+      WriteNumber(sink, dir, sign, {}, 0, digits, static_cast<std::size_t>(end - digits),
                   dir.zero && !dir.left && std::isfinite(value));
       return true;
     }
@@ -738,6 +836,10 @@ public:
     arg = ReadArgument<CharT>(dir, m_source);
     return true;
   }
+  template <class CharT>
+  static int WriteDirect(Sink<CharT>&, const Directive&) noexcept {
+    return -1;
+  }
 
 private:
   DKFormatArgSource& m_source;
@@ -758,10 +860,77 @@ public:
     return true;
   }
 
+  // Writes the common conversions (an int, an unsigned, a double, text) straight from the
+  // captured argument: 1 when written, 0 when the C library refused a number, -1 when the
+  // conversion takes the general route (nothing consumed then).
+  template <class CharT>
+  int WriteDirect(Sink<CharT>& sink, const Directive& dir) {
+    if (m_next == m_end)
+      return -1;
+    const DKFormatArg& a = *m_next;
+    const auto conversion = static_cast<char>(dir.conversion);
+    switch (conversion) {
+    case 'd':
+    case 'i':
+      if (a.kind != Kind::Int || dir.size != Size::None)
+        return -1;
+      ++m_next;
+      FormatInteger(sink, dir, 'd', a.i);
+      return 1;
+    case 'o':
+    case 'u':
+    case 'x':
+    case 'X':
+      if (dir.size != Size::None)
+        return -1;
+      if (a.kind == Kind::Int) {
+        ++m_next;
+        FormatInteger(sink, dir, conversion, a.bytes == 4 ? static_cast<unsigned>(a.i) : static_cast<unsigned long long>(a.i));
+        return 1;
+      }
+      if (a.kind == Kind::UInt) {
+        ++m_next;
+        FormatInteger(sink, dir, conversion, a.u);
+        return 1;
+      }
+      return -1;
+    case 's':
+    case 'S':
+      if (a.kind == Kind::NarrowText) {
+        ++m_next;
+        FormatString(sink, dir, static_cast<const char*>(a.s.text), a.s.length);
+        return 1;
+      }
+      if (a.kind == Kind::WideText) {
+        ++m_next;
+        FormatString(sink, dir, static_cast<const DKChar*>(a.s.text), a.s.length);
+        return 1;
+      }
+      return -1;
+    case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+      if (a.kind != Kind::Double || dir.size == Size::LongDouble)
+        return -1;
+      ++m_next;
+      return FormatDouble(sink, dir, conversion, a.d) ? 1 : 0;
+    default: return -1;
+    }
+  }
+
   template <class CharT>
   bool Read(Directive& dir, Argument& arg, const char*& type) {
     const DKFormatArg& a = Next();
+    if (ReadAs<CharT>(dir, arg, a))
+      return true;
     type = TypeName(a);
+    return false;
+  }
+
+private:
+  using Kind = DKFormatArg::Kind;
+
+  // The argument as the directive's conversion reads it; false when it cannot match.
+  template <class CharT>
+  bool ReadAs(Directive& dir, Argument& arg, const DKFormatArg& a) {
     switch (dir.conversion) {
     case 'd':
     case 'i':
@@ -823,9 +992,6 @@ public:
     }
     }
   }
-
-private:
-  using Kind = DKFormatArg::Kind;
 
   const DKFormatArg& Next() noexcept {
     static constexpr DKFormatArg missing;
@@ -966,6 +1132,10 @@ bool Convert(Sink<CharT>& sink, Directive& dir, ReaderT& args) {
   }
   if (dir.tooLarge)
     return false;
+  if (!dir.widthFromArg && !dir.precisionFromArg) {
+    if (const int written = args.WriteDirect(sink, dir); written >= 0)
+      return written != 0;
+  }
   const char* badType = nullptr;
   // A "*" argument that is not an integer: the directive's other arguments are consumed all
   // the same, so that the arguments after it keep their places.
@@ -1014,10 +1184,7 @@ template <class CharT, class ReaderT>
 void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
   const CharT* p = format;
   for (;;) {
-    const CharT* run = p;
-    while (*p && *p != '%')
-      ++p;
-    sink.Write(run, static_cast<std::size_t>(p - run));
+    p = sink.CopyLiteral(p);
     if (!*p)
       return;
     const CharT* start = p;
@@ -1095,10 +1262,21 @@ std::string DKFormatNarrowV(const char* format, va_list args) {
 
 namespace {
 
-// Replaces s by the text that append writes. Built apart: the format or an argument may be
-// the string's own text.
+// Replaces s by the text that append writes. A string with text is rebuilt apart, since the
+// format or an argument may be that text.
 template <class AppendFn>
 DKString& Reformat(DKString& s, AppendFn append) {
+  if (s.Capacity() == 0) {
+    // The shared empty block (the only one of capacity 0) holds no text that the format or an
+    // argument could share: append in place, and leave the string empty if that fails.
+    try {
+      append(s);
+    } catch (...) {
+      s.Clear();
+      throw;
+    }
+    return s;
+  }
   DKString result;
   append(result);
   if (result.IsEmpty())

@@ -360,6 +360,18 @@ TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
   s = u"x";
   s.Format(nullptr);
   EXPECT_EQ(s.GetData(), DKString::GetEmptyData());
+
+  // An empty string, shared or with a block of its own, given its own (empty) text as an
+  // argument after more output than one buffer of the engine holds.
+  const DKStdString pad(300, u'p');
+  const DKStdString expected = pad + u"[]" + pad + u"[]";
+  DKString empty;
+  empty.Format(u"%s[%s]%s[%s]", pad.c_str(), empty.c_str(), pad.c_str(), empty.c_str());
+  EXPECT_EQ(Wide(empty), expected);
+  DKString reserved;
+  reserved.Reserve(1000);
+  reserved.Format(u"%s[%s]%s[%s]", pad.c_str(), reserved.c_str(), pad.c_str(), reserved.c_str());
+  EXPECT_EQ(Wide(reserved), expected);
 }
 
 TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutput) {
