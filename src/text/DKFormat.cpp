@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cfenv>
 #include <climits>
 #include <cmath>
 #include <clocale>
@@ -144,15 +143,16 @@ public:
     m_used += n;
   }
 
-  // Copies format text up to the next '%' or the terminator in one pass over it, and returns
-  // where it stopped. The format must not lie inside the output string.
-  const CharT* CopyLiteral(const CharT* p) {
+  // Copies text up to its terminator (or, with AtPercent, up to the next '%' too) in one pass
+  // over it, and returns where it stopped. The text must not lie inside the output string.
+  template <bool AtPercent>
+  const CharT* CopyUntil(const CharT* p) {
     for (;;) {
       CharT* out = m_buffer + m_used;
       CharT* const end = m_buffer + kSize;
       for (; out != end; ++out, ++p) {
         const CharT c = *p;
-        if (c == 0 || c == '%') {
+        if (c == 0 || (AtPercent && c == '%')) {
           m_used = static_cast<std::size_t>(out - m_buffer);
           return p;
         }
@@ -520,8 +520,17 @@ void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text, st
       if (n == precision)
         n = WholeCharacters(text, n);
     }
+  } else if (length != DKFormatArg::terminated) {
+    n = length;
   } else {
-    n = length == DKFormatArg::terminated ? std::char_traits<TextT>::length(text) : length;
+    if constexpr (std::is_same_v<CharT, DKChar> && std::is_same_v<TextT, DKChar>) {
+      if (dir.width == 0 && !PointsInto<CharT>(text, sink.Out())) {
+        // Nothing to pad: copy while looking for the end (narrow text has a faster strlen).
+        (void)sink.template CopyUntil<false>(text);
+        return;
+      }
+    }
+    n = std::char_traits<TextT>::length(text);
   }
   WriteText(sink, dir, text, n);
 }
@@ -665,8 +674,22 @@ void FormatInteger(Sink<CharT>& sink, const Directive& dir, char conversion, T v
   WriteNumber(sink, dir, sign, prefix, zeros, digits, n, dir.zero && !dir.left && !dir.hasPrecision);
 }
 
+// The probes of RoundsToNearest: a quarter and three quarters of the unit in the last place
+// of 1.0. Volatile, so that the additions happen at run time in the current rounding mode.
+volatile const double quarterUlp = 0x1p-54;
+volatile const double threeQuartersUlp = 0x1.8p-53;
+
+// True when arithmetic rounds to nearest: adding a quarter unit to 1.0 is lost (not upward)
+// and adding three quarters is not (neither downward nor toward zero). Cheaper than the
+// library call fegetround, and it reads the mode that fesetround sets for the C library too.
+bool RoundsToNearest() noexcept {
+  const double quarter = quarterUlp;
+  const double threeQuarters = threeQuartersUlp;
+  return 1.0 + quarter == 1.0 && 1.0 + threeQuarters != 1.0;
+}
+
 bool CNumberConventions() noexcept {
-  if (std::fegetround() != FE_TONEAREST)
+  if (!RoundsToNearest())
     return false;
   const char* name = std::setlocale(LC_NUMERIC, nullptr);
   return name && ((name[0] == 'C' && (name[1] == 0 || name[1] == '.')) || std::strcmp(name, "POSIX") == 0);
@@ -1184,7 +1207,7 @@ template <class CharT, class ReaderT>
 void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
   const CharT* p = format;
   for (;;) {
-    p = sink.CopyLiteral(p);
+    p = sink.template CopyUntil<true>(p);
     if (!*p)
       return;
     const CharT* start = p;

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -108,14 +109,18 @@ TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
 }
 
 TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
-  std::fesetround(FE_UPWARD);
-  const std::string upward = Ref("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  const DKStdString wide = WideOf("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  std::fesetround(FE_TONEAREST);
-  EXPECT_EQ(upward.substr(0, 4), "0.34");
-  EXPECT_EQ(narrow, upward);
-  EXPECT_EQ(wide, Widen(upward));
+  // Every rounding mode, each with a first field that it rounds differently from nearest.
+  for (const auto& [mode, first] : {std::pair{FE_UPWARD, "0.34"}, {FE_DOWNWARD, "0.66"}, {FE_TOWARDZERO, "0.66"}}) {
+    const double x = mode == FE_UPWARD ? 1.0 / 3.0 : 2.0 / 3.0;
+    std::fesetround(mode);
+    const std::string expected = Ref("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    const DKStdString wide = WideOf("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    std::fesetround(FE_TONEAREST);
+    EXPECT_EQ(expected.substr(0, 4), first) << mode;
+    EXPECT_EQ(narrow, expected) << mode;
+    EXPECT_EQ(wide, Widen(expected)) << mode;
+  }
 
   const std::string previous = std::setlocale(LC_NUMERIC, nullptr);
   for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "fr_FR"}) {
