@@ -575,14 +575,17 @@ void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, std::string
   const std::size_t pad = width > length ? width - length : 0;
   if (CharT* const start = sink.Room(length + pad)) {
     CharT* out = start;
-    if (!dir.left)
+    if (pad && !dir.left)
       out = std::fill_n(out, pad, CharT(' '));
     if (sign)
       *out++ = static_cast<CharT>(sign);
-    out = std::copy(prefix.begin(), prefix.end(), out);
-    out = std::fill_n(out, zeros, CharT('0'));
-    out = std::copy_n(digits, n, out);
-    if (dir.left)
+    for (const char c : prefix)
+      *out++ = static_cast<CharT>(c);
+    if (zeros)
+      out = std::fill_n(out, zeros, CharT('0'));
+    for (std::size_t i = 0; i < n; ++i)
+      *out++ = static_cast<CharT>(digits[i]);
+    if (pad && dir.left)
       out = std::fill_n(out, pad, CharT(' '));
     sink.Commit(static_cast<std::size_t>(out - start));
     return;
@@ -1212,7 +1215,15 @@ void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
       return;
     const CharT* start = p;
     Directive dir;
-    p = ParseDirective(p + 1, dir);
+    if (const auto letter = static_cast<unsigned>(static_cast<std::make_unsigned_t<CharT>>(p[1]));
+        letter != 'F' && IsConversion(letter)) {
+      // A bare conversion ("%d", "%s"): no flags, width, precision or size to parse. "F" may
+      // be the old far-pointer marker, so it takes the full parse.
+      dir.conversion = letter;
+      p += 2;
+    } else {
+      p = ParseDirective(p + 1, dir);
+    }
     if (!IsConversion(dir.conversion)) {
       // Unknown letter, or the format ended inside the directive: write it as it stands.
       sink.Write(start, static_cast<std::size_t>(p - start));
