@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cfenv>
 #include <climits>
 #include <cmath>
 #include <clocale>
@@ -17,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 DKFormatArgSource::~DKFormatArgSource() = default;
@@ -141,6 +141,50 @@ public:
     }
     std::copy_n(text, n, m_buffer + m_used);
     m_used += n;
+  }
+
+  // Copies text up to its terminator (or, with AtPercent, up to the next '%' too) in one pass
+  // over it, and returns where it stopped. The text must not lie inside the output string.
+  template <bool AtPercent>
+  const CharT* CopyUntil(const CharT* p) {
+    for (;;) {
+      CharT* out = m_buffer + m_used;
+      CharT* const end = m_buffer + kSize;
+      for (; out != end; ++out, ++p) {
+        const CharT c = *p;
+        if (c == 0 || (AtPercent && c == '%')) {
+          m_used = static_cast<std::size_t>(out - m_buffer);
+          return p;
+        }
+        *out = c;
+      }
+      m_used = kSize;
+      Flush();
+    }
+  }
+
+  // Room for n more units in the buffer (flushing it first when needed), to be filled by the
+  // caller and then committed; null when n is more than the buffer ever holds.
+  CharT* Room(std::size_t n) {
+    if (n > kSize - m_used) {
+      if (n > kSize)
+        return nullptr;
+      Flush();
+    }
+    return m_buffer + m_used;
+  }
+  void Commit(std::size_t n) noexcept { m_used += n; }
+
+  // ASCII text (digits, signs, prefixes): one output unit per byte in either kind of output.
+  void WriteAscii(const char* text, std::size_t n) {
+    if constexpr (std::is_same_v<CharT, char>) {
+      Write(text, n);
+    } else if (CharT* out = Room(n)) {
+      std::copy_n(text, n, out);
+      Commit(n);
+    } else {
+      WriteUtf8(text, n);
+    }
   }
 
   void Fill(CharT ch, std::size_t n) {
@@ -485,8 +529,17 @@ void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text, st
       if (n == precision)
         n = WholeCharacters(text, n);
     }
+  } else if (length != DKFormatArg::terminated) {
+    n = length;
   } else {
-    n = length == DKFormatArg::terminated ? std::char_traits<TextT>::length(text) : length;
+    if constexpr (std::is_same_v<CharT, DKChar> && std::is_same_v<TextT, DKChar>) {
+      if (dir.width == 0 && !PointsInto<CharT>(text, sink.Out())) {
+        // Nothing to pad: copy while looking for the end (narrow text has a faster strlen).
+        (void)sink.template CopyUntil<false>(text);
+        return;
+      }
+    }
+    n = std::char_traits<TextT>::length(text);
   }
   WriteText(sink, dir, text, n);
 }
@@ -517,27 +570,87 @@ void ToUpper(char* begin, char* end) noexcept {
 }
 
 // Lays a number out as printf does: blanks, sign, prefix, zeros, digits (the blanks last
-// when left-justified). With zeroFill, zeros rather than blanks make up the width.
+// when left-justified). With zeroFill, zeros rather than blanks make up the width. All of it
+// is ASCII, written straight into the sink's buffer when it fits there.
 template <class CharT>
-void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, const char* prefix, std::size_t zeros,
+void WriteNumber(Sink<CharT>& sink, const Directive& dir, char sign, std::string_view prefix, std::size_t zeros,
                  const char* digits, std::size_t n, bool zeroFill) {
-  const std::size_t prefixLength = std::strlen(prefix);
-  std::size_t length = (sign ? 1 : 0) + prefixLength + zeros + n;
+  std::size_t length = (sign ? 1 : 0) + prefix.size() + zeros + n;
   const auto width = static_cast<std::size_t>(dir.width);
   if (zeroFill && width > length) {
     zeros += width - length;
     length = width;
   }
   const std::size_t pad = width > length ? width - length : 0;
+  if (CharT* const start = sink.Room(length + pad)) {
+    CharT* out = start;
+    if (pad && !dir.left)
+      out = std::fill_n(out, pad, CharT(' '));
+    if (sign)
+      *out++ = static_cast<CharT>(sign);
+    for (const char c : prefix)
+      *out++ = static_cast<CharT>(c);
+    if (zeros)
+      out = std::fill_n(out, zeros, CharT('0'));
+    for (std::size_t i = 0; i < n; ++i)
+      *out++ = static_cast<CharT>(digits[i]);
+    if (pad && dir.left)
+      out = std::fill_n(out, pad, CharT(' '));
+    sink.Commit(static_cast<std::size_t>(out - start));
+    return;
+  }
   if (!dir.left)
     sink.Fill(' ', pad);
   if (sign)
     sink.Put(sign);
-  sink.WriteUtf8(prefix, prefixLength);
+  sink.WriteAscii(prefix.data(), prefix.size());
   sink.Fill('0', zeros);
-  sink.WriteUtf8(digits, n);
+  sink.WriteAscii(digits, n);
   if (dir.left)
     sink.Fill(' ', pad);
+}
+
+// Writes the digits of value in the conversion's base so that they end at end; returns where
+// they start. Decimal digits go two at a time.
+char* IntegerDigits(char* end, unsigned long long value, char conversion) noexcept {
+  char* p = end;
+  switch (conversion) {
+  case 'x':
+  case 'X': {
+    const char* const hex = conversion == 'x' ? "0123456789abcdef" : "0123456789ABCDEF";
+    do {
+      *--p = hex[value & 15];
+      value >>= 4;
+    } while (value);
+    return p;
+  }
+  case 'o':
+    do {
+      *--p = static_cast<char>('0' + (value & 7));
+      value >>= 3;
+    } while (value);
+    return p;
+  default: {
+    static constexpr char pairs[] = "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+                                    "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+                                    "8081828384858687888990919293949596979899";
+    while (value >= 100) {
+      const auto pair = static_cast<std::size_t>(value % 100) * 2;
+      value /= 100;
+      p -= 2;
+      p[0] = pairs[pair];
+      p[1] = pairs[pair + 1];
+    }
+    if (value >= 10) {
+      p -= 2;
+      p[0] = pairs[value * 2];
+      p[1] = pairs[value * 2 + 1];
+    } else {
+      *--p = static_cast<char>('0' + value);
+    }
+    return p;
+  }
+  }
 }
 
 template <class CharT, class T>
@@ -553,18 +666,15 @@ void FormatInteger(Sink<CharT>& sink, const Directive& dir, char conversion, T v
     }
   }
   // Precision 0 writes no digit for the value 0.
-  char digits[24];
-  std::size_t n = 0;
-  if (magnitude != 0 || !dir.hasPrecision || dir.precision != 0) {
-    const int base = conversion == 'o' ? 8 : conversion == 'x' || conversion == 'X' ? 16 : 10;
-    char* const end = std::to_chars(digits, digits + sizeof digits, magnitude, base).ptr;
-    if (conversion == 'X')
-      ToUpper(digits, end);
-    n = static_cast<std::size_t>(end - digits);
-  }
+  char buffer[24];
+  char* const end = buffer + sizeof buffer;
+  const char* digits = end;
+  if (magnitude != 0 || !dir.hasPrecision || dir.precision != 0)
+    digits = IntegerDigits(end, magnitude, conversion);
+  const auto n = static_cast<std::size_t>(end - digits);
   const auto precision = static_cast<std::size_t>(dir.precision);
   std::size_t zeros = precision > n ? precision - n : 0;
-  const char* prefix = "";
+  std::string_view prefix;
   if (dir.alternate) {
     if (conversion == 'o') {
       if (zeros == 0 && (n == 0 || digits[0] != '0'))
@@ -576,8 +686,22 @@ void FormatInteger(Sink<CharT>& sink, const Directive& dir, char conversion, T v
   WriteNumber(sink, dir, sign, prefix, zeros, digits, n, dir.zero && !dir.left && !dir.hasPrecision);
 }
 
+// The probes of RoundsToNearest: a quarter and three quarters of the unit in the last place
+// of 1.0. Volatile, so that the additions happen at run time in the current rounding mode.
+volatile const double quarterUlp = 0x1p-54;
+volatile const double threeQuartersUlp = 0x1.8p-53;
+
+// True when arithmetic rounds to nearest: adding a quarter unit to 1.0 is lost (not upward)
+// and adding three quarters is not (neither downward nor toward zero). Cheaper than the
+// library call fegetround, and it reads the mode that fesetround sets for the C library too.
+bool RoundsToNearest() noexcept {
+  const double quarter = quarterUlp;
+  const double threeQuarters = threeQuartersUlp;
+  return 1.0 + quarter == 1.0 && 1.0 + threeQuarters != 1.0;
+}
+
 bool CNumberConventions() noexcept {
-  if (std::fegetround() != FE_TONEAREST)
+  if (!RoundsToNearest())
     return false;
   const char* name = std::setlocale(LC_NUMERIC, nullptr);
   return name && ((name[0] == 'C' && (name[1] == 0 || name[1] == '.')) || std::strcmp(name, "POSIX") == 0);
@@ -603,7 +727,7 @@ bool FormatDouble(Sink<CharT>& sink, const Directive& dir, char conversion, doub
       if (conversion != lower)
         ToUpper(digits, end);
       // Infinity and NaN are padded with blanks even with the "0" flag.
-      WriteNumber(sink, dir, sign, "", 0, digits, static_cast<std::size_t>(end - digits),
+      WriteNumber(sink, dir, sign, {}, 0, digits, static_cast<std::size_t>(end - digits),
                   dir.zero && !dir.left && std::isfinite(value));
       return true;
     }
@@ -747,6 +871,10 @@ public:
     arg = ReadArgument<CharT>(dir, m_source);
     return true;
   }
+  template <class CharT>
+  static int WriteDirect(Sink<CharT>&, const Directive&) noexcept {
+    return -1;
+  }
 
 private:
   DKFormatArgSource& m_source;
@@ -767,10 +895,77 @@ public:
     return true;
   }
 
+  // Writes the common conversions (an int, an unsigned, a double, text) straight from the
+  // captured argument: 1 when written, 0 when the C library refused a number, -1 when the
+  // conversion takes the general route (nothing consumed then).
+  template <class CharT>
+  int WriteDirect(Sink<CharT>& sink, const Directive& dir) {
+    if (m_next == m_end)
+      return -1;
+    const DKFormatArg& a = *m_next;
+    const auto conversion = static_cast<char>(dir.conversion);
+    switch (conversion) {
+    case 'd':
+    case 'i':
+      if (a.kind != Kind::Int || dir.size != Size::None)
+        return -1;
+      ++m_next;
+      FormatInteger(sink, dir, 'd', a.i);
+      return 1;
+    case 'o':
+    case 'u':
+    case 'x':
+    case 'X':
+      if (dir.size != Size::None)
+        return -1;
+      if (a.kind == Kind::Int) {
+        ++m_next;
+        FormatInteger(sink, dir, conversion, a.bytes == 4 ? static_cast<unsigned>(a.i) : static_cast<unsigned long long>(a.i));
+        return 1;
+      }
+      if (a.kind == Kind::UInt) {
+        ++m_next;
+        FormatInteger(sink, dir, conversion, a.u);
+        return 1;
+      }
+      return -1;
+    case 's':
+    case 'S':
+      if (a.kind == Kind::NarrowText) {
+        ++m_next;
+        FormatString(sink, dir, static_cast<const char*>(a.s.text), a.s.length);
+        return 1;
+      }
+      if (a.kind == Kind::WideText) {
+        ++m_next;
+        FormatString(sink, dir, static_cast<const DKChar*>(a.s.text), a.s.length);
+        return 1;
+      }
+      return -1;
+    case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+      if (a.kind != Kind::Double || dir.size == Size::LongDouble)
+        return -1;
+      ++m_next;
+      return FormatDouble(sink, dir, conversion, a.d) ? 1 : 0;
+    default: return -1;
+    }
+  }
+
   template <class CharT>
   bool Read(Directive& dir, Argument& arg, const char*& type) {
     const DKFormatArg& a = Next();
+    if (ReadAs<CharT>(dir, arg, a))
+      return true;
     type = TypeName(a);
+    return false;
+  }
+
+private:
+  using Kind = DKFormatArg::Kind;
+
+  // The argument as the directive's conversion reads it; false when it cannot match.
+  template <class CharT>
+  bool ReadAs(Directive& dir, Argument& arg, const DKFormatArg& a) {
     switch (dir.conversion) {
     case 'd':
     case 'i':
@@ -832,9 +1027,6 @@ public:
     }
     }
   }
-
-private:
-  using Kind = DKFormatArg::Kind;
 
   const DKFormatArg& Next() noexcept {
     static constexpr DKFormatArg missing;
@@ -975,6 +1167,10 @@ bool Convert(Sink<CharT>& sink, Directive& dir, ReaderT& args) {
   }
   if (dir.tooLarge)
     return false;
+  if (!dir.widthFromArg && !dir.precisionFromArg) {
+    if (const int written = args.WriteDirect(sink, dir); written >= 0)
+      return written != 0;
+  }
   const char* badType = nullptr;
   // A "*" argument that is not an integer: the directive's other arguments are consumed all
   // the same, so that the arguments after it keep their places.
@@ -1023,15 +1219,20 @@ template <class CharT, class ReaderT>
 void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
   const CharT* p = format;
   for (;;) {
-    const CharT* run = p;
-    while (*p && *p != '%')
-      ++p;
-    sink.Write(run, static_cast<std::size_t>(p - run));
+    p = sink.template CopyUntil<true>(p);
     if (!*p)
       return;
     const CharT* start = p;
     Directive dir;
-    p = ParseDirective(p + 1, dir);
+    if (const auto letter = static_cast<unsigned>(static_cast<std::make_unsigned_t<CharT>>(p[1]));
+        letter != 'F' && IsConversion(letter)) {
+      // A bare conversion ("%d", "%s"): no flags, width, precision or size to parse. "F" may
+      // be the old far-pointer marker, so it takes the full parse.
+      dir.conversion = letter;
+      p += 2;
+    } else {
+      p = ParseDirective(p + 1, dir);
+    }
     if (!IsConversion(dir.conversion)) {
       // Unknown letter, or the format ended inside the directive: write it as it stands.
       sink.Write(start, static_cast<std::size_t>(p - start));
@@ -1104,10 +1305,21 @@ std::string DKFormatNarrowV(const char* format, va_list args) {
 
 namespace {
 
-// Replaces s by the text that append writes. Built apart: the format or an argument may be
-// the string's own text.
+// Replaces s by the text that append writes. A string with text is rebuilt apart, since the
+// format or an argument may be that text.
 template <class AppendFn>
 DKString& Reformat(DKString& s, AppendFn append) {
+  if (s.Capacity() == 0) {
+    // The shared empty block (the only one of capacity 0) holds no text that the format or an
+    // argument could share: append in place, and leave the string empty if that fails.
+    try {
+      append(s);
+    } catch (...) {
+      s.Clear();
+      throw;
+    }
+    return s;
+  }
   DKString result;
   append(result);
   if (result.IsEmpty())

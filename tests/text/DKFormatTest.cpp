@@ -15,6 +15,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -145,18 +146,22 @@ TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
 }
 
 TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
-  std::fesetround(FE_UPWARD);
-  const std::string upward = Ref("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  const DKStdString wide = WideOf("%.2f|%.3e|%g", 1.0 / 3.0, 2.0 / 3.0, 0.1);
-  std::fesetround(FE_TONEAREST);
+  // Every rounding mode, each with a first field that it rounds differently from nearest.
+  for (const auto& [mode, first] : {std::pair{FE_UPWARD, "0.34"}, {FE_DOWNWARD, "0.66"}, {FE_TOWARDZERO, "0.66"}}) {
+    const double x = mode == FE_UPWARD ? 1.0 / 3.0 : 2.0 / 3.0;
+    std::fesetround(mode);
+    const std::string expected = Ref("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    const DKStdString wide = WideOf("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    std::fesetround(FE_TONEAREST);
 #if defined(_WIN32)
-  EXPECT_EQ(upward.substr(0, 4), "0.33"); // the Windows runtime rounds to nearest whatever the mode
+    (void)first; // the Windows runtime rounds to nearest whatever the mode, and so do we there
 #else
-  EXPECT_EQ(upward.substr(0, 4), "0.34");
+    EXPECT_EQ(expected.substr(0, 4), first) << mode;
 #endif
-  EXPECT_EQ(narrow, upward);
-  EXPECT_EQ(wide, Widen(upward));
+    EXPECT_EQ(narrow, expected) << mode;
+    EXPECT_EQ(wide, Widen(expected)) << mode;
+  }
 
   const std::string previous = std::setlocale(LC_NUMERIC, nullptr);
   for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "fr_FR"}) {
@@ -401,6 +406,18 @@ TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
   s = DK_T("x");
   s.Format(nullptr);
   EXPECT_EQ(s.GetData(), DKString::GetEmptyData());
+
+  // An empty string, shared or with a block of its own, given its own (empty) text as an
+  // argument after more output than one buffer of the engine holds.
+  const DKStdString pad(300, DK_T('p'));
+  const DKStdString expected = pad + DK_T("[]") + pad + DK_T("[]");
+  DKString empty;
+  empty.Format(DK_T("%s[%s]%s[%s]"), pad.c_str(), empty.c_str(), pad.c_str(), empty.c_str());
+  EXPECT_EQ(Wide(empty), expected);
+  DKString reserved;
+  reserved.Reserve(1000);
+  reserved.Format(DK_T("%s[%s]%s[%s]"), pad.c_str(), reserved.c_str(), pad.c_str(), reserved.c_str());
+  EXPECT_EQ(Wide(reserved), expected);
 }
 
 TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutput) {
