@@ -41,8 +41,10 @@ TEST(DateTest, CountsRangeAndArithmetic) {
     for (const long by : {std::numeric_limits<long>::max(), std::numeric_limits<long>::min(), beyond32}) {
       for (const bool forward : {true, false}) {
         DKDate moved = DKDate::FromDays(days);
-        const std::int64_t target = forward ? std::int64_t{days} + by : std::int64_t{days} - by;
-        if (target < lowest || target > highest) {
+        std::int64_t target = 0; // a sum beyond 64 bits is out of range too
+        const bool overflows = forward ? __builtin_add_overflow(std::int64_t{days}, std::int64_t{by}, &target)
+                                       : __builtin_sub_overflow(std::int64_t{days}, std::int64_t{by}, &target);
+        if (overflows || target < lowest || target > highest) {
           EXPECT_THROW(forward ? moved += by : moved -= by, DKDateException) << days << (forward ? " + " : " - ") << by;
           EXPECT_EQ(moved.GetDays(), days);
         } else {
