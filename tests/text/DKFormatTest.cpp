@@ -93,20 +93,20 @@ TEST(DKFormatNumbers, EveryFlagWidthAndPrecisionMatchesSnprintf) {
             ExpectLikeSnprintf(head + conversion + "]", v);
         // The sign flags mean nothing to an unsigned conversion: the reference goes without them
         // (the MinGW runtime writes a space for " " where the C standard writes nothing).
-        const std::string unsignedSpec = "%" + Without(flags, " +") + width + precision;
+        const std::string unsignedDirective = "%" + Without(flags, " +") + width + precision;
         // "#" makes a zero octal "0" even at precision 0, which is precision 1 without "#" (the
         // MinGW runtime writes nothing there).
         const std::string precisionOne = precision == std::string(".") || precision == std::string(".0") ? ".1" : precision;
-        const std::string zeroOctalSpec = "%" + Without(flags, " +#") + width + precisionOne;
+        const std::string zeroOctalDirective = "%" + Without(flags, " +#") + width + precisionOne;
         for (const char* conversion : {"o", "u", "x", "X"})
           for (unsigned v : unsigneds) {
             const bool zeroOctal = v == 0 && *conversion == 'o' && std::strchr(flags, '#');
-            const std::string spec = zeroOctal ? zeroOctalSpec : unsignedSpec;
-            ExpectText(head + conversion + "]", Ref(("[" + spec + conversion + "]").c_str(), v), v);
+            const std::string directive = zeroOctal ? zeroOctalDirective : unsignedDirective;
+            ExpectText(head + conversion + "]", Ref(("[" + directive + conversion + "]").c_str(), v), v);
           }
         ExpectLikeSnprintf(head + "lld|%" + flags + width + precision + "lli]", LLONG_MIN, LLONG_MAX);
         ExpectText(head + "llo|%" + flags + width + precision + "llX]",
-                   Ref(("[" + unsignedSpec + "llo|" + unsignedSpec + "llX]").c_str(), ULLONG_MAX, ULLONG_MAX), ULLONG_MAX,
+                   Ref(("[" + unsignedDirective + "llo|" + unsignedDirective + "llX]").c_str(), ULLONG_MAX, ULLONG_MAX), ULLONG_MAX,
                    ULLONG_MAX);
         // A negative NaN keeps its sign, as on glibc; runtimes that drop it (MinGW) still give
         // the text: the positive NaN with a forced sign, the sign turned.
