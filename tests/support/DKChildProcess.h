@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -19,24 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace dktest {
-
-// This process's environment without the variables whose names start with dropPrefix (none
-// when it is empty), with `set` added or replacing what is there.
-inline std::vector<std::string> EnvironmentWith(const std::map<std::string, std::string>& set,
-                                                const std::string& dropPrefix = std::string()) {
-  std::vector<std::string> environment;
-  for (char** p = environ; *p; ++p) {
-    const std::string entry = *p, name = entry.substr(0, entry.find('='));
-    if ((dropPrefix.empty() || name.rfind(dropPrefix, 0) != 0) && !set.count(name))
-      environment.push_back(entry);
-  }
-  for (const auto& [name, value] : set)
-    environment.push_back(name + "=" + value);
-  return environment;
-}
 
 // A program run with its standard output and error on one pipe, in this process's environment
 // or the one given.

@@ -1,7 +1,7 @@
 // POSIX implementation of the library's internal operating-system services (os/DKSystem.h).
 #include "os/DKSystem.h"
+#include "platform/gnu/DKDemangle.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <execinfo.h>
@@ -20,17 +20,6 @@ namespace {
 
 constexpr int kMaxFrames = 128;
 
-struct FreeDeleter {
-  void operator()(void* p) const noexcept { std::free(p); }
-};
-
-// The readable form of a symbol name: demangled when it is a C++ name, else as it is.
-std::string Demangle(const char* name) {
-  int status = 0;
-  std::unique_ptr<char, FreeDeleter> demangled(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-  return status == 0 && demangled ? std::string(demangled.get()) : std::string(name);
-}
-
 std::string DescribeFrame(int index, void* address) {
   char head[48];
   std::snprintf(head, sizeof head, "#%-3d 0x%016" PRIxPTR " ", index, reinterpret_cast<std::uintptr_t>(address));
@@ -47,7 +36,7 @@ std::string DescribeFrame(int index, void* address) {
   if (info.dli_sname) {
     char offset[32];
     std::snprintf(offset, sizeof offset, "+0x%" PRIxPTR, pc - reinterpret_cast<std::uintptr_t>(info.dli_saddr));
-    line += Demangle(info.dli_sname);
+    line += dkplatform::Demangle(info.dli_sname);
     line += offset;
   } else {
     line += "??";

@@ -1,11 +1,11 @@
 // Windows implementation of the library's internal operating-system services (os/DKSystem.h).
 #include "os/DKSystem.h"
+#include "platform/gnu/DKDemangle.h"
 
 #include "Win32Util.h"
 
 #include <windows.h>
 
-#include <cxxabi.h>
 #include <signal.h>
 
 #include <cinttypes>
@@ -17,17 +17,6 @@
 namespace {
 
 constexpr int kMaxFrames = 128;
-
-struct FreeDeleter {
-  void operator()(void* p) const noexcept { std::free(p); }
-};
-
-// The readable form of a symbol name: demangled when it is a C++ name, else as it is.
-std::string Demangle(const char* name) {
-  int status = 0;
-  std::unique_ptr<char, FreeDeleter> demangled(abi::__cxa_demangle(name, nullptr, nullptr, &status));
-  return status == 0 && demangled ? std::string(demangled.get()) : std::string(name);
-}
 
 // The name a module exports for the function that starts at rva; null when it exports none
 // there. The export table is read in the module's image in memory.
@@ -76,7 +65,7 @@ std::string DescribeFrame(int index, void* address) {
                          : nullptr;
   if (name) {
     std::snprintf(text, sizeof text, "+0x%" PRIxPTR, pc - (base + function->BeginAddress));
-    line += Demangle(name);
+    line += dkplatform::Demangle(name);
     line += text;
   } else {
     line += "??";
