@@ -104,26 +104,32 @@ std::size_t Sum(std::atomic<std::int64_t> Counts::*counter) noexcept {
   return static_cast<std::size_t>(total);
 }
 
-} // namespace
-
-void* DMMemoryPool::NewSized(std::size_t size) {
-  void* block = std::malloc(size != 0 ? size : 1);
+// A block of `bytes` from the allocator, counted as `counted` bytes (what the caller asked for).
+void* Take(std::size_t bytes, std::size_t counted) {
+  void* block = std::malloc(bytes != 0 ? bytes : 1);
   if (!block)
     throw std::bad_alloc();
   Counts& counts = ThreadCounts();
   Add(counts, &Counts::liveBlocks, 1);
-  Add(counts, &Counts::liveBytes, static_cast<std::int64_t>(size));
+  Add(counts, &Counts::liveBytes, static_cast<std::int64_t>(counted));
   Add(counts, &Counts::totalBlocks, 1);
   return block;
 }
 
-void DMMemoryPool::DeleteSized(void* block, std::size_t size) noexcept {
-  if (!block)
-    return;
+void GiveBack(void* block, std::size_t counted) noexcept {
   Counts& counts = ThreadCounts();
   Add(counts, &Counts::liveBlocks, -1);
-  Add(counts, &Counts::liveBytes, -static_cast<std::int64_t>(size));
+  Add(counts, &Counts::liveBytes, -static_cast<std::int64_t>(counted));
   std::free(block);
+}
+
+} // namespace
+
+void* DMMemoryPool::NewSized(std::size_t size) { return Take(size, size); }
+
+void DMMemoryPool::DeleteSized(void* block, std::size_t size) noexcept {
+  if (block)
+    GiveBack(block, size);
 }
 
 void* DMMemoryPool::ResizeSized(void* block, std::size_t oldSize, std::size_t size) {
@@ -141,8 +147,7 @@ void* DMMemoryPool::ResizeSized(void* block, std::size_t oldSize, std::size_t si
 void* DMMemoryPool::New(std::size_t size) {
   if (size > static_cast<std::size_t>(-1) - kHeader)
     throw std::bad_alloc();
-  void* raw = NewSized(size + kHeader);
-  Add(ThreadCounts(), &Counts::liveBytes, -static_cast<std::int64_t>(kHeader));
+  void* raw = Take(size + kHeader, size);
   *static_cast<std::size_t*>(raw) = size;
   return static_cast<char*>(raw) + kHeader;
 }
@@ -151,8 +156,7 @@ void DMMemoryPool::Delete(void* block) noexcept {
   if (!block)
     return;
   void* raw = static_cast<char*>(block) - kHeader;
-  DeleteSized(raw, *static_cast<std::size_t*>(raw) + kHeader);
-  Add(ThreadCounts(), &Counts::liveBytes, static_cast<std::int64_t>(kHeader));
+  GiveBack(raw, *static_cast<std::size_t*>(raw));
 }
 
 void* DMMemoryPool::Resize(void* block, std::size_t size) {
