@@ -16,6 +16,7 @@
 #include "FuzzCheck.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -25,17 +26,10 @@ constexpr std::int64_t kDay = 86400;
 
 std::int64_t FloorDiv(std::int64_t a, std::int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
 
-// The proleptic Gregorian date of a day number (days since 1970-01-01).
-void CivilFromDays(std::int64_t z, std::int64_t& year, int& month, int& day) {
-  z += 719468;
-  const std::int64_t era = FloorDiv(z, 146097);
-  const std::int64_t doe = z - era * 146097;
-  const std::int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const std::int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const std::int64_t mp = (5 * doy + 2) / 153;
-  day = static_cast<int>(doy - (153 * mp + 2) / 5 + 1);
-  month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
-  year = yoe + era * 400 + (month <= 2);
+// The day of the month of a day number (days since 1970-01-01), from the standard calendar.
+unsigned MonthDay(std::int64_t dayNumber) {
+  const std::chrono::year_month_day date{std::chrono::sys_days{std::chrono::days{dayNumber}}};
+  return static_cast<unsigned>(date.day());
 }
 
 bool RunsOn(const DKSchedule& schedule, std::int64_t dayNumber) {
@@ -43,14 +37,9 @@ bool RunsOn(const DKSchedule& schedule, std::int64_t dayNumber) {
     const int mondayFirst = static_cast<int>(((dayNumber + 3) % 7 + 7) % 7); // 1970-01-01 was a Thursday
     return (schedule.GetWeekDays() >> mondayFirst) & 1u;
   }
-  std::int64_t year = 0;
-  int month = 0, day = 0;
-  CivilFromDays(dayNumber, year, month, day);
-  std::int64_t nextYear = 0;
-  int nextMonth = 0, nextDay = 0;
-  CivilFromDays(dayNumber + 1, nextYear, nextMonth, nextDay);
-  const bool last = nextDay == 1;
-  return ((schedule.GetMonthDays() >> day) & 1u) || ((schedule.GetMonthDays() & DKSchedule::LastDayOfMonth) && last);
+  const bool last = MonthDay(dayNumber + 1) == 1;
+  return ((schedule.GetMonthDays() >> MonthDay(dayNumber)) & 1u) ||
+         ((schedule.GetMonthDays() & DKSchedule::LastDayOfMonth) && last);
 }
 
 // The first time of the day (seconds) the schedule names at or after `from`; -1 when none.
