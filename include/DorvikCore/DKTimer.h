@@ -140,15 +140,32 @@ public:
 };
 
 // The main thread's timer window: the queue of callbacks that application timers (and any
-// thread, through Post) hand to the thread that pumps it. On Windows the hidden window of the
-// same name carries them through the thread's messages; elsewhere the run loop pumps this queue
-// where it used to sleep.
+// thread, through Post) hand to the thread that pumps it. A run loop pumps this queue where it
+// used to sleep. On Windows a thread can also attach the hidden window of the same name: each
+// post then reaches the thread as a window message, so a program that runs its own message loop
+// (GetMessage and DispatchMessage) gets the callbacks run without pumping.
 class DK_EXPORT DKTimerWnd {
 public:
+  // Creates the hidden window on the calling thread. From then on the thread's message loop runs
+  // the queued callbacks as they come, and a Pump on this thread dispatches the thread's window
+  // messages while it waits. One thread owns the window; the owner attaching again does nothing.
+  // An error when another thread owns it, when the system refuses, and on systems without
+  // windows (everywhere but Windows).
+  static DKErrorID Attach();
+  // Destroys the hidden window, on its owner thread (elsewhere: nothing). Queued callbacks stay
+  // queued for the next Pump.
+  static void Detach();
+  // The hidden window's handle (an HWND); null when none is attached.
+  static void* GetWindowHandle() noexcept;
+  // Whether a quit message (WM_QUIT) ended a wait of Pump on the window's thread since the last
+  // call; Pump takes that message out of the thread's queue and keeps its exit code for exitCode.
+  static bool TakeQuitMessage(int* exitCode = nullptr);
+
   // Queues a callback for the pumping thread; any thread may call. Null does nothing.
   static void Post(const DKSmartPtr<DKCallback>& callback);
   // Runs the callbacks queued now, in the order they were posted, on the calling thread. When
-  // none is queued, first waits up to waitMs (DK_INFINITE: without limit) for one, or for Wake.
+  // none is queued, first waits up to waitMs (DK_INFINITE: without limit) for one, or for Wake
+  // (or, on the thread of the hidden window, for a quit message).
   // Returns how many ran. One thread pumps at a time: a second one returns 0 at once. An
   // exception a callback throws is reported like one that leaves a DKThread, and the rest run.
   static int Pump(int waitMs = 0);

@@ -79,6 +79,23 @@ std::unique_ptr<DKUnitTest> NewMainMenu(const DKApplication& app) {
   return std::make_unique<DKUnitTest>(app.GetAppName());
 }
 
+// The main thread owns the hidden timer window while Run runs (on Windows), so that windows a
+// plug-in makes on it get their messages dispatched while the loop waits. A window some other
+// code attached is left as it is; elsewhere attaching refuses and this does nothing.
+class TimerWindowScope {
+public:
+  TimerWindowScope() : m_attached(!DKTimerWnd::GetWindowHandle() && DKTimerWnd::Attach().Good()) {}
+  ~TimerWindowScope() {
+    if (m_attached)
+      DKTimerWnd::Detach();
+  }
+  TimerWindowScope(const TimerWindowScope&) = delete;
+  TimerWindowScope& operator=(const TimerWindowScope&) = delete;
+
+private:
+  bool m_attached;
+};
+
 } // namespace
 
 // What the watch over the shutdown needs to know, and the watch itself.
@@ -244,6 +261,7 @@ int DKApplicationWithPlugIns::Run() {
   // takes them itself, so that a quit request never depends on when a handler gets to run. It
   // lets them through while plug-in code or the menu runs on it.
   QuitSignalHold quitSignals;
+  const TimerWindowScope timerWindow;
 
   for (const DKSmartPtr<DKPlugIn>& plugIn : GetPlugInHier(m_runnablePlugIns)) {
     if (StatusOf(*plugIn) != DKPlugIn::Initialized)
@@ -300,6 +318,9 @@ int DKApplicationWithPlugIns::Run() {
     if (quitSignals.ExitPosted())
       RequestExit(false);
     DKTimerWnd::Pump(210);
+    // A quit message to the main thread (PostQuitMessage) asks the application to end.
+    if (DKTimerWnd::TakeQuitMessage())
+      PostExitRequest();
   }
   return 1;
 }

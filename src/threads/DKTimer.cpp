@@ -19,6 +19,8 @@
 #include <DorvikCore/DKThreadPool.h>
 #include <DorvikCore/DKTrace.h>
 
+#include "os/DKSystem.h"
+#include "threads/DKTimerWndImpl.h"
 #include "threads/DKWaitPoint.h"
 
 #include <cstdlib>
@@ -500,6 +502,8 @@ struct TimerWindow {
   std::deque<DKSmartPtr<DKCallback>> queue;
   bool pumping = false;
   bool wake = false; // Wake was called: the next wait ends at once
+  bool quit = false;  // a quit message ended a wait on the hidden window's thread
+  int quitCode = 0;
   DKWaitPoint posted;
 };
 
@@ -519,6 +523,7 @@ void DKTimerWnd::Post(const DKSmartPtr<DKCallback>& callback) {
     window.queue.push_back(callback);
   }
   window.posted.WakeAll();
+  DKTimerWindowImpl::Notify();
 }
 
 int DKTimerWnd::Pump(int waitMs) {
@@ -530,14 +535,30 @@ int DKTimerWnd::Pump(int waitMs) {
       return 0;
     window.pumping = true; // waiting is pumping too: a second thread gets nothing meanwhile
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(waitMs, 0));
+    // The hidden window's thread waits for its messages, which carry posts and wakes too.
+    const bool windowed = waitMs != 0 && DKTimerWindowImpl::IsOwner();
     while (window.queue.empty() && !window.wake && waitMs != 0) {
       const auto now = Clock::now();
       if (waitMs > 0 && now >= deadline)
         break;
-      window.posted.Wait(guard, waitMs < 0 ? DK_INFINITE : DKWaitPoint::MillisecondsUntil(deadline, now));
+      const int leftMs = waitMs < 0 ? DK_INFINITE : DKWaitPoint::MillisecondsUntil(deadline, now);
+      if (!windowed) {
+        window.posted.Wait(guard, leftMs);
+        continue;
+      }
+      guard.unlock();
+      int quitCode = 0;
+      const bool goOn = DKTimerWindowImpl::WaitAndDispatch(leftMs, quitCode);
+      guard.lock();
+      if (!goOn) {
+        window.quit = true;
+        window.quitCode = quitCode;
+        break;
+      }
     }
     window.wake = false;
     due.swap(window.queue);
+    DKTimerWindowImpl::Drained();
   }
   int ran = 0;
   for (DKSmartPtr<DKCallback>& callback : due) {
@@ -557,6 +578,39 @@ void DKTimerWnd::Wake() {
     window.wake = true;
   }
   window.posted.WakeAll();
+  DKTimerWindowImpl::Notify();
+}
+
+DKErrorID DKTimerWnd::Attach() {
+  TimerWindow& window = Window();
+  std::lock_guard<DKCriticalSection> guard(window.lock);
+  if (DKTimerWindowImpl::IsOwner())
+    return DKErrorID();
+  if (DKTimerWindowImpl::Handle())
+    return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "DKTimerWnd::Attach: another thread owns the hidden window");
+  int error = 0;
+  if (!DKTimerWindowImpl::Create([] { DKTimerWnd::Pump(0); }, error))
+    return DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, error, DKSystem::ErrorCodeText(error));
+  return DKErrorID();
+}
+
+void DKTimerWnd::Detach() {
+  TimerWindow& window = Window();
+  std::lock_guard<DKCriticalSection> guard(window.lock);
+  DKTimerWindowImpl::Destroy();
+}
+
+void* DKTimerWnd::GetWindowHandle() noexcept { return DKTimerWindowImpl::Handle(); }
+
+bool DKTimerWnd::TakeQuitMessage(int* exitCode) {
+  TimerWindow& window = Window();
+  std::lock_guard<DKCriticalSection> guard(window.lock);
+  if (!window.quit)
+    return false;
+  window.quit = false;
+  if (exitCode)
+    *exitCode = window.quitCode;
+  return true;
 }
 
 std::size_t DKTimerWnd::GetQueuedCount() {

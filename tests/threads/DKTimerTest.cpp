@@ -4,6 +4,7 @@
 // Time appears only as the order of events and as due times the timers report; nothing
 // depends on how fast the machine is.
 #include "ThreadsTestSupport.h"
+#include "support/DKTestWindowMessages.h"
 
 #include <DorvikCore/DKThreadPool.h>
 #include <DorvikCore/DKTimer.h>
@@ -334,4 +335,110 @@ TEST(DKAppTimerTest, PostRunsInOrderWakeEndsAWaitAndExceptionsDoNotStopThePump) 
   EXPECT_EQ(pumped.load(), 0);
   DKTimerWnd::Wake(); // nobody pumps: the next pump does not wait
   EXPECT_EQ(DKTimerWnd::Pump(DK_INFINITE), 0);
+}
+
+// The hidden timer window: a thread's own message loop runs the queued callbacks (Windows only;
+// elsewhere attaching refuses).
+TEST(DKTimerWndTest, TheHiddenWindowBelongsToOneThreadAndExistsOnlyWithWindowMessages) {
+  if (!dktest::HasWindowMessages()) {
+    EXPECT_TRUE(DKTimerWnd::Attach().Bad());
+    EXPECT_EQ(DKTimerWnd::GetWindowHandle(), nullptr);
+    DKTimerWnd::Detach(); // nothing to destroy
+    return;
+  }
+  ASSERT_TRUE(DKTimerWnd::Attach().Good());
+  void* const handle = DKTimerWnd::GetWindowHandle();
+  ASSERT_NE(handle, nullptr);
+  EXPECT_TRUE(DKTimerWnd::Attach().Good()); // the owner again: the same window
+  EXPECT_EQ(DKTimerWnd::GetWindowHandle(), handle);
+  std::thread other([] {
+    EXPECT_TRUE(DKTimerWnd::Attach().Bad()); // owned by the test's thread
+    DKTimerWnd::Detach();                    // not the owner: nothing
+  });
+  other.join();
+  EXPECT_EQ(DKTimerWnd::GetWindowHandle(), handle);
+  DKTimerWnd::Detach();
+  EXPECT_EQ(DKTimerWnd::GetWindowHandle(), nullptr);
+  // Free again, any thread may take it.
+  std::thread next([] {
+    EXPECT_TRUE(DKTimerWnd::Attach().Good());
+    EXPECT_NE(DKTimerWnd::GetWindowHandle(), nullptr);
+    DKTimerWnd::Detach();
+  });
+  next.join();
+  EXPECT_EQ(DKTimerWnd::GetWindowHandle(), nullptr);
+}
+
+class DKTimerWndWindowTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    if (!dktest::HasWindowMessages())
+      GTEST_SKIP() << "the system has no window messages";
+    ASSERT_TRUE(DKTimerWnd::Attach().Good());
+  }
+  void TearDown() override {
+    DKTimerWnd::Detach();
+    DKTimerWnd::Pump(0);
+    dktest::DropThreadMessages();
+  }
+};
+
+TEST_F(DKTimerWndWindowTest, TheThreadsOwnMessageLoopRunsWhatAnyThreadPostsAndAppTimers) {
+  const std::uint32_t self = DKThread::GetCurrentThreadID().m_threadID;
+  std::atomic<int> runs{0};
+  std::atomic<bool> elsewhere{false};
+  std::thread poster([&] {
+    for (int i = 0; i < 100; ++i)
+      DKTimerWnd::Post(DKMakeCallback([&] {
+        if (DKThread::GetCurrentThreadID().m_threadID != self)
+          elsewhere = true;
+        ++runs;
+      }));
+  });
+  std::atomic<int> ticks{0};
+  DKAppTimer timer([&] { ++ticks; });
+  ASSERT_TRUE(timer.Start(0, 1).Good());
+  EXPECT_TRUE(dktest::DispatchMessagesUntil([&] { return runs.load() == 100 && ticks.load() >= 3; }, 60000));
+  poster.join();
+  EXPECT_TRUE(timer.Cancel());
+  EXPECT_FALSE(elsewhere.load());
+  EXPECT_EQ(runs.load(), 100);
+}
+
+TEST_F(DKTimerWndWindowTest, WakeUpsAreOneMessageHoweverManyPostsWait) {
+  std::atomic<int> runs{0};
+  for (int i = 0; i < 1000; ++i)
+    DKTimerWnd::Post(DKMakeCallback([&] { ++runs; }));
+  EXPECT_EQ(dktest::DropThreadMessages(), 1);
+  EXPECT_EQ(DKTimerWnd::Pump(0), 1000);
+  // The dropped wake-up does not silence the window: the next post sends another.
+  DKTimerWnd::Post(DKMakeCallback([&] { ++runs; }));
+  EXPECT_TRUE(dktest::DispatchMessagesUntil([&] { return runs.load() == 1001; }, 60000));
+}
+
+TEST_F(DKTimerWndWindowTest, APumpOnTheWindowsThreadWakesForPostsWakesAndQuitMessages) {
+  // Posts and wakes from another thread end a wait that sleeps on the thread's messages.
+  std::atomic<int> runs{0};
+  std::thread poster([&] { DKTimerWnd::Post(DKMakeCallback([&] { ++runs; })); });
+  int ran = 0;
+  while (ran == 0)
+    ran += DKTimerWnd::Pump(DK_INFINITE);
+  poster.join();
+  EXPECT_EQ(ran, 1);
+  std::thread waker([] { DKTimerWnd::Wake(); });
+  EXPECT_EQ(DKTimerWnd::Pump(DK_INFINITE), 0);
+  waker.join();
+
+  // A quit message ends the wait and is kept, with its code, for the caller.
+  EXPECT_FALSE(DKTimerWnd::TakeQuitMessage());
+  DKTimerWnd::Post(DKMakeCallback([] { dktest::PostQuitToThisThread(7); }));
+  EXPECT_EQ(DKTimerWnd::Pump(0), 1);
+  EXPECT_EQ(DKTimerWnd::Pump(DK_INFINITE), 0);
+  int code = 0;
+  EXPECT_TRUE(DKTimerWnd::TakeQuitMessage(&code));
+  EXPECT_EQ(code, 7);
+  EXPECT_FALSE(DKTimerWnd::TakeQuitMessage());
+  // It was taken out of the queue: the next wait waits.
+  EXPECT_EQ(DKTimerWnd::Pump(1), 0);
+  EXPECT_FALSE(DKTimerWnd::TakeQuitMessage());
 }

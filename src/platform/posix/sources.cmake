@@ -13,5 +13,6 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/ModuleImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SignalImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/CrashImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/TimerWindowImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EnvironmentImpl.cpp
 )
