@@ -6,6 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -146,6 +147,26 @@ inline std::vector<std::string> SimpleTexts() {
     texts.push_back(t);
   }
   return texts;
+}
+
+// Programs too large for a regular-expression engine's state cache (about 2,000 instructions
+// and up): "(?:a{0,1000}c?)+b" meets a thousand states of up to a thousand instructions on a run
+// of "a"; "(?:a|b)*a(?:a|b){n}c" on random a/b text makes nearly every character a new state.
+inline const char* const growPattern = "(?:a{0,1000}c?)+b";
+inline std::string NewStatesPattern(std::int64_t n) {
+  // A count is at most 1,000 in the engines measured: larger ones are nested.
+  return n <= 1000 ? "(?:a|b)*a(?:a|b){" + std::to_string(n) + "}c"
+                   : "(?:a|b)*a(?:(?:a|b){1000}){" + std::to_string(n / 1000) + "}c";
+}
+// 20,000 characters of a and b from a fixed linear congruential sequence.
+inline std::string RandomABText() {
+  std::string text;
+  std::uint32_t x = 12345;
+  for (int i = 0; i < 20000; ++i) {
+    x = x * 1103515245u + 12345u;
+    text += (x >> 16) & 1 ? 'a' : 'b';
+  }
+  return text;
 }
 
 inline constexpr const char* simplePattern = "[A-Z][a-z]+[0-9]*";

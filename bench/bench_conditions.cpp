@@ -122,23 +122,14 @@ void BM_DKRegEx_LargeProgram_Class(benchmark::State& state) {
 BENCHMARK(BM_DKRegEx_LargeProgram_Class)->Unit(benchmark::kMicrosecond);
 
 void BM_DKRegEx_LargeProgram_Grow(benchmark::State& state) {
-  LargeProgram(state, "(?:a{0,1000}c?)+b", DKString(DK_T('a'), 100000));
+  LargeProgram(state, dkbench::growPattern, DKString(DK_T('a'), 100000));
 }
 BENCHMARK(BM_DKRegEx_LargeProgram_Grow)->Unit(benchmark::kMicrosecond);
 
 // Every window of n + 1 characters is a state of its own: the cache can never settle. With n =
 // 6,000 the program is near the size limit (about 18,000 instructions).
 void BM_DKRegEx_LargeProgram_NewStates(benchmark::State& state) {
-  DKString text;
-  std::uint32_t x = 12345;
-  for (int i = 0; i < 20000; ++i) {
-    x = x * 1103515245u + 12345u;
-    text += (x >> 16) & 1 ? DK_T('a') : DK_T('b');
-  }
-  const std::int64_t n = state.range(0); // a count is at most 1,000: larger ones are nested
-  const std::string pattern = n <= 1000 ? "(?:a|b)*a(?:a|b){" + std::to_string(n) + "}c"
-                                        : "(?:a|b)*a(?:(?:a|b){1000}){" + std::to_string(n / 1000) + "}c";
-  LargeProgram(state, pattern.c_str(), text);
+  LargeProgram(state, dkbench::NewStatesPattern(state.range(0)).c_str(), FromUtf8(dkbench::RandomABText()));
 }
 BENCHMARK(BM_DKRegEx_LargeProgram_NewStates)->Arg(200)->Arg(6000)->Unit(benchmark::kMicrosecond);
 
