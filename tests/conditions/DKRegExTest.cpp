@@ -32,27 +32,26 @@ std::optional<std::regex> StdCompile(const std::string& pattern) {
   }
 }
 
-// Patterns and texts of ASCII only, checked against std::regex in the same run.
+// Patterns and texts of ASCII only, checked against std::regex in the same run: what the random
+// patterns below do not make (ranges, escapes, counts, lazy and nested quantifiers, empty
+// alternatives, characters outside their alphabet).
 struct OracleCase {
   const char* pattern;
   std::vector<const char*> texts;
 };
 
 const OracleCase oracleCases[] = {
-    {"abc", {"abc", "ab", "abcd", "", "ABC"}}, {"a.c", {"abc", "a\nc", "a\rc", "ac", "a.c"}},
+    {"a.c", {"abc", "a\nc", "a\rc", "ac", "a.c"}},
     {"[A-Z][a-z]+[0-9]*", {"Hello", "Hello42", "hello", "H", "Hi9x", "Ab0123456789"}},
     {"[^a-c]+", {"xyz", "xaz", "", "d"}}, {"[a\\-z]+", {"a-z", "b", "-"}}, {"[-a]", {"-", "a", "b"}},
     {"[a-]", {"-", "a"}}, {"\\d+\\.\\d*", {"12.", "12.5", ".5", "1x5"}},
     {"\\w+@\\w+", {"me@home", "me@", "m e@home", "a_1@b2"}}, {"\\s*x\\s*", {"  x ", "x", "\tx\n", "y"}},
     {"\\D\\W\\S", {"a b", "1 b", "a_b", "a!b"}}, {"[\\d\\s]+", {"1 2 3", "12a"}},
-    {"a{2,4}", {"a", "aa", "aaa", "aaaa", "aaaaa"}}, {"(ab){2}", {"abab", "ab", "ababab"}},
-    {"(?:ab|cd){1,3}e", {"abe", "cdabe", "abcdabe", "abcdabcde", "e"}}, {"(a|ab)(c|bcd)(d*)", {"abcd", "abcdd", "acd"}},
-    {"(a|)+b", {"b", "ab", "aaab"}}, {"(a*)*", {"", "aaa", "b"}}, {"(a*)+b", {"b", "aab", "aa"}},
-    {"(a+)+b", {"aaaaaaaaaab", "aaaaaaaaaa"}}, {"^abc$", {"abc", "abcd"}}, {"a^b", {"ab", "a^b"}}, {"a$b", {"ab"}},
-    {"(^a|b)c", {"ac", "bc", "c"}},
-    {"x*?y+?z??", {"xxyyz", "y", "xz"}}, {"\\(\\)\\[\\]\\{\\}\\*\\+\\?\\.\\|\\^\\$\\\\", {"()[]{}*+?.|^$\\"}},
+    {"a{2,4}", {"a", "aa", "aaa", "aaaa", "aaaaa"}}, {"(?:ab|cd){1,3}e", {"abe", "cdabe", "abcdabe", "abcdabcde", "e"}},
+    {"(a|ab)(c|bcd)(d*)", {"abcd", "abcdd", "acd"}}, {"(a|)+b", {"b", "ab", "aaab"}}, {"(a*)*", {"", "aaa", "b"}},
+    {"(a*)+b", {"b", "aab", "aa"}}, {"(a+)+b", {"aaaaaaaaaab", "aaaaaaaaaa"}}, {"x*?y+?z??", {"xxyyz", "y", "xz"}},
+    {"\\(\\)\\[\\]\\{\\}\\*\\+\\?\\.\\|\\^\\$\\\\", {"()[]{}*+?.|^$\\"}},
     {"\\x41\\u0042\\t", {"AB\t", "AB "}}, {"[\\x30-\\x39]{2}", {"42", "4a"}}, {"a|b|c|", {"", "a", "c", "ab"}},
-    {"((a)|(b))*c", {"c", "ababc", "abab"}}, {"a.*b.*c", {"abc", "a123b456c", "acb"}},
     {"(a|b)*a(a|b){3}", {"abbb", "babab", "aaaa", "baba"}},
     // Loops over loops, options and x{0,n} or x{1,n} are compiled as loops over x; x{2,n} is not.
     {"(?:a{0,3})+b", {"b", "aaaaaaab", "aaaa", "ab"}}, {"(?:a{1,3})*c", {"c", "aaaaac", "bc"}},

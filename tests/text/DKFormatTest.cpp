@@ -235,8 +235,7 @@ TEST(DKFormatText, EachConversionTakesTheKindTheWindowsConventionNames) {
   }
 }
 
-// Text, character, pointer and count conversions, and "*" values: from a va_list (the C
-// varargs a caller passes on) where the argument must be of the kind the conversion names.
+// Text, character, pointer and count conversions, and "*" values, in either engine.
 TEST(DKFormatText, ConversionsWriteTheirArguments) {
   const void* p = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(0xABCDEF12u));
   const char* nullNarrow = nullptr;
