@@ -16,6 +16,13 @@ namespace {
 
 std::string ErrorText(const DKRegEx& re) { return re.GetError().AsString().AsUTF8(); }
 
+// The pattern compiled with the cache budget given; a pattern that does not compile fails the test.
+DKRegEx Compiled(const DKString& pattern, std::size_t cacheBytes = DKRegEx::defaultCacheBytes) {
+  DKRegEx re;
+  EXPECT_TRUE(re.Compile(pattern, cacheBytes).Good()) << pattern.AsUTF8() << ": " << ErrorText(re);
+  return re;
+}
+
 // The pattern compiled by std::regex (ECMAScript), or nothing when std::regex refuses it.
 std::optional<std::regex> StdCompile(const std::string& pattern) {
   try {
@@ -25,27 +32,26 @@ std::optional<std::regex> StdCompile(const std::string& pattern) {
   }
 }
 
-// Patterns and texts of ASCII only, checked against std::regex in the same run.
+// Patterns and texts of ASCII only, checked against std::regex in the same run: what the random
+// patterns below do not make (ranges, escapes, counts, lazy and nested quantifiers, empty
+// alternatives, characters outside their alphabet).
 struct OracleCase {
   const char* pattern;
   std::vector<const char*> texts;
 };
 
 const OracleCase oracleCases[] = {
-    {"abc", {"abc", "ab", "abcd", "", "ABC"}}, {"a.c", {"abc", "a\nc", "a\rc", "ac", "a.c"}},
+    {"a.c", {"abc", "a\nc", "a\rc", "ac", "a.c"}},
     {"[A-Z][a-z]+[0-9]*", {"Hello", "Hello42", "hello", "H", "Hi9x", "Ab0123456789"}},
     {"[^a-c]+", {"xyz", "xaz", "", "d"}}, {"[a\\-z]+", {"a-z", "b", "-"}}, {"[-a]", {"-", "a", "b"}},
     {"[a-]", {"-", "a"}}, {"\\d+\\.\\d*", {"12.", "12.5", ".5", "1x5"}},
     {"\\w+@\\w+", {"me@home", "me@", "m e@home", "a_1@b2"}}, {"\\s*x\\s*", {"  x ", "x", "\tx\n", "y"}},
     {"\\D\\W\\S", {"a b", "1 b", "a_b", "a!b"}}, {"[\\d\\s]+", {"1 2 3", "12a"}},
-    {"a{2,4}", {"a", "aa", "aaa", "aaaa", "aaaaa"}}, {"(ab){2}", {"abab", "ab", "ababab"}},
-    {"(?:ab|cd){1,3}e", {"abe", "cdabe", "abcdabe", "abcdabcde", "e"}}, {"(a|ab)(c|bcd)(d*)", {"abcd", "abcdd", "acd"}},
-    {"(a|)+b", {"b", "ab", "aaab"}}, {"(a*)*", {"", "aaa", "b"}}, {"(a*)+b", {"b", "aab", "aa"}},
-    {"(a+)+b", {"aaaaaaaaaab", "aaaaaaaaaa"}}, {"^abc$", {"abc", "abcd"}}, {"a^b", {"ab", "a^b"}}, {"a$b", {"ab"}},
-    {"(^a|b)c", {"ac", "bc", "c"}},
-    {"x*?y+?z??", {"xxyyz", "y", "xz"}}, {"\\(\\)\\[\\]\\{\\}\\*\\+\\?\\.\\|\\^\\$\\\\", {"()[]{}*+?.|^$\\"}},
+    {"a{2,4}", {"a", "aa", "aaa", "aaaa", "aaaaa"}}, {"(?:ab|cd){1,3}e", {"abe", "cdabe", "abcdabe", "abcdabcde", "e"}},
+    {"(a|ab)(c|bcd)(d*)", {"abcd", "abcdd", "acd"}}, {"(a|)+b", {"b", "ab", "aaab"}}, {"(a*)*", {"", "aaa", "b"}},
+    {"(a*)+b", {"b", "aab", "aa"}}, {"(a+)+b", {"aaaaaaaaaab", "aaaaaaaaaa"}}, {"x*?y+?z??", {"xxyyz", "y", "xz"}},
+    {"\\(\\)\\[\\]\\{\\}\\*\\+\\?\\.\\|\\^\\$\\\\", {"()[]{}*+?.|^$\\"}},
     {"\\x41\\u0042\\t", {"AB\t", "AB "}}, {"[\\x30-\\x39]{2}", {"42", "4a"}}, {"a|b|c|", {"", "a", "c", "ab"}},
-    {"((a)|(b))*c", {"c", "ababc", "abab"}}, {"a.*b.*c", {"abc", "a123b456c", "acb"}},
     {"(a|b)*a(a|b){3}", {"abbb", "babab", "aaaa", "baba"}},
     // Loops over loops, options and x{0,n} or x{1,n} are compiled as loops over x; x{2,n} is not.
     {"(?:a{0,3})+b", {"b", "aaaaaaab", "aaaa", "ab"}}, {"(?:a{1,3})*c", {"c", "aaaaac", "bc"}},
@@ -113,10 +119,7 @@ TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
   int compared = 0;
   for (int i = 0; i < 700; ++i) {
     const std::string pattern = gen.Pattern();
-    DKRegEx cached(Text(pattern.c_str()));
-    DKRegEx uncached;
-    ASSERT_TRUE(uncached.Compile(Text(pattern.c_str()), 0).Good());
-    ASSERT_TRUE(cached.IsCompiled()) << pattern << ": " << ErrorText(cached);
+    const DKRegEx cached = Compiled(Text(pattern)), uncached = Compiled(Text(pattern), 0);
     const std::optional<std::regex> oracle = StdCompile(pattern);
     if (!oracle)
       continue;
@@ -155,12 +158,8 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   for (int i = 0; i < 300; ++i) {
     const DKString p = DKString::FromUTF8(pattern(pattern, 0));
     const DKString other = DKString::FromUTF8(pattern(pattern, 0));
-    DKRegEx cached(p), tiny, uncached, otherTiny, otherUncached;
-    ASSERT_TRUE(cached.IsCompiled()) << p.AsUTF8() << ": " << ErrorText(cached);
-    ASSERT_TRUE(tiny.Compile(p, 700 + 100 * (i % 8)).Good());
-    ASSERT_TRUE(uncached.Compile(p, 0).Good());
-    ASSERT_TRUE(otherTiny.Compile(other, 900).Good());
-    ASSERT_TRUE(otherUncached.Compile(other, 0).Good());
+    const DKRegEx cached = Compiled(p), tiny = Compiled(p, 700 + 100 * (i % 8)), uncached = Compiled(p, 0);
+    const DKRegEx otherTiny = Compiled(other, 900), otherUncached = Compiled(other, 0);
     for (int t = 0; t < 12; ++t) {
       DKString text;
       for (std::size_t r = 0, runs = pick(5); r < runs; ++r)
@@ -178,11 +177,9 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   // (no start state, no room for a second state, a flush that makes too little room), and the
   // automaton takes over from where they were.
   const DKString texts[] = {DK_T("abbabaabbbc"), DK_T("bbbbbbbbab"), DK_T("aaaa"), DK_T("ab\u00e9aaaab"), DK_T("")};
-  DKRegEx reference;
-  ASSERT_TRUE(reference.Compile(DK_T("(?:a|b)*a(?:a|b|\u00e9){3}c?"), 0).Good());
+  const DKRegEx reference = Compiled(DK_T("(?:a|b)*a(?:a|b|\u00e9){3}c?"), 0);
   for (std::size_t budget = 0; budget < 4000; budget += 8) {
-    DKRegEx re;
-    ASSERT_TRUE(re.Compile(reference.GetPattern(), budget).Good());
+    const DKRegEx re = Compiled(reference.GetPattern(), budget);
     for (const DKString& text : texts)
       ASSERT_EQ(re.Match(text), reference.Match(text)) << "budget " << budget << " on " << text.AsUTF8();
   }
@@ -216,7 +213,6 @@ const FixedCase fixedCases[] = {
 TEST(DKRegExTest, MatchesFixedCases) {
   for (const FixedCase& c : fixedCases)
     EXPECT_EQ(DKRegEx(Text(c.pattern)).Match(Text(c.text)), c.match) << "/" << c.pattern << "/ on \"" << c.text << "\"";
-  EXPECT_EQ(Text("\xF0\x9F\x98\x80").Length(), 2u);
   EXPECT_TRUE(DKRegEx(DK_T("\\0")).Match(DKString(DKChar(0), 1)));
   // A lone surrogate is one character of its own.
   const DKChar lone[] = {0xD800, 'x', 0};
@@ -351,11 +347,9 @@ TEST(DKRegExTest, DeepNestingNeitherRecursesNorOverflows) {
 TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   DKRegEx re;
   ASSERT_TRUE(re.Compile(DK_T("a{1000}")).Good());
-  EXPECT_EQ(re.GetProgramSize(), 1001u); // the characters and the match
   EXPECT_TRUE(re.Match(DKString(DK_T('a'), 1000)));
   EXPECT_FALSE(re.Match(DKString(DK_T('a'), 999)));
   ASSERT_TRUE(re.Compile(DK_T("(ab){0,1000}")).Good());
-  EXPECT_LE(re.GetProgramSize(), DKRegEx::maxProgramSize);
   DKString text;
   for (int i = 0; i < 1000; ++i)
     text += DK_T("ab");
@@ -403,10 +397,8 @@ TEST(DKRegExTest, CopiesShareTheProgramAndMatchFromManyThreads) {
   EXPECT_FALSE(re.Match(DK_T("Hello42")));
 
   const DKRegEx shared(DK_T("(a|b|c)*c(a|b|c){4}[0-9]+"));
-  DKRegEx small, full, none;
-  ASSERT_TRUE(small.Compile(shared.GetPattern(), 4096).Good());
-  ASSERT_TRUE(full.Compile(DK_T("(a|b)*a(a|b){11}"), 16 * 1024).Good());
-  ASSERT_TRUE(none.Compile(full.GetPattern(), 0).Good());
+  const DKRegEx small = Compiled(shared.GetPattern(), 4096), full = Compiled(DK_T("(a|b)*a(a|b){11}"), 16 * 1024);
+  const DKRegEx none = Compiled(full.GetPattern(), 0);
   std::atomic<int> wrong{0};
   std::mt19937 rngs[4] = {std::mt19937(0), std::mt19937(1), std::mt19937(2), std::mt19937(3)};
   RunOnThreads(4, 2000, [&](int t, int i) {
@@ -435,9 +427,7 @@ struct MatchAtThreadExit {
 };
 
 TEST(DKRegExTest, MatchesFromAThreadExitAfterTheThreadsCacheIsGone) {
-  DKRegEx re, reference;
-  ASSERT_TRUE(re.Compile(DK_T("(a|b)*a(a|b){11}"), 2048).Good());
-  ASSERT_TRUE(reference.Compile(re.GetPattern(), 0).Good());
+  const DKRegEx re = Compiled(DK_T("(a|b)*a(a|b){11}"), 2048), reference = Compiled(re.GetPattern(), 0);
   std::mt19937 rng(5);
   const DKString text = RandomText(rng, "ab", 2, 60, 60);
   std::optional<bool> atExit;

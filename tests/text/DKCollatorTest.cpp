@@ -33,15 +33,13 @@ struct CompareRow {
   const char* what;
 };
 
-// One row per flag value and kind of folding, for a readable failure; the random texts of
-// IsATotalOrderMatchingTheReference check the rest against the reference.
+// A few smoke rows for a readable failure; the random texts of IsATotalOrderMatchingTheReference
+// check the rest against the reference.
 const CompareRow kCompareRows[] = {
-  {DK_T(""), DK_T("a"), 1, -1, "empty orders first"},
   {DK_T("Hello, World!"), DK_T("hELLO, wORLD?"), 1, -1, "difference after a case-equal run"},
   {DK_T("\u03A3\u038A\u03A3\u03A5\u03A6\u039F\u03A3"), DK_T("\u03C3\u03AF\u03C3\u03C5\u03C6\u03BF\u03C2"), 1, 0,
    "Greek with final sigma"},
   {DK_T("re\u0301sume\u0301"), DK_T("r\u00E9sum\u00E9"), 2, 0, "decomposed against precomposed"},
-  {DK_T("\u00E9"), DK_T("E"), 2, 1, "case still counts"},
   {DK_T("\u01D7"), DK_T("u\u0301"), 3, 0, "case and accent, decomposed"},
   {DK_T("ABCDEFG\u0301H"), DK_T("abcdefgh"), 3, 0, "a mark inside an ASCII run"},
 };
@@ -180,49 +178,36 @@ TEST(DKCollatorTest, IsATotalOrderMatchingTheReference) {
     std::vector<DKStdString> references;
     for (const DKStdString& t : texts)
       references.push_back(Reference(flags, t));
+    // A pair must compare as the reference does, both ways, and the case-insensitive equality
+    // used on equal lengths must agree.
+    const auto agrees = [flags](const DKStdString& a, const DKStdString& b, const DKStdString& ra,
+                                const DKStdString& rb) {
+      const int expected = Sign(ra.compare(rb));
+      return Sign(Compare(flags, a, b)) == expected && Sign(Compare(flags, b, a)) == -expected &&
+             (flags != 1 || a.size() != b.size() ||
+              DKTableIgnoreCaseCollator::Equal(a.data(), b.data(), a.size()) == (expected == 0));
+    };
     int failures = 0;
-    for (std::size_t i = 0; i < texts.size() && failures < 5; ++i) {
-      for (std::size_t j = 0; j < texts.size(); ++j) {
-        const int ab = Compare(flags, texts[i], texts[j]);
-        const int expected = Sign(references[i].compare(references[j]));
-        const bool equalForm = flags != 1 || texts[i].size() != texts[j].size() ||
-                               DKTableIgnoreCaseCollator::Equal(texts[i].data(), texts[j].data(), texts[i].size()) ==
-                                   (expected == 0);
-        if (Sign(ab) != expected || Sign(Compare(flags, texts[j], texts[i])) != -expected || !equalForm) {
-          ADD_FAILURE() << "texts " << i << " and " << j << ": " << ab << ", expected sign " << expected;
-          if (++failures == 5)
-            break;
-        }
-      }
-    }
-    // Every pair of ASCII units at every position of an eight-unit text, where the collators fold
-    // four units at a time.
-    for (unsigned x = 0; x < 0x80 && failures < 5; ++x) {
-      for (unsigned y = 0; y < 0x80; ++y) {
-        for (std::size_t pos = 0; pos < 8; ++pos) {
-          DKStdString a(DK_T("gHiJkLmN")), b = a;
-          a[pos] = static_cast<DKChar>(x);
-          b[pos] = static_cast<DKChar>(y);
-          const int expected = Sign(Reference(flags, a).compare(Reference(flags, b)));
-          const bool equalForm = flags != 1 || DKTableIgnoreCaseCollator::Equal(a.data(), b.data(), 8) == (expected == 0);
-          if ((Sign(Compare(flags, a, b)) != expected || !equalForm) && ++failures <= 5)
-            ADD_FAILURE() << "ASCII " << x << " against " << y << " at " << pos << ": expected sign " << expected;
-        }
-      }
-    }
-    // The same with units beyond ASCII, which leave the four-unit word to the unit-by-unit path.
-    const DKChar units[] = {0x00E9, 0x00C9, 0x03C3, 0x03A3, 0x0130, 0x0131, 'i', 'I', 0x212A, 'k', 0xFF21, 0xFF41};
-    for (const DKChar x : units)
-      for (const DKChar y : units)
-        for (std::size_t pos = 0; pos < 8; ++pos) {
-          DKStdString a(DK_T("gH\u00E9JkLmN")), b = a;
-          a[pos] = x;
-          b[pos] = y;
-          const int expected = Sign(Reference(flags, a).compare(Reference(flags, b)));
-          const bool equalForm = flags != 1 || DKTableIgnoreCaseCollator::Equal(a.data(), b.data(), 8) == (expected == 0);
-          if ((Sign(Compare(flags, a, b)) != expected || !equalForm) && ++failures <= 5)
-            ADD_FAILURE() << "unit " << +x << " against " << +y << " at " << pos << ": expected sign " << expected;
-        }
+    for (std::size_t i = 0; i < texts.size(); ++i)
+      for (std::size_t j = 0; j < texts.size(); ++j)
+        if (!agrees(texts[i], texts[j], references[i], references[j]) && ++failures <= 5)
+          ADD_FAILURE() << "texts " << i << " and " << j;
+    // Every pair of ASCII units and of units beyond ASCII at every position of an eight-unit
+    // text, where the collators fold four units at a time, and with a unit beyond ASCII in it,
+    // which leaves the four-unit word to the unit-by-unit path.
+    std::vector<DKChar> units = {0x00E9, 0x00C9, 0x03C3, 0x03A3, 0x0130, 0x0131, 0x212A, 0xFF21, 0xFF41};
+    for (DKChar ascii = 0; ascii < 0x80; ++ascii)
+      units.push_back(ascii);
+    for (const DKChar* base : {DK_T("gHiJkLmN"), DK_T("gH\u00E9JkLmN")})
+      for (const DKChar x : units)
+        for (const DKChar y : units)
+          for (std::size_t pos = 0; pos < 8; ++pos) {
+            DKStdString a(base), b(base);
+            a[pos] = x;
+            b[pos] = y;
+            if (!agrees(a, b, Reference(flags, a), Reference(flags, b)) && ++failures <= 5)
+              ADD_FAILURE() << "units " << +x << " and " << +y << " at " << pos << " of " << DKString(base).AsUTF8();
+          }
   }
 }
 

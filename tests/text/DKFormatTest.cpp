@@ -74,6 +74,16 @@ std::string Without(const std::string& flags, const char* dropped) {
   return kept;
 }
 
+// What the engines wrote against what they should have written, row by row.
+using NarrowRow = std::pair<std::string, std::string>;
+using WideRow = std::pair<DKStdString, DKStdString>;
+
+template <class Row, std::size_t n>
+void ExpectRows(const Row (&rows)[n]) {
+  for (std::size_t i = 0; i < n; ++i)
+    EXPECT_EQ(rows[i].first, rows[i].second) << "row " << i;
+}
+
 // ---------------------------------------------------------------------------------------------
 
 TEST(DKFormatNumbers, EveryFlagWidthAndPrecisionMatchesSnprintf) {
@@ -141,6 +151,10 @@ TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
   EXPECT_EQ(DKFormatNarrow("%I32d|%I32x", INT_MIN, -1), Ref("%d|%x", INT_MIN, -1));
   EXPECT_EQ(DKFormatNarrow("%Id|%Iu", static_cast<std::ptrdiff_t>(-7), SIZE_MAX), Ref("%td|%zu", std::ptrdiff_t{-7}, SIZE_MAX));
   EXPECT_EQ(WideOf("%I64d %Iu", big, SIZE_MAX), Widen(Ref("%lld %zu", big, SIZE_MAX)));
+  // "*" values from int arguments: a negative width left-justifies, a negative precision counts
+  // as none.
+  for (int w : {5, -5})
+    ExpectLikeSnprintf("[%*d|%-*d|%0*d|%.*f|%*.*f]", w, 42, w, 42, w, 42, w, 1.5, w + 3, 2, 3.14159);
   // "N" and "F" before a conversion are old pointer markers and ignored; "F" alone converts.
   EXPECT_EQ(DKFormatNarrow("%Ns|%Fs|%F", "a", "b", 1.5), "a|b|1.500000");
 }
@@ -175,31 +189,6 @@ TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
     return;
   }
   std::setlocale(LC_NUMERIC, previous.c_str());
-}
-
-TEST(DKFormatNumbers, StarWidthAndPrecisionComeFromIntArguments) {
-  // A negative width left-justifies; a negative precision counts as none.
-  for (int w : {5, -5})
-    ExpectLikeSnprintf("[%*d|%-*d|%0*d|%.*f|%*.*f]", w, 42, w, 42, w, 42, w, 1.5, w + 3, 2, 3.14159);
-  EXPECT_EQ(DKFormatNarrow("[%*s|%.*s]", 4, "ab", 1, "xyz"), "[  ab|x]");
-  EXPECT_EQ(WideOf("[%*.*s]", -4, -1, DK_T("ab")), DK_T("[ab  ]"));
-}
-
-TEST(DKFormatNumbers, PointerIsSixteenUppercaseHexDigits) {
-  const void* p = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(0xABCDEF12u));
-  EXPECT_EQ(DKFormatNarrow("%p", p), "00000000ABCDEF12");
-  EXPECT_EQ(DKFormatNarrow("[%20p]", p), "[    00000000ABCDEF12]");
-  EXPECT_EQ(DKFormatNarrow("%p", static_cast<const void*>(nullptr)), "0000000000000000");
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%p"), p)), DK_T("00000000ABCDEF12"));
-}
-
-TEST(DKFormatNumbers, CountConversionConsumesItsPointerAndWritesNothing) {
-  int count = 7;
-  EXPECT_EQ(DKFormatNarrow("ab%ncd%d", &count, 5), "abcd5");
-  EXPECT_EQ(count, 7);
-  long long wideCount = 9;
-  EXPECT_EQ(Wide(DKFormatString(DK_T("x%llny%s"), &wideCount, DK_T("z"))), DK_T("xyz"));
-  EXPECT_EQ(wideCount, 9);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -246,36 +235,52 @@ TEST(DKFormatText, EachConversionTakesTheKindTheWindowsConventionNames) {
   }
 }
 
-TEST(DKFormatText, ConversionBetweenKindsReplacesWhatIsInvalid) {
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%S|%C"), "a\xFF" "b\xE2\x82", 0xC3)), DK_T("a\uFFFDb\uFFFD|\uFFFD"));
-  const DKChar lone[] = {DK_T('x'), 0xD800, DK_T('y'), 0};
-  EXPECT_EQ(DKFormatNarrow("%S|%C", lone, 0xDC00), "x\xEF\xBF\xBDy|\xEF\xBF\xBD");
-}
-
-TEST(DKFormatText, WidthCountsOutputUnitsAndPrecisionSourceUnits) {
-  EXPECT_EQ(DKFormatNarrow("[%5S]", DK_T("\u00E9")), "[   \xC3\xA9]");
-  EXPECT_EQ(Wide(DKFormatString(DK_T("[%4S]"), "\xC3\xA9")), DK_T("[   \u00E9]"));
-  EXPECT_EQ(Wide(DKFormatString(DK_T("[%4s]"), DK_T("\u00E9"))), DK_T("[   \u00E9]"));
-  // A character cut by the precision is left out, not replaced.
-  EXPECT_EQ(Wide(DKFormatString(DK_T("[%.1S|%.2S|%.3S]"), "\xC3\xA9", "\xC3\xA9", "a\xE2\x82\xACz")), DK_T("[|\u00E9|a]"));
-  EXPECT_EQ(DKFormatNarrow("[%.1S|%.2S|%.1S]", DK_T("\U0001F600"), DK_T("\U0001F600"), DK_T("\u00E9x")),
-            "[|\xF0\x9F\x98\x80|\xC3\xA9]");
-}
-
-TEST(DKFormatText, PrecisionNeverReadsPastItsCount) {
-  // Not terminated: reading one unit more is caught by AddressSanitizer.
-  const char narrow[3] = {'a', 'b', 'c'};
-  const DKChar wide[3] = {DK_T('x'), DK_T('y'), DK_T('z')};
-  EXPECT_EQ(DKFormatNarrow("%.3s|%.3S|%.2s", narrow, wide, narrow), "abc|xyz|ab");
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%.3s|%.3S"), wide, narrow)), DK_T("xyz|abc"));
-}
-
-TEST(DKFormatText, NullStringsPrintNull) {
+// Text, character, pointer and count conversions, and "*" values, in either engine.
+TEST(DKFormatText, ConversionsWriteTheirArguments) {
+  const void* p = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(0xABCDEF12u));
   const char* nullNarrow = nullptr;
   const DKChar* nullWide = nullptr;
-  EXPECT_EQ(DKFormatNarrow("%s|%S|%8s|%-8S|%.2s", nullNarrow, nullWide, nullNarrow, nullWide, nullNarrow),
-            "(null)|(null)|  (null)|(null)  |(n");
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%s|%S"), nullWide, nullNarrow)), DK_T("(null)|(null)"));
+  const char narrowUnterminated[3] = {'a', 'b', 'c'}; // reading one unit more is caught by AddressSanitizer
+  const DKChar wideUnterminated[3] = {DK_T('x'), DK_T('y'), DK_T('z')};
+  const DKChar lone[] = {DK_T('x'), 0xD800, DK_T('y'), 0};
+  int count = 7;
+  long long wideCount = 9;
+  const NarrowRow narrow[] = {
+      // A pointer is sixteen upper-case hexadecimal digits.
+      {DKFormatNarrow("%p|[%20p]", p, p), "00000000ABCDEF12|[    00000000ABCDEF12]"},
+      {DKFormatNarrow("%p", static_cast<const void*>(nullptr)), "0000000000000000"},
+      // "%n" consumes its pointer and writes nothing, there or through it.
+      {DKFormatNarrow("ab%ncd%d", &count, 5), "abcd5"},
+      {DKFormatNarrow("[%*s|%.*s]", 4, "ab", 1, "xyz"), "[  ab|x]"},
+      // Between kinds, what is invalid is replaced; a width counts output units.
+      {DKFormatNarrow("%S|%C", lone, 0xDC00), "x\xEF\xBF\xBDy|\xEF\xBF\xBD"},
+      {DKFormatNarrow("[%5S]", DK_T("\u00E9")), "[   \xC3\xA9]"},
+      // A precision counts source units; a character it cuts is left out, not replaced.
+      {DKFormatNarrow("[%.1S|%.2S|%.1S]", DK_T("\U0001F600"), DK_T("\U0001F600"), DK_T("\u00E9x")),
+       "[|\xF0\x9F\x98\x80|\xC3\xA9]"},
+      {DKFormatNarrow("%.3s|%.3S|%.2s", narrowUnterminated, wideUnterminated, narrowUnterminated), "abc|xyz|ab"},
+      {DKFormatNarrow("%s|%S|%8s|%-8S|%.2s", nullNarrow, nullWide, nullNarrow, nullWide, nullNarrow),
+       "(null)|(null)|  (null)|(null)  |(n"},
+      // A "*" value over the limit consumes its arguments, so the next conversion keeps its place.
+      {DKFormatNarrow("%*d|%d", 1000001, 1, 2), "%*d|2"},
+      {DKFormatNarrow("%*d|%d", INT_MIN, 1, 2), "%*d|2"},
+      {DKFormatNarrow("%.*s|%d", 2000000, "x", 2), "%.*s|2"},
+      {DKFormatNarrow("%*.*f|%d", 1000001, 1, 1.5, 2), "%*.*f|2"},
+  };
+  ExpectRows(narrow);
+  EXPECT_EQ(count, 7);
+  const WideRow wide[] = {
+      {Wide(DKFormatString(DK_T("%p"), p)), DK_T("00000000ABCDEF12")},
+      {Wide(DKFormatString(DK_T("x%llny%s"), &wideCount, DK_T("z"))), DK_T("xyz")},
+      {WideOf("[%*.*s]", -4, -1, DK_T("ab")), DK_T("[ab  ]")},
+      {Wide(DKFormatString(DK_T("%S|%C"), "a\xFF" "b\xE2\x82", 0xC3)), DK_T("a\uFFFDb\uFFFD|\uFFFD")},
+      {Wide(DKFormatString(DK_T("[%4S|%4s]"), "\xC3\xA9", DK_T("\u00E9"))), DK_T("[   \u00E9|   \u00E9]")},
+      {Wide(DKFormatString(DK_T("[%.1S|%.2S|%.3S]"), "\xC3\xA9", "\xC3\xA9", "a\xE2\x82\xACz")), DK_T("[|\u00E9|a]")},
+      {Wide(DKFormatString(DK_T("%.3s|%.3S"), wideUnterminated, narrowUnterminated)), DK_T("xyz|abc")},
+      {Wide(DKFormatString(DK_T("%s|%S"), nullWide, nullNarrow)), DK_T("(null)|(null)")},
+  };
+  ExpectRows(wide);
+  EXPECT_EQ(wideCount, 9);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -305,12 +310,6 @@ TEST(DKFormatMalformed, BadSpecificationsAreWrittenAsTheyStand) {
     EXPECT_EQ(DKFormatNarrow(c.format, 1, 2, 3), c.expected) << c.format;
     EXPECT_EQ(WideOf(c.format, 1, 2, 3), Widen(c.expected)) << c.format;
   }
-  // A "*" value over the limit consumes its arguments, so the next conversion keeps its place.
-  EXPECT_EQ(DKFormatNarrow("%*d|%d", 1000001, 1, 2), "%*d|2");
-  EXPECT_EQ(DKFormatNarrow("%*d|%d", INT_MIN, 1, 2), "%*d|2");
-  EXPECT_EQ(DKFormatNarrow("%.*s|%d", 2000000, "x", 2), "%.*s|2");
-  EXPECT_EQ(DKFormatNarrow("%*.*f|%d", 1000001, 1, 1.5, 2), "%*.*f|2");
-
   EXPECT_EQ(DKFormatNarrow(nullptr), "");
   EXPECT_TRUE(DKFormatString(nullptr).IsEmpty());
 }
@@ -440,15 +439,6 @@ TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutp
 // ---------------------------------------------------------------------------------------------
 // The typed front end: arguments captured with their types.
 
-TEST(DKFormatTyped, NullPointerConstantsAreArgumentsNotArgumentLists) {
-  DKString s;
-  EXPECT_EQ(Wide(s.Format(DK_T("v=%d"), 0)), DK_T("v=0"));
-  EXPECT_EQ(Wide(s.Format(DK_T("[%s]"), nullptr)), DK_T("[(null)]"));
-  EXPECT_EQ(Wide(s.Format(DK_T("[%p|%5s]"), nullptr, NULL)), DK_T("[0000000000000000|%!s(int64)]"));
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%d"), 0)), DK_T("0"));
-  EXPECT_EQ(DKFormatNarrow("%d|%s", 0, nullptr), "0|(null)");
-}
-
 TEST(DKFormatTyped, EveryTextTypePrintsWithEitherConversionInEitherFormat) {
   const std::string utf8 = "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
   const DKStdString utf16 = DK_T("\u00E9\u20AC\U0001F600");
@@ -478,13 +468,15 @@ TEST(DKFormatTyped, EveryTextTypePrintsWithEitherConversionInEitherFormat) {
   EXPECT_EQ(Wide(DKFormatString(DK_T("%s"), DKString(withNul, 3))), DKStdString(withNul, 3));
 }
 
-TEST(DKFormatTyped, IntegersKeepTheirTypeUnlessASizeConvertsThem) {
+TEST(DKFormatTyped, ArgumentsKeepTheirTypeOrAreNamedAndConsumed) {
   enum Small { Seven = 7 };
   enum class Wide64 : long long { Big = 1LL << 40 };
-  struct Row {
-    std::string got, expected;
-  };
-  const Row rows[] = {
+  int local = 0;
+  DKString s;
+  const NarrowRow narrow[] = {
+      // Null pointer constants are arguments, not argument lists.
+      {DKFormatNarrow("%d|%s", 0, nullptr), "0|(null)"},
+      // Integers keep their type unless a size converts them.
       {DKFormatNarrow("%d", 1LL << 40), "1099511627776"},
       {DKFormatNarrow("%d", ULLONG_MAX), "18446744073709551615"},
       {DKFormatNarrow("%+d|%i", 3000000000u, 5u), "+3000000000|5"},
@@ -496,29 +488,18 @@ TEST(DKFormatTyped, IntegersKeepTheirTypeUnlessASizeConvertsThem) {
       {DKFormatNarrow("%d|%d|%d|%d", 'A', DK_T('\u00E9'), true, Seven), "65|233|1|7"},
       {DKFormatNarrow("%d|%#x", Wide64::Big, std::byte{0xAB}), "1099511627776|0xab"},
       {DKFormatNarrow("%05d|%-4d|%.3d", static_cast<signed char>(-5), 3, 7L), "-0005|3   |007"},
-  };
-  for (const Row& row : rows)
-    EXPECT_EQ(row.got, row.expected);
-}
-
-TEST(DKFormatTyped, CharactersOfKnownEncodingPrintAsThatCharacter) {
-  EXPECT_EQ(DKFormatNarrow("[%c|%c|%c|%4c|%C]", 'x', DK_T('\u00E9'), U'\U0001F600', DK_T('\u20AC'), 'y'),
-            "[x|\xC3\xA9|\xF0\x9F\x98\x80| \xE2\x82\xAC|y]");
-  EXPECT_EQ(Wide(DKFormatString(DK_T("[%c|%C|%c|%lc]"), 'x', DK_T('\u00E9'), U'\U0001F600', 0x20AC)), DK_T("[x|\u00E9|\U0001F600|\u20AC]"));
-  EXPECT_EQ(DKFormatNarrow("%c", static_cast<char32_t>(0x110000)), "\xEF\xBF\xBD");
-}
-
-TEST(DKFormatTyped, FloatingConversionsTakeAnyArithmeticArgument) {
-  EXPECT_EQ(DKFormatNarrow("%.1f|%g|%e|%.2f", 3, 2.5f, 1e10, -7LL), "3.0|2.5|1.000000e+10|-7.00");
-  EXPECT_EQ(DKFormatNarrow("%.3Lf|%.3f|%.3Lf", 1.0L / 3, 1.0L / 3, 0.5), "0.333|0.333|0.500");
-}
-
-TEST(DKFormatTyped, ArgumentsThatCannotMatchAreNamedAndConsumed) {
-  int local = 0;
-  struct Row {
-    std::string got, expected;
-  };
-  const Row rows[] = {
+      // Characters of a known encoding print as that character.
+      {DKFormatNarrow("[%c|%c|%c|%4c|%C]", 'x', DK_T('\u00E9'), U'\U0001F600', DK_T('\u20AC'), 'y'),
+       "[x|\xC3\xA9|\xF0\x9F\x98\x80| \xE2\x82\xAC|y]"},
+      {DKFormatNarrow("%c", static_cast<char32_t>(0x110000)), "\xEF\xBF\xBD"},
+      // Floating conversions take any arithmetic argument.
+      {DKFormatNarrow("%.1f|%g|%e|%.2f", 3, 2.5f, 1e10, -7LL), "3.0|2.5|1.000000e+10|-7.00"},
+      {DKFormatNarrow("%.3Lf|%.3f|%.3Lf", 1.0L / 3, 1.0L / 3, 0.5), "0.333|0.333|0.500"},
+      // "*" values come from any integer, and the limit still holds.
+      {DKFormatNarrow("[%*d|%-*d|%.*s]", 4LL, 1, static_cast<short>(3), 2, 2u, "abc"), "[   1|2  |ab]"},
+      {DKFormatNarrow("[%*d|%d]", LLONG_MIN, 1, 2), "[%*d|2]"},
+      {DKFormatNarrow("[%*d|%d]", ULLONG_MAX, 1, 2), "[%*d|2]"},
+      // An argument that cannot match is named and consumed.
       {DKFormatNarrow("%d|%d", "text", 5), "%!d(text)|5"},
       {DKFormatNarrow("%s|%s", 5, "ok"), "%!s(int)|ok"},
       {DKFormatNarrow("%x|%c", 1.5, &local), "%!x(double)|%!c(pointer)"},
@@ -533,15 +514,17 @@ TEST(DKFormatTyped, ArgumentsThatCannotMatchAreNamedAndConsumed) {
       {DKFormatNarrow("%d", 1, 2, "three"), "1"},
       {DKFormatNarrow("100%%", 1), "100%"},
   };
-  for (const Row& row : rows)
-    EXPECT_EQ(row.got, row.expected);
-  EXPECT_EQ(Wide(DKFormatString(DK_T("%d|%s"), DKString(DK_T("x")), 1LL)), DK_T("%!d(text)|%!s(int64)"));
-}
-
-TEST(DKFormatTyped, StarValuesFromAnyIntegerAndTheLimitStillHolds) {
-  EXPECT_EQ(DKFormatNarrow("[%*d|%-*d|%.*s]", 4LL, 1, static_cast<short>(3), 2, 2u, "abc"), "[   1|2  |ab]");
-  EXPECT_EQ(DKFormatNarrow("[%*d|%d]", LLONG_MIN, 1, 2), "[%*d|2]");
-  EXPECT_EQ(DKFormatNarrow("[%*d|%d]", ULLONG_MAX, 1, 2), "[%*d|2]");
+  ExpectRows(narrow);
+  const WideRow wide[] = {
+      {Wide(s.Format(DK_T("v=%d"), 0)), DK_T("v=0")},
+      {Wide(s.Format(DK_T("[%s]"), nullptr)), DK_T("[(null)]")},
+      {Wide(s.Format(DK_T("[%p|%5s]"), nullptr, NULL)), DK_T("[0000000000000000|%!s(int64)]")},
+      {Wide(DKFormatString(DK_T("%d"), 0)), DK_T("0")},
+      {Wide(DKFormatString(DK_T("[%c|%C|%c|%lc]"), 'x', DK_T('\u00E9'), U'\U0001F600', 0x20AC)),
+       DK_T("[x|\u00E9|\U0001F600|\u20AC]")},
+      {Wide(DKFormatString(DK_T("%d|%s"), DKString(DK_T("x")), 1LL)), DK_T("%!d(text)|%!s(int64)")},
+  };
+  ExpectRows(wide);
 }
 
 } // namespace

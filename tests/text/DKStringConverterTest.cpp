@@ -110,6 +110,10 @@ struct Utf8Case {
   DKString lenient;       // the lenient decoding
 };
 
+// How many replacement characters stand for each invalid sequence (the maximal subparts), and
+// where the strict error points. That strict decoding fails exactly where the lenient one first
+// replaces is the UTF-8 fuzz target's property, replayed under CTest over seeds of each kind of
+// bad sequence.
 TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
   constexpr std::size_t ok = DKString::npos;
   const Utf8Case cases[] = {
@@ -117,13 +121,9 @@ TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
       {"U+1F600", Bytes({0xF0, 0x9F, 0x98, 0x80}), ok, Units({0xD83D, 0xDE00})},
       {"overlong 2", Bytes({0xC0, 0x80}), 0, Units({FFFD, FFFD})},
       {"overlong 3", Bytes({0xE0, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
-      {"overlong 3 max", Bytes({0xE0, 0x9F, 0xBF}), 0, Units({FFFD, FFFD, FFFD})},
-      {"overlong 4", Bytes({0xF0, 0x80, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
       {"surrogate D800", Bytes({0xED, 0xA0, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
-      {"encoded pair", Bytes({0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD, FFFD, FFFD})},
       {"above U+10FFFF", Bytes({0xF4, 0x90, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
       {"lead F5", Bytes({0xF5, 0x80, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
-      {"FE FF", Bytes({0xFE, 0xFF}), 0, Units({FFFD, FFFD})},
       {"stray continuation", Bytes({'a', 0x80, 'b'}), 1, Units({'a', FFFD, 'b'})},
       {"continuation after pair", Bytes({0xC3, 0xA9, 0xA9}), 2, Units({0xE9, FFFD})},
       {"truncated before ascii", Bytes({0xE2, 0x82, 'x'}), 0, Units({FFFD, 'x'})},
@@ -131,7 +131,6 @@ TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
       // A sequence cut by the end of the text is one replacement, however much of it is there.
       {"cut 2 of 4 at end", Bytes({'a', 'b', 0xF0, 0x9F}), 2, Units({'a', 'b', FFFD})},
       {"cut 3 of 4 at end", Bytes({'a', 'b', 0xF4, 0x8F, 0xBF}), 2, Units({'a', 'b', FFFD})},
-      {"cut 1 of 2 at end", Bytes({'a', 0xC3}), 1, Units({'a', FFFD})},
       // The example of the Unicode Standard for the substitution of maximal subparts.
       {"maximal subparts", Bytes({0x61, 0xF1, 0x80, 0x80, 0xE1, 0x80, 0xC2, 0x62, 0x80, 0x63, 0x80, 0xBF, 0x64}), 1,
        Units({0x61, FFFD, FFFD, FFFD, 0x62, FFFD, 0x63, FFFD, FFFD, 0x64})},
@@ -266,19 +265,13 @@ TEST_F(DKUtf8Test, SetFromUtf8LengthNullAndFailure) {
 using DKStringConverterTest = DKPoolLeakCheckedTest;
 
 TEST_F(DKStringConverterTest, ForCodePageSharesOneInstancePerCodePageAndPolicy) {
-  const struct {
-    unsigned int codePage;
-    unsigned int reported;
-  } known[] = {{0, 65001}, {65001, 65001}, {28591, 28591}, {1252, 1252}};
-  for (const auto& k : known) {
-    SCOPED_TRACE(k.codePage);
-    const auto strict = DKStringConverter::ForCodePage(k.codePage);
-    const auto lenient = DKStringConverter::ForCodePage(k.codePage, Policy::Replace);
-    ASSERT_TRUE(strict && lenient);
-    EXPECT_EQ(strict->GetCodePage(), k.reported);
-    EXPECT_EQ(strict->GetPolicy(), Policy::Strict);
-    EXPECT_EQ(lenient->GetPolicy(), Policy::Replace);
-    EXPECT_EQ(strict.Get(), DKStringConverter::ForCodePage(k.codePage).Get());
+  for (const unsigned int codePage : {0u, 65001u, 28591u, 1252u}) {
+    const auto strict = DKStringConverter::ForCodePage(codePage);
+    ASSERT_TRUE(strict) << codePage;
+    EXPECT_EQ(strict->GetCodePage(), codePage ? codePage : 65001u);
+    EXPECT_EQ(strict.Get(), DKStringConverter::ForCodePage(codePage).Get());
+    EXPECT_EQ(DKStringConverter::ForCodePage(codePage, Policy::Replace).Get(),
+              DKStringConverter::ForCodePage(codePage, Policy::Replace).Get());
   }
   EXPECT_EQ(DKStringConverter::ForCodePage(0).Get(), DKStringConverter::ForCodePage(65001).Get());
   for (unsigned int unknown : {1u, 437u, 1200u, 1251u, 20127u, 65000u}) {
@@ -291,7 +284,9 @@ TEST_F(DKStringConverterTest, ForCodePageSharesOneInstancePerCodePageAndPolicy) 
   }
 }
 
-TEST_F(DKStringConverterTest, Latin1MapsEveryByteBothWays) {
+// Every byte is the code point of its value; that every byte string round-trips is the UTF-8 fuzz
+// target's property, replayed over a seed of all 256 bytes.
+TEST_F(DKStringConverterTest, Latin1MapsEveryByteToItsCodePoint) {
   std::string all;
   for (int b = 0; b < 256; ++b)
     all.push_back(static_cast<char>(b));
@@ -301,9 +296,6 @@ TEST_F(DKStringConverterTest, Latin1MapsEveryByteBothWays) {
   ASSERT_EQ(text.Length(), 256u);
   for (std::size_t i = 0; i < 256; ++i)
     EXPECT_EQ(static_cast<std::size_t>(text[i]), i);
-  std::string back;
-  ASSERT_TRUE(latin1->FromUnicode(text.c_str(), text.Length(), back).Good());
-  EXPECT_EQ(back, all);
 
   // The euro sign and everything else above U+00FF have no Latin-1 form.
   std::string out = "x";
@@ -327,26 +319,22 @@ TEST_F(DKStringConverterTest, Windows1252TableBothWays) {
     const char byte = static_cast<char>(b);
     const DKChar expected = b < 0xA0 ? table[b - 0x80] : static_cast<DKChar>(b);
     DKString decoded(DK_T("k"));
-    const DKErrorID result = strict->ToUnicode(&byte, 1, decoded);
-    if (expected) {
-      ASSERT_TRUE(result.Good());
-      EXPECT_EQ(decoded, DKString(DK_T("k")) + expected);
-      std::string encoded;
-      ASSERT_TRUE(strict->FromUnicode(&expected, 1, encoded).Good());
-      EXPECT_EQ(encoded, std::string(1, byte));
-    } else {
-      EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
-      EXPECT_EQ(Param(result, 0), 0);
-      EXPECT_EQ(Param(result, 1), 1252);
-      EXPECT_EQ(decoded, DK_T("k"));
-      ASSERT_TRUE(lenient->ToUnicode(&byte, 1, decoded).Good());
-      EXPECT_EQ(decoded, DKString(DK_T("k")) + FFFD);
-      // The C1 control of the same value has no form either.
-      const DKChar control = static_cast<DKChar>(b);
-      std::string encoded;
-      EXPECT_EQ(strict->FromUnicode(&control, 1, encoded).GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
-    }
+    ASSERT_TRUE(lenient->ToUnicode(&byte, 1, decoded).Good());
+    EXPECT_EQ(decoded, DKString(DK_T("k")) + (expected ? expected : FFFD));
+    // An undefined byte's C1 control of the same value has no form either.
+    const DKChar unit = expected ? expected : static_cast<DKChar>(b);
+    std::string encoded;
+    EXPECT_EQ(strict->FromUnicode(&unit, 1, encoded).GetCode(), expected ? 0L : long{DK_MSG_UNMAPPABLE_CHARACTER});
+    EXPECT_EQ(encoded, expected ? std::string(1, byte) : std::string());
   }
+  // Strictly, an undefined byte is refused by its position and the code page; the output is kept.
+  // (That strict decoding refuses exactly the five undefined bytes is the UTF-8 fuzz target's.)
+  DKString decoded(DK_T("k"));
+  const DKErrorID result = strict->ToUnicode("a\x8D", 2, decoded);
+  EXPECT_EQ(result.GetCode(), DK_MSG_UNMAPPABLE_CHARACTER);
+  EXPECT_EQ(Param(result, 0), 1);
+  EXPECT_EQ(Param(result, 1), 1252);
+  EXPECT_EQ(decoded, DK_T("k"));
 }
 
 TEST_F(DKStringConverterTest, ReplacePolicyNeverFails) {
@@ -431,7 +419,6 @@ TEST_F(DKStringConverterTest, StreamOutputIsUtf8) {
   std::ostringstream big;
   big << longText;
   EXPECT_EQ(big.str(), longText.AsUTF8());
-  EXPECT_EQ(big.str().size(), 803u);
 }
 
 #if !DK_WCHAR_IS_DKCHAR

@@ -9,18 +9,14 @@ namespace {
 
 const DKChar* const marker = DK_T("{DKS1}");
 
-// Stored scrambled values must stay readable by later versions of the library.
-TEST(DKStringScrambleTest, TheScrambledFormIsStableAndEachStepIdempotent) {
-  const DKChar* const scrambled = DK_T("{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA");
+// Stored scrambled values must stay readable by later versions of the library. (That each step
+// is idempotent, and the round trip of any text, are the UTF-8 fuzz target's properties.)
+TEST(DKStringScrambleTest, TheScrambledFormIsStable) {
   DKString s(DK_T("secret"));
-  for (int twice = 0; twice < 2; ++twice) {
-    s.Encrypt();
-    EXPECT_EQ(s, scrambled);
-  }
-  for (int twice = 0; twice < 2; ++twice) {
-    s.Decrypt();
-    EXPECT_EQ(s, DK_T("secret"));
-  }
+  s.Encrypt();
+  EXPECT_EQ(s, DK_T("{DKS1}RoTHKbDQ7r8ZpQFKu7j5LA"));
+  s.Decrypt();
+  EXPECT_EQ(s, DK_T("secret"));
 }
 
 TEST(DKStringScrambleTest, SimilarTextsScrambleDifferentlyThroughout) {
