@@ -22,9 +22,10 @@ int main(int argc, char** argv) {
       std::cout << "\"" << text << "\" is \"" << schedule.ToString() << "\"\n";
   }
 
-  // The next occurrences in the local zone (set TZ, for example TZ=Europe/Paris, to see a
-  // daylight-saving change: "every day at 02:30" then runs at 03:00 on the day the clocks go
-  // forward, and once on the day they go back).
+  // The next occurrences in the local zone (set TZ, for example TZ=CET-1CEST,M3.5.0,M10.5.0/3, a
+  // rule that Windows reads too, or TZ=Europe/Paris on Linux, to see a daylight-saving change:
+  // "every day at 02:30" then runs at 03:00 on the day the clocks go forward, and once on the
+  // day they go back).
   DKSchedule schedule;
   const DKString text = DKString::FromUTF8(argc > 1 ? argv[1] : "every day at 02:30");
   if (const DKErrorID read = schedule.FromString(text); read.Bad()) {

@@ -1,6 +1,15 @@
 // DKTimeZone: the zone in which wall-clock fields are read and written. Two zones are
-// predefined: zone 0, the process's local zone from the system's time-zone database
-// (daylight saving included), and zone 1, UTC.
+// predefined: zone 0, the process's local zone (daylight saving included), and zone 1, UTC.
+//
+// What the local zone follows:
+// - Linux: the C library's local zone: the TZ environment variable, a zone of the system's
+//   time-zone database ("Europe/Paris") or a POSIX rule ("CET-1CEST,M3.5.0,M10.5.0/3"), else
+//   /etc/localtime.
+// - Windows: TZ when it holds a POSIX rule ("CET-1CEST,M3.5.0,M10.5.0/3", or the C runtime's
+//   short form "PST8PDT", whose daylight saving runs from the second Sunday of March to the first
+//   Sunday of November), which the library evaluates itself for every year; otherwise (TZ unset,
+//   a zone name, text that is no rule) the zone of the system settings, with its rules for each
+//   year.
 #pragma once
 
 #include <DorvikCore/DKString.h>
@@ -12,7 +21,7 @@ class DK_EXPORT DKTimeZone {
 public:
   // The ids of the predefined zones.
   enum Predefined : int {
-    Local = 0, // The process's local zone (the system setting, TZ); the library's default zone.
+    Local = 0, // The process's local zone (TZ, or the system setting); the library's default zone.
     UTC = 1,   // Coordinated Universal Time: offset 0, no daylight saving.
   };
 
@@ -54,8 +63,8 @@ public:
   // The zone's name ("CET", "CEST", "UTC"), for standard or daylight time.
   DKString GetName(bool daylight = false) const;
 
-  // Reads the system's zone setting again (the TZ environment variable): call it after
-  // changing TZ so that zone 0 follows.
+  // Reads the local zone's setting again (TZ, and on Windows the system's settings): call it
+  // after changing TZ so that zone 0 follows.
   static void Reload() noexcept;
 
 private:

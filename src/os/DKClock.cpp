@@ -6,11 +6,18 @@
 // answers from that table: the system is probed once a day across the span, and each change
 // found between two probes is narrowed down to its second. Like the conversion from a
 // reading to an instant, this takes a zone to change its offset at most once in a day.
+//
+// A POSIX TZ rule that the library evaluates itself (where the system does not read TZ) is
+// quick to ask and exact at every instant: it is asked directly, with no table.
 #include "os/DKClock.h"
+
+#include "os/DKTzRule.h"
 
 #include <algorithm>
 #include <atomic>
 #include <limits>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -46,10 +53,10 @@ struct Offset {
   bool operator==(const Offset& other) const noexcept { return seconds == other.seconds && daylight == other.daylight; }
 };
 
-Offset SystemOffset(std::int64_t utcSeconds) noexcept {
+Offset AskSystem(std::int64_t utcSeconds) noexcept {
   Offset offset;
-  if (!DKClock::LocalOffset(utcSeconds, offset.seconds, offset.daylight))
-    offset = {DKClock::LocalStandardOffset(), false};
+  if (!DKClock::SystemOffset(utcSeconds, offset.seconds, offset.daylight))
+    offset = {DKClock::SystemStandardOffset(), false};
   return offset;
 }
 
@@ -78,19 +85,19 @@ struct Span {
     changes.clear();
     const std::int64_t start = index * spanSeconds;
     const std::int64_t last = start + spanSeconds - 1;
-    first = SystemOffset(start);
+    first = AskSystem(start);
     Offset previous = first;
     for (std::int64_t before = start, probe = start + probeStep;; before = probe, probe += probeStep) {
       probe = std::min(probe, last);
-      const Offset now = SystemOffset(probe);
+      const Offset now = AskSystem(probe);
       if (!(now == previous)) {
         // The change lies in (before, probe]: narrow it down to its second.
         std::int64_t low = before, high = probe;
         while (high - low > 1) {
           const std::int64_t middle = low + (high - low) / 2;
-          (SystemOffset(middle) == previous ? low : high) = middle;
+          (AskSystem(middle) == previous ? low : high) = middle;
         }
-        changes.push_back({high, SystemOffset(high)});
+        changes.push_back({high, AskSystem(high)});
         previous = changes.back().offset;
       }
       if (probe == last)
@@ -119,29 +126,90 @@ Offset CachedOffset(std::int64_t utcSeconds) {
     span.Reset(index, generation);
   if (!span.learned) {
     if (++span.uses < usesBeforeLearning)
-      return SystemOffset(utcSeconds);
+      return AskSystem(utcSeconds);
     span.Learn();
   }
   return span.At(utcSeconds);
 }
 
+// The rule the local zone follows in place of the system's, read on first use and again after
+// a reload. Never destroyed: clocks are read late at exit too.
+struct ZoneRule {
+  enum State { Unknown, None, Held };
+  std::atomic<int> state{Unknown};
+  std::mutex lock;
+  std::shared_ptr<const DKTzRule> rule;
+};
+
+ZoneRule& TheRule() noexcept {
+  static ZoneRule* const rule = new ZoneRule;
+  return *rule;
+}
+
+// The rule in force, or null for the system's zone. Without one, asking costs one atomic read.
+std::shared_ptr<const DKTzRule> CurrentRule() noexcept {
+  ZoneRule& zone = TheRule();
+  if (zone.state.load(std::memory_order_acquire) == ZoneRule::None)
+    return nullptr;
+  std::lock_guard guard(zone.lock);
+  if (zone.state.load(std::memory_order_relaxed) == ZoneRule::Unknown) {
+    zone.rule.reset();
+    try {
+      std::string text;
+      DKTzRule rule;
+      if (DKClock::ZoneRuleText(text) && DKTzRule::Parse(text, rule))
+        zone.rule = std::make_shared<const DKTzRule>(std::move(rule));
+    } catch (...) { // no memory to read it: the system's zone
+      zone.rule.reset();
+    }
+    zone.state.store(zone.rule ? ZoneRule::Held : ZoneRule::None, std::memory_order_release);
+  }
+  return zone.rule;
+}
+
+// Whether an instant or reading lies within the years a zone is asked about; beyond them the
+// standard offset applies, whatever gives the offsets.
+constexpr bool IsNear(std::int64_t seconds) noexcept { return seconds == WithinFar(seconds); }
+
 } // namespace
 
 int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
-  const std::int64_t instant = WithinFar(utcSeconds);
   Offset offset;
-  try {
-    offset = CachedOffset(instant);
-  } catch (...) { // no memory for the table: ask the system directly
-    offset = SystemOffset(instant);
+  if (const auto rule = CurrentRule()) {
+    offset = {rule->StandardOffset(), false};
+    if (IsNear(utcSeconds))
+      offset.seconds = rule->OffsetAt(utcSeconds, &offset.daylight);
+  } else {
+    const std::int64_t instant = WithinFar(utcSeconds);
+    try {
+      offset = CachedOffset(instant);
+    } catch (...) { // no memory for the table: ask the system directly
+      offset = AskSystem(instant);
+    }
   }
   if (daylight)
     *daylight = offset.daylight;
   return offset.seconds;
 }
 
+int DKClock::LocalStandardOffset() noexcept {
+  const auto rule = CurrentRule();
+  return rule ? rule->StandardOffset() : SystemStandardOffset();
+}
+
+std::string DKClock::LocalZoneName(bool daylight) {
+  const auto rule = CurrentRule();
+  return rule ? rule->Name(daylight) : SystemZoneName(daylight);
+}
+
 void DKClock::ReloadZone() noexcept {
   ReloadSystemZone();
+  ZoneRule& zone = TheRule();
+  {
+    std::lock_guard guard(zone.lock);
+    zone.rule.reset();
+    zone.state.store(ZoneRule::Unknown, std::memory_order_release);
+  }
   g_generation.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -150,8 +218,10 @@ std::int64_t DKClock::UtcToLocal(std::int64_t utcSeconds) noexcept {
 }
 
 std::int64_t DKClock::LocalToUtc(std::int64_t wallSeconds) noexcept {
-  if (wallSeconds != WithinFar(wallSeconds)) // out there the offset never changes
+  if (!IsNear(wallSeconds)) // out there the offset never changes
     return SaturatingAdd(wallSeconds, -std::int64_t{LocalOffsetAt(wallSeconds)});
+  if (const auto rule = CurrentRule())
+    return rule->ToUtc(wallSeconds);
   // The instant lies within a day of the reading whatever the zone. When the offset is the
   // same a day before and a day after, no change of offset lies in between (zones change at
   // most once in two days).

@@ -16,16 +16,22 @@ class DKClock {
 public:
   // Platform: the system clock now.
   static DKClockReading Now() noexcept;
-  // Platform: the local zone's offset east of UTC, in seconds, at a UTC second, and whether
-  // daylight saving is in force then. False when the system cannot tell (out of its range).
-  static bool LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept;
-  // Platform: the local zone's standard-time offset east of UTC, in seconds.
-  static int LocalStandardOffset() noexcept;
-  // Platform: the local zone's abbreviation for standard or daylight time, UTF-8.
-  static std::string LocalZoneName(bool daylight);
-  // Platform: reads the zone setting (TZ) again.
+  // Platform: the system's local zone: its offset east of UTC, in seconds, at a UTC second, and
+  // whether daylight saving is in force then. False when the system cannot tell (out of its range).
+  static bool SystemOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept;
+  // Platform: the system's local zone: its standard-time offset east of UTC, in seconds.
+  static int SystemStandardOffset() noexcept;
+  // Platform: the system's local zone: its abbreviation for standard or daylight time, UTF-8.
+  static std::string SystemZoneName(bool daylight);
+  // Platform: reads the system's zone setting again.
   static void ReloadSystemZone() noexcept;
+  // Platform: the text of a POSIX TZ rule (os/DKTzRule.h) that the library evaluates itself in
+  // place of the system's zone, where the system does not read TZ: the value of TZ. False where
+  // the system reads TZ itself, or TZ is not set. A text that is not a rule leaves the system's
+  // zone in force.
+  static bool ZoneRuleText(std::string& text);
 
+  // The local zone: the rule of ZoneRuleText when there is one, else the system's.
   // Reads the zone setting again and forgets what was learned of the old zone.
   static void ReloadZone() noexcept;
   // The local offset at a UTC second; the standard offset where the system cannot tell.
@@ -36,4 +42,8 @@ public:
   static std::int64_t LocalToUtc(std::int64_t wallSeconds) noexcept;
   // The local wall-clock reading of a UTC second, stopping at the ends of the range too.
   static std::int64_t UtcToLocal(std::int64_t utcSeconds) noexcept;
+  // The local zone's standard-time offset east of UTC, in seconds.
+  static int LocalStandardOffset() noexcept;
+  // The local zone's abbreviation for standard or daylight time, UTF-8.
+  static std::string LocalZoneName(bool daylight);
 };

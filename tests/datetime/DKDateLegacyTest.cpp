@@ -133,7 +133,7 @@ TEST(DateTimeLegacyTest, TextAndToDate) {
 }
 
 TEST(DateTimeLegacyTest, LocalZone) {
-  DK_IN_ZONE("Europe/Paris");
+  DK_IN_ZONE(parisRule);
   const DKDateTime t(1578219630);
   EXPECT_EQ(t.AsString(), DK_T("2020/01/05 11:20:30"));
   EXPECT_EQ(DKDateTime(2020, 1, 5, 11, 20, 30), t);

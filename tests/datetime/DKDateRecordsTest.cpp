@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr const char* paris = "Europe/Paris";
-constexpr const char* newYork = "America/New_York";
+constexpr const char* paris = parisRule;
+constexpr const char* newYork = newYorkRule;
 
 // Every record of the value reads back as the value, the automation date being `variant`; the
 // null value fails them all but the automation date, which is VT_NULL and reads back as null.

@@ -1,17 +1,19 @@
 // DKDateTimeEx and DKTimeZone: layout, zones and daylight saving, arithmetic and the "%" text
-// formats (the records are in DKDateRecordsTest.cpp). Zone cases run under a fixed TZ (Europe/Paris, America/New_York).
+// formats (the records are in DKDateRecordsTest.cpp). Zone cases run under a fixed TZ: the rules of
+// Paris and New York.
 #include "DateTimeTestSupport.h"
 
 #include <ctime>
 #include <limits>
 #include <sstream>
+#include <tuple>
 #include <vector>
 
 namespace {
 
 using U = DKDurationEx::Unit;
-constexpr const char* paris = "Europe/Paris";
-constexpr const char* newYork = "America/New_York";
+constexpr const char* paris = parisRule;
+constexpr const char* newYork = newYorkRule;
 
 // ---- Layout and predicates ------------------------------------------------------------------------
 
@@ -94,11 +96,37 @@ TEST(TimeZoneTest, SystemTimeBetweenUtcAndZone) {
   EXPECT_FALSE(DKTimeZone().SystemTimeToZone(invalid, local));
 }
 
+#if defined(_WIN32)
+// Windows reads only a rule from TZ: a zone name, a rule that is not whole or no text at all
+// leaves the zone of the system settings, and a reload after a rule brings that zone back.
+TEST(TimeZoneTest, TZThatHoldsNoRuleLeavesTheSystemZone) {
+  const ScopedEnv unset("TZ", nullptr, &DKTimeZone::Reload);
+  const DKTimeZone local;
+  const auto reading = [&] {
+    std::vector<int> offsets{local.GetBias()};
+    for (const DKInt64 t : {1609502400LL, 1625140800LL}) // January and July 2021
+      offsets.push_back(local.GetOffset(t));
+    return std::tuple(offsets, local.GetName(false), local.GetName(true));
+  };
+  const auto system = reading();
+  for (const char* text : {"Europe/Paris", ":Europe/Paris", "UTC", "EST5EDT,M3.2.0", ""}) {
+    SCOPED_TRACE(text);
+    {
+      const ScopedTimeZone zone("<+0545>-5:45");
+      EXPECT_EQ(local.GetBias(), -345);
+    }
+    const ScopedTimeZone zone(text);
+    EXPECT_EQ(reading(), system);
+  }
+}
+#endif
+
 // The library learns each year's changes of offset from the system and answers from that
-// table: it must agree with the system at every instant, to the second around each change.
+// table: it must agree with the system at every instant, to the second around each change, over
+// the zones' history (local mean time, wars, rules that changed).
 TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
 #if defined(_WIN32)
-  GTEST_SKIP() << "the zones are set through TZ, which the Windows local zone does not follow";
+  GTEST_SKIP() << "needs the zones' history: Windows takes a named zone from its settings only, not from TZ";
 #else
   const auto system = [](std::int64_t t) {
     const time_t value = static_cast<time_t>(t);
@@ -106,7 +134,7 @@ TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
     localtime_r(&value, &tm);
     return static_cast<int>(tm.tm_gmtoff);
   };
-  for (const char* zone : {paris, newYork, "Australia/Lord_Howe", "Asia/Kolkata"}) {
+  for (const char* zone : {"Europe/Paris", "America/New_York", "Australia/Lord_Howe", "Asia/Kolkata"}) {
     if (!HasZoneInfo(zone))
       continue;
     ScopedTimeZone tz(zone);
@@ -310,14 +338,12 @@ TEST(DateTimeExTextTest, Codes) {
     EXPECT_TRUE(c.value.AsString(buffer, 64, DKString(c.format).c_str(), c.zone).Good());
     EXPECT_EQ(DKString(buffer), c.text);
   }
-  if (HasZoneInfo(newYork)) { // negative offsets
-    ScopedTimeZone america(newYork);
+  {
+    const ScopedTimeZone america(newYork); // negative offsets
     EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));
   }
-  if (HasZoneInfo("Asia/Kolkata")) {
-    ScopedTimeZone india("Asia/Kolkata");
-    EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("17:30+05:30"));
-  }
+  const ScopedTimeZone india(kolkataRule);
+  EXPECT_EQ(Utc(2021, 7, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("17:30+05:30"));
 }
 
 // Writing stops once size - 5 characters are written; a code is never cut, the text is always

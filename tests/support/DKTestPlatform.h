@@ -39,10 +39,6 @@ std::tm LocalTime(std::time_t moment);
 // privileged process; empty where the system offers none (the tests that need one skip).
 std::filesystem::path UnwritableFolder();
 
-// Whether setting TZ changes the process's local zone (not on Windows, whose zone comes from
-// the system settings only).
-bool TimeZoneFollowsTZ();
-
 struct ProcessResult {
   int exitCode = -1;  // -1 when it did not start or did not exit normally
   std::string output; // its standard output, bytes as written

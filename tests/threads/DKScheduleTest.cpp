@@ -213,37 +213,33 @@ TEST(DKScheduleTest, DaylightSavingGapsRunAfterTheGapAndRepeatedHoursRunOnce) {
   const NextCase cases[] = {
       // Paris: 2024-03-31 02:00 CET becomes 03:00 CEST (01:00 UTC); 2024-10-27 03:00 CEST
       // becomes 02:00 CET (01:00 UTC).
-      {"Europe/Paris", "every day at 02:30", "2024-03-30 00:00",
+      {parisRule, "every day at 02:30", "2024-03-30 00:00",
        {"2024-03-30 01:30", "2024-03-31 01:00", "2024-04-01 00:30"}},
-      {"Europe/Paris", "every day at 02:30", "2024-10-26 00:00",
+      {parisRule, "every day at 02:30", "2024-10-26 00:00",
        {"2024-10-26 00:30", "2024-10-27 00:30", "2024-10-28 01:30"}},
-      {"Europe/Paris", "every 30 minutes between 01:00 and 04:00", "2024-03-30 23:30",
+      {parisRule, "every 30 minutes between 01:00 and 04:00", "2024-03-30 23:30",
        {"2024-03-31 00:00", "2024-03-31 00:30", "2024-03-31 01:00", "2024-03-31 01:30", "2024-03-31 02:00",
         "2024-03-31 23:00"}},
-      {"Europe/Paris", "every 30 minutes between 01:00 and 04:00", "2024-10-26 22:30",
+      {parisRule, "every 30 minutes between 01:00 and 04:00", "2024-10-26 22:30",
        {"2024-10-26 23:00", "2024-10-26 23:30", "2024-10-27 00:00", "2024-10-27 00:30", "2024-10-27 02:00",
         "2024-10-27 02:30", "2024-10-27 03:00", "2024-10-28 00:00"}},
-      {"Europe/Paris", "on sun at 02:00, 03:00", "2024-03-30 12:00",
+      {parisRule, "on sun at 02:00, 03:00", "2024-03-30 12:00",
        {"2024-03-31 01:00", "2024-04-07 00:00", "2024-04-07 01:00"}},
       // New York: 2024-03-10 02:00 EST becomes 03:00 EDT (07:00 UTC); 2024-11-03 02:00 EDT
       // becomes 01:00 EST (06:00 UTC).
-      {"America/New_York", "every day at 02:30", "2024-03-09 12:00", {"2024-03-10 07:00", "2024-03-11 06:30"}},
-      {"America/New_York", "every day at 01:30", "2024-11-02 12:00", {"2024-11-03 05:30", "2024-11-04 06:30"}},
-      {"America/New_York", "every hour between 00:00 and 03:00", "2024-11-03 03:30",
+      {newYorkRule, "every day at 02:30", "2024-03-09 12:00", {"2024-03-10 07:00", "2024-03-11 06:30"}},
+      {newYorkRule, "every day at 01:30", "2024-11-02 12:00", {"2024-11-03 05:30", "2024-11-04 06:30"}},
+      {newYorkRule, "every hour between 00:00 and 03:00", "2024-11-03 03:30",
        {"2024-11-03 04:00", "2024-11-03 05:00", "2024-11-03 07:00", "2024-11-03 08:00", "2024-11-04 05:00"}},
       // Lord Howe moves by half an hour: 2024-10-06 02:00 (+10:30) becomes 02:30 (+11); 2024-04-07
       // 02:00 (+11) becomes 01:30 (+10:30).
-      {"Australia/Lord_Howe", "every day at 02:15", "2024-10-04 12:00",
+      {lordHoweRule, "every day at 02:15", "2024-10-04 12:00",
        {"2024-10-04 15:45", "2024-10-05 15:30", "2024-10-06 15:15"}},
-      {"Australia/Lord_Howe", "every day at 01:45", "2024-04-05 12:00",
+      {lordHoweRule, "every day at 01:45", "2024-04-05 12:00",
        {"2024-04-05 14:45", "2024-04-06 14:45", "2024-04-07 15:15"}},
   };
   for (const NextCase& c : cases) {
-    if (!HasZoneInfo(c.zone)) {
-      ADD_FAILURE() << "time-zone data for " << c.zone << " is missing (install the tzdata package)";
-      continue;
-    }
-    const ScopedTimeZone zone(c.zone);
+    DK_IN_ZONE(c.zone);
     CheckNext(c);
   }
 }

@@ -12,7 +12,7 @@ DKClockReading DKClock::Now() noexcept {
   return reading;
 }
 
-bool DKClock::LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept {
+bool DKClock::SystemOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept {
   const time_t t = static_cast<time_t>(utcSeconds);
   tm local{};
   if (localtime_r(&t, &local) == nullptr)
@@ -22,15 +22,19 @@ bool DKClock::LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) 
   return true;
 }
 
-int DKClock::LocalStandardOffset() noexcept {
+int DKClock::SystemStandardOffset() noexcept {
   tzset();
   return static_cast<int>(-timezone);
 }
 
-std::string DKClock::LocalZoneName(bool daylight) {
+std::string DKClock::SystemZoneName(bool daylight) {
   tzset();
   const char* name = tzname[daylight ? 1 : 0];
   return name ? std::string(name) : std::string();
 }
 
 void DKClock::ReloadSystemZone() noexcept { tzset(); }
+
+// The C library reads TZ itself: a rule, a zone of the system's database, or nothing for
+// /etc/localtime.
+bool DKClock::ZoneRuleText(std::string&) { return false; }

@@ -1,7 +1,9 @@
 // Windows clock and local zone (os/DKClock.h). The zone is the system's, with its rules for each
 // year (zones whose rules changed over the years carry them year by year); reading it is slow, so
-// the rules of each year are read once and kept until the zone is reloaded.
+// the rules of each year are read once and kept until the zone is reloaded. The system's zone
+// functions ignore TZ; when TZ holds a POSIX rule, the library evaluates it in their place.
 #include "os/DKClock.h"
+#include "os/DKProcess.h"
 
 #include "Win32Util.h"
 
@@ -80,7 +82,7 @@ DKClockReading DKClock::Now() noexcept {
   return reading;
 }
 
-bool DKClock::LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept {
+bool DKClock::SystemOffset(std::int64_t utcSeconds, int& offset, bool& daylight) noexcept {
   SYSTEMTIME utc{};
   if (!dkwin::ToSystemTime(utcSeconds, utc))
     return false;
@@ -110,14 +112,14 @@ bool DKClock::LocalOffset(std::int64_t utcSeconds, int& offset, bool& daylight) 
   return true;
 }
 
-int DKClock::LocalStandardOffset() noexcept {
+int DKClock::SystemStandardOffset() noexcept {
   Zone& zone = TheZone();
   std::lock_guard guard(zone.lock);
   const DYNAMIC_TIME_ZONE_INFORMATION& current = Current(zone);
   return -static_cast<int>(current.Bias + current.StandardBias) * 60;
 }
 
-std::string DKClock::LocalZoneName(bool daylight) {
+std::string DKClock::SystemZoneName(bool daylight) {
   Zone& zone = TheZone();
   std::lock_guard guard(zone.lock);
   const DYNAMIC_TIME_ZONE_INFORMATION& current = Current(zone);
@@ -133,3 +135,7 @@ void DKClock::ReloadSystemZone() noexcept {
   std::lock_guard guard(zone.lock);
   zone.loaded = false;
 }
+
+// The C runtime reads TZ too (its short form "PST8PDT" is a rule without dates), so setting TZ
+// is a known way to choose a zone for one program.
+bool DKClock::ZoneRuleText(std::string& text) { return DKProcess::EnvironmentVariableUTF8("TZ", text); }

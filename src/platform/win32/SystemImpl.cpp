@@ -1,4 +1,5 @@
 // Windows implementation of the library's internal operating-system services (os/DKSystem.h).
+#include "os/DKClock.h"
 #include "os/DKSystem.h"
 #include "platform/gnu/DKDemangle.h"
 
@@ -102,8 +103,13 @@ __attribute__((noinline)) std::string DKSystem::CaptureStack(unsigned skipFrames
 std::uint64_t DKSystem::CurrentThreadId() noexcept { return GetCurrentThreadId(); }
 
 std::string DKSystem::LocalTimeNow() {
+  // The library's local zone (a rule in TZ included), so that the stamp agrees with its dates.
+  const DKClockReading reading = DKClock::Now();
   SYSTEMTIME now{};
-  GetLocalTime(&now);
+  if (dkwin::ToSystemTime(DKClock::UtcToLocal(reading.seconds), now))
+    now.wMilliseconds = static_cast<WORD>(reading.milliseconds);
+  else
+    GetLocalTime(&now);
   char text[64];
   std::snprintf(text, sizeof text, "%04u/%02u/%02u %02u:%02u:%02u.%03u", now.wYear, now.wMonth, now.wDay, now.wHour,
                 now.wMinute, now.wSecond, now.wMilliseconds);

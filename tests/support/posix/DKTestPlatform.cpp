@@ -45,8 +45,6 @@ std::string TempFolderVariable() { return "TMPDIR"; }
 
 std::filesystem::path UnwritableFolder() { return "/proc"; }
 
-bool TimeZoneFollowsTZ() { return true; }
-
 ProcessResult RunProcess(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& set,
                          const std::string& dropPrefix) {
   std::vector<std::string> args = arguments, env;

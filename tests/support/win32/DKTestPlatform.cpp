@@ -130,8 +130,6 @@ std::filesystem::path UnwritableFolder() {
                                                                     : std::filesystem::path();
 }
 
-bool TimeZoneFollowsTZ() { return false; }
-
 ProcessResult RunProcess(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& set,
                          const std::string& dropPrefix) {
   ProcessResult result;
