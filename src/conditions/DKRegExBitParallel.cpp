@@ -23,6 +23,9 @@ constexpr std::size_t maxDistances = 6;
 // A state of the cached automaton costs about this many times more per instruction it keeps than
 // the engine per word operation.
 constexpr std::uint64_t stateToWordCost = 4;
+// The share of the cache (one in this many bytes) that a text's own new states must have taken
+// before the engine takes the text over.
+constexpr std::uint64_t evidenceShare = 16;
 
 thread_local bool forceOn = false;
 thread_local std::size_t forceAfter = 0;
@@ -103,6 +106,9 @@ const BitParallel* BitParallel::Of(const Program& program) {
 }
 
 bool BitParallel::TakesOver(const Program& program, std::uint64_t work, std::size_t chars) {
+  // The text must have missed for a good part of the cache: a few new states are cheaper.
+  if (work * sizeof(std::uint32_t) * evidenceShare < program.m_cacheBytes)
+    return false;
   const BitParallel* tables = Of(program);
   return tables && tables->m_cost * std::max<std::size_t>(chars, 1) <= work * stateToWordCost;
 }
@@ -201,16 +207,23 @@ std::unique_ptr<BitParallel> BitParallel::Build(const Program& program) {
     return histogram[static_cast<std::size_t>(a + 63)] > histogram[static_cast<std::size_t>(b + 63)];
   });
   const std::size_t worth = std::max<std::size_t>((words + 1) / 2, 1);
-  std::vector<int> shiftOf(127, -1);
   for (const int d : order) {
     if (bp->m_distances.size() == maxDistances || histogram[static_cast<std::size_t>(d + 63)] < worth)
       break;
-    shiftOf[static_cast<std::size_t>(d + 63)] = static_cast<int>(bp->m_distances.size());
     bp->m_distances.push_back(d);
   }
+  // Forward distances first: one pass over the words moves along all of them.
+  std::stable_partition(bp->m_distances.begin(), bp->m_distances.end(), [](int d) { return d >= 0; });
+  const std::size_t forward = static_cast<std::size_t>(
+      std::count_if(bp->m_distances.begin(), bp->m_distances.end(), [](int d) { return d >= 0; }));
+  std::vector<int> shiftOf(127, -1);
+  for (std::size_t j = 0; j < bp->m_distances.size(); ++j)
+    shiftOf[static_cast<std::size_t>(bp->m_distances[j] + 63)] = static_cast<int>(j);
 
   const std::size_t row = std::size_t{words} + 2;
-  bp->m_shiftMasks.assign(bp->m_distances.size() * row, 0);
+  bp->m_forward = forward;
+  bp->m_forwardMasks.assign(forward * (words + 1), 0);
+  bp->m_shiftMasks.assign((bp->m_distances.size() - forward) * row, 0);
   bp->m_special.assign(words, 0);
   bp->m_accept.assign(words, 0);
   bp->m_groupOf.assign(positions, none);
@@ -227,8 +240,10 @@ std::unique_ptr<BitParallel> BitParallel::Build(const Program& program) {
       const int shift = d >= -63 && d <= 63 ? shiftOf[static_cast<std::size_t>(d + 63)] : -1;
       if (shift < 0)
         special = true;
+      else if (static_cast<std::size_t>(shift) < forward)
+        bp->m_forwardMasks[((p >> 6) + 1) * forward + static_cast<std::size_t>(shift)] |= std::uint64_t{1} << (p & 63);
       else
-        SetBit(&bp->m_shiftMasks[static_cast<std::size_t>(shift) * row + 1], p);
+        SetBit(&bp->m_shiftMasks[(static_cast<std::size_t>(shift) - forward) * row + 1], p);
     }
     if (!special)
       continue;
@@ -249,9 +264,13 @@ std::unique_ptr<BitParallel> BitParallel::Build(const Program& program) {
     }
     bp->m_groupOf[p] = compact[g];
   }
-  // A step: clearing, the special positions and their follow words, a pass per distance, the
-  // class. Every special position is counted as if live.
-  bp->m_cost = (2 * bp->m_distances.size() + 4) * words + specials + bp->m_groupWords.size();
+  for (std::uint32_t w = 0; w < words; ++w)
+    if (bp->m_special[w])
+      bp->m_specialWords.push_back(w);
+  // A step: clearing, the special positions and their follow words, a pass per backward
+  // distance, one for the forward ones and the class. Every special position counts as live.
+  bp->m_cost = (forward + 2 * (bp->m_distances.size() - forward) + 3) * words + bp->m_specialWords.size() + specials +
+               bp->m_groupWords.size();
   return bp;
 }
 
@@ -259,6 +278,29 @@ void BitParallel::Positions(const std::uint32_t* pcs, std::size_t count, std::ui
   for (std::size_t k = 0; k < count; ++k)
     if (const std::uint32_t p = m_positionOf[pcs[k]]; p != none)
       SetBit(words, p);
+}
+
+template <std::size_t N>
+std::uint64_t BitParallel::Forward(const std::uint64_t* cur, std::uint64_t* next, const std::uint64_t* taken) const {
+  static_assert(N <= maxDistances);
+  int distance[N + 1] = {};
+  for (std::size_t j = 0; j < N; ++j)
+    distance[j] = m_distances[j];
+  std::uint64_t any = 0;
+  for (std::size_t w = 1; w <= m_words; ++w) {
+    std::uint64_t x = next[w];
+    const std::uint64_t here = cur[w], before = cur[w - 1];
+    const std::uint64_t* masks = &m_forwardMasks[w * N];
+    const std::uint64_t* masksBefore = masks - N;
+    // Each distance moves bits of this word up and the top ones of the word before in (none
+    // for a distance of 0).
+    for (std::size_t j = 0; j < N; ++j)
+      x |= ((here & masks[j]) << distance[j]) | (((before & masksBefore[j]) >> 1) >> (63 - distance[j]));
+    x &= taken[w - 1];
+    next[w] = x;
+    any |= x;
+  }
+  return any;
 }
 
 bool BitParallel::Match(const std::uint32_t* pcs, std::size_t count, const DKChar* text, std::size_t length,
@@ -297,7 +339,7 @@ bool BitParallel::Match(const std::uint32_t* pcs, std::size_t count, const DKCha
       std::fill(stamps.begin(), stamps.end(), 0);
       step = 1;
     }
-    for (std::size_t w = 0; w < words; ++w)
+    for (const std::uint32_t w : m_specialWords)
       for (std::uint64_t special = cur[w + 1] & m_special[w]; special; special &= special - 1) {
         const std::uint32_t g = m_groupOf[w * 64 + static_cast<std::size_t>(std::countr_zero(special))];
         if (stamps[g] == step)
@@ -306,23 +348,21 @@ bool BitParallel::Match(const std::uint32_t* pcs, std::size_t count, const DKCha
         for (std::uint32_t k = m_groupStart[g]; k < m_groupStart[g + 1]; ++k)
           next[m_groupWords[k].index + 1] |= m_groupWords[k].bits;
       }
-    for (std::size_t j = 0; j < m_distances.size(); ++j) {
-      const std::uint64_t* mask = &m_shiftMasks[j * row];
-      const int d = m_distances[j];
-      if (d > 0) {
-        for (std::size_t w = 1; w <= words; ++w)
-          next[w] |= ((cur[w] & mask[w]) << d) | ((cur[w - 1] & mask[w - 1]) >> (64 - d));
-      } else if (d < 0) {
-        for (std::size_t w = 1; w <= words; ++w)
-          next[w] |= ((cur[w] & mask[w]) >> -d) | ((cur[w + 1] & mask[w + 1]) << (64 + d));
-      } else {
-        for (std::size_t w = 1; w <= words; ++w)
-          next[w] |= cur[w] & mask[w];
-      }
+    for (std::size_t j = m_forward; j < m_distances.size(); ++j) {
+      const std::uint64_t* mask = &m_shiftMasks[(j - m_forward) * row];
+      const int e = -m_distances[j];
+      for (std::size_t w = 1; w <= words; ++w)
+        next[w] |= ((cur[w] & mask[w]) >> e) | ((cur[w + 1] & mask[w + 1]) << (64 - e));
     }
-    any = 0;
-    for (std::size_t w = 0; w < words; ++w)
-      any |= next[w + 1] &= taken[w];
+    switch (m_forward) {
+    case 0: any = Forward<0>(cur, next, taken); break;
+    case 1: any = Forward<1>(cur, next, taken); break;
+    case 2: any = Forward<2>(cur, next, taken); break;
+    case 3: any = Forward<3>(cur, next, taken); break;
+    case 4: any = Forward<4>(cur, next, taken); break;
+    case 5: any = Forward<5>(cur, next, taken); break;
+    default: any = Forward<6>(cur, next, taken); break;
+    }
     std::swap(cur, next);
   }
   if (!any)

@@ -32,9 +32,10 @@ public:
   // The tables of program, built on the first call from any thread; null when the program has no
   // character classes or its tables would be too large.
   static const BitParallel* Of(const Program& program);
-  // Whether a match whose cache of states is full, after computing new states of work
-  // instructions in all over chars characters, is better off going on here: the estimated work
-  // of a step here is below what the states cost per character so far.
+  // Whether a match that misses its cache of states again, after computing new states of work
+  // instructions in all over chars characters, is better off going on here: those states would
+  // take a good part of the cache, and the estimated work of a step here is below what they cost
+  // per character.
   static bool TakesOver(const Program& program, std::uint64_t work, std::size_t chars);
   // When the calling thread forces the engine on (ForceBitParallel) and the program has tables:
   // the answer for the whole text (1 or 0), reached by the plain automaton for the first code
@@ -63,6 +64,10 @@ private:
   static std::atomic<int> s_forcing; // threads that force the engine on
 
   static std::unique_ptr<BitParallel> Build(const Program& program);
+  // Moves the state cur along the forward distances into next, which holds the special
+  // positions' follow sets, and keeps what takes the class; returns whether any position is left.
+  template <std::size_t N>
+  std::uint64_t Forward(const std::uint64_t* cur, std::uint64_t* next, const std::uint64_t* taken) const;
   // The positions of the consuming instructions among pcs, as words.
   void Positions(const std::uint32_t* pcs, std::size_t count, std::uint64_t* words) const;
 
@@ -72,10 +77,14 @@ private:
   std::size_t m_cost = 0;
   std::vector<std::uint32_t> m_positionOf; // per instruction: its position, or none
   std::vector<std::uint64_t> m_classBits;  // per class, m_words words: the positions that take it
-  std::vector<int> m_distances;            // the distances shifted along, -63 .. 63
-  std::vector<std::uint64_t> m_shiftMasks; // per distance, m_words + 2 words (the first and last
-                                           // zero): the positions whose edge it moves along
+  std::vector<int> m_distances;            // the distances shifted along, -63 .. 63, forward first
+  std::size_t m_forward = 0;               // how many are forward (0 .. 63)
+  std::vector<std::uint64_t> m_forwardMasks; // per word after a zero one, one per forward
+                                             // distance: the positions whose edge it moves along
+  std::vector<std::uint64_t> m_shiftMasks; // the same per backward distance, m_words + 2 words
+                                           // (the first and last zero)
   std::vector<std::uint64_t> m_special;    // the positions with other edges
+  std::vector<std::uint32_t> m_specialWords; // the words of m_special that hold any
   std::vector<std::uint32_t> m_groupOf;    // per position: the group of its follow set, or none
   std::vector<std::uint32_t> m_groupStart; // per group and one more: its first word in m_groupWords
   std::vector<Word> m_groupWords;          // the follow sets, nonzero words only

@@ -178,18 +178,18 @@ struct SharedAccess {
 struct OwnAccess {
   OwnCache& own;
   std::uint32_t classCount;
-  // A full cache hands the text over to the bit-parallel engine when the states computed since
-  // start (work instructions in all) cost more per character than its steps.
+  // A miss hands the text over to the bit-parallel engine once the states computed since start
+  // (work instructions in all) cost more per character than its steps.
   const Program& program;
   const std::size_t& pos;
   std::size_t start;
   std::uint64_t work = 0;
   bool handedOver = false;
   State* Step(State*& from, std::uint32_t cls) {
-    if (State* next = own.cache.Step(from, cls))
-      return work += next->count, next;
     if ((handedOver = BitParallel::TakesOver(program, work, pos - start)))
       return nullptr;
+    if (State* next = own.cache.Step(from, cls))
+      return work += next->count, next;
     own.saved.assign(from->Pcs(classCount), from->Pcs(classCount) + from->count);
     own.cache.Flush();
     from = own.cache.Find(own.saved.data(), static_cast<std::uint32_t>(own.saved.size()));
