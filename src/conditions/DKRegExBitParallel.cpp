@@ -131,7 +131,6 @@ std::unique_ptr<BitParallel> BitParallel::Build(const Program& program) {
     }
   const auto positions = static_cast<std::uint32_t>(pcOf.size());
   const std::uint32_t words = std::max<std::uint32_t>((positions + 63) / 64, 1);
-  bp->m_positions = positions;
   bp->m_words = words;
   if (std::size_t{classes} * words * sizeof(std::uint64_t) > maxClassBytes)
     return nullptr;
@@ -290,7 +289,7 @@ std::uint64_t BitParallel::Forward(const std::uint64_t* cur, std::uint64_t* next
   for (std::size_t w = 1; w <= m_words; ++w) {
     std::uint64_t x = next[w];
     const std::uint64_t here = cur[w], before = cur[w - 1];
-    const std::uint64_t* masks = &m_forwardMasks[w * N];
+    const std::uint64_t* masks = m_forwardMasks.data() + w * N;
     const std::uint64_t* masksBefore = masks - N;
     // Each distance moves bits of this word up and the top ones of the word before in (none
     // for a distance of 0).

@@ -72,7 +72,6 @@ private:
   void Positions(const std::uint32_t* pcs, std::size_t count, std::uint64_t* words) const;
 
   const Program* m_program = nullptr;
-  std::uint32_t m_positions = 0;
   std::uint32_t m_words = 0;
   std::size_t m_cost = 0;
   std::vector<std::uint32_t> m_positionOf; // per instruction: its position, or none

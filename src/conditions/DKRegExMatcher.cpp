@@ -3,7 +3,9 @@
 // states costs one table look-up per character, and a run of characters that keeps the state
 // where it is is skipped eight code units at a time. The program's shared cache, read without a
 // lock, only grows; once it is full, the match goes on in a cache of the calling thread's own,
-// which is flushed and rebuilt whenever it fills. The time stays linear in the text either way.
+// which is flushed and rebuilt whenever it fills. A text that keeps meeting new states there is
+// handed over to the bit-parallel engine (DKRegExBitParallel.h). The time stays linear in the
+// text either way.
 #include "conditions/DKRegExProgram.h"
 
 #include <algorithm>
