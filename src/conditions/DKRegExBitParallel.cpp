@@ -88,11 +88,11 @@ void SetBit(std::uint64_t* words, std::uint32_t bit) noexcept { words[bit >> 6] 
 BitParallelSlot::BitParallelSlot() noexcept = default;
 BitParallelSlot::~BitParallelSlot() = default;
 
-std::atomic<int> BitParallel::s_forcing{0};
+std::atomic<int> bitParallelForcing{0};
 
 void ForceBitParallel(bool on, std::size_t afterUnits) noexcept {
   if (on != forceOn)
-    BitParallel::s_forcing.fetch_add(on ? 1 : -1, std::memory_order_relaxed);
+    bitParallelForcing.fetch_add(on ? 1 : -1, std::memory_order_relaxed);
   forceOn = on;
   forceAfter = afterUnits;
 }

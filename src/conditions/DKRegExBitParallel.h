@@ -27,6 +27,9 @@ namespace dkre {
 
 class Program;
 
+// The number of threads that force the engine on (ForceBitParallel).
+extern std::atomic<int> bitParallelForcing;
+
 class BitParallel {
 public:
   // The tables of program, built on the first call from any thread; null when the program has no
@@ -42,7 +45,7 @@ public:
   // units asked for and by this engine for the rest. -1 otherwise.
   static int Forced(const Program& program, const DKChar* text, std::size_t length);
   // Whether any thread forces the engine on: one load, before the call to Forced.
-  static bool AnyForced() noexcept { return s_forcing.load(std::memory_order_relaxed) != 0; }
+  static bool AnyForced() noexcept { return bitParallelForcing.load(std::memory_order_relaxed) != 0; }
 
   // Whether the whole text matches, going on at pos (before length) from the live instructions
   // pcs (of a state or an automaton's set: instructions that consume nothing are ignored).
@@ -60,8 +63,6 @@ private:
     std::uint64_t bits;
   };
   static constexpr std::uint32_t none = 0xFFFFFFFFu;
-  friend void ForceBitParallel(bool on, std::size_t afterUnits) noexcept;
-  static std::atomic<int> s_forcing; // threads that force the engine on
 
   static std::unique_ptr<BitParallel> Build(const Program& program);
   // Moves the state cur along the forward distances into next, which holds the special
