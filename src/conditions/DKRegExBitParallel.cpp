@@ -110,7 +110,15 @@ bool BitParallel::TakesOver(const Program& program, std::uint64_t work, std::siz
   if (work * sizeof(std::uint32_t) * evidenceShare < program.m_cacheBytes)
     return false;
   const BitParallel* tables = Of(program);
-  return tables && tables->m_cost * std::max<std::size_t>(chars, 1) <= work * stateToWordCost;
+  if (!tables || tables->m_cost * std::max<std::size_t>(chars, 1) > work * stateToWordCost)
+    return false;
+  if (!program.m_bits.m_handedOver.load(std::memory_order_relaxed))
+    program.m_bits.m_handedOver.store(true, std::memory_order_relaxed);
+  return true;
+}
+
+bool BitParallel::HandedOver(const Program& program) noexcept {
+  return program.m_bits.m_handedOver.load(std::memory_order_relaxed);
 }
 
 std::unique_ptr<BitParallel> BitParallel::Build(const Program& program) {

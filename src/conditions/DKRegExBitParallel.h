@@ -35,11 +35,13 @@ public:
   // The tables of program, built on the first call from any thread; null when the program has no
   // character classes or its tables would be too large.
   static const BitParallel* Of(const Program& program);
-  // Whether a match that misses its cache of states again, after computing new states of work
+  // Whether a match that misses its full cache of states, after computing new states of work
   // instructions in all over chars characters, is better off going on here: those states would
   // take a good part of the cache, and the estimated work of a step here is below what they cost
   // per character.
   static bool TakesOver(const Program& program, std::uint64_t work, std::size_t chars);
+  // Whether TakesOver has said yes for the program before.
+  static bool HandedOver(const Program& program) noexcept;
   // When the calling thread forces the engine on (ForceBitParallel) and the program has tables:
   // the answer for the whole text (1 or 0), reached by the plain automaton for the first code
   // units asked for and by this engine for the rest. -1 otherwise.
@@ -101,6 +103,7 @@ private:
   friend class BitParallel;
   std::once_flag m_once;
   std::unique_ptr<BitParallel> m_tables;
+  std::atomic<bool> m_handedOver{false};
 };
 
 // For the tests: on, the calling thread's matches run the engine (where the program has tables),

@@ -180,18 +180,26 @@ struct SharedAccess {
 struct OwnAccess {
   OwnCache& own;
   std::uint32_t classCount;
-  // A miss hands the text over to the bit-parallel engine once the states computed since start
-  // (work instructions in all) cost more per character than its steps.
+  // Once the cache has been found full in this match (or texts of the program have been handed
+  // over before), a miss hands the text over to the bit-parallel engine when the states computed
+  // since start (work instructions in all) cost more per character than its steps.
   const Program& program;
   const std::size_t& pos;
   std::size_t start;
   std::uint64_t work = 0;
+  bool full = BitParallel::HandedOver(program);
   bool handedOver = false;
+  bool HandOver() { return handedOver = BitParallel::TakesOver(program, work, pos - start); }
   State* Step(State*& from, std::uint32_t cls) {
-    if ((handedOver = BitParallel::TakesOver(program, work, pos - start)))
+    if (full && HandOver())
       return nullptr;
     if (State* next = own.cache.Step(from, cls))
       return work += next->count, next;
+    if (!full) {
+      full = true;
+      if (HandOver())
+        return nullptr;
+    }
     own.saved.assign(from->Pcs(classCount), from->Pcs(classCount) + from->count);
     own.cache.Flush();
     from = own.cache.Find(own.saved.data(), static_cast<std::uint32_t>(own.saved.size()));
