@@ -10,11 +10,15 @@
 //   - the match does not depend on the cache: with the default cache, a cache that fills at
 //     once, one that holds a few states (so that a thread's own cache is flushed and rebuilt
 //     along the text) and no cache at all, the answers are the same; so are those of a copy;
+//   - the bit-parallel engine, forced on from the start of the text and from its middle (the
+//     plain automaton taking the first half), gives the same answers;
 //   - a pattern without "$" that matches a text matches it followed by more under "(?:pattern).*";
 //   - writing each character beyond ASCII that stands for itself as \uHHHH escapes (one per
 //     UTF-16 code unit, so a pair becomes two escapes) changes neither whether the pattern
 //     compiles nor what it matches.
 #include <DorvikCore/DKRegEx.h>
+
+#include "conditions/DKRegExBitParallel.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -94,6 +98,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Require(uncached.Match(text) == match, "the uncached automaton agrees");
   const DKRegEx copy = cached;
   Require(copy.Match(text) == match, "a copy agrees");
+  for (const std::size_t after : {std::size_t{0}, text.Length() / 2}) {
+    dkre::ForceBitParallel(true, after);
+    const bool bits = cached.Match(text), tinyBits = tiny.Match(text);
+    dkre::ForceBitParallel(false);
+    Require(bits == match && tinyBits == match, "the bit-parallel engine agrees");
+  }
 
   // Any suffix that .* can take (no line terminator) keeps a match a match under (?:p).*.
   DKRegEx extended;

@@ -51,7 +51,9 @@ public:
   // Memory a compiled pattern may use for its cache of automaton states, shared by its copies and
   // the threads that match with it. Once it is full, a text that needs more goes on in a cache
   // of the calling thread's own, as large, which is emptied and rebuilt whenever it fills; a
-  // thread keeps that cache for the last pattern that needed it.
+  // thread keeps that cache for the last pattern that needed it. A text that keeps meeting new
+  // states there (a large program whose states never settle) goes on in a bit-parallel
+  // simulation of the automaton instead, whose tables the program builds once.
   static constexpr std::size_t defaultCacheBytes = 1u << 20;
 
   // An expression with nothing compiled: Match is false for every text.

@@ -3,7 +3,9 @@
 // states costs one table look-up per character, and a run of characters that keeps the state
 // where it is is skipped eight code units at a time. The program's shared cache, read without a
 // lock, only grows; once it is full, the match goes on in a cache of the calling thread's own,
-// which is flushed and rebuilt whenever it fills. The time stays linear in the text either way.
+// which is flushed and rebuilt whenever it fills. A text that keeps meeting new states there is
+// handed over to the bit-parallel engine (DKRegExBitParallel.h). The time stays linear in the
+// text either way.
 #include "conditions/DKRegExProgram.h"
 
 #include <algorithm>
@@ -178,9 +180,26 @@ struct SharedAccess {
 struct OwnAccess {
   OwnCache& own;
   std::uint32_t classCount;
+  // Once the cache has been found full in this match (or texts of the program have been handed
+  // over before), a miss hands the text over to the bit-parallel engine when the states computed
+  // since start (work instructions in all) cost more per character than its steps.
+  const Program& program;
+  const std::size_t& pos;
+  std::size_t start;
+  std::uint64_t work = 0;
+  bool full = BitParallel::HandedOver(program);
+  bool handedOver = false;
+  bool HandOver() { return handedOver = BitParallel::TakesOver(program, work, pos - start); }
   State* Step(State*& from, std::uint32_t cls) {
+    if (full && HandOver())
+      return nullptr;
     if (State* next = own.cache.Step(from, cls))
-      return next;
+      return work += next->count, next;
+    if (!full) {
+      full = true;
+      if (HandOver())
+        return nullptr;
+    }
     own.saved.assign(from->Pcs(classCount), from->Pcs(classCount) + from->count);
     own.cache.Flush();
     from = own.cache.Find(own.saved.data(), static_cast<std::uint32_t>(own.saved.size()));
@@ -199,6 +218,9 @@ struct OwnAccess {
 } // namespace
 
 bool Program::Match(const DKChar* text, std::size_t length) const {
+  if (BitParallel::AnyForced())
+    if (const int forced = BitParallel::Forced(*this, text, length); forced >= 0)
+      return forced == 1;
   if (length == 0 || m_classCount == 0) {
     SparseSet set(m_insts.size());
     std::vector<std::uint32_t> stack;
@@ -273,9 +295,11 @@ bool Program::MatchOwn(const State* from, const DKChar* text, std::size_t length
       s = from ? own->cache.Find(from->Pcs(m_classCount), from->count) : own->cache.Start();
     }
     if (s) {
-      OwnAccess access{*own, m_classCount};
+      OwnAccess access{*own, m_classCount, *this, pos, pos};
       if (const int walked = Walk(access, own->cache.Dead(), s, text, length, pos); walked >= 0)
         return walked == 1;
+      if (access.handedOver)
+        return BitParallel::Of(*this)->Match(s->Pcs(m_classCount), s->count, text, length, pos);
       // The budget cannot hold a state and the next one: the automaton goes on from where the
       // cache gave up (a state flushed away was saved first).
       return s ? Simulate(s->Pcs(m_classCount), s->count, text, length, pos)

@@ -6,6 +6,7 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
+#include "conditions/DKRegExBitParallel.h"
 #include "conditions/DKSparseSet.h"
 
 #include <atomic>
@@ -182,6 +183,7 @@ public:
 private:
   friend class Compiler;
   friend class StateCache;
+  friend class BitParallel;
 
   // Adds the instructions reachable from pc without consuming input to set, handing kept those
   // that a state keeps (consuming ones, Match, End) as they are added.
@@ -239,6 +241,8 @@ private:
   mutable std::mutex m_cacheLock;
   mutable std::atomic<State*> m_startState{nullptr};
   mutable StateCache m_shared;
+  // The tables of the bit-parallel engine, which takes over texts that keep the cache missing.
+  mutable BitParallelSlot m_bits;
 };
 
 // Reads the code point at text[pos] and moves pos past it; a surrogate pair is one code point,

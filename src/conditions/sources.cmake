@@ -5,4 +5,5 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/DKRegExParser.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKRegExCompiler.cpp
   ${CMAKE_CURRENT_LIST_DIR}/DKRegExMatcher.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/DKRegExBitParallel.cpp
 )

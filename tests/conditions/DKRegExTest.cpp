@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include "conditions/DKRegExBitParallel.h"
 #include "support/DKTestSupport.h"
 
 #include <atomic>
 #include <cctype>
+#include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -451,6 +455,126 @@ TEST(DKRegExTest, EmptyAndCleared) {
   EXPECT_FALSE(re.IsCompiled());
   EXPECT_FALSE(re.Match(DK_T("")));
   EXPECT_TRUE(re.GetPattern().IsEmpty());
+}
+
+// ---- The bit-parallel engine ---------------------------------------------------------------------
+
+// Forces the bit-parallel engine on for the calling thread while it lives.
+class ForcedBits {
+public:
+  explicit ForcedBits(std::size_t afterUnits) { dkre::ForceBitParallel(true, afterUnits); }
+  ~ForcedBits() { dkre::ForceBitParallel(false); }
+  ForcedBits(const ForcedBits&) = delete;
+  ForcedBits& operator=(const ForcedBits&) = delete;
+};
+
+// The first disagreement of re, with the engine taking over at each code unit of text in turn,
+// with reference (compiled without a cache: the plain automaton); empty when there is none. The
+// engine must run for every text but the empty one.
+std::string BitsDisagreement(const DKRegEx& re, const DKRegEx& reference, const DKString& text) {
+  const bool expected = reference.Match(text);
+  for (std::size_t after = 0; after <= text.Length(); ++after) {
+    const std::size_t runs = dkre::BitParallelRuns();
+    ForcedBits forced(after);
+    if (re.Match(text) != expected)
+      return "wrong answer taking over after " + std::to_string(after) + " units";
+    if (!text.IsEmpty() && dkre::BitParallelRuns() != runs + 1)
+      return "the engine did not run after " + std::to_string(after) + " units";
+  }
+  return {};
+}
+
+DKString Units(std::initializer_list<DKChar> units) { return DKString(DKStdString(units)); }
+
+TEST(DKRegExBitParallelTest, AgreesWithTheAutomatonFromEveryPointOfTheText) {
+  const DKChar* const patterns[] = {
+      // anchors, also where they cannot hold
+      DK_T("^abc$"), DK_T("a^b"), DK_T("a$b"), DK_T("(^a|b)c"), DK_T("(?:x$|y)z?"), DK_T("^$"), DK_T("(?:^|a)+b"),
+      DK_T("a*$"), DK_T("(?:a$)*"), DK_T("(?:$|a)(?:^|b)*"), DK_T("(^)*a"),
+      // loops, alternatives, counts
+      DK_T("(a|b)*a(a|b){3}"), DK_T("(?:ab|a)*(?:b+a?){2,4}c?"), DK_T("(a+)+b"), DK_T("(?:a{0,5}c?)+b"),
+      DK_T("(?:[a-c]x|y)*"), DK_T("(a|)+b"), DK_T("(?:(?:ab)?)+"), DK_T("(?:a{2,3})+"), DK_T(""), DK_T("a?"),
+      DK_T("[^a]*"), DK_T("(?:.|\\n){2,}z"),
+      // surrogate pairs and lone halves, characters beyond ASCII
+      DK_T("\\uD83D\\uDE00+."), DK_T(".{2}"), DK_T("[^\\u{1F600}]*z"), DK_T("\\uD83D."), DK_T("(?:\\uD83D|\\uDE00)+"),
+      DK_T("[\\u00e9-\\u{1F64F}]+a?"), DK_T("\\u00e9*\\w"),
+  };
+  const DKString texts[] = {
+      DK_T(""), DK_T("a"), DK_T("b"), DK_T("ab"), DK_T("abc"), DK_T("ac"), DK_T("bc"), DK_T("aaaab"), DK_T("ababcab"),
+      DK_T("abbabb"), DK_T("axbxyax"), DK_T("yz"), DK_T("z"), DK_T("aaaaaacab"), DK_T("a\nbz"),
+      Text("\xF0\x9F\x98\x80\xF0\x9F\x98\x80z"), Text("\xF0\x9F\x98\x80" "a"), Text("\xC3\xA9\xC3\xA9" "a"),
+      Units({0xD83D}), Units({0xDE00, 0xD83D}), Units({DK_T('a'), 0xD83D, 0xDE00}), Units({0xD83D, DK_T('z')}),
+  };
+  for (const DKChar* pattern : patterns) {
+    DKRegEx re, reference;
+    ASSERT_TRUE(re.Compile(pattern).Good()) << ErrorText(re);
+    ASSERT_TRUE(reference.Compile(pattern, 0).Good());
+    for (const DKString& text : texts)
+      EXPECT_EQ(BitsDisagreement(re, reference, text), "") << DKString(pattern).AsUTF8() << " on \"" << text.AsUTF8() << "\"";
+  }
+}
+
+// A program whose every window of text is a new state: the cache fills in the middle of the text,
+// the engine takes the rest over from the state reached. A text that stays on a few states stays
+// with the cache.
+TEST(DKRegExBitParallelTest, TakesOverATextThatKeepsTheCacheMissing) {
+  DKRegEx re;
+  ASSERT_TRUE(re.Compile(DK_T("(?:a|b)*a(?:a|b){300}c"), 64 * 1024).Good());
+  std::mt19937 rng(9);
+  for (int t = 0; t < 6; ++t) {
+    const DKString ab = RandomText(rng, "ab", 2, 1500, 3000);
+    const bool expected = ab[ab.Length() - 301] == 'a';
+    const std::size_t runs = dkre::BitParallelRuns();
+    EXPECT_EQ(re.Match(ab + DK_T("c")), expected);
+    EXPECT_FALSE(re.Match(ab + DK_T("a")));
+    EXPECT_EQ(dkre::BitParallelRuns(), runs + 2);
+  }
+  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000) + DK_T("c")));
+  const std::size_t runs = dkre::BitParallelRuns();
+  EXPECT_FALSE(re.Match(DKString(DK_T('b'), 5000)));
+  EXPECT_EQ(dkre::BitParallelRuns(), runs);
+}
+
+// One program near the size limit, shared by threads that match with the engine forced on at
+// different points of the texts and left to the matcher's own choice, against the plain automaton.
+TEST(DKRegExBitParallelTest, OneHugeProgramFromManyThreads) {
+  struct HugeCase {
+    const DKChar* pattern;
+    const char* alphabet;
+  };
+  const HugeCase cases[] = {
+      {DK_T("(?:a|b)*a(?:(?:a|b){1000}){5}c?"), "ab"},
+      {DK_T("(?:[ab]c?|d{1,3})*(?:(?:[a-d]{1,2}){600}){2}(?:c|d$)"), "abcd"},
+      {DK_T("^(?:\\w+\\s?){900}\\s*$"), "ab c"},
+  };
+  std::mt19937 rng(31);
+  for (const HugeCase& c : cases) {
+    DKRegEx re, reference;
+    ASSERT_TRUE(re.Compile(c.pattern).Good()) << ErrorText(re);
+    ASSERT_TRUE(reference.Compile(c.pattern, 0).Good());
+    EXPECT_GT(re.GetProgramSize(), 3000u);
+    std::vector<DKString> texts;
+    std::vector<bool> expected;
+    const std::size_t letters = std::strlen(c.alphabet);
+    for (int t = 0; t < 4; ++t) {
+      texts.push_back(RandomText(rng, c.alphabet, letters, 5200, 5600) + (t % 2 ? DK_T("c") : DK_T("d")));
+      expected.push_back(reference.Match(texts.back()));
+    }
+    std::atomic<int> wrong{0}, engineIdle{0};
+    RunOnThreads(4, 6, [&](int thread, int i) {
+      const DKString& text = texts[static_cast<std::size_t>(i) % texts.size()];
+      const std::size_t runs = dkre::BitParallelRuns();
+      if ((thread + i) % 3 == 0) {
+        wrong += re.Match(text) != expected[static_cast<std::size_t>(i) % texts.size()];
+        return;
+      }
+      ForcedBits forced(static_cast<std::size_t>(thread * 997 + i * 131) % text.Length());
+      wrong += re.Match(text) != expected[static_cast<std::size_t>(i) % texts.size()];
+      engineIdle += dkre::BitParallelRuns() != runs + 1;
+    });
+    EXPECT_EQ(wrong.load(), 0) << DKString(c.pattern).AsUTF8();
+    EXPECT_EQ(engineIdle.load(), 0) << DKString(c.pattern).AsUTF8();
+  }
 }
 
 } // namespace
