@@ -19,6 +19,7 @@
 #include <DorvikCore/DKThreadPool.h>
 #include <DorvikCore/DKTrace.h>
 
+#include "threads/DKThreadImpl.h"
 #include "threads/DKWaitPoint.h"
 
 #include <cstdlib>
@@ -98,7 +99,10 @@ public:
     static TimerService* const service = [] {
       DKThreadPool::GetDefault(); // made first, so that it is shut down after the timer thread
       auto* made = new TimerService;
-      std::atexit([] { Get().Stop(); });
+      std::atexit([] {
+        if (!DKThreadImpl::OtherThreadsEnded()) // else the timer thread is gone already
+          Get().Stop();
+      });
       return made;
     }();
     return *service;

@@ -335,3 +335,9 @@ TEST(DKAppTimerTest, PostRunsInOrderWakeEndsAWaitAndExceptionsDoNotStopThePump) 
   DKTimerWnd::Wake(); // nobody pumps: the next pump does not wait
   EXPECT_EQ(DKTimerWnd::Pump(DK_INFINITE), 0);
 }
+
+// The exit handlers stop the timer thread and the default pool. On Windows the system has ended
+// those threads before a DLL's exit handlers run: waiting for them would never end.
+TEST(DKTimerTest, AProcessEndsWithATimerArmedAndThePoolBusy) {
+  EXPECT_EQ(RunHelper({"exit-with-threads"}), 0);
+}
