@@ -238,6 +238,8 @@ TEST(DKScheduleTest, DaylightSavingGapsRunAfterTheGapAndRepeatedHoursRunOnce) {
       {"Australia/Lord_Howe", "every day at 01:45", "2024-04-05 12:00",
        {"2024-04-05 14:45", "2024-04-06 14:45", "2024-04-07 15:15"}},
   };
+  if (!dktest::TimeZoneFollowsTZ())
+    GTEST_SKIP() << "the local zone comes from the system settings, not from TZ";
   for (const NextCase& c : cases) {
     if (!HasZoneInfo(c.zone)) {
       ADD_FAILURE() << "time-zone data for " << c.zone << " is missing (install the tzdata package)";

@@ -227,18 +227,23 @@ bool Start(const std::vector<std::string>& arguments, const std::wstring& enviro
 BOOL WINAPI LetThrough(DWORD) { return TRUE; }
 
 // Gives this process a console of its own, which the children it starts share, so that a
-// control event can be sent to them. A process started without one (a test under CTest, or
-// Wine's stand-in when the output is a pipe) cannot send any. The standard handles stay as
-// they were.
+// control event reaches them and no other process (a console shared with CTest would pass it
+// on to CTest). A process started without one (a test under CTest, or Wine's stand-in when the
+// output is a pipe) could send none. Standard handles that are pipes or files stay; those of the
+// console left behind are replaced by the new console's.
 void ShareAConsole() {
   static const bool once = [] {
-    const HANDLE in = GetStdHandle(STD_INPUT_HANDLE), out = GetStdHandle(STD_OUTPUT_HANDLE),
-                 err = GetStdHandle(STD_ERROR_HANDLE);
+    const DWORD ids[] = {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE};
+    HANDLE kept[3];
+    for (int i = 0; i < 3; ++i) {
+      DWORD mode = 0;
+      kept[i] = GetConsoleMode(GetStdHandle(ids[i]), &mode) ? nullptr : GetStdHandle(ids[i]);
+    }
     FreeConsole();
     const bool made = AllocConsole() != 0;
-    SetStdHandle(STD_INPUT_HANDLE, in);
-    SetStdHandle(STD_OUTPUT_HANDLE, out);
-    SetStdHandle(STD_ERROR_HANDLE, err);
+    for (int i = 0; i < 3; ++i)
+      if (kept[i])
+        SetStdHandle(ids[i], kept[i]);
     SetConsoleCtrlHandler(&LetThrough, TRUE);
     return made;
   }();
