@@ -104,10 +104,11 @@ public:
   DKGenericCreatorProxy& operator=(const DKGenericCreatorProxy& other);
   ~DKGenericCreatorProxy();
 
-  // The class id the proxy is bound to.
-  int GetClassId() const noexcept { return m_classId; }
+  // The class id the proxy is bound to. Defined in the library, as every member: the DLL
+  // exports no inline member of an exported instantiation, so a client's call would find none.
+  int GetClassId() const noexcept;
   // Null while no creator is registered for the id.
-  Creator GetCreator() const noexcept { return m_creator; }
+  Creator GetCreator() const noexcept;
 
 private:
   friend class DKObjectFactoryBase<Creator>;

@@ -131,6 +131,16 @@ DKGenericCreatorProxy<Creator>::~DKGenericCreatorProxy() {
   m_creator = nullptr;
 }
 
+template <class Creator>
+int DKGenericCreatorProxy<Creator>::GetClassId() const noexcept {
+  return m_classId;
+}
+
+template <class Creator>
+Creator DKGenericCreatorProxy<Creator>::GetCreator() const noexcept {
+  return m_creator;
+}
+
 template class DKObjectFactoryBase<DKCppObjectCreator>;
 template class DKGenericCreatorProxy<DKCppObjectCreator>;
 template class DKObjectFactoryBase<DKComFlyweightCreator>;

@@ -42,6 +42,9 @@ public:
 
   // The stack size of the calling thread, in bytes (0 when unknown).
   static std::size_t CurrentStackSize() noexcept;
+  // True while the process ends after the system has already ended every other thread (on
+  // Windows, a DLL's exit handlers run then): a wait for another thread would never return.
+  static bool OtherThreadsEnded() noexcept;
 
   // Priorities are the Windows thread priority values; 0 or the system error.
   static int SetPriority(std::uint32_t id, int priority) noexcept;

@@ -18,6 +18,7 @@
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKTrace.h>
 
+#include "threads/DKThreadImpl.h"
 #include "threads/DKWaitPoint.h"
 
 #include <algorithm>
@@ -463,7 +464,10 @@ DKThreadPool& DKThreadPool::GetDefault() {
     options.name = DK_T("DKThreadPool default");
     options.capacity = 1 << 20;
     auto* made = new DKThreadPool(options);
-    std::atexit([] { GetDefault().Shutdown(Cancel, DK_INFINITE); });
+    std::atexit([] {
+      if (!DKThreadImpl::OtherThreadsEnded()) // else no worker is left to wait for
+        GetDefault().Shutdown(Cancel, DK_INFINITE);
+    });
     return made;
   }();
   return *pool;

@@ -20,6 +20,7 @@
 #include <DorvikCore/DKTrace.h>
 
 #include "os/DKSystem.h"
+#include "threads/DKThreadImpl.h"
 #include "threads/DKTimerWndImpl.h"
 #include "threads/DKWaitPoint.h"
 
@@ -100,7 +101,10 @@ public:
     static TimerService* const service = [] {
       DKThreadPool::GetDefault(); // made first, so that it is shut down after the timer thread
       auto* made = new TimerService;
-      std::atexit([] { Get().Stop(); });
+      std::atexit([] {
+        if (!DKThreadImpl::OtherThreadsEnded()) // else the timer thread is gone already
+          Get().Stop();
+      });
       return made;
     }();
     return *service;

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/DKChildProcess.h"
+#include "support/DKTestPlatform.h"
 #include "support/DKTestSupport.h"
 
 #include <algorithm>

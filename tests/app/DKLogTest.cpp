@@ -3,6 +3,7 @@
 #include <DorvikCore/DKTimeZone.h>
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
 
 using namespace apptest;
@@ -121,7 +122,12 @@ TEST_F(DKLogManagerTest, FileSubscriberAppendsAndFlushesEveryPieceOrIsRefused) {
 
   DKSmartPtr<DKFileLogSubscriber> missing(new DKFileLogSubscriber(Text(dir / "missing/log.txt")));
   EXPECT_FALSE(missing->IsGood());
-  EXPECT_NE(missing->GetErrorText().AsUTF8().find("No such file or directory"), std::string::npos)
+#if defined(_WIN32)
+  const std::string notFound = dktest::SystemErrorText(3); // ERROR_PATH_NOT_FOUND: the folder is missing
+#else
+  const std::string notFound = dktest::SystemErrorText(ENOENT);
+#endif
+  EXPECT_NE(missing->GetErrorText().AsUTF8().find(notFound), std::string::npos)
       << missing->GetErrorText().AsUTF8();
   EXPECT_FALSE(m_logs.Subscribe(m_channel, missing, 1));
   EXPECT_FALSE(m_logs.Subscribe(m_channel, DKSmartPtr<DKLogSubscriberI>(), 1));
@@ -156,29 +162,33 @@ using Clock = std::chrono::system_clock;
 
 Clock::time_point At(long long milliseconds) { return Clock::time_point(std::chrono::milliseconds(milliseconds)); }
 
-// The time stamp as the C library writes it, to compare with.
+// The time stamp as std::chrono (UTC) or the C library (local time) writes it, to compare with.
 std::string ReferenceStamp(long long milliseconds, bool utc) {
-  long long seconds = milliseconds / 1000;
-  long long millis = milliseconds % 1000;
-  if (millis < 0) {
-    millis += 1000;
-    --seconds;
+  using namespace std::chrono;
+  const sys_time<std::chrono::milliseconds> instant{std::chrono::milliseconds(milliseconds)};
+  const sys_seconds second = floor<seconds>(instant);
+  const long long millis = (instant - second).count();
+  char text[96];
+  if (utc) {
+    const sys_days day = floor<days>(second);
+    const year_month_day date(day);
+    const hh_mm_ss<seconds> time(second - day);
+    std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02lld:%02lld:%02lld.%03lldZ", static_cast<int>(date.year()),
+                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                  static_cast<long long>(time.hours().count()), static_cast<long long>(time.minutes().count()),
+                  static_cast<long long>(time.seconds().count()), millis);
+    return text;
   }
-  const std::time_t t = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  if (utc)
-    gmtime_r(&t, &parts);
-  else
-    localtime_r(&t, &parts);
-  char text[64];
+  const std::time_t t = static_cast<std::time_t>(second.time_since_epoch().count());
+  const std::tm parts = dktest::LocalTime(t);
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  // The zone's offset: the local reading, counted as if it were UTC, less the moment.
+  const sys_days day = sys_days(year(parts.tm_year + 1900) / (parts.tm_mon + 1) / parts.tm_mday);
+  const long offset = static_cast<long>(day.time_since_epoch().count() * 86400LL + parts.tm_hour * 3600 +
+                                        parts.tm_min * 60 + parts.tm_sec - static_cast<long long>(t));
   char rest[32];
-  const long offset = parts.tm_gmtoff;
-  if (utc)
-    std::snprintf(rest, sizeof rest, ".%03lldZ", millis);
-  else
-    std::snprintf(rest, sizeof rest, ".%03lld%c%02ld:%02ld", millis, offset < 0 ? '-' : '+', std::labs(offset) / 3600,
-                  std::labs(offset) / 60 % 60);
+  std::snprintf(rest, sizeof rest, ".%03lld%c%02ld:%02ld", millis, offset < 0 ? '-' : '+', std::labs(offset) / 3600,
+                std::labs(offset) / 60 % 60);
   return std::string(text) + rest;
 }
 
@@ -189,13 +199,16 @@ constexpr long long kInstants[] = {0,           -1,           1709251199999, 170
                                    1699163999999};
 
 TEST(DKLoggerTest, TimeStampsMatchTheCLibraryInUtcAndLocalTime) {
+  for (const long long instant : kInstants)
+    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Utc), ReferenceStamp(instant, true)) << instant;
+#if defined(_WIN32)
+  GTEST_SKIP() << "the UTC stamps passed; the C runtime reads a TZ rule by rules of its own, so it is no reference "
+                  "for the local ones";
+#endif
   // The library's reload also has the C library read TZ again (tzset).
   const ScopedEnv zone("TZ", "EST5EDT,M3.2.0,M11.1.0", &DKTimeZone::Reload);
-  for (const long long instant : kInstants) {
-    SCOPED_TRACE(instant);
-    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Utc), ReferenceStamp(instant, true));
-    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Local), ReferenceStamp(instant, false));
-  }
+  for (const long long instant : kInstants)
+    EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Local), ReferenceStamp(instant, false)) << instant;
 }
 
 TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
@@ -221,7 +234,7 @@ TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
     EXPECT_EQ(log.FormatLine(c.severity, c.message, when), c.line) << DKString(c.pattern).AsUTF8();
   }
   log.SetPattern(DK_T("%T"));
-  EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(gettid()));
+  EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(dktest::CurrentThreadId()));
 }
 
 TEST(DKLoggerTest, SeveritiesHaveNamesAndLevels) {

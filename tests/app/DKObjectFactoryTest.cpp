@@ -6,6 +6,16 @@
 
 #include <atomic>
 
+#if defined(_WIN32)
+// The system's own COM root interface, which the library's header only declares there.
+#  include <unknwn.h>
+using ComIid = REFIID;
+#  define DK_COM_CALL STDMETHODCALLTYPE
+#else
+using ComIid = const DKGuid&;
+#  define DK_COM_CALL
+#endif
+
 namespace {
 
 constexpr int kOrderClass = 4711;
@@ -49,12 +59,12 @@ int MakerOf(DKObjectI* object) {
 struct Wrapper : IUnknown {
   explicit Wrapper(DKObjectI* wrapped) : object(wrapped) {}
   virtual ~Wrapper() = default;
-  long QueryInterface(const DKGuid&, void** out) override {
+  long DK_COM_CALL QueryInterface(ComIid, void** out) override {
     *out = nullptr;
     return -1;
   }
-  unsigned long AddRef() override { return 1; }
-  unsigned long Release() override { return 1; }
+  unsigned long DK_COM_CALL AddRef() override { return 1; }
+  unsigned long DK_COM_CALL Release() override { return 1; }
   DKObjectI* object;
 };
 

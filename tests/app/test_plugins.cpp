@@ -51,6 +51,18 @@ public:
   DKErrorID Run() override { throw DKException(DK_T("RunThrows is broken")); }
 };
 
+// Faults in its run step: a write through a null pointer, which the host's crash catching
+// reports (the undefined-behaviour checks would end the process their own way first).
+class Crasher : public Reporter {
+public:
+  Crasher() : Reporter(DK_T("Crasher"), TestId(40)) {}
+  __attribute__((noinline, no_sanitize("undefined"))) DKErrorID Run() override {
+    volatile int* volatile nowhere = nullptr; // not provably null, so the store stays
+    *nowhere = 1;
+    return DKErrorID();
+  }
+};
+
 class Box : public DKPlugInContainer {
 public:
   Box() {
@@ -179,6 +191,7 @@ DKPlugIn* DKTestMakePlugIn(const char* kind) {
       {"duplicate", [] { return new Reporter(DK_T("Duplicate"), TestId(1)); }},
       {"initfail", [] { return new InitFail; }},
       {"runthrows", [] { return new RunThrows; }},
+      {"crasher", [] { return new Crasher; }},
       {"box", [] { return new Box; }},
       {"chain_a", [] { return new Reporter(DK_T("ChainA"), TestId(10), Dependencies{{TestId(11), DK_T("ChainB")}}); }},
       {"chain_b", [] { return new Reporter(DK_T("ChainB"), TestId(11), Dependencies{{TestId(12), DK_T("ChainC")}}); }},

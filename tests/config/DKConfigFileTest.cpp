@@ -7,7 +7,6 @@
 #include "support/DKTestSupport.h"
 
 #if !defined(_WIN32)
-#  include "support/DKChildProcess.h"
 #  include "support/DKPeakMemory.h"
 
 #  include <signal.h>

@@ -159,9 +159,7 @@ inline std::vector<std::string> FilesIn(const std::filesystem::path& folder) {
   return names;
 }
 
-// How long a test waits for something that should happen at once: long enough for a loaded
-// machine or a sanitizer build, and only ever spent when the test is failing.
-inline constexpr auto kGenerousBound = std::chrono::seconds(60);
+using dktest::kGenerousBound;
 
 // Polls the condition until it holds or the bound passes; the condition's last answer.
 template <class Condition>

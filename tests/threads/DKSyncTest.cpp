@@ -210,26 +210,26 @@ TEST(DKMutexTest, AThreadEndingWithSeveralMutexesAbandonsEachAndForgetsOneItDest
 TEST(DKMutexTest, NamedMutexIsOneMutexForEveryObjectAndProcess) {
   const std::string name = UniqueName("mutex-shared");
   DKMutex first(Text(name), true); // created owned
-  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
   DKMutex second(Text(name), true); // exists already: not owned
   EXPECT_FALSE(LockFromOtherThread(second, 0));
   first.Unlock();
   EXPECT_TRUE(LockFromOtherThread(second, 0));
-  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 0);
   ASSERT_TRUE(second.Lock(0));
-  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
   second.Unlock();
 }
 
 TEST(DKMutexTest, NamedMutexAbandonedByADeadProcessReportsFalseOnce) {
   const std::string name = UniqueName("mutex-abandoned");
   DKMutex mutex(Text(name));
-  ASSERT_EQ(RunHelper("mutex-abandon " + name), 0);
+  ASSERT_EQ(RunHelper({"mutex-abandon", name}), 0);
   EXPECT_FALSE(mutex.Lock()); // abandoned: does not wait
   EXPECT_TRUE(mutex.Lock(0));
-  EXPECT_EQ(RunHelper("mutex-try " + name), 10);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
   mutex.Unlock();
-  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 0);
 }
 
 TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
@@ -308,13 +308,13 @@ TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeO
 TEST(DKMutexTest, AnAbandonedNamedMutexIsTakenOverUnderAStandardGuard) {
   const std::string name = UniqueName("mutex-guard-abandoned");
   DKMutex mutex(Text(name));
-  ASSERT_EQ(RunHelper("mutex-abandon " + name), 0);
+  ASSERT_EQ(RunHelper({"mutex-abandon", name}), 0);
   {
     std::lock_guard guard(mutex); // returns holding it
     EXPECT_TRUE(mutex.WasAbandoned());
-    EXPECT_EQ(RunHelper("mutex-try " + name), 10); // another process finds it held
+    EXPECT_EQ(RunHelper({"mutex-try", name}), 10); // another process finds it held
   } // the guard's unlock does not throw
-  EXPECT_EQ(RunHelper("mutex-try " + name), 0);
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 0);
   {
     std::unique_lock lock(mutex, std::chrono::milliseconds(100));
     ASSERT_TRUE(lock.owns_lock());
@@ -410,14 +410,14 @@ TEST(DKEventSemaphoreTest, NamedEventIsOneEventForEveryObjectAndProcess) {
   EXPECT_FALSE(second.Posted());
   first.Post();
   EXPECT_TRUE(second.Posted());
-  EXPECT_EQ(RunHelper("event-posted " + name), 0);
+  EXPECT_EQ(RunHelper({"event-posted", name}), 0);
   second.Reset();
   EXPECT_FALSE(first.Posted());
-  EXPECT_EQ(RunHelper("event-posted " + name), 12);
+  EXPECT_EQ(RunHelper({"event-posted", name}), 12);
 
   const std::string readyName = UniqueName("event-ready");
   DKEventSemaphore ready(Text(readyName));
-  auto child = std::async(std::launch::async, [&] { return RunHelper("event-wait " + name + " " + readyName); });
+  auto child = std::async(std::launch::async, [&] { return RunHelper({"event-wait", name, readyName}); });
   ASSERT_EQ(ready.Wait(30000), DK_WAIT_OBJECT_0);
   first.Post();
   EXPECT_EQ(child.get(), 0);
@@ -427,7 +427,7 @@ TEST(DKEventSemaphoreTest, LastCloseOrADeadCreatorLeavesNoState) {
   const std::string name = UniqueName("event-lifetime");
   { DKEventSemaphore posted(Text(name), true); }
   EXPECT_FALSE(DKEventSemaphore(Text(name), false).Posted());
-  ASSERT_EQ(RunHelper("event-create-and-die " + name), 0);
+  ASSERT_EQ(RunHelper({"event-create-and-die", name}), 0);
   EXPECT_FALSE(DKEventSemaphore(Text(name), false).Posted());
 }
 
@@ -441,7 +441,7 @@ TEST(DKEventSemaphoreTest, ANamedEventIsSharedByAnyNumberOfProcesses) {
   int opened = 0;
   for (; opened < kProcesses; ++opened) { // one at a time, each holding the event open
     ready.Reset();
-    helpers.push_back(std::async(std::launch::async, [&] { return RunHelper("event-wait " + name + " " + readyName); }));
+    helpers.push_back(std::async(std::launch::async, [&] { return RunHelper({"event-wait", name, readyName}); }));
     std::future<int>& helper = helpers.back();
     WaitUntil([&] { return ready.Posted() || helper.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
     if (!ready.Posted())
@@ -457,7 +457,7 @@ TEST(DKEventSemaphoreTest, ANamedEventIsSharedByAnyNumberOfProcesses) {
 }
 
 TEST(DKEventSemaphoreTest, AnOpenThatRunsOutOfMemoryLeavesNothingOpen) {
-  EXPECT_EQ(RunHelper("open-oom " + UniqueName("event-oom")), 0);
+  EXPECT_EQ(RunHelper({"open-oom", UniqueName("event-oom")}), 0);
 }
 
 TEST(DKCountingSemaphoreTest, CountsBoundsAndBadRequests) {

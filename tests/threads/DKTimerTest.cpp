@@ -442,3 +442,9 @@ TEST_F(DKTimerWndWindowTest, APumpOnTheWindowsThreadWakesForPostsWakesAndQuitMes
   EXPECT_EQ(DKTimerWnd::Pump(1), 0);
   EXPECT_FALSE(DKTimerWnd::TakeQuitMessage());
 }
+
+// The exit handlers stop the timer thread and the default pool. On Windows the system has ended
+// those threads before a DLL's exit handlers run: waiting for them would never end.
+TEST(DKTimerTest, AProcessEndsWithATimerArmedAndThePoolBusy) {
+  EXPECT_EQ(RunHelper({"exit-with-threads"}), 0);
+}

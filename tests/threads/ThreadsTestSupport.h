@@ -5,14 +5,14 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKString.h>
 
-#include "support/DKChildProcess.h"
+#include "support/DKTestSupport.h"
 
 #include <chrono>
 #include <iostream>
+#include <map>
 #include <string>
 #include <thread>
-
-#include <unistd.h>
+#include <vector>
 
 // Runs f on a thread of its own and returns its result.
 template <class F>
@@ -24,16 +24,21 @@ auto OnOtherThread(F f) {
 
 // A name for a named object that no other test process uses.
 inline std::string UniqueName(const std::string& base) {
-  return "DKThreadsTest-" + std::to_string(getpid()) + "-" + base;
+  return "DKThreadsTest-" + std::to_string(dktest::CurrentProcessId()) + "-" + base;
 }
 
-// Runs the helper program with the arguments through the shell and returns its exit code, or
-// 128 + the signal that ended it. shellPrefix goes before the command as a shell reads it:
-// environment assignments, or settings such as "ulimit -v 1000;".
-inline int RunHelper(const std::string& arguments, const std::string& shellPrefix = std::string()) {
-  dktest::Child helper({"/bin/sh", "-c", shellPrefix + " '" DK_THREADS_HELPER_PATH "' " + arguments}, std::string());
-  const int code = helper.Finish();
-  if (!helper.Output().empty())
-    std::cerr << helper.Output();
+// Runs a command and returns its exit code (on POSIX 128 + the signal that ended it); what it
+// wrote goes to the standard error.
+inline int RunChild(const std::vector<std::string>& command, const std::map<std::string, std::string>& set = {}) {
+  dktest::Child child(command, std::string(), set);
+  const int code = child.Finish();
+  if (!child.Output().empty())
+    std::cerr << child.Output();
   return code;
+}
+
+// Runs the helper program with the arguments, with the variables of set in its environment.
+inline int RunHelper(std::vector<std::string> arguments, const std::map<std::string, std::string>& set = {}) {
+  arguments.insert(arguments.begin(), DK_THREADS_HELPER_PATH);
+  return RunChild(arguments, set);
 }

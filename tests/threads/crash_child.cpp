@@ -13,6 +13,10 @@
 #include <setjmp.h>
 #include <unistd.h>
 
+#if defined(_WIN32)
+#  include <windows.h>
+#endif
+
 namespace {
 
 volatile int g_sink;
@@ -49,15 +53,47 @@ void Crash(const std::string& how) {
     g_sink = Recurse(0);
 }
 
+void SayEarlierHandlerRan() {
+  static const char text[] = "earlier handler ran\n";
+  (void)!write(STDERR_FILENO, text, sizeof text - 1);
+}
+
+#if defined(_WIN32)
+// On Windows an application's own last-chance handler is an unhandled-exception filter. (A
+// handler set with signal() is called by the C runtime's frame handler, before any filter: the
+// application has then taken the fault itself, and no crash is reported.)
+void* g_recovery[5]; // what __builtin_setjmp keeps
+
+LONG WINAPI ExitBefore(EXCEPTION_POINTERS*) {
+  SayEarlierHandlerRan();
+  _exit(42);
+}
+
+// Recovers from an arithmetic fault by jumping back, without unwinding: the exception's dispatch
+// frames are left behind as a signal handler's are.
+LONG WINAPI RecoverFromFpe(EXCEPTION_POINTERS* info) {
+  if (info->ExceptionRecord->ExceptionCode != EXCEPTION_INT_DIVIDE_BY_ZERO)
+    return EXCEPTION_CONTINUE_SEARCH;
+  __builtin_longjmp(g_recovery, 1);
+}
+
+#  define DK_SETJMP(buffer) __builtin_setjmp(buffer)
+void InstallEarlierHandler() { SetUnhandledExceptionFilter(&ExitBefore); }
+void InstallRecovery() { SetUnhandledExceptionFilter(&RecoverFromFpe); }
+#else
 sigjmp_buf g_recovery;
+#  define DK_SETJMP(buffer) sigsetjmp(buffer, 1)
+
+void OnSegvBefore(int) {
+  SayEarlierHandlerRan();
+  _exit(42);
+}
 
 void RecoverFromFpe(int) { siglongjmp(g_recovery, 1); }
 
-void OnSegvBefore(int) {
-  static const char text[] = "earlier handler ran\n";
-  (void)!write(STDERR_FILENO, text, sizeof text - 1);
-  _exit(42);
-}
+void InstallEarlierHandler() { std::signal(SIGSEGV, &OnSegvBefore); }
+void InstallRecovery() { std::signal(SIGFPE, &RecoverFromFpe); }
+#endif
 
 } // namespace
 
@@ -67,19 +103,19 @@ int main(int argc, char** argv) {
   std::string how = argv[1];
   if (how == "chained") {
     // An application's own handler, installed before the library's: it still runs.
-    std::signal(SIGSEGV, &OnSegvBefore);
+    InstallEarlierHandler();
     how = "segv";
   }
   const bool recover = how == "recover";
   if (recover) // an application that recovers from arithmetic faults with a handler of its own
-    std::signal(SIGFPE, &RecoverFromFpe);
+    InstallRecovery();
   DKInitCatchSignal();
   DKInitCatchSignal(); // a second call changes nothing
   if (recover) {
     // The count lives in static storage: a local could be clobbered by the jump back.
     static int recoveries = 0;
     while (recoveries < 2) {
-      if (sigsetjmp(g_recovery, 1) == 0) {
+      if (DK_SETJMP(g_recovery) == 0) {
         DivideByZero();
       } else {
         ++recoveries;

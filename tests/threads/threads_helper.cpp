@@ -4,10 +4,13 @@
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKSync.h>
 #include <DorvikCore/DKThread.h>
+#include <DorvikCore/DKThreadPool.h>
+#include <DorvikCore/DKTimer.h>
+
+#include "support/DKTestPlatform.h"
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <new>
 #include <string>
 
@@ -53,13 +56,6 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(
 
 namespace {
 
-std::size_t OpenFileCount() {
-  std::size_t count = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != std::filesystem::directory_iterator(); ++it)
-    ++count;
-  return count;
-}
-
 std::size_t StackOfNewThread() {
   std::size_t size = 0;
   DKThread thread(DKMakeCallback([&size] { size = DKThread::GetCurrentThreadStackSize(); }));
@@ -104,10 +100,10 @@ int main(int argc, char** argv) {
     std::_Exit(0);
   }
   // open-oom NAME: opens the named event again and again, each time with one more allocation
-  // before one fails, until an open gets through; 0 when no failure left a descriptor open, 17
+  // before one fails, until an open gets through; 0 when no failure left a descriptor (a handle on Windows) open, 17
   // when one did, 18 when an open never got through.
   if (mode == "open-oom" && argc == 3) {
-    const std::size_t before = OpenFileCount();
+    const std::size_t before = dktest::OpenHandleCount();
     for (long allowed = 0; allowed < 1000; ++allowed) {
       bool opened = false;
       g_allocationsBeforeFailure = allowed;
@@ -118,7 +114,7 @@ int main(int argc, char** argv) {
       } catch (const DKException&) {
       }
       g_allocationsBeforeFailure = -1;
-      if (OpenFileCount() != before)
+      if (dktest::OpenHandleCount() != before)
         return 17;
       if (opened)
         return 0;
@@ -131,7 +127,7 @@ int main(int argc, char** argv) {
     const std::size_t expected = std::strtoull(argv[2], nullptr, 10);
     if (StackOfNewThread() != expected)
       return 13;
-    setenv("DK_THREAD_STACKSIZE", "4194304", 1);
+    dktest::SetEnvironment("DK_THREAD_STACKSIZE", "4194304");
     return StackOfNewThread() != expected ? 14 : 0;
   }
   // stacksize-whole BYTES: a thread gets at least BYTES of stack (from DK_THREAD_STACKSIZE), or
@@ -143,6 +139,20 @@ int main(int argc, char** argv) {
     } catch (const DKException& e) {
       return e.What().AsUTF8() == "_beginthreadex failed in DKThread::Start()" ? 0 : 16;
     }
+  }
+  // exit-with-threads: leaves a periodic timer armed and the default pool busy, then returns
+  // from main; the process must end (the exit handlers shut both down). 19 when they did not run.
+  if (mode == "exit-with-threads" && argc == 2) {
+    static std::atomic<int> fired{0};
+    static DKTimer* const timer = new DKTimer([] { ++fired; }, DKTimerTarget::TimerThread);
+    if (timer->Start(0, 1).Bad())
+      return 19;
+    const DKTaskTicket busy = DKThreadPool::GetDefault().Submit([] { DKThread::Sleep(200); });
+    if (busy.GetStatus() == DKTaskStatus::Refused)
+      return 19;
+    while (fired.load() < 2)
+      DKThread::Sleep(1);
+    return 0;
   }
   // start-refused: Start throws the creation failure (the system refuses the thread's stack);
   // 15 when the thread started, 16 for another failure.

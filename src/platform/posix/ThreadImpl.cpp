@@ -269,6 +269,9 @@ void DKThreadImpl::Close(DKThreadHandleImpl* handle) noexcept {
   Release(handle);
 }
 
+// The exit handlers run before any thread is ended.
+bool DKThreadImpl::OtherThreadsEnded() noexcept { return false; }
+
 std::size_t DKThreadImpl::CurrentStackSize() noexcept {
   pthread_attr_t attributes;
   if (pthread_getattr_np(pthread_self(), &attributes) != 0)

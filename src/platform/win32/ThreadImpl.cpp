@@ -154,6 +154,15 @@ void DKThreadImpl::Close(DKThreadHandleImpl* handle) noexcept {
   Release(handle);
 }
 
+// The exit handlers of the library's DLL run in its detach code, after ExitProcess has ended every
+// other thread; the system's loader says when it is shutting the process down.
+bool DKThreadImpl::OtherThreadsEnded() noexcept {
+  typedef BOOLEAN(NTAPI * ShutdownInProgress)();
+  static const auto inProgress = reinterpret_cast<ShutdownInProgress>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+  return inProgress && inProgress();
+}
+
 std::size_t DKThreadImpl::CurrentStackSize() noexcept {
   ULONG_PTR low = 0;
   ULONG_PTR high = 0;
