@@ -8,6 +8,8 @@
 // reading to an instant, this takes a zone to change its offset at most once in a day.
 #include "os/DKClock.h"
 
+#include "base/DKThreadExit.h"
+
 #include <algorithm>
 #include <atomic>
 #include <limits>
@@ -110,8 +112,16 @@ struct Span {
   }
 };
 
+// The spans the calling thread learned.
+struct Spans {
+  std::vector<Span> slots = std::vector<Span>(spanSlots);
+};
+
 Offset CachedOffset(std::int64_t utcSeconds) {
-  thread_local std::vector<Span> spans(spanSlots);
+  Spans* learned = dkbase::ThreadOwned<Spans>::Get();
+  if (!learned) // the thread ends (or no memory): ask the system directly
+    return SystemOffset(utcSeconds);
+  std::vector<Span>& spans = learned->slots;
   const std::int64_t index = utcSeconds >= 0 ? utcSeconds / spanSeconds : -((-utcSeconds - 1) / spanSeconds) - 1;
   Span& span = spans[static_cast<std::size_t>(index) % spanSlots];
   const unsigned generation = g_generation.load(std::memory_order_relaxed);
