@@ -24,6 +24,10 @@ long CurrentProcessId();
 long CurrentThreadId();
 std::filesystem::path CurrentExecutable();
 
+// The program's arguments after its name, as paths: from the wide command line on Windows, so
+// that a name the ANSI code page cannot spell arrives whole.
+std::vector<std::filesystem::path> ProgramArguments(int argc, char** argv);
+
 // Sets the system's last error (errno; GetLastError on Windows), and the system's own text
 // for an error code as its C library or system message table gives it.
 void SetLastSystemError(int code);

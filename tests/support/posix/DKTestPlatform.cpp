@@ -37,6 +37,10 @@ std::tm LocalTime(std::time_t moment) {
 
 std::filesystem::path CurrentExecutable() { return std::filesystem::canonical("/proc/self/exe"); }
 
+std::vector<std::filesystem::path> ProgramArguments(int argc, char** argv) {
+  return std::vector<std::filesystem::path>(argv + (argc > 0 ? 1 : 0), argv + (argc > 0 ? argc : 0));
+}
+
 void SetLastSystemError(int code) { errno = code; }
 
 std::string SystemErrorText(int code) { return std::strerror(code); }

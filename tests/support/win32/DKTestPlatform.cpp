@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <shellapi.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <cwchar>
@@ -104,6 +106,16 @@ std::filesystem::path CurrentExecutable() {
   const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
   path.resize(length);
   return std::filesystem::path(path);
+}
+
+std::vector<std::filesystem::path> ProgramArguments(int, char**) {
+  int count = 0;
+  wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (!arguments)
+    throw std::runtime_error("the command line cannot be read");
+  std::vector<std::filesystem::path> paths(arguments + (count > 0 ? 1 : 0), arguments + (count > 0 ? count : 0));
+  LocalFree(arguments);
+  return paths;
 }
 
 void SetLastSystemError(int code) { SetLastError(static_cast<DWORD>(code)); }
