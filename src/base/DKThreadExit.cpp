@@ -29,11 +29,14 @@ ThreadExitList g_ended{nullptr, 0, 0, true};
 bool AtThreadExit(ThreadCleanup cleanup, void* state) noexcept {
   ThreadExitList* list = threadexit::Current();
   if (!list) {
-    list = new (std::nothrow) ThreadExitList;
-    if (!list)
+    // From the C allocator, like the entries: a program that replaces operator new only in part
+    // must not see one of its forms paired with another's delete.
+    void* memory = std::malloc(sizeof(ThreadExitList));
+    if (!memory)
       return false;
+    list = new (memory) ThreadExitList;
     if (!threadexit::Arm(list)) {
-      delete list;
+      std::free(list);
       return false;
     }
     threadexit::SetCurrent(list);
@@ -67,7 +70,7 @@ void RunThreadExit(ThreadExitList* list) noexcept {
   }
   threadexit::SetCurrent(&g_ended);
   std::free(list->entries);
-  delete list;
+  std::free(list); // trivially destructible
 }
 
 } // namespace dkbase
