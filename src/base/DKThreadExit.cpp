@@ -3,7 +3,6 @@
 #include "base/DKThreadExit.h"
 
 #include <cstdlib>
-#include <new>
 
 namespace dkbase {
 
@@ -31,10 +30,10 @@ bool AtThreadExit(ThreadCleanup cleanup, void* state) noexcept {
   if (!list) {
     // From the C allocator, like the entries: a program that replaces operator new only in part
     // must not see one of its forms paired with another's delete.
-    void* memory = std::malloc(sizeof(ThreadExitList));
-    if (!memory)
+    list = static_cast<ThreadExitList*>(std::malloc(sizeof(ThreadExitList)));
+    if (!list)
       return false;
-    list = new (memory) ThreadExitList;
+    *list = ThreadExitList{};
     if (!threadexit::Arm(list)) {
       std::free(list);
       return false;
