@@ -19,8 +19,8 @@ struct ThreadExitList {
 
 namespace {
 
-// The list of every thread whose cleanups have started: it stays the thread's current list, so
-// that what runs after them is refused. Never changed.
+// The current list of every thread whose cleanups have run (a running list is marked started
+// itself), so that what runs after them is refused. Never changed.
 ThreadExitList g_ended{nullptr, 0, 0, true};
 
 } // namespace
