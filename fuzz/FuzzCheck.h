@@ -1,6 +1,8 @@
 // The fuzz targets' assertion: a broken property ends the run with the file, line and condition.
 #pragma once
 
+#include "support/DKTestPlatform.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -13,10 +15,11 @@
   } while (0)
 
 // The start-up hook of the date targets: the local zone is set before the first input, and the
-// library reads it again.
+// library reads it again. Windows takes rules from TZ, not zone names: there a named zone leaves
+// the system's zone in force.
 #define DK_FUZZ_LOCAL_ZONE(zone)                                                                   \
   extern "C" int LLVMFuzzerInitialize(int*, char***) {                                            \
-    setenv("TZ", zone, 1);                                                                         \
+    dktest::SetEnvironment("TZ", zone);                                                            \
     DKTimeZone::Reload();                                                                          \
     return 0;                                                                                      \
   }

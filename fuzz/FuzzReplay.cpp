@@ -1,8 +1,11 @@
 // Replays corpus files through a fuzz target without libFuzzer, so that the normal build's test
 // run checks every seed: linked with one target's source, it runs LLVMFuzzerInitialize (when the
 // target has one) and then LLVMFuzzerTestOneInput once per regular file of the folders named on
-// its command line, in name order. A broken property aborts, as under libFuzzer; each file's name
-// goes to standard error before it runs. Exit code 1 when a folder is missing or holds no file.
+// its command line (read as wide paths on Windows), in name order. A broken property aborts, as
+// under libFuzzer; each file's name goes to standard error before it runs. Exit code 1 when a
+// folder is missing or holds no file, or a file cannot be read.
+#include "support/DKTestPlatform.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -14,20 +17,30 @@
 #include <string>
 #include <vector>
 
+namespace {
+
+// A path as UTF-8 text, whatever the system's own form of it.
+std::string Printable(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+} // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 extern "C" [[gnu::weak]] int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   std::vector<fs::path> files;
-  for (int i = 1; i < argc; ++i) {
+  for (const fs::path& folder : dktest::ProgramArguments(argc, argv)) {
     std::error_code error;
     const std::size_t before = files.size();
-    for (const fs::directory_entry& entry : fs::directory_iterator(argv[i], error))
-      if (entry.is_regular_file())
-        files.push_back(entry.path());
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error))
+      if (it->is_regular_file(error))
+        files.push_back(it->path());
     if (error || files.size() == before) {
-      std::fprintf(stderr, "no corpus files in %s\n", argv[i]);
+      std::fprintf(stderr, "no corpus files in %s\n", Printable(folder).c_str());
       return 1;
     }
   }
@@ -35,8 +48,12 @@ int main(int argc, char** argv) {
   if (LLVMFuzzerInitialize)
     LLVMFuzzerInitialize(&argc, &argv);
   for (const fs::path& file : files) {
-    std::fprintf(stderr, "%s\n", file.c_str());
+    std::fprintf(stderr, "%s\n", Printable(file).c_str());
     std::ifstream in(file, std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "cannot read %s\n", Printable(file).c_str());
+      return 1;
+    }
     const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     // A buffer of the input's exact size, as libFuzzer gives, so that a read past the end is seen
     // by AddressSanitizer.

@@ -35,19 +35,19 @@ const DKChar* const valueDelimiterSets[] = {DK_T(":"), DK_T("=:"), DK_T(""), DK_
 DKStdString Quote(const DKString& word, bool last) {
   if (word.IsEmpty()) {
     FUZZ_CHECK(last);
-    return u"\"";
+    return DK_T("\"");
   }
   const bool wrap = word.FindFirstOf(DK_T(" \t")) != DKString::npos;
   DKStdString out;
   if (wrap)
-    out += u'"';
+    out += DK_T('"');
   for (const DKChar ch : word) {
     out += ch;
-    if (ch == u'"')
+    if (ch == DK_T('"'))
       out += ch;
   }
   if (wrap)
-    out += u'"';
+    out += DK_T('"');
   return out;
 }
 
@@ -69,7 +69,7 @@ void CheckClassification(const DKCommandLine& cl) {
       break;
     case DKCommandLine::NonStandard:
       FUZZ_CHECK(a.GetArgument() == word && a.GetValueAsString().IsEmpty());
-      FUZZ_CHECK(!opensSwitch || (word[0] == u'/' && word.Find(u'/', 1) != DKString::npos));
+      FUZZ_CHECK(!opensSwitch || (word[0] == DK_T('/') && word.Find(DK_T('/'), 1) != DKString::npos));
       break;
     case DKCommandLine::Flag:
       ++switches;
@@ -121,7 +121,7 @@ void CheckString(const DKString& text, const DKString& argDelimiters, const DKSt
     joined = Quote(cl.GetAppName(), raw.empty());
   for (std::size_t i = 0; i < raw.size(); ++i) {
     if (!joined.empty())
-      joined += u' ';
+      joined += DK_T(' ');
     joined += Quote(raw[i], i + 1 == raw.size());
   }
   const DKCommandLine again(DKString(joined), argDelimiters, valueDelimiters, caseSensitive);
@@ -192,7 +192,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     CheckMainVector(bytes, argDelimiters, valueDelimiters, caseSensitive);
   } else {
-    DKStdString units(size / 2, u'\0');
+    DKStdString units(size / 2, DK_T('\0'));
     for (std::size_t i = 0; i < units.size(); ++i)
       units[i] = static_cast<DKChar>(data[2 * i] | (data[2 * i + 1] << 8));
     text = units;

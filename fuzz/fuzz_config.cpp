@@ -143,7 +143,8 @@ void Check(std::string_view bytes, bool hash) {
 
 // Syntax errors are frequent here: their exceptions need no call stack.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  setenv("DK_DISABLE_STACK", "1", 0);
+  if (!std::getenv("DK_DISABLE_STACK"))
+    dktest::SetEnvironment("DK_DISABLE_STACK", "1");
   return 0;
 }
 

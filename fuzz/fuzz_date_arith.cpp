@@ -28,6 +28,10 @@
 
 #include <DorvikCore/DKDateTime.h>
 
+#if defined(_WIN32)
+#  include <oaidl.h> // the system's VARIANT, which the date conversions fill
+#endif
+
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>

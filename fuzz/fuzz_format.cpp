@@ -40,10 +40,10 @@ const char* NarrowText(std::size_t i) {
 }
 
 const DKChar* WideText(std::size_t i) {
-  static const DKStdString longText(300, u'L');
-  static const DKChar badText[] = {u'b', u'a', u'd', 0xD800, 0};
-  static const DKChar* const texts[kTexts] = {nullptr, u"", u"abc", u"hello world", longText.c_str(),
-                                               u"h\u00E9llo \U0001F600", badText};
+  static const DKStdString longText(300, DK_T('L'));
+  static const DKChar badText[] = {DK_T('b'), DK_T('a'), DK_T('d'), 0xD800, 0};
+  static const DKChar* const texts[kTexts] = {nullptr, DK_T(""), DK_T("abc"), DK_T("hello world"), longText.c_str(),
+                                               DK_T("h\u00E9llo \U0001F600"), badText};
   return texts[i];
 }
 
@@ -303,7 +303,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   if (narrowFormat.find('%') == std::string::npos)
     Check(narrowOut == narrowFormat, "narrow format without % comes out unchanged");
-  if (wideFormat.find(u'%') == DKStdString::npos)
+  if (wideFormat.find(DK_T('%')) == DKStdString::npos)
     Check(wide.AsStdString() == wideFormat, "wide format without % comes out unchanged");
 
   bool asciiFormat = !unitFormat;

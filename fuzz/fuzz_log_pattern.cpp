@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
@@ -37,7 +36,7 @@ std::string Expand(const std::string& pattern, const std::string& stamp, const c
     else if (next == 'm')
       line += message;
     else if (next == 'T')
-      line += std::to_string(gettid());
+      line += std::to_string(dktest::CurrentThreadId());
     else
       line += '%';
   }

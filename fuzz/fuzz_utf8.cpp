@@ -126,8 +126,8 @@ void CheckScramble(std::string_view bytes) {
   s.Encrypt();
   Require(s.IsEncrypted() && s.StartsWith(DK_T("{DKS1}")), "a scrambled text is recognised");
   for (std::size_t i = 6; i < s.Length(); ++i)
-    Require((s[i] >= u'A' && s[i] <= u'Z') || (s[i] >= u'a' && s[i] <= u'z') || (s[i] >= u'0' && s[i] <= u'9') ||
-                s[i] == u'-' || s[i] == u'_',
+    Require((s[i] >= DK_T('A') && s[i] <= DK_T('Z')) || (s[i] >= DK_T('a') && s[i] <= DK_T('z')) ||
+                (s[i] >= DK_T('0') && s[i] <= DK_T('9')) || s[i] == DK_T('-') || s[i] == DK_T('_'),
             "the body is letters, digits, '-' and '_'");
   Require(text == original, "a string that shared the text keeps it");
   s.Decrypt();

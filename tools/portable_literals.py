@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Rewrites UTF-16 literals and types in C++ test sources into the library's portable spellings.
+"""Rewrites UTF-16 literals and types in C++ test and fuzz sources into the library's portable spellings.
 
 DKChar is char16_t on Linux and wchar_t on Windows, so text written as u"..." or char16_t only
 compiles on one of them. This script rewrites, outside comments and other literals:
@@ -15,7 +15,7 @@ never touched, and neither is a 'u' character literal or an identifier ending in
 
 Running it again changes nothing (the output contains nothing it rewrites). Usage:
 
-    tools/portable_literals.py [--check] [paths...]     (default: tests/)
+    tools/portable_literals.py [--check] [paths...]     (default: tests/ and fuzz/)
 
 --check rewrites nothing and exits 1 when some file would change (for CI).
 """
@@ -139,7 +139,7 @@ def files_under(paths):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--check", action="store_true", help="exit 1 when a file would change")
-    parser.add_argument("paths", nargs="*", default=["tests"])
+    parser.add_argument("paths", nargs="*", default=["tests", "fuzz"])
     args = parser.parse_args()
     changed = 0
     total = 0

@@ -7,7 +7,7 @@
 // simply makes one shard's count go below zero: only the sum means anything.
 #include <DorvikCore/DKMemoryPool.h>
 
-#include "base/DKThreadToken.h"
+#include "base/DKThreadExit.h"
 
 #include <atomic>
 #include <cstdint>
@@ -27,11 +27,7 @@ struct Counts {
   std::atomic<std::int64_t> totalBlocks{0};
 };
 
-struct Shard {
-  Counts counts;
-  Shard* next = nullptr;
-  Shard* previous = nullptr;
-};
+struct Shard;
 
 // The registry of live shards and the counts of ended threads (also used by a thread that
 // allocates while it ends, after its shard is gone).
@@ -46,43 +42,45 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-thread_local Shard* t_shard DK_FAST_TLS = nullptr;
-thread_local bool t_shardEnded DK_FAST_TLS = false;
-
-// Unlinks the thread's shard when the thread ends and keeps its counts.
-struct ShardOwner {
-  Shard shard;
-  ShardOwner() {
+// A thread's counts, linked into the registry while the thread lives. When the thread ends,
+// its counts go to the retired ones and it is unlinked.
+struct Shard {
+  Counts counts;
+  Shard* next = nullptr;
+  Shard* previous = nullptr;
+  Shard() {
     Registry& r = TheRegistry();
     std::lock_guard guard(r.lock);
-    shard.next = r.first;
+    next = r.first;
     if (r.first)
-      r.first->previous = &shard;
-    r.first = &shard;
+      r.first->previous = this;
+    r.first = this;
   }
-  ~ShardOwner() {
+  ~Shard() {
     Registry& r = TheRegistry();
     std::lock_guard guard(r.lock);
-    r.retired.liveBlocks.fetch_add(shard.counts.liveBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    r.retired.liveBytes.fetch_add(shard.counts.liveBytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    r.retired.totalBlocks.fetch_add(shard.counts.totalBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    (shard.previous ? shard.previous->next : r.first) = shard.next;
-    if (shard.next)
-      shard.next->previous = shard.previous;
-    t_shard = nullptr;
-    t_shardEnded = true;
+    r.retired.liveBlocks.fetch_add(counts.liveBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    r.retired.liveBytes.fetch_add(counts.liveBytes.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    r.retired.totalBlocks.fetch_add(counts.totalBlocks.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    (previous ? previous->next : r.first) = next;
+    if (next)
+      next->previous = previous;
   }
+  Shard(const Shard&) = delete;
+  Shard& operator=(const Shard&) = delete;
 };
 
-// The thread's own shard; while the thread ends, the retired counts.
-Counts& ThreadCounts() {
-  if (Shard* shard = t_shard) [[likely]]
+[[gnu::noinline]] Counts& NewThreadCounts() noexcept {
+  Shard* shard = dkbase::ThreadOwned<Shard>::Get();
+  return shard ? shard->counts : TheRegistry().retired;
+}
+
+// The thread's own shard; while the thread ends (or when no shard can be made), the retired
+// counts. The shard is found with one thread-local load.
+inline Counts& ThreadCounts() noexcept {
+  if (Shard* shard = dkbase::ThreadOwned<Shard>::Current()) [[likely]]
     return shard->counts;
-  if (t_shardEnded)
-    return TheRegistry().retired;
-  thread_local ShardOwner owner;
-  t_shard = &owner.shard;
-  return owner.shard.counts;
+  return NewThreadCounts();
 }
 
 // Adds to a counter. The thread's own shard is written by this thread alone, so a plain load

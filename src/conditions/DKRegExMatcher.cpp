@@ -8,6 +8,8 @@
 // text either way.
 #include "conditions/DKRegExProgram.h"
 
+#include "base/DKThreadExit.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -140,24 +142,16 @@ std::size_t SkipRun(const State& s, const DKChar* text, std::size_t pos, std::si
   return pos;
 }
 
-// Set once the thread's own cache is destroyed: a match from a destructor that runs after it (a
-// static object's, at exit) simulates the automaton instead.
-thread_local bool ownCacheGone = false;
-
 // The cache of the calling thread for the program it matched last past a full shared cache.
+// While the thread ends, from its cleanups on (a static object's destructor at exit, or a
+// thread_local one), there is none and a match simulates the automaton instead.
 struct OwnCache {
   std::uint64_t program = 0;
   StateCache cache;
   std::vector<std::uint32_t> saved;
-  ~OwnCache() { ownCacheGone = true; }
 };
 
-OwnCache* TheOwnCache() {
-  if (ownCacheGone) // the definition below must not be reached again once destroyed
-    return nullptr;
-  thread_local OwnCache own;
-  return &own;
-}
+OwnCache* TheOwnCache() noexcept { return dkbase::ThreadOwned<OwnCache>::Get(); }
 
 // Access to the shared cache: every change under the program's lock.
 struct SharedAccess {

@@ -4,6 +4,7 @@
 
 #include <DorvikCore/DKFormat.h>
 
+#include "base/DKThreadExit.h"
 #include "os/DKClock.h"
 #include "os/DKEnvironment.h"
 #include "os/DKFileSystem.h"
@@ -438,8 +439,26 @@ DKLogStream::DKLogStream(DKLogManager::ChannelId channel, std::uint32_t level)
 
 DKLogStream::~DKLogStream() { m_buffer.pubsync(); }
 
+namespace {
+
+// The streams of the calling thread, one per channel it wrote to.
+struct ThreadStreams {
+  std::vector<std::unique_ptr<DKLogStream>> streams;
+};
+
+} // namespace
+
 DKLogStream& DKLogStream::ForThread(DKLogManager::ChannelId channel) {
-  thread_local std::vector<std::unique_ptr<DKLogStream>> streams;
+  ThreadStreams* owned = dkbase::ThreadOwned<ThreadStreams>::Get();
+  if (!owned) {
+    // The thread is ending (its cleanups have run): what it writes from here on still gets
+    // out, through streams kept until the process ends.
+    thread_local ThreadStreams* late = nullptr;
+    if (!late)
+      late = new ThreadStreams;
+    owned = late;
+  }
+  std::vector<std::unique_ptr<DKLogStream>>& streams = owned->streams;
   for (const auto& stream : streams)
     if (stream->GetChannel() == channel)
       return *stream;
@@ -641,7 +660,12 @@ std::string DKLogger::FormatLine(DKLogSeverity severity, std::string_view messag
 }
 
 void DKLogger::Write(DKLogSeverity severity, const char* format, DKFormatArgList args) {
-  thread_local std::string message;
+  struct Scratch {
+    std::string text;
+  };
+  Scratch* scratch = dkbase::ThreadOwned<Scratch>::Get(); // kept, so that its capacity is reused
+  std::string ownText;
+  std::string& message = scratch ? scratch->text : ownText;
   message.clear();
   if (format)
     DKFormatAppend(message, format, args);

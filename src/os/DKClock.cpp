@@ -11,6 +11,7 @@
 // quick to ask and exact at every instant: it is asked directly, with no table.
 #include "os/DKClock.h"
 
+#include "base/DKThreadExit.h"
 #include "os/DKTzRule.h"
 
 #include <algorithm>
@@ -117,8 +118,16 @@ struct Span {
   }
 };
 
+// The spans the calling thread learned.
+struct Spans {
+  std::vector<Span> slots = std::vector<Span>(spanSlots);
+};
+
 Offset CachedOffset(std::int64_t utcSeconds) {
-  thread_local std::vector<Span> spans(spanSlots);
+  Spans* learned = dkbase::ThreadOwned<Spans>::Get();
+  if (!learned) // the thread ends (or no memory): ask the system directly
+    return AskSystem(utcSeconds);
+  std::vector<Span>& spans = learned->slots;
   const std::int64_t index = utcSeconds >= 0 ? utcSeconds / spanSeconds : -((-utcSeconds - 1) / spanSeconds) - 1;
   Span& span = spans[static_cast<std::size_t>(index) % spanSlots];
   const unsigned generation = g_generation.load(std::memory_order_relaxed);

@@ -3,6 +3,7 @@
 // Paris and New York.
 #include "DateTimeTestSupport.h"
 
+#include <atomic>
 #include <ctime>
 #include <limits>
 #include <sstream>
@@ -156,6 +157,25 @@ TEST(TimeZoneTest, OffsetsMatchTheSystemToTheSecondAroundEveryChange) {
     EXPECT_GT(changes, 2);
   }
 #endif
+}
+
+// Each thread learns the offsets on its own and gives its table back as it ends: threads that
+// read often enough to learn, and then end, agree with what the main thread reads.
+TEST(TimeZoneTest, ThreadsThatLearnOffsetsAndEndAgreeWithTheMainThread) {
+  const DKTimeZone local;
+  std::vector<std::int64_t> instants;
+  for (std::int64_t t = -2524521600; t < 2524608000; t += 97 * 24 * 3600)
+    instants.push_back(t);
+  std::vector<int> expected;
+  for (std::int64_t t : instants)
+    expected.push_back(local.GetOffset(t));
+  std::atomic<int> wrong{0};
+  for (int round = 0; round < 4; ++round)
+    RunOnThreads(8, 6, [&](int, int) {
+      for (std::size_t i = 0; i < instants.size(); ++i)
+        wrong += local.GetOffset(instants[i]) != expected[i];
+    });
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 // Instants and readings at the ends of the 64-bit range lie far beyond the years the system

@@ -41,6 +41,10 @@ std::size_t OpenHandleCount();
 // has a std::cin of its own, but shares the C runtime's standard input. False when it cannot.
 bool FeedStandardInput(const std::string& text);
 
+// The program's arguments after its name, as paths: from the wide command line on Windows, so
+// that a name the ANSI code page cannot spell arrives whole.
+std::vector<std::filesystem::path> ProgramArguments(int argc, char** argv);
+
 // Sets the system's last error (errno; GetLastError on Windows), and the system's own text
 // for an error code as its C library or system message table gives it.
 void SetLastSystemError(int code);

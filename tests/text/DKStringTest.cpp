@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -297,6 +298,37 @@ TEST_F(DKStringTest, CopiesMayBeTakenAndDroppedOnManyThreads) {
   EXPECT_EQ(mismatches.load(), 0);
   EXPECT_EQ(source.GetData()->references.load(), 0);
   EXPECT_EQ(source, S(DK_T("shared among threads")));
+}
+
+// The pool counts each thread apart and keeps what ended threads counted: blocks taken on one
+// thread and given back on another, by threads that end in between, leave the counts exact.
+TEST_F(DKStringTest, PoolCountsStayExactAsManyThreadsEnd) {
+  const std::size_t totalBefore = DMMemoryPool::GetTotalBlocks();
+  constexpr int rounds = 8, threadsPerRound = 16, blocksPerThread = 64;
+  std::vector<void*> fromMain;
+  for (int i = 0; i < threadsPerRound * blocksPerThread / 2; ++i)
+    fromMain.push_back(DMMemoryPool::New(static_cast<std::size_t>(i % 97)));
+  std::size_t taken = fromMain.size();
+  for (int round = 0; round < rounds; ++round) {
+    std::vector<std::vector<void*>> kept(threadsPerRound);
+    RunOnThreads(threadsPerRound, 1, [&](int t, int) {
+      for (int i = 0; i < blocksPerThread; ++i) {
+        void* block = DMMemoryPool::New(static_cast<std::size_t>(t * 31 + i));
+        if (i % 2)
+          DMMemoryPool::Delete(block);
+        else
+          kept[static_cast<std::size_t>(t)].push_back(block);
+      }
+      if (round == 0) // blocks of the main thread given back here
+        for (int i = 0; i < blocksPerThread / 2; ++i)
+          DMMemoryPool::Delete(fromMain[static_cast<std::size_t>(t * blocksPerThread / 2 + i)]);
+    });
+    taken += static_cast<std::size_t>(threadsPerRound * blocksPerThread);
+    for (const std::vector<void*>& blocks : kept) // blocks of ended threads given back here
+      for (void* block : blocks)
+        DMMemoryPool::Delete(block);
+  }
+  EXPECT_EQ(DMMemoryPool::GetTotalBlocks() - totalBefore, taken);
 }
 
 TEST_F(DKStringTest, HashFollowsEquality) {

@@ -15,4 +15,5 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/CrashImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/TimerWindowImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EnvironmentImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ThreadExitImpl.cpp
 )

@@ -15,6 +15,7 @@ target_sources(DorvikCore PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/SignalImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/CrashImpl.cpp
   ${CMAKE_CURRENT_LIST_DIR}/TimerWindowImpl.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ThreadExitImpl.cpp
 )
 # Named kernel objects (mutexes and events shared between processes).
 if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/ObjectNameImpl.cpp)

@@ -60,6 +60,10 @@ bool FeedStandardInput(const std::string& text) {
   return replaced;
 }
 
+std::vector<std::filesystem::path> ProgramArguments(int argc, char** argv) {
+  return std::vector<std::filesystem::path>(argv + (argc > 0 ? 1 : 0), argv + (argc > 0 ? argc : 0));
+}
+
 void SetLastSystemError(int code) { errno = code; }
 
 std::string SystemErrorText(int code) { return std::strerror(code); }

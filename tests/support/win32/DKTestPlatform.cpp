@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <io.h>
+#include <shellapi.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -136,6 +137,16 @@ bool FeedStandardInput(const std::string& text) {
   _close(fd);
   SetStdHandle(STD_INPUT_HANDLE, reinterpret_cast<HANDLE>(_get_osfhandle(0)));
   return replaced;
+}
+
+std::vector<std::filesystem::path> ProgramArguments(int, char**) {
+  int count = 0;
+  wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+  if (!arguments)
+    throw std::runtime_error("the command line cannot be read");
+  std::vector<std::filesystem::path> paths(arguments + (count > 0 ? 1 : 0), arguments + (count > 0 ? count : 0));
+  LocalFree(arguments);
+  return paths;
 }
 
 void SetLastSystemError(int code) { SetLastError(static_cast<DWORD>(code)); }
