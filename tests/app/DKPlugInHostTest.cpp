@@ -498,24 +498,12 @@ TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
   std::string why;
   if (!host.Quit(SIGINT, &why))
     GTEST_SKIP() << why;
-#if defined(_WIN32)
-  // Under Wine this host does not end after its last line yet: the main thread waits in the
-  // exit handlers for threads that hang in their own exit (an open defect). The lines are
-  // checked; the end is not awaited.
-  ASSERT_TRUE(host.WaitFor(kExit + "\n")) << host.Output();
-  const HostRun run{0, host.Lines(), host.Output()};
-#else
   const int exitCode = host.Finish();
   const HostRun run{exitCode, host.Lines(), host.Output()};
   EXPECT_EQ(run.exitCode, 0) << run.output;
-#endif
   EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
   EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;
   EXPECT_EQ(run.lines.back(), kExit) << run.output;
-#if defined(_WIN32)
-  GTEST_SKIP() << "the lines passed; the process's end is not awaited (open defect: threads hang in their exit "
-                  "under Wine after this run)";
-#endif
 }
 
 #endif
