@@ -105,6 +105,9 @@ public:
   // bound). Its exit code: on POSIX 128 + the signal that ended it; on Windows the whole 32-bit
   // code, such as an exception's.
   int Finish();
+  // Ends the program at once, as a crash or a power cut would, without a chance to clean up
+  // (SIGKILL; TerminateProcess). Finish then reaps it.
+  void Kill();
 
   long Pid() const noexcept;
   const std::string& Output() const noexcept { return m_output; }

@@ -213,6 +213,11 @@ int Child::Finish() {
   return StatusCode(status);
 }
 
+void Child::Kill() {
+  if (m_process->pid > 0 && !m_process->reaped)
+    ::kill(m_process->pid, SIGKILL);
+}
+
 long Child::Pid() const noexcept { return static_cast<long>(m_process->pid); }
 
 int RunForked(const std::function<int()>& body, bool unprivileged) {

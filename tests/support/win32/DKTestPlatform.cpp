@@ -393,6 +393,11 @@ int Child::Finish() {
   return GetExitCodeProcess(m_process->info.hProcess, &code) ? static_cast<int>(code) : -1;
 }
 
+void Child::Kill() {
+  if (m_process->info.hProcess && !m_process->finished)
+    TerminateProcess(m_process->info.hProcess, 1);
+}
+
 long Child::Pid() const noexcept { return static_cast<long>(m_process->info.dwProcessId); }
 
 } // namespace dktest
