@@ -47,7 +47,8 @@ def main():
     parser.add_argument("--limit", type=float, default=5.0)
     args = parser.parse_args()
 
-    common = [p for p in programs(args.new) if p in programs(args.old)]
+    old_programs = set(programs(args.old))
+    common = [p for p in programs(args.new) if p in old_programs]
     slower = 0
     for program in common:
         times = {"old": {}, "new": {}}
