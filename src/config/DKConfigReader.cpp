@@ -739,7 +739,10 @@ bool DKConfigFile::Parse(const unsigned char* data, std::size_t size, DKFileByte
   DKString error;
   if (!Sniff(data, size, layout, error))
     return Fail(error);
-  const MarkerSet markers(GetCommentMarkers());
+  const MarkerSet markers = [&] {
+    const std::lock_guard guard(*this);
+    return MarkerSet(m_commentMarkers);
+  }();
   SectionVector sections;
   DKString leading;
   NoteList notes;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -31,6 +32,9 @@ bool Failed(int code, const DKChar* what, const DKString& path, DKString& error)
 }
 
 constexpr int kTempAttempts = 100;
+
+// Files up to this size are read into the heap, larger ones into pages of their own.
+constexpr std::size_t kHeapBytes = 256 * 1024;
 
 // Where the last path component starts.
 std::size_t NameStart(const DKString& path) {
@@ -71,13 +75,17 @@ bool DKFile::ReadAll(const DKString& path, std::string& bytes, DKString& error) 
 DKFileBytes::~DKFileBytes() { Free(); }
 
 void DKFileBytes::Free() noexcept {
-  if (m_data)
+  if (m_data && m_mapped)
     FileImpl::FreePages(m_data, m_mapped);
+  else
+    std::free(m_data);
   m_data = nullptr;
   m_size = m_mapped = m_released = 0;
 }
 
 void DKFileBytes::Release(std::size_t offset) noexcept {
+  if (!m_mapped)
+    return;
   const std::size_t page = FileImpl::PageSize();
   const std::size_t end = std::min(offset, m_size) / page * page;
   if (end <= m_released)
@@ -97,15 +105,20 @@ bool DKFile::ReadAll(const DKString& path, DKFileBytes& bytes, DKString& error) 
   // end whatever the size said (a file that grows, files of /proc that give no size).
   std::size_t capacity = roundUp(file.SizeHint() + 1);
   for (;;) {
-    auto* data = static_cast<unsigned char*>(FileImpl::AllocatePages(capacity));
+    // Pages of their own only pay for a large file, whose read part the reader gives back as it
+    // goes; a small one costs less in the heap than a map, its faults and its unmap.
+    const bool pages = capacity > kHeapBytes;
+    auto* data = static_cast<unsigned char*>(pages ? FileImpl::AllocatePages(capacity) : std::malloc(capacity));
     if (!data)
       return Failed(FileImpl::OutOfMemory(), DK_T("cannot read"), path, error);
     if (bytes.m_data) {
       std::memcpy(data, bytes.m_data, bytes.m_size);
-      FileImpl::FreePages(bytes.m_data, bytes.m_mapped);
+      const std::size_t size = bytes.m_size;
+      bytes.Free();
+      bytes.m_size = size;
     }
     bytes.m_data = data;
-    bytes.m_mapped = capacity;
+    bytes.m_mapped = pages ? capacity : 0;
     while (bytes.m_size < capacity) {
       std::size_t got = 0;
       if (const int code = file.Read(data + bytes.m_size, capacity - bytes.m_size, got)) {

@@ -25,7 +25,8 @@ public:
   const unsigned char* Data() const noexcept { return m_data; }
   std::size_t Size() const noexcept { return m_size; }
   // Gives the whole pages below offset back to the system. They must not be read again: on
-  // this platform reading them faults.
+  // this platform reading them faults. A small file is held in one heap block, which stays
+  // whole until the end.
   void Release(std::size_t offset) noexcept;
 
 private:
@@ -34,7 +35,7 @@ private:
 
   unsigned char* m_data = nullptr;
   std::size_t m_size = 0;
-  std::size_t m_mapped = 0;   // bytes of pages held from the system
+  std::size_t m_mapped = 0;   // bytes of pages held from the system; 0: a heap block
   std::size_t m_released = 0; // bytes at the start given back
 };
 
@@ -80,7 +81,8 @@ public:
   // 0 when path is missing, or is a plain file that this process may open for writing; what
   // opening it for writing would fail with otherwise. Nothing is changed.
   static int CheckWritable(const DKString& path);
-  // The size the system gives for the open file (0 when it gives none).
+  // The size the system gives for the open file (0 when it gives none); on POSIX, the size
+  // it had when it was opened.
   std::uint64_t SizeHint();
   // Reads at most size bytes; got is 0 at the end of the file.
   int Read(void* buffer, std::size_t size, std::size_t& got);
@@ -110,4 +112,5 @@ public:
 
 private:
   std::intptr_t m_handle = -1;
+  std::uint64_t m_openSize = 0; // POSIX: from the check made at the open
 };

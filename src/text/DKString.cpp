@@ -204,6 +204,11 @@ void DKString::Set(std::size_t pos, DKChar ch) {
 
 void DKString::AppendUnits(const DKChar* text, std::size_t count) {
   const std::size_t len = Length();
+  if (len == 0) {
+    // The first text of a string: one exact block, no growth step to work out.
+    SetText(text, count);
+    return;
+  }
   if (count > maxLength - len)
     ThrowTooLong();
   const DKChar* oldText = m_pData->Text();

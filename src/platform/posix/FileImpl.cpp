@@ -49,7 +49,8 @@ int KindOfPath(const std::string& native) noexcept {
 
 // Opens a plain file. The open itself never waits (a FIFO without a writer would block it), and
 // what the descriptor turns out to be is checked again, in case the path changed in between.
-int Open(const DKString& path, int flags, std::intptr_t& handle) {
+// O_NONBLOCK stays set: it changes nothing for a plain file, the only kind kept open.
+int Open(const DKString& path, int flags, std::intptr_t& handle, std::uint64_t& size) {
   const std::string native = Native(path);
   if (const int kind = KindOfPath(native))
     return kind;
@@ -57,14 +58,12 @@ int Open(const DKString& path, int flags, std::intptr_t& handle) {
   if (fd < 0)
     return errno;
   struct stat info {};
-  int code = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno;
-  if (!code && ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0)
-    code = errno;
-  if (code) {
+  if (const int code = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno) {
     ::close(fd);
     return code;
   }
   handle = fd;
+  size = info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
   return 0;
 }
 
@@ -78,33 +77,30 @@ FileImpl::~FileImpl() { Close(); }
 
 int FileImpl::OpenForReading(const DKString& path) {
   Close();
-  return Open(path, O_RDONLY, m_handle);
+  return Open(path, O_RDONLY, m_handle, m_openSize);
 }
 
 int FileImpl::OpenForWriting(const DKString& path) {
   Close();
   // Emptied only once it is known to be a plain file.
-  if (const int code = Open(path, O_WRONLY | O_CREAT, m_handle))
+  if (const int code = Open(path, O_WRONLY | O_CREAT, m_handle, m_openSize))
     return code;
   if (::ftruncate(static_cast<int>(m_handle), 0) != 0) {
     const int code = errno;
     Close();
     return code;
   }
+  m_openSize = 0;
   return 0;
 }
 
 int FileImpl::CheckWritable(const DKString& path) {
   FileImpl probe;
-  const int code = Open(path, O_WRONLY, probe.m_handle);
+  const int code = Open(path, O_WRONLY, probe.m_handle, probe.m_openSize);
   return code == ENOENT ? 0 : code;
 }
 
-std::uint64_t FileImpl::SizeHint() {
-  struct stat info {};
-  return ::fstat(static_cast<int>(m_handle), &info) == 0 && info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size)
-                                                                               : 0;
-}
+std::uint64_t FileImpl::SizeHint() { return m_openSize; }
 
 int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
   const ssize_t n = Retry([&] { return ::read(static_cast<int>(m_handle), buffer, size); });
@@ -118,16 +114,14 @@ int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
 
 int FileImpl::CreateNew(const DKString& path) {
   Close();
-  return Open(path, O_WRONLY | O_CREAT | O_EXCL, m_handle);
+  return Open(path, O_WRONLY | O_CREAT | O_EXCL, m_handle, m_openSize);
 }
 
 int FileImpl::ReadAll(std::string& bytes) {
   const int fd = static_cast<int>(m_handle);
-  struct stat info {};
-  const bool sized = ::fstat(fd, &info) == 0 && info.st_size > 0;
   // One more byte than the size, so that the end is seen without growing; reads on to the
   // real end whatever the size said (a file that grows, special files).
-  bytes.resize(sized ? static_cast<std::size_t>(info.st_size) + 1 : 65536);
+  bytes.resize(m_openSize ? static_cast<std::size_t>(m_openSize) + 1 : 65536);
   std::size_t used = 0;
   for (;;) {
     if (used == bytes.size())
@@ -166,6 +160,7 @@ int FileImpl::Close() {
     return 0;
   const int fd = static_cast<int>(m_handle);
   m_handle = -1;
+  m_openSize = 0;
   // close is not retried: the descriptor is gone even when it reports EINTR.
   return ::close(fd) == 0 || errno == EINTR ? 0 : errno;
 }
