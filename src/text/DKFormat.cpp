@@ -143,24 +143,16 @@ public:
     m_used += n;
   }
 
-  // Copies text up to its terminator (or, with AtPercent, up to the next '%' too) in one pass
-  // over it, and returns where it stopped. The text must not lie inside the output string.
+  // Copies text up to its terminator (or, with AtPercent, up to the next '%' too) and returns
+  // where it stopped. The text must not lie inside the output string. The scan only reads and
+  // the copy is one block move: a loop that stores each unit as it reads it runs slower.
   template <bool AtPercent>
   const CharT* CopyUntil(const CharT* p) {
-    for (;;) {
-      CharT* out = m_buffer + m_used;
-      CharT* const end = m_buffer + kSize;
-      for (; out != end; ++out, ++p) {
-        const CharT c = *p;
-        if (c == 0 || (AtPercent && c == '%')) {
-          m_used = static_cast<std::size_t>(out - m_buffer);
-          return p;
-        }
-        *out = c;
-      }
-      m_used = kSize;
-      Flush();
-    }
+    const CharT* run = p;
+    while (*p && !(AtPercent && *p == '%'))
+      ++p;
+    Write(run, static_cast<std::size_t>(p - run));
+    return p;
   }
 
   // Room for n more units in the buffer (flushing it first when needed), to be filled by the
@@ -750,9 +742,11 @@ struct Argument {
   std::size_t length = DKFormatArg::terminated; // of the narrow or wide text
 };
 
-template <class CharT>
-Argument ReadArgument(const Directive& dir, DKFormatArgSource& args) {
-  Argument arg;
+// Source is DKFormatArgSource, or the final VaArgSource, whose reads then compile to va_arg.
+// Fills the caller's arg in place: an Argument returned and then assigned is built and copied
+// once more, long double and all, on every directive.
+template <class CharT, class Source>
+void ReadArgument(const Directive& dir, Source& args, Argument& arg) {
   switch (dir.conversion) {
   case 'd':
   case 'i':
@@ -804,7 +798,6 @@ Argument ReadArgument(const Directive& dir, DKFormatArgSource& args) {
       arg.d = args.NextDouble();
     break;
   }
-  return arg;
 }
 
 // Writes one conversion; false if the C library refused a number (nothing was written then).
@@ -859,16 +852,17 @@ bool Emit(Sink<CharT>& sink, const Directive& dir, const Argument& arg) {
 // type name when the argument cannot match, having consumed it.
 
 // Arguments of the types their conversions name, from a va_list or a caller's source.
+template <class Source>
 class SourceReader {
 public:
-  explicit SourceReader(DKFormatArgSource& source) noexcept : m_source(source) {}
+  explicit SourceReader(Source& source) noexcept : m_source(source) {}
   bool Star(long long& value, const char*&) {
     value = m_source.NextInt();
     return true;
   }
   template <class CharT>
   bool Read(Directive& dir, Argument& arg, const char*&) {
-    arg = ReadArgument<CharT>(dir, m_source);
+    ReadArgument<CharT>(dir, m_source, arg);
     return true;
   }
   template <class CharT>
@@ -877,7 +871,7 @@ public:
   }
 
 private:
-  DKFormatArgSource& m_source;
+  Source& m_source;
 };
 
 // Arguments captured with their types: each is checked against its conversion.
@@ -1283,12 +1277,14 @@ void DKFormatAppend(std::string& out, const char* format, DKFormatArgSource& arg
 
 void DKFormatAppendV(DKString& out, const DKChar* format, va_list args) {
   VaArgSource source(args);
-  DKFormatAppend(out, format, source);
+  SourceReader reader(source);
+  Append<DKChar>(out, format, reader);
 }
 
 void DKFormatAppendV(std::string& out, const char* format, va_list args) {
   VaArgSource source(args);
-  DKFormatAppend(out, format, source);
+  SourceReader reader(source);
+  Append<char>(out, format, reader);
 }
 
 DKString DKFormatStringV(const DKChar* format, va_list args) {
