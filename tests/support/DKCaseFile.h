@@ -65,7 +65,8 @@ inline std::vector<CaseLine> ReadCases(const std::filesystem::path& file, std::s
       c.fields.push_back(CaseField(line.substr(from, bar == std::string::npos ? bar : bar - from), c.where));
     }
     if (c.fields.size() != fields)
-      throw std::runtime_error(c.where + ": " + std::to_string(c.fields.size()) + " fields, not " + std::to_string(fields));
+      throw std::runtime_error(c.where + ": " + std::to_string(c.fields.size()) + " fields, not " +
+                               std::to_string(fields));
     cases.push_back(std::move(c));
   }
   if (cases.empty())
