@@ -1,10 +1,12 @@
 // The plug-in host end to end: a host program in a child process loads real modules, and its
 // console lines are compared with the framework's texts.
 #include "AppTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <sstream>
 #include <csignal>
 
 using namespace apptest;
@@ -81,6 +83,70 @@ const std::string kExecutableExtension;
 
 const std::string kQuit = ">>>> Quit signal received. Requesting exit to all plug-ins...";
 const std::string kExit = "Exiting application...";
+
+HostRun Finished(Child& host) {
+  const int exitCode = host.Finish();
+  return {exitCode, host.Lines(), host.Output()};
+}
+
+// Runs the cases of tests/app/cases/<file> (the format is told at the top of host_runs.txt)
+// with the program: each expected line is there exactly once (in the given order when
+// ordered), the absent ones are not, and the host ends with its exit line and code.
+void RunCases(const char* file, const std::string& program) {
+  std::vector<std::vector<dktest::CaseLine>> groups;
+  for (dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / file, 3))
+    if (groups.empty() || groups.back().front()[0] != row[0])
+      groups.push_back({std::move(row)});
+    else
+      groups.back().push_back(std::move(row));
+  ScratchDir dir;
+  WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
+  const auto expand = [&](std::string text) {
+    for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
+      text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
+    const std::size_t ini = text.find("{ini}");
+    return ini == std::string::npos ? text : text.replace(ini, 5, dir / "host.ini");
+  };
+  for (const auto& rows : groups) {
+    std::vector<std::string> kinds, extra;
+    bool ordered = false, silent = false;
+    for (const auto& row : rows) {
+      if (row[1] == "kinds") {
+        std::istringstream words(row[2]);
+        for (std::string kind; words >> kind;)
+          kinds.push_back(kind);
+      } else if (row[1] == "option") {
+        extra.push_back(expand(row[2]));
+      }
+      ordered = ordered || row[1] == "ordered";
+      silent = silent || row[1] == "silent";
+    }
+    const HostRun run = RunList(kinds, extra, program);
+    SCOPED_TRACE(rows.front().where + " " + rows.front()[0] + ":\n" + run.output);
+    std::size_t last = 0;
+    int checked = 0;
+    for (const auto& row : rows) {
+      const std::string text = expand(row[2]);
+      if (row[1] == "line") {
+        EXPECT_EQ(run.Count(text), 1u) << text;
+        EXPECT_TRUE(!ordered || last <= run.IndexOf(text)) << "out of order: " << text;
+        last = run.IndexOf(text);
+      } else if (row[1] == "absent") {
+        EXPECT_FALSE(run.Has(text)) << text;
+      } else if (row[1] == "none starting") {
+        EXPECT_TRUE(run.Starting(text).empty()) << text;
+      } else if (row[1] == "exit") {
+        EXPECT_EQ(run.exitCode, row.Int(2));
+        ++checked;
+      } else {
+        ASSERT_TRUE(row[1] == "kinds" || row[1] == "option" || row[1] == "ordered" || row[1] == "silent") << row.where;
+      }
+    }
+    EXPECT_EQ(checked, 1) << "each case gives its exit code once";
+    EXPECT_EQ(run.output.empty(), silent);
+    EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
+  }
+}
 
 } // namespace
 
@@ -162,86 +228,7 @@ TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
   EXPECT_EQ(run.exitCode, 0);
 }
 
-// Runs of listed modules: each expected line is there exactly once (in the given order when
-// ordered), the absent ones are not, and the host ends with its exit line and code.
-TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) {
-  ScratchDir dir;
-  WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
-  const struct {
-    std::vector<std::string> kinds, extra;
-    bool ordered;
-    std::vector<std::string> lines, absent;
-    int exitCode;
-  } cases[] = {
-      {{"good", "duplicate"}, {}, true,
-       {"ERR> *** Duplicate plug-in id Duplicate", "LoaPlugIn failed on " + Module("duplicate") + ": AddPlugIn failed",
-        "Good: run"},
-       {"Duplicate: run", "Duplicate: unload"}, 0},
-      {{"initfail", "good"}, {}, true,
-       {">>>> Initializing <InitFail>...Failed.", "ERR> *** <InitFail>: InitFail refuses", "Good: run"},
-       {"RUN> Running <InitFail>...", ">>>> Unloading <InitFail>..."}, 0},
-      {{"good", "runthrows"}, {}, true,
-       {"ERR> *** <RunThrows>: RunThrows is broken", ">>>> Unloading <RunThrows>...", ">>>> Unloading <Good>..."},
-       {}, 2},
-      {{"box"}, {}, true,
-       {">>>> Initializing <BoxOne>... Done.", ">>>> Initializing <BoxTwo>... Done.", "BoxOne: run", "BoxTwo: run",
-        kQuit, ">>>> Unloading <BoxTwo>...", ">>>> Unloading <BoxOne>..."},
-       {">>>> Initializing <Box>... Done.", ">>>> Unloading <Box>..."}, 0},
-      {{"chain_a", "chain_b", "chain_c"}, {}, true,
-       {">>>> Initializing <ChainC>... Done.", ">>>> Initializing <ChainB>... Done.",
-        ">>>> Initializing <ChainA>... Done.", "RUN> Running <ChainC>...", "RUN> Running <ChainB>...",
-        "RUN> Running <ChainA>...", ">>>> Unloading <ChainA>...", ">>>> Unloading <ChainB>...",
-        ">>>> Unloading <ChainC>..."},
-       {}, 0},
-      {{"cycle_a", "cycle_b", "good"}, {}, true,
-       {"ERR> *** Dependency cycle: CycleA -> CycleB -> CycleA",
-        "ERR> *** <CycleB> needs <CycleA> {7E57AB1E-0000-0000-0000-00000000000D}, which is not initialised",
-        "ERR> *** <CycleA> needs <CycleB> {7E57AB1E-0000-0000-0000-00000000000E}, which is not initialised",
-        ">>>> Initializing <Good>... Done.", "Good: run"},
-       {">>>> Initializing <CycleA>... Done.", ">>>> Initializing <CycleB>... Done.", "CycleA: run"}, 0},
-      {{"missingdep", "good"}, {}, true,
-       {"ERR> *** <MissingDep> needs <Absent> {7E57AB1E-0000-0000-0000-000000000063}, which is not loaded",
-        "Good: run"},
-       {"MissingDep: run"}, 0},
-      {{"worker", "worker2"}, {"/config:" + dir / "host.ini"}, false,
-       {"RUN> Running <Worker>...(threaded)", "Worker: done after 3 ticks", "Worker2: done after 1 ticks"},
-       {"Worker: stop requested", "Worker2: stop requested"}, 0},
-      {{"threadthrows"}, {}, false, {"ERR> *** ThreadThrows: ThreadThrows is broken"}, {}, 0},
-      {{"nameless"}, {}, false,
-       {"RUN> Running <(plug-in without a name)>...(threaded)", "ERR> *** (plug-in without a name): ThreadThrows is broken"},
-       {}, 0},
-      // The run step's exception ends the run (code 2); the threaded plug-in whose Stop throws
-      // is waited for until its run ends by itself, and only then unloaded.
-      {{"stopthrows", "runthrows"}, {"/config:" + dir / "host.ini"}, true,
-       {"ERR> *** <RunThrows>: RunThrows is broken", "StopThrows: stop requested", "StopThrows: done after 10 ticks",
-        "ERR> *** <StopThrows>: RequestExit threw: StopThrows cannot stop", ">>>> Unloading <StopThrows>..."},
-       {}, 2},
-      {{"depsthrow", "good"}, {}, true,
-       {"ERR> *** <DepsThrow>: GetDependentV threw: DepsThrow cannot tell", "Good: run", ">>>> Unloading <Good>..."},
-       {">>>> Initializing <DepsThrow>...", "DepsThrow: run"}, 0},
-      {{"selfbox", "good"}, {}, true,
-       {"ERR> *** Plug-in container cycle: SelfBox -> SelfBox",
-        "LoaPlugIn failed on " + Module("selfbox") + ": AddPlugIn failed", ">>>> Initializing <SelfBoxOne>... Done.",
-        "Good: run"},
-       {}, 0},
-      {{"good", "missingdep"}, {"/trace:0"}, false, {}, {}, 0},
-  };
-  for (const auto& c : cases) {
-    const HostRun run = RunList(c.kinds, c.extra);
-    SCOPED_TRACE(c.kinds.front() + ":\n" + run.output);
-    std::size_t last = 0;
-    for (const std::string& line : c.lines) {
-      EXPECT_EQ(run.Count(line), 1u) << line;
-      EXPECT_TRUE(!c.ordered || last <= run.IndexOf(line)) << "out of order: " << line;
-      last = run.IndexOf(line);
-    }
-    for (const std::string& line : c.absent)
-      EXPECT_FALSE(run.Has(line)) << line;
-    EXPECT_EQ(run.output.empty(), c.lines.empty()) << "/trace:0 silences the console";
-    EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
-    EXPECT_EQ(run.exitCode, c.exitCode);
-  }
-}
+TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
 
 // The quit signals: SIGINT and SIGTERM on POSIX; on Windows Ctrl+C and Ctrl+Break, console
 // control events (a console's close cannot be sent). Skipped only when the system refuses to
@@ -263,8 +250,7 @@ TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInBeforeTheExit) {
   std::string why;
   if (!host.Quit(GetParam(), &why))
     GTEST_SKIP() << why;
-  const int exitCode = host.Finish();
-  const HostRun run{exitCode, host.Lines(), host.Output()};
+  const HostRun run = Finished(host);
 
   EXPECT_EQ(run.exitCode, 0) << run.output;
   EXPECT_EQ(run.Count(kQuit), 1u) << run.output;
@@ -284,8 +270,7 @@ TEST_P(PlugInHostSignalTest, QuitSignalReachesARunStepOnTheMainThread) {
   std::string why;
   if (!host.Quit(GetParam(), &why))
     GTEST_SKIP() << why;
-  const int exitCode = host.Finish();
-  const HostRun run{exitCode, host.Lines(), host.Output()};
+  const HostRun run = Finished(host);
 
   EXPECT_EQ(run.exitCode, 0) << run.output;
   EXPECT_TRUE(run.Has("Patient: exit request seen")) << run.output;
@@ -318,8 +303,7 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
   environment["TSAN_OPTIONS"] = std::string(options ? options : "") + ":report_signal_unsafe=0";
 #endif
   Child host(HostCommand({"/osxpath:" + dir.Path().string()}), dir.Path().string(), environment);
-  const int exitCode = host.Finish();
-  const HostRun run{exitCode, host.Lines(), host.Output()};
+  const HostRun run = Finished(host);
 
   EXPECT_TRUE(run.Has("RUN> Running <Crasher>...")) << run.output;
   EXPECT_EQ(run.Count(header), 1u) << run.output;
@@ -387,52 +371,10 @@ TEST(PlugInHostTest, CopiesOfOneModuleAreDistinctPlugIns) {
   EXPECT_EQ(run.exitCode, 0);
 }
 
-// Modules whose plug-in classes have one name and one layout, built by dorvikcore_add_plugin:
-// each keeps its own id and its own static data, so all are initialised and each counts one Init.
-TEST(PlugInHostTest, ClassesOfOneNameInSeveralModulesStayApart) {
-  const HostRun run = RunList({"collide_1", "collide_2", "collide_3", "collide_4"});
-  for (const std::string index : {"1", "2", "3", "4"}) {
-    EXPECT_EQ(run.Count(">>>> Initializing <Collide" + index + ">... Done."), 1u) << run.output;
-    EXPECT_EQ(run.Count("Collide" + index + ": 1 Init in this module"), 1u) << run.output;
-  }
-  EXPECT_TRUE(run.Starting("ERR> ").empty()) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-}
-
 #if defined(DK_DKHOST_PATH)
 
-// dkhost, the installed host: its exit code tells what went wrong, the lowest code when several
-// apply; /strict refuses what no one describes before any plug-in is initialised.
-TEST(DkhostTest, ExitCodeTellsWhatWentWrong) {
-  const std::string unknown = "Unknown option /bogus:1";
-  const struct {
-    std::vector<std::string> kinds, extra;
-    int exitCode;
-    std::vector<std::string> lines, absent;
-  } cases[] = {
-      {{"good"}, {}, 0, {"Good: run", kExit}, {}},
-      {{}, {}, 1, {"Couldn't find any OSX to load."}, {}},
-      {{"good", "runthrows"}, {}, 2, {"ERR> *** <RunThrows>: RunThrows is broken"}, {}},
-      {{"good", "duplicate"}, {}, 3, {"ERR> *** Duplicate plug-in id Duplicate", "Good: run"}, {}},
-      {{"noentry", "good"}, {}, 3, {"Good: run"}, {}},
-      {{"initfail", "good"}, {}, 4, {">>>> Initializing <InitFail>...Failed.", "Good: run"}, {}},
-      {{"missingdep"}, {}, 4, {}, {"MissingDep: run"}},
-      {{"initfail", "good", "duplicate"}, {}, 3, {"Good: run"}, {}},
-      {{"good"}, {"/strict", "/bogus:1"}, 5, {"ERR> *** " + unknown}, {">>>> Initializing <Good>... Done.", "Good: run"}},
-      {{"good"}, {"/bogus:1"}, 0, {">>>> " + unknown + ": ignored (/strict refuses it)", "Good: run"}, {}},
-      {{"good"}, {"/strict", "/stopWait:abc"}, 5, {}, {"Good: run"}},
-      {{"good"}, {"/strict", "/stopWait:1", "/TRACE:1"}, 0, {"Good: run"}, {}},
-  };
-  for (const auto& c : cases) {
-    const HostRun run = RunList(c.kinds, c.extra, DK_DKHOST_PATH);
-    SCOPED_TRACE((c.kinds.empty() ? std::string("no module") : c.kinds.front()) + ":\n" + run.output);
-    EXPECT_EQ(run.exitCode, c.exitCode);
-    for (const std::string& line : c.lines)
-      EXPECT_EQ(run.Count(line), 1u) << line;
-    for (const std::string& line : c.absent)
-      EXPECT_FALSE(run.Has(line)) << line;
-  }
-}
+// dkhost, the installed host: its exit code tells what went wrong (tests/app/cases/dkhost_runs.txt).
+TEST(DkhostTest, ExitCodeTellsWhatWentWrong) { RunCases("dkhost_runs.txt", DK_DKHOST_PATH); }
 
 // /help and /? load the modules without initialising them and list every option, the plug-ins'
 // included, then the exit codes; the code is 0 even when no plug-in is found.
@@ -483,8 +425,7 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
       skipped += why + "\n";
       continue;
     }
-    const int exitCode = host.Finish();
-    const HostRun run{exitCode, host.Lines(), host.Output()};
+    const HostRun run = Finished(host);
     SCOPED_TRACE(run.output);
     const std::string& name = c.name;
     EXPECT_EQ(run.exitCode, 128 + c.signal);
@@ -509,8 +450,7 @@ TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
   std::string why;
   if (!host.Quit(SIGINT, &why))
     GTEST_SKIP() << why;
-  const int exitCode = host.Finish();
-  const HostRun run{exitCode, host.Lines(), host.Output()};
+  const HostRun run = Finished(host);
   EXPECT_EQ(run.exitCode, 0) << run.output;
   EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
   EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;

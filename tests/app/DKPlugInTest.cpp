@@ -3,6 +3,7 @@
 #include <DorvikCore/DKApplication.h>
 
 #include "AppTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <atomic>
 #include <functional>
@@ -324,41 +325,24 @@ TEST_F(DKPlugInTest, QuitRequestReachesThePlugInsOfEveryApplication) {
 }
 
 // Whatever member of a plug-in throws, that plug-in alone fails (with the member named) and
-// the host goes on: the other plug-in is run and unloaded, and the application ends normally.
+// the host goes on: the other plug-in is run and unloaded, and the application ends normally
+// (the members and what each case shows: tests/app/cases/plugin_throwers.txt).
 TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
-  const struct {
-    const char* member;
-    bool loads;       // LoadPlugIn succeeds
-    bool runs;        // its run step is called
-    const char* line; // a console line the case must show
-  } cases[] = {
-      {"GetId", false, false, "ERR> *** <Thrower>: GetId threw: boom"},
-      {"IsRunningPlugIn", false, false, "ERR> *** <Thrower>: IsRunningPlugIn threw: boom"},
-      {"IsContainerPlugIn", false, false, "ERR> *** <Thrower>: IsContainerPlugIn threw: boom"},
-      {"GetUsageInfo", false, false, "ERR> *** <Thrower>: GetUsageInfo threw: boom"},
-      {"GetDependentV", false, false, "ERR> *** <Thrower>: GetDependentV threw: boom"},
-      {"Init", false, false, "ERR> *** <Thrower>: Init threw: boom"},
-      {"QueryInterface", true, false, "ERR> *** <Thrower>: QueryInterface threw: boom"},
-      {"GetStatus", true, true, ">>>> Unloading <Thrower>..."},
-      {"GetName", true, true, ">>>> Initializing <(plug-in without a name)>... Done."},
-      {"Unload", true, true, "ERR> *** <Thrower>: Unload threw: boom"},
-      {"RequestExit", true, true, "ERR> *** <Thrower>: RequestExit threw: boom"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.member);
+  for (const auto& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "plugin_throwers.txt", 4)) {
+    SCOPED_TRACE(c.where);
     Journal().clear();
     m_console.Clear();
     {
       TestApp app;
       ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
-      EXPECT_EQ(app.LoadPlugIn(new Thrower(c.member)).Good(), c.loads);
+      EXPECT_EQ(app.LoadPlugIn(new Thrower(c[0])).Good(), c[1] == "yes");
       EXPECT_EQ(app.Run(), 1);
     }
     const auto& journal = Journal();
-    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Run Thrower"), c.runs ? 1 : 0);
+    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Run Thrower"), c[2] == "yes" ? 1 : 0);
     for (const char* entry : {"Run Good", "Unload Good", "Gone Good", "Gone Thrower"})
       EXPECT_EQ(std::count(journal.begin(), journal.end(), entry), 1) << entry;
-    EXPECT_TRUE(ConsoleHas(c.line)) << Console();
+    EXPECT_TRUE(ConsoleHas(c[3])) << Console();
     EXPECT_TRUE(ConsoleHas("Exiting application..."));
   }
 }

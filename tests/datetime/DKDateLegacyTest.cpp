@@ -98,30 +98,16 @@ TEST(DateTimeLegacyTest, CountsAndRange) {
 
 TEST(DateTimeLegacyTest, TextAndToDate) {
   const DKDateTime t(1578219630);
-  const struct {
-    const DKChar* text;
-    bool ok;
-  } cases[] = {
-      {DK_T("2020/01/05 10:20:30"), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS')"), true},
-      {DK_T("  to_date( '05.01.2020 10:20:30' , 'dd.mm.yyyy hh:mi:ss' )"), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30')"), true},
-      {DK_T("TO_DATE('05-01-20 10.20.30', 'DD-MM-YY HH24.MI.SS')"), true},
-      {DK_T("TO_DATE('2020/01/05 10:20:30', 'YYYY/MM/DD HH24:MI:SS'"), false}, // unclosed
-      {DK_T("TO_DATE(2020/01/05)"), false},
-      {DK_T("TO_DATE('2020/01/05 10:20:30') x"), false},
-      {DK_T("2100/01/01 00:00:00"), false}, // beyond the count's range
-      {DK_T("1901/12/13 20:45:52"), false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(DKString(c.text).AsUTF8());
+  for (const auto& c : Cases("legacy_to_date.txt", 2)) {
+    SCOPED_TRACE(c.where);
+    const bool ok = c[1] == "read";
     DKDateTime v(42);
-    const DKErrorID result = v.FromString(c.text, DKString(), DKTimeZone::UTC);
-    EXPECT_EQ(result.Good(), c.ok);
-    EXPECT_EQ(v, c.ok ? t : DKDateTime(42));
-    if (!c.ok) {
+    const DKErrorID result = v.FromString(Text(c[0]), DKString(), DKTimeZone::UTC);
+    EXPECT_EQ(result.Good(), ok);
+    EXPECT_EQ(v, ok ? t : DKDateTime(42));
+    if (!ok) {
       EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_DATE);
-      EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), c.text);
+      EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), Text(c[0]));
     }
   }
   DKDateTime midnight;

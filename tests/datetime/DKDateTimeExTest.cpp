@@ -332,31 +332,14 @@ TEST(DateTimeExTextTest, DefaultFormats) {
 
 TEST(DateTimeExTextTest, Codes) {
   DK_IN_ZONE(paris);
-  const DKDateTimeEx winter = Utc(2021, 1, 4, 23, 5, 9, 7); // Tuesday 00:05 in Paris
-  const struct {
-    DKDateTimeEx value;
-    const DKChar* format;
-    DKTimeZone zone;
-    const DKChar* text;
-  } cases[] = {
-      {winter, DK_T("%Y-%m-%d %H:%M:%S.%L"), DKTimeZone::Local, DK_T("2021-01-05 00:05:09.007")},
-      {winter, DK_T("%y|%W|%Z|%z|%%|%q|x"), DKTimeZone::Local, DK_T("21|01|+01:00|+01:00|%|q|x")},
-      {winter, DK_T("%d %Z %W"), DKTimeZone::UTC, DK_T("04 Z 01")}, // %W: the week in the local zone
-      {Utc(2021, 7, 1, 12), DK_T("%H %Z"), DKTimeZone::Local, DK_T("14 +02:00")},
-      {Utc(2021, 1, 3, 23, 30), DK_T("%Y/%m/%d %W"), DKTimeZone::UTC, DK_T("2021/01/03 01")},
-      {Utc(2021, 1, 3, 22, 30), DK_T("%Y/%m/%d %W"), DKTimeZone::UTC, DK_T("2021/01/03 00")},
-      {DKDateTimeEx(DKDateEx(1969, 12, 29)), DK_T("%W"), DKTimeZone::Local, DK_T("51")}, // every day a Sunday
-      {DKDateTimeEx(DKDateEx(2021, 1, 5)), DK_T("%Z %H"), DKTimeZone::Local, DK_T("Z 00")},
-      {DKDateTimeEx(DKTimeEx(10, 0)), DK_T("%Y|%y|%m|%d|%W|%Z"), DKTimeZone::Local, DK_T("0|00|00|00|00|Z")},
-      {Utc(-4194303, 1, 1), DK_T("%Y %y"), DKTimeZone::UTC, DK_T("-4194303 03")},
-      {Utc(2021, 1, 4), DK_T("%Y%"), DKTimeZone::UTC, DK_T("2021%")}, // "%" at the end stands for itself
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.value.AsString(c.format, c.zone), c.text) << DKString(c.format).AsUTF8();
+  for (const auto& c : Cases("datetime_codes.txt", 4)) {
+    SCOPED_TRACE(c.where);
+    const DKTimeZone zone = c[2] == "utc" ? DKTimeZone::UTC : DKTimeZone::Local;
+    EXPECT_EQ(ValueOf(c, 0).AsString(Text(c[1]), zone), Text(c[3]));
     // The buffer form writes the same text when the buffer is large enough.
     DKChar buffer[64];
-    EXPECT_TRUE(c.value.AsString(buffer, 64, DKString(c.format).c_str(), c.zone).Good());
-    EXPECT_EQ(DKString(buffer), c.text);
+    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer, 64, Text(c[1]).c_str(), zone).Good());
+    EXPECT_EQ(DKString(buffer), Text(c[3]));
   }
   {
     const ScopedTimeZone america(newYork); // negative offsets
@@ -398,52 +381,19 @@ TEST(DateTimeExTextTest, BufferRule) {
 
 TEST(DateTimeExTextTest, Reading) {
   DK_IN_ZONE(paris);
-  const DKDateTimeEx null;
-  const struct {
-    const DKChar* text;
-    const DKChar* format; // empty: the default
-    DKDateTimeEx value;
-  } cases[] = {
-      {DK_T("1/1/69"), DK_T("%m/%d/%y"), DKDateTimeEx(DKDateEx(2069, 1, 1))},
-      {DK_T("1/1/70"), DK_T("%m/%d/%y"), DKDateTimeEx(DKDateEx(1970, 1, 1))},
-      {DK_T("1/1/0070"), DK_T("%m/%d/%Y"), DKDateTimeEx(DKDateEx(70, 1, 1))},
-      {DK_T("2020/01/05 10:20:30Z"), DK_T("%Y/%m/%d %H:%M:%S%Z"), Utc(2020, 1, 5, 10, 20, 30)},
-      {DK_T("2020/01/05 10:20:30+02:00"), DK_T("%Y/%m/%d %H:%M:%S%Z"), Utc(2020, 1, 5, 8, 20, 30)},
-      {DK_T("2020/01/05 10:20:30 -05:30"), DK_T("%Y/%m/%d %H:%M:%S %z"), Utc(2020, 1, 5, 15, 50, 30)},
-      {DK_T("2020/01/05 10:20:30"), DK_T(""), Utc(2020, 1, 5, 9, 20, 30)},
-      {DK_T("2020/07/05 10:20:30.250"), DK_T(""), Utc(2020, 7, 5, 8, 20, 30, 250)},
-      {DK_T("2020-01-05T10:20:30"), DK_T("%Y-%m-%dT%H:%M:%S"), Utc(2020, 1, 5, 9, 20, 30)},
-      {DK_T("10:20:30"), DK_T(""), DKDateTimeEx(DKTimeEx(10, 20, 30))},
-      {DK_T("2020/01/05"), DK_T(""), DKDateTimeEx(DKDateEx(2020, 1, 5))},
-      {DK_T("   2020/1/5"), DK_T(""), DKDateTimeEx(DKDateEx(2020, 1, 5))},
-      {DK_T("2020/ 1/ 5"), DK_T("%Y/%m/%d"), DKDateTimeEx(DKDateEx(2020, 1, 5))},
-      {DK_T("2020/01/05"), DK_T("%Y/%m/%d%"), DKDateTimeEx(DKDateEx(2020, 1, 5))},
-      {DK_T("4194303/12/31 23:59:59.999Z"), DK_T("%Y/%m/%d %H:%M:%S.%L%Z"), DKDateTimeEx::maximum},
-      {DK_T("4194304/01/01 00:30"), DK_T("%Y/%m/%d %H:%M"), Utc(4194303, 12, 31, 23, 30)}, // local, back in range
-      {DK_T("4194304/01/01 00:59:59.999+01:00"), DK_T("%Y/%m/%d %H:%M:%S.%L%z"), DKDateTimeEx::maximum},
-      {DK_T("-4194304/12/31 23:00-01:00"), DK_T("%Y/%m/%d %H:%M%z"), DKDateTimeEx::minimum},
-      {DK_T(""), DK_T(""), null},
-      {DK_T("      "), DK_T(""), null},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(DKString(c.text).AsUTF8());
+  for (const auto& c : Cases("datetime_reading.txt", 3)) {
+    SCOPED_TRACE(c.where);
     DKDateTimeEx v = Utc(1999, 1, 1);
-    EXPECT_TRUE(v.FromString(c.text, c.format).Good());
-    EXPECT_EQ(v, c.value);
+    EXPECT_TRUE(v.FromString(Text(c[0]), Text(c[1])).Good());
+    EXPECT_EQ(v, ValueOf(c, 2));
   }
 }
 
 TEST(DateTimeExTextTest, UnreadableTextGivesMessageNine) {
   DK_IN_ZONE(newYork);
-  const DKChar* texts[] = {
-      DK_T("2021/02/30"),         DK_T("abc"),           DK_T("2020/01/01 24:00:00"), DK_T("2020/13/01"),
-      DK_T("4194304/01/01"),      DK_T("-4194304/12/31"), DK_T("99999999999999999999/1/1"),
-      DK_T("4194303/12/31 23:59"), /* in New York that is past the maximum in UTC */
-      DK_T("+-+-"),               DK_T("-"),             DK_T("2020/01"),             DK_T("SYSDATE "),
-      DK_T("\t"),
-  };
-  for (const DKChar* text : texts) {
-    SCOPED_TRACE(DKString(text).AsUTF8());
+  for (const auto& c : Cases("datetime_unreadable.txt", 1)) {
+    SCOPED_TRACE(c.where);
+    const DKString text = Text(c[0]);
     DKDateTimeEx v = Utc(1999, 1, 1);
     const DKErrorID result = v.FromString(text);
     ASSERT_TRUE(result.Bad());
@@ -452,7 +402,7 @@ TEST(DateTimeExTextTest, UnreadableTextGivesMessageNine) {
     EXPECT_EQ(result.GetError()->GetParameterValueAsString(0, DKExecContext()), text);
     EXPECT_EQ(result.AsString(), DKString(DK_T("Invalid date: ")) + text);
     EXPECT_TRUE(v.IsNull());
-    EXPECT_THROW(DKDateTimeEx{DKString(text)}, DKDateExceptionEx);
+    EXPECT_THROW(DKDateTimeEx{text}, DKDateExceptionEx);
   }
 }
 

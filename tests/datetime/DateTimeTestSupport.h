@@ -11,8 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
 #include "support/DKTestSupport.h"
 
+#include <cstdio>
+#include <map>
 #include <filesystem>
 #include <ostream>
 #include <string>
@@ -50,6 +53,52 @@ inline bool HasZoneInfo(const char* name) {
 inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 0, unsigned minute = 0, unsigned second = 0,
                         unsigned ms = 0) {
   return DKDateTimeEx(year, month, day, hour, minute, second, ms, DKTimeZone::UTC);
+}
+
+// The cases of tests/datetime/cases/<name>, each with `fields` fields.
+inline std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
+  return dktest::ReadCases(std::filesystem::path(DK_DATETIME_CASES) / name, fields);
+}
+
+// A value as a case file writes it: "null", "minimum", "maximum", "date 2020-01-05",
+// "time 10:20:30.250", or a UTC date and time "2020-01-05 10:20:30.250" (milliseconds optional).
+inline DKDateTimeEx ValueOf(const dktest::CaseLine& c, std::size_t field) {
+  const std::string& text = c[field];
+  int year = 0;
+  unsigned month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
+  if (text == "null" || text == "minimum" || text == "maximum")
+    return text == "null" ? DKDateTimeEx() : text == "minimum" ? DKDateTimeEx::minimum : DKDateTimeEx::maximum;
+  if (std::sscanf(text.c_str(), "date %d-%u-%u", &year, &month, &day) == 3)
+    return DKDateTimeEx(DKDateEx(year, month, day));
+  if (std::sscanf(text.c_str(), "time %u:%u:%u.%u", &hour, &minute, &second, &ms) >= 2)
+    return DKDateTimeEx(DKTimeEx(hour, minute, second, ms));
+  if (std::sscanf(text.c_str(), "%d-%u-%u %u:%u:%u.%u", &year, &month, &day, &hour, &minute, &second, &ms) >= 5)
+    return Utc(year, month, day, hour, minute, second, ms);
+  throw std::runtime_error(c.where + ": not a value: " + text);
+}
+
+// A unit by its short name ("y", "mo", "w", "d", "h", "m", "s", "ms", "invalid").
+inline DKDurationEx::Unit UnitOf(const dktest::CaseLine& c, std::size_t field) {
+  using U = DKDurationEx::Unit;
+  static const std::map<std::string, U> units{{"y", U::Year},   {"mo", U::Month},  {"w", U::Week},
+                                               {"d", U::Day},    {"h", U::Hour},    {"m", U::Minute},
+                                               {"s", U::Second}, {"ms", U::Millisecond}, {"invalid", U::Invalid}};
+  const auto unit = units.find(c[field]);
+  if (unit == units.end())
+    throw std::runtime_error(c.where + ": not a unit: " + c[field]);
+  return unit->second;
+}
+
+// A duration as "count unit", "invalid" for the invalid one.
+inline DKDurationEx DurationOf(const dktest::CaseLine& c, std::size_t field) {
+  if (c[field] == "invalid")
+    return DKDurationEx::invalid_;
+  long count = 0;
+  char unit[8] = {};
+  if (std::sscanf(c[field].c_str(), "%ld %7s", &count, unit) != 2)
+    throw std::runtime_error(c.where + ": not a duration: " + c[field]);
+  dktest::CaseLine named{c.where, {unit}};
+  return DKDurationEx(count, UnitOf(named, 0));
 }
 
 // A duration holding -2147483648 of the unit: only the copy that DKDurationExceptionEx carries

@@ -3,12 +3,14 @@
 // offset, name and reading against the C library's own reading of the same TZ.
 #include "os/DKTzRule.h"
 
+#include "support/DKCaseFile.h"
 #include "support/DKTestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <limits>
 #include <string>
@@ -26,7 +28,20 @@ std::int64_t At(int year, unsigned month, unsigned day, int hour = 0, int minute
   return std::int64_t{days} * 86400 + hour * 3600 + minute * 60 + second;
 }
 
-DKTzRule Rule(const char* text) {
+// An instant of a case file, "2021-03-28 00:59:59".
+std::int64_t At(const dktest::CaseLine& c, std::size_t field) {
+  int year = 0, hour = 0, minute = 0, second = 0;
+  unsigned month = 0, day = 0;
+  if (std::sscanf(c[field].c_str(), "%d-%u-%u %d:%d:%d", &year, &month, &day, &hour, &minute, &second) != 6)
+    throw std::runtime_error(c.where + ": not an instant: " + c[field]);
+  return At(year, month, day, hour, minute, second);
+}
+
+std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
+  return dktest::ReadCases(std::filesystem::path(DK_TZ_CASES) / name, fields);
+}
+
+DKTzRule Rule(const std::string& text) {
   DKTzRule rule;
   EXPECT_TRUE(DKTzRule::Parse(text, rule)) << text;
   return rule;
@@ -34,53 +49,35 @@ DKTzRule Rule(const char* text) {
 
 // ---- Text ------------------------------------------------------------------------------------------
 
+// A change as tests/os/cases/tz_forms.txt writes it.
+DKTzRule::Change ChangeOf(const dktest::CaseLine& c, std::size_t field) {
+  DKTzRule::Change change;
+  char form = 0;
+  const int read = std::sscanf(c[field].c_str(), "%c %d %d %d %d", &form, &change.month, &change.week, &change.day,
+                               &change.time);
+  if (form == 'M' && read == 5)
+    return change;
+  change = {form == 'J' ? Form::Julian : Form::DayOfYear, 0, 0, change.month, change.week};
+  if ((form != 'J' && form != 'D') || read != 3)
+    throw std::runtime_error(c.where + ": not a change: " + c[field]);
+  return change;
+}
+
 TEST(TzRuleTest, ReadsEveryFormAndWritesItBackCanonically) {
-  const struct {
-    const char* text;
-    const char* canonical;
-    const char* standardName;
-    int standard; // east of UTC
-    const char* daylightName;
-    int daylight;
-    DKTzRule::Change start, end;
-  } cases[] = {
-      {"EST5", "EST5", "EST", -18000, "EST", -18000, {}, {}},
-      {"<-03>+3", "<-03>3", "-03", -10800, "-03", -10800, {}, {}},
-      {"IST-5:30", "IST-5:30", "IST", 19800, "IST", 19800, {}, {}},
-      {"LMT-0:09:21", "LMT-0:09:21", "LMT", 561, "LMT", 561, {}, {}},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", "CET-1CEST,M3.5.0,M10.5.0/3", "CET", 3600, "CEST", 7200,
-       {Form::MonthWeek, 3, 5, 0, 7200}, {Form::MonthWeek, 10, 5, 0, 10800}},
-      // dst without dates: the second Sunday of March to the first Sunday of November.
-      {"AAA5BBB", "AAA5BBB,M3.2.0,M11.1.0", "AAA", -18000, "BBB", -14400,
-       {Form::MonthWeek, 3, 2, 0, 7200}, {Form::MonthWeek, 11, 1, 0, 7200}},
-      {"NZST-12NZDT-13,M9.5.0,M4.1.0/3", "NZST-12NZDT,M9.5.0,M4.1.0/3", "NZST", 43200, "NZDT", 46800,
-       {Form::MonthWeek, 9, 5, 0, 7200}, {Form::MonthWeek, 4, 1, 0, 10800}},
-      {"<+0330>-03:30<+0430>,J79/24,J263/24", "<+0330>-3:30<+0430>,J79/24,J263/24", "+0330", 12600, "+0430", 16200,
-       {Form::Julian, 0, 0, 79, 86400}, {Form::Julian, 0, 0, 263, 86400}},
-      {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0", "-02", -7200, "-01", -3600,
-       {Form::MonthWeek, 3, 5, 0, -3600}, {Form::MonthWeek, 10, 5, 0, 0}},
-      {"EST5EDT4,0/0,J365/25", "EST5EDT,0/0,J365/25", "EST", -18000, "EDT", -14400,
-       {Form::DayOfYear, 0, 0, 0, 0}, {Form::Julian, 0, 0, 365, 90000}},
-      // The limits: offsets of 24:59:59 (the daylight one an hour beyond), times of 167 hours.
-      {"XXX-24:59:59YYY,M12.5.6/-167:59:59,J365/167", "XXX-24:59:59YYY,M12.5.6/-167:59:59,J365/167", "XXX", 89999,
-       "YYY", 93599, {Form::MonthWeek, 12, 5, 6, -604799}, {Form::Julian, 0, 0, 365, 601200}},
-      {"abc005:07:09dEf+4:5:6,J1/+0,365/1:02:03", "abc5:07:09dEf4:05:06,J1/0,365/1:02:03", "abc", -18429, "dEf", -14706,
-       {Form::Julian, 0, 0, 1, 0}, {Form::DayOfYear, 0, 0, 365, 3723}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& c : Cases("tz_forms.txt", 8)) {
+    SCOPED_TRACE(c.where + " " + c[0]);
     DKTzRule rule;
-    ASSERT_TRUE(DKTzRule::Parse(c.text, rule));
-    EXPECT_EQ(rule.Name(false), c.standardName);
-    EXPECT_EQ(rule.Name(true), c.daylightName);
-    EXPECT_EQ(rule.StandardOffset(), c.standard);
-    EXPECT_EQ(rule.HasDaylight(), c.standard != c.daylight);
+    ASSERT_TRUE(DKTzRule::Parse(c[0], rule));
+    EXPECT_EQ(rule.Name(false), c[2]);
+    EXPECT_EQ(rule.Name(true), c[4]);
+    EXPECT_EQ(rule.StandardOffset(), c.Int(3));
+    EXPECT_EQ(rule.HasDaylight(), c[6] != "-");
     if (rule.HasDaylight()) {
-      EXPECT_EQ(rule.DaylightOffset(), c.daylight);
-      EXPECT_EQ(rule.Start(), c.start);
-      EXPECT_EQ(rule.End(), c.end);
+      EXPECT_EQ(rule.DaylightOffset(), c.Int(5));
+      EXPECT_EQ(rule.Start(), ChangeOf(c, 6));
+      EXPECT_EQ(rule.End(), ChangeOf(c, 7));
     }
-    EXPECT_EQ(rule.ToString(), c.canonical);
+    EXPECT_EQ(rule.ToString(), c[1]);
     DKTzRule again;
     ASSERT_TRUE(DKTzRule::Parse(rule.ToString(), again));
     EXPECT_TRUE(again == rule);
@@ -88,22 +85,11 @@ TEST(TzRuleTest, ReadsEveryFormAndWritesItBackCanonically) {
 }
 
 TEST(TzRuleTest, TextThatIsNoRuleIsRefusedAndChangesNothing) {
-  const char* texts[] = {
-      "", "UTC", "GMT", ":Europe/Paris", "Europe/Paris", "EST", "ES5", "E5T5", "<AB>5", "<ABC5", "<A_C>5", "<>5", "EST+",
-      "EST-", "EST5:", "EST5::", "EST5:60", "EST5:30:60", "EST25", "EST24:00:00:00", "EST99999999999999999999", " EST5",
-      "EST5 ", "EST 5", "ÉST5", "EST5\t", "EST5ED", "EST5EDT25", "EST5EDT,", "EST5EDT,M3.2.0", "EST5EDT,M3.2.0,",
-      "EST5EDT,,M11.1.0", "EST5EDT;M3.2.0,M11.1.0", "EST5EDT,M3.2.0,M11.1.0,", "EST5EDT,M3.2.0,M11.1.0x",
-      "EST5EDT,M3.2.0,M11.1.0,J1", "EST5EDT,M0.1.0,M11.1.0", "EST5EDT,M13.1.0,M11.1.0", "EST5EDT,M3.0.0,M11.1.0",
-      "EST5EDT,M3.6.0,M11.1.0", "EST5EDT,M3.1.7,M11.1.0", "EST5EDT,M3.1,M11.1.0", "EST5EDT,M3..0,M11.1.0",
-      "EST5EDT,J0,J365", "EST5EDT,J366,J1", "EST5EDT,366,1", "EST5EDT,-1,1", "EST5EDT,M3.2.0/,M11.1.0",
-      "EST5EDT,M3.2.0/168,M11.1.0", "EST5EDT,M3.2.0/-168,M11.1.0", "EST5EDT,M3.2.0/2:60,M11.1.0", "EST5EDT,K3,M11.1.0",
-      "EST5EDT,M3.2.0/2/3,M11.1.0",
-  };
   const DKTzRule before = Rule("CET-1CEST,M3.5.0,M10.5.0/3");
-  for (const char* text : texts) {
-    SCOPED_TRACE(text);
+  for (const auto& c : Cases("tz_refused.txt", 1)) {
+    SCOPED_TRACE(c.where + " " + c[0]);
     DKTzRule rule = before;
-    EXPECT_FALSE(DKTzRule::Parse(text, rule));
+    EXPECT_FALSE(DKTzRule::Parse(c[0], rule));
     EXPECT_TRUE(rule == before);
   }
   // A NUL inside the text ends nothing: the whole view is read.
@@ -113,91 +99,25 @@ TEST(TzRuleTest, TextThatIsNoRuleIsRefusedAndChangesNothing) {
 
 // ---- Offsets and readings -------------------------------------------------------------------------
 
+// Worked by hand: tests/os/cases/tz_offsets.txt and tz_readings.txt.
 TEST(TzRuleTest, OffsetsAtInstantsAroundTheChanges) {
-  const struct {
-    const char* rule;
-    std::int64_t utc;
-    int offset;
-    bool daylight;
-  } cases[] = {
-      // Paris, 2021: summer time from 28 March 01:00 UTC to 31 October 01:00 UTC.
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 0, 59, 59), 3600, false},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 1), 7200, true},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 0, 59, 59), 7200, true},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 1), 3600, false},
-      // Before 1970 and far beyond, the same rules.
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(1900, 7, 1), 7200, true},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(-2000, 7, 1), 7200, true},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(30000, 1, 1), 3600, false},
-      // Southern hemisphere: daylight saving across New Year.
-      {"AEST-10AEDT,M10.1.0,M4.1.0/3", At(2021, 1, 1), 39600, true},
-      {"AEST-10AEDT,M10.1.0,M4.1.0/3", At(2021, 4, 3, 15, 59, 59), 39600, true},
-      {"AEST-10AEDT,M10.1.0,M4.1.0/3", At(2021, 4, 3, 16), 36000, false},
-      {"AEST-10AEDT,M10.1.0,M4.1.0/3", At(2021, 10, 2, 16), 39600, true},
-      // Week 5 is the last: February 2021 has four Sundays, the last on the 28th.
-      {"AAA0BBB,M2.5.0/0,M12.5.0/0", At(2021, 2, 27, 23, 59, 59), 0, false},
-      {"AAA0BBB,M2.5.0/0,M12.5.0/0", At(2021, 2, 28), 3600, true},
-      // Jn never counts 29 February, n does: J60 is 1 March, 59 is 29 February in a leap year.
-      {"AAA0BBB,J60/0,J300/0", At(2020, 2, 29, 23, 59, 59), 0, false},
-      {"AAA0BBB,J60/0,J300/0", At(2020, 3, 1), 3600, true},
-      {"AAA0BBB,59/0,300/0", At(2020, 2, 28, 23, 59, 59), 0, false},
-      {"AAA0BBB,59/0,300/0", At(2020, 2, 29), 3600, true},
-      {"AAA0BBB,59/0,300/0", At(2021, 3, 1), 3600, true},
-      // A change on New Year's Day, local time: in force from the UTC evening before.
-      {"<+10>-10<+11>-11,J1/0,J182/0", At(2020, 12, 31, 13, 59, 59), 36000, false},
-      {"<+10>-10<+11>-11,J1/0,J182/0", At(2020, 12, 31, 14), 39600, true},
-      // Daylight saving all year, on both sides of each New Year.
-      {"EST5EDT4,0/0,J365/25", At(2021, 1, 1, 4, 59, 59), -14400, true},
-      {"EST5EDT4,0/0,J365/25", At(2021, 1, 1, 5), -14400, true},
-      {"EST5EDT4,0/0,J365/25", At(2021, 12, 31, 23), -14400, true},
-      // Times beyond the day: 167 hours after the second Sunday of March 2021 (14 March).
-      {"XXX0YYY,M3.2.0/167,M11.1.0/-167", At(2021, 3, 20, 22, 59, 59), 0, false},
-      {"XXX0YYY,M3.2.0/167,M11.1.0/-167", At(2021, 3, 20, 23), 3600, true},
-      {"XXX0YYY,M3.2.0/167,M11.1.0/-167", At(2021, 10, 31, 0), 0, false},
-      // Both changes of 2020 fall in 2021 (31 December + 166 and 160 hours): standard time only
-      // from 6 January 15:00 to 22:00 UTC, the state before that set by 2019's changes.
-      {"AAA0BBB,J365/166,J365/160", At(2021, 1, 3), 3600, true},
-      {"AAA0BBB,J365/166,J365/160", At(2021, 1, 6, 15), 0, false},
-      {"AAA0BBB,J365/166,J365/160", At(2021, 1, 6, 22), 3600, true},
-      // No daylight saving.
-      {"IST-5:30", At(2021, 7, 1), 19800, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.rule << " at " << c.utc);
-    const DKTzRule rule = Rule(c.rule);
-    bool inDaylight = !c.daylight;
-    EXPECT_EQ(rule.OffsetAt(c.utc, &inDaylight), c.offset);
-    EXPECT_EQ(inDaylight, c.daylight);
-    EXPECT_EQ(rule.FromUtc(c.utc), c.utc + c.offset);
+  for (const auto& c : Cases("tz_offsets.txt", 4)) {
+    SCOPED_TRACE(c.where);
+    const DKTzRule rule = Rule(c[0]);
+    const bool daylight = c[3] == "daylight";
+    ASSERT_TRUE(daylight || c[3] == "standard") << c[3];
+    bool inDaylight = !daylight;
+    EXPECT_EQ(rule.OffsetAt(At(c, 1), &inDaylight), c.Int(2));
+    EXPECT_EQ(inDaylight, daylight);
+    EXPECT_EQ(rule.FromUtc(At(c, 1)), At(c, 1) + c.Int(2));
   }
 }
 
+// Readings in the gap move on by it; repeated readings take the earlier instant.
 TEST(TzRuleTest, ReadingsInTheGapMoveOnAndRepeatedReadingsTakeTheEarlierInstant) {
-  const struct {
-    const char* rule;
-    std::int64_t wall, utc;
-  } cases[] = {
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 1, 59, 59), At(2021, 3, 28, 0, 59, 59)},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 2), At(2021, 3, 28, 1)},       // skipped: on by the gap
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 2, 30), At(2021, 3, 28, 1, 30)},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 3, 28, 3), At(2021, 3, 28, 1)},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 1, 59, 59), At(2021, 10, 30, 23, 59, 59)},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 2), At(2021, 10, 31, 0)},     // repeated: the earlier
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 2, 59, 59), At(2021, 10, 31, 0, 59, 59)},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", At(2021, 10, 31, 3), At(2021, 10, 31, 2)},
-      {"EST5EDT,M3.2.0,M11.1.0", At(2021, 3, 14, 2, 30), At(2021, 3, 14, 7, 30)},
-      {"EST5EDT,M3.2.0,M11.1.0", At(2021, 11, 7, 1, 30), At(2021, 11, 7, 5, 30)},
-      // Lord Howe moves by half an hour: 7 April 2024 02:00 (+11) goes back to 01:30 (+10:30), and
-      // 6 October 2024 02:00 (+10:30) jumps to 02:30 (+11).
-      {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", At(2024, 4, 7, 1, 45), At(2024, 4, 6, 14, 45)},
-      {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", At(2024, 10, 6, 2, 15), At(2024, 10, 5, 15, 45)},
-      // All-year daylight saving has no gap at New Year.
-      {"EST5EDT4,0/0,J365/25", At(2021, 1, 1, 0, 30), At(2021, 1, 1, 4, 30)},
-      {"IST-5:30", At(2021, 1, 1), At(2020, 12, 31, 18, 30)},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.rule << " reading " << c.wall);
-    EXPECT_EQ(Rule(c.rule).ToUtc(c.wall), c.utc);
+  for (const auto& c : Cases("tz_readings.txt", 3)) {
+    SCOPED_TRACE(c.where);
+    EXPECT_EQ(Rule(c[0]).ToUtc(At(c, 1)), At(c, 2));
   }
 }
 
