@@ -4,6 +4,7 @@
 
 #include "conditions/DKRegExBitParallel.h"
 #include "support/DKTestSupport.h"
+#include "text/DKCaseFile.h"
 
 #include <atomic>
 #include <cctype>
@@ -36,41 +37,16 @@ std::optional<std::regex> StdCompile(const std::string& pattern) {
   }
 }
 
-// Patterns and texts of ASCII only, checked against std::regex in the same run: what the random
-// patterns below do not make (ranges, escapes, counts, lazy and nested quantifiers, empty
-// alternatives, characters outside their alphabet).
-struct OracleCase {
-  const char* pattern;
-  std::vector<const char*> texts;
-};
-
-const OracleCase oracleCases[] = {
-    {"a.c", {"abc", "a\nc", "a\rc", "ac", "a.c"}},
-    {"[A-Z][a-z]+[0-9]*", {"Hello", "Hello42", "hello", "H", "Hi9x", "Ab0123456789"}},
-    {"[^a-c]+", {"xyz", "xaz", "", "d"}}, {"[a\\-z]+", {"a-z", "b", "-"}}, {"[-a]", {"-", "a", "b"}},
-    {"[a-]", {"-", "a"}}, {"\\d+\\.\\d*", {"12.", "12.5", ".5", "1x5"}},
-    {"\\w+@\\w+", {"me@home", "me@", "m e@home", "a_1@b2"}}, {"\\s*x\\s*", {"  x ", "x", "\tx\n", "y"}},
-    {"\\D\\W\\S", {"a b", "1 b", "a_b", "a!b"}}, {"[\\d\\s]+", {"1 2 3", "12a"}},
-    {"a{2,4}", {"a", "aa", "aaa", "aaaa", "aaaaa"}}, {"(?:ab|cd){1,3}e", {"abe", "cdabe", "abcdabe", "abcdabcde", "e"}},
-    {"(a|ab)(c|bcd)(d*)", {"abcd", "abcdd", "acd"}}, {"(a|)+b", {"b", "ab", "aaab"}}, {"(a*)*", {"", "aaa", "b"}},
-    {"(a*)+b", {"b", "aab", "aa"}}, {"(a+)+b", {"aaaaaaaaaab", "aaaaaaaaaa"}}, {"x*?y+?z??", {"xxyyz", "y", "xz"}},
-    {"\\(\\)\\[\\]\\{\\}\\*\\+\\?\\.\\|\\^\\$\\\\", {"()[]{}*+?.|^$\\"}},
-    {"\\x41\\u0042\\t", {"AB\t", "AB "}}, {"[\\x30-\\x39]{2}", {"42", "4a"}}, {"a|b|c|", {"", "a", "c", "ab"}},
-    {"(a|b)*a(a|b){3}", {"abbb", "babab", "aaaa", "baba"}},
-    // Loops over loops, options and x{0,n} or x{1,n} are compiled as loops over x; x{2,n} is not.
-    {"(?:a{0,3})+b", {"b", "aaaaaaab", "aaaa", "ab"}}, {"(?:a{1,3})*c", {"c", "aaaaac", "bc"}},
-    {"(?:(?:ab)?)+", {"", "abab", "aba"}}, {"(?:a{2,3})+", {"a", "aa", "aaaaa", "aaaaaaa"}},
-    {"(?:(?:a|b)+)+c", {"c", "abbac"}}, {"(?:a{1})+", {"", "aaa"}}, {"(?:(?:a*)?)*b", {"b", "aab", "ba"}},
-};
-
+// The patterns and texts of cases/regex-oracle.txt, ASCII only, against std::regex in the same run.
 TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
-  for (const OracleCase& c : oracleCases) {
-    DKRegEx re(Text(c.pattern));
-    ASSERT_TRUE(re.IsCompiled()) << c.pattern << ": " << ErrorText(re);
-    const std::optional<std::regex> oracle = StdCompile(c.pattern);
-    ASSERT_TRUE(oracle) << c.pattern;
-    for (const char* text : c.texts)
-      EXPECT_EQ(re.Match(Text(text)), std::regex_match(text, *oracle)) << "/" << c.pattern << "/ on \"" << text << "\"";
+  for (const dkcases::Case& c : dkcases::Read("regex-oracle.txt", {"pattern", "text"})) {
+    const std::string pattern = dkcases::Bytes(c.Get("pattern"));
+    DKRegEx re(Text(pattern));
+    ASSERT_TRUE(re.IsCompiled()) << c.where << ": " << ErrorText(re);
+    const std::optional<std::regex> oracle = StdCompile(pattern);
+    ASSERT_TRUE(oracle) << c.where;
+    for (const std::string& text : c.All("text"))
+      EXPECT_EQ(re.Match(Text(dkcases::Bytes(text))), std::regex_match(dkcases::Bytes(text), *oracle)) << c.where << " on " << text;
   }
 }
 
@@ -189,34 +165,14 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   }
 }
 
-// Cases std::regex cannot judge: code points beyond ASCII (UTF-8 here, UTF-16 inside) and syntax
-// whose reading differs between dialects.
-struct FixedCase {
-  const char* pattern;
-  const char* text;
-  bool match;
-};
-
-const FixedCase fixedCases[] = {
-    {".", "\xF0\x9F\x98\x80", true}, {"..", "\xF0\x9F\x98\x80", false}, // U+1F600 is one character
-    {"a\xF0\x9F\x98\x80+b", "a\xF0\x9F\x98\x80\xF0\x9F\x98\x80" "b", true},
-    {"[\\u{1F600}-\\u{1F64F}]", "\xF0\x9F\x98\x80", true}, {"[^\\u{1F600}]", "\xF0\x9F\x98\x80", false},
-    {"caf\\u00e9|\\u00fcber", "caf\xC3\xA9", true}, {"\\s", "\xE3\x80\x80", true}, // ideographic space
-    {"\\w", "\xC3\xA9", false}, {".", "\xE2\x80\xA8", false}, // \w is ASCII; a line separator
-    {"[]", "a", false}, {"a[]", "a", false}, {"[^]", "\n", true}, {"[\\b]", "\b", true},
-    {"a{,2}", "a{,2}", true}, {"a{0}b", "b", true}, {"]}", "]}", true}, {"\\cJ\\ca", "\n\x01", true},
-    {"(^)*a", "a", true}, {"", "", true}, {"", "a", false},
-    // An escaped surrogate pair is the one character it spells, inside a class and as a range end
-    // too; escaped halves that do not pair stay characters of their own.
-    {"\\uD83D\\uDE00", "\xF0\x9F\x98\x80", true}, {"[\\uD83D\\uDE00]", "\xF0\x9F\x98\x80", true},
-    {"[\\uD83D\\uDE00-\\uD83D\\uDE4F]{2}", "\xF0\x9F\x98\x80\xF0\x9F\x99\x8F", true},
-    {"\\u{D83D}\\uDE00", "\xF0\x9F\x98\x80", true}, {"\xF0\x9F\x98\x80", "\xF0\x9F\x98\x80", true},
-    {"[^\\uD83D\\uDE00]", "\xF0\x9F\x98\x80", false}, {"\\uD83D.", "\xF0\x9F\x98\x80", false},
-};
-
+// The cases of cases/regex-fixed.txt, which std::regex cannot judge, then lone surrogates and U+0000.
 TEST(DKRegExTest, MatchesFixedCases) {
-  for (const FixedCase& c : fixedCases)
-    EXPECT_EQ(DKRegEx(Text(c.pattern)).Match(Text(c.text)), c.match) << "/" << c.pattern << "/ on \"" << c.text << "\"";
+  for (const dkcases::Case& c : dkcases::Read("regex-fixed.txt", {"pattern", "match", "no match"})) {
+    const DKRegEx re(dkcases::Units(c.Get("pattern")));
+    for (const bool match : {true, false})
+      for (const std::string& text : c.All(match ? "match" : "no match"))
+        EXPECT_EQ(re.Match(dkcases::Units(text)), match) << c.where << " on " << text;
+  }
   EXPECT_TRUE(DKRegEx(DK_T("\\0")).Match(DKString(DKChar(0), 1)));
   // A lone surrogate is one character of its own.
   const DKChar lone[] = {0xD800, 'x', 0};
@@ -278,48 +234,18 @@ TEST(DKRegExTest, PosixClassesInsideBrackets) {
             "unknown POSIX class [:abcdefghijklmnopqrstuvwxyzabcdef...:]");
 }
 
-struct BadPattern {
-  const char* pattern;
-  std::size_t position; // in UTF-16 code units
-  const char* reason;
-};
-
-const char* const tooLarge = "pattern too large: more than 20000 instructions once repetitions are written out";
-
-const BadPattern badPatterns[] = {
-    {"(ab", 0, "missing ')'"}, {"ab)", 2, "unmatched ')'"}, {"\xF0\x9F\x98\x80)", 2, "unmatched ')'"},
-    {"x[ab", 1, "missing ']'"}, {"*a", 0, "nothing to repeat"}, {"a|+", 2, "nothing to repeat"},
-    {"^*", 1, "nothing to repeat"}, {"{2}", 0, "nothing to repeat"}, {"a**", 2, "a quantifier cannot follow another"},
-    {"a{2}{3}", 4, "a quantifier cannot follow another"}, {"a{1001}", 1, "repetition count above the limit of 1000"},
-    {"a{1,99999999999999999999}", 1, "repetition count above the limit of 1000"},
-    {"a{3,2}", 1, "repetition range out of order"}, {"[z-a]", 1, "range out of order"},
-    {"[\\d-z]", 1, "a class escape cannot start a range"}, {"[a-\\d]", 3, "a class escape cannot end a range"},
-    {"ab\\", 2, "pattern ends with a lone backslash"}, {"(a)\\1", 3, "back-references are not supported"},
-    {"\\bword", 0, "word boundaries (\\b, \\B) are not supported"}, {"(?=a)", 0, "only (?: groups are supported"},
-    {"(?", 0, "only (?: groups are supported"}, {"\\q", 0, "unknown escape"}, {"\\x4", 0, "invalid hexadecimal escape"},
-    {"\\u12G4", 0, "invalid hexadecimal escape"}, {"\\u{110000}", 0, "code point above U+10FFFF"},
-    {"\\u{}", 0, "invalid \\u{...} escape"}, {"\\c1", 0, "\\c must be followed by a letter"},
-    {"\\01", 0, "octal escapes are not supported"}, {"(a{1000}){1000}", 9, tooLarge},
-    {"((a{100}){100}){100}", 15, tooLarge}, {"(abcd|efgh|ijkl|mnop){1000}[a-z]{1000}", 38, tooLarge},
-    {"[[:foo:]]", 1, "unknown POSIX class [:foo:]"}, {"[[:^alpha:]]", 1, "unknown POSIX class [:^alpha:]"},
-    {"[[::]]", 1, "unknown POSIX class [::]"}, {"[:alpha:]", 0, "POSIX class outside brackets: write [[:alpha:]]"},
-    {"[[=a=]]", 1, "equivalence classes [=x=] are not supported"},
-    {"[[.-.]]", 1, "collating elements [.x.] are not supported"},
-    {"[[:alpha:]-z]", 1, "a POSIX class cannot start a range"}, {"[a-[:digit:]]", 3, "a POSIX class cannot end a range"},
-    {"[[:alpha:]", 0, "missing ']'"},
-};
-
+// The patterns of cases/regex-bad.txt, each refused with its position and problem.
 TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
-  for (const BadPattern& bad : badPatterns) {
+  for (const dkcases::Case& c : dkcases::Read("regex-bad.txt", {"pattern", "position", "reason"})) {
+    SCOPED_TRACE(c.where);
     DKRegEx re;
-    const DKErrorID result = re.Compile(Text(bad.pattern));
-    EXPECT_TRUE(result.Bad()) << bad.pattern;
+    const DKErrorID result = re.Compile(dkcases::Units(c.Get("pattern")));
+    EXPECT_TRUE(result.Bad());
     EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_REGEX);
     EXPECT_FALSE(re.IsCompiled());
     EXPECT_EQ(re.GetProgramSize(), 0u);
-    const std::string expected = std::string("Invalid regular expression \"") + bad.pattern + "\" at position " +
-                                 std::to_string(bad.position) + ": " + bad.reason;
-    EXPECT_EQ(ErrorText(re), expected);
+    EXPECT_EQ(ErrorText(re), "Invalid regular expression \"" + dkcases::Bytes(c.Get("pattern")) + "\" at position " +
+                                 c.Get("position") + ": " + dkcases::Bytes(c.Get("reason")));
     EXPECT_FALSE(re.Match(DK_T("a")));
   }
   // A long pattern is named by its start.

@@ -1,6 +1,7 @@
 #include <DorvikCore/DKCommandLine.h>
 
 #include "support/DKTestSupport.h"
+#include "text/DKCaseFile.h"
 
 #include <gtest/gtest.h>
 
@@ -19,48 +20,21 @@ Lines Words(std::initializer_list<const DKChar*> words) { return Lines(words.beg
 // ---------------------------------------------------------------------------------------------
 // Splitting a command-line string, with the program-name rule
 
-struct SplitCase {
-  DKString text;
-  const DKChar* appName;
-  Lines arguments;
-};
-
+// The command lines of cases/cmdline-split.txt.
 TEST(DKCommandLineSplit, WordsQuotesAndProgramName) {
-  const SplitCase cases[] = {
-      {DK_T("tool.exe /trace:2 -noConsole input.txt /usr/lib/x"), DK_T("tool.exe"),
-       Words({DK_T("/trace:2"), DK_T("-noConsole"), DK_T("input.txt"), DK_T("/usr/lib/x")})},
-      {DK_T(""), DK_T(""), {}},
-      {DK_T("  tool   a \t\t b  "), DK_T("tool"), Words({DK_T("a"), DK_T("b")})},
-      // The first word is a switch: the program name is empty.
-      {DK_T("/config:a.ini"), DK_T(""), Words({DK_T("/config:a.ini")})},
-      {DK_T("/usr/bin:x"), DK_T(""), Words({DK_T("/usr/bin:x")})},
-      // An absolute path is the program name.
-      {DK_T("/usr/bin/tool /config:a.ini"), DK_T("/usr/bin/tool"), Words({DK_T("/config:a.ini")})},
-      {DK_T("\\tools\\x.exe /a"), DK_T("\\tools\\x.exe"), Words({DK_T("/a")})},
-      // Quotes group blanks, and are removed.
-      {DK_T("\"C:\\Program Files\\tool.exe\" /config:\"my file.ini\""), DK_T("C:\\Program Files\\tool.exe"),
-       Words({DK_T("/config:my file.ini")})},
-      {DK_T("t a\"b c\"d"), DK_T("t"), Words({DK_T("ab cd")})},
-      // A doubled quote inside quotes is a literal quote; outside quotes too.
-      {DK_T("t \"say \"\"hi\"\"\""), DK_T("t"), Words({DK_T("say \"hi\"")})},
-      {DK_T("t a\"\"b"), DK_T("t"), Words({DK_T("a\"b")})},
-      {DK_T("t \"\""), DK_T("t"), Words({DK_T("\"")})},
-      // A quote left open runs to the end of the text.
-      {DK_T("t \"unclosed text"), DK_T("t"), Words({DK_T("unclosed text")})},
-      {DK_T("t \""), DK_T("t"), Words({DK_T("")})},
-      {DK_T("\""), DK_T(""), {}},
-      // The text ends at its first NUL.
-      {DKString(DK_T("t a\0b c"), 7), DK_T("t"), Words({DK_T("a")})},
-  };
-  for (const SplitCase& c : cases) {
-    const DKCommandLine cl(c.text);
-    EXPECT_EQ(cl.GetAppName(), DKString(c.appName)) << c.text;
-    EXPECT_EQ(cl.GetRawArgumentListVector(), c.arguments) << c.text;
+  for (const dkcases::Case& c : dkcases::Read("cmdline-split.txt", {"line", "program", "word"})) {
+    SCOPED_TRACE(c.where);
+    Lines arguments;
+    for (const std::string& word : c.All("word"))
+      arguments.push_back(dkcases::Units(word));
+    const DKCommandLine cl(dkcases::Units(c.Get("line")));
+    EXPECT_EQ(cl.GetAppName(), dkcases::Units(c.Get("program")));
+    EXPECT_EQ(cl.GetRawArgumentListVector(), arguments);
     // The owned vector holds the program name and the arguments, then a null pointer.
-    ASSERT_EQ(cl.GetArgCount(), c.arguments.size() + 1) << c.text;
+    ASSERT_EQ(cl.GetArgCount(), arguments.size() + 1);
     EXPECT_EQ(DKString(cl.GetArgValues()[0]), cl.GetAppName());
-    for (std::size_t i = 0; i < c.arguments.size(); ++i)
-      EXPECT_EQ(DKString(cl.GetArgValues()[i + 1]), c.arguments[i]);
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+      EXPECT_EQ(DKString(cl.GetArgValues()[i + 1]), arguments[i]);
     EXPECT_EQ(cl.GetArgValues()[cl.GetArgCount()], nullptr);
   }
   // SplitCommandLine has no program-name rule.

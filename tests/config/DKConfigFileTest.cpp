@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
+#include "text/DKCaseFile.h"
 
 #if !defined(_WIN32)
 #  include "support/DKPeakMemory.h"
@@ -36,7 +37,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
-const char* const kEofInKey = "unexpected EOF while parsing a key name of a configuration line";
 const char* const kNoOpeningBracket = "expecting a '[' at the beginning of a section";
 const char* const kEofInName = "unexpected EOF while parsing a section name";
 const char* const kAfterClosingBracket = "unexpected character after the closing ']' of a section name";
@@ -98,35 +98,6 @@ void ExpectStreamError(const std::function<void()>& read, const char* message) {
 // ---------------------------------------------------------------------------------------------
 // Reading
 
-// A text and its tree as Dump shows it: the saved bytes read back as the same tree. That a save
-// writes exactly the normal form of the README's rules, for these texts and many more (the
-// seeds of fuzz/corpus/config, '#' comments on and off), is the config fuzz target's property,
-// replayed under CTest.
-struct FileCase {
-  const char* text;
-  const char* tree;
-};
-
-TEST(DKConfigFileTextTest, ReadsTheTreeAndSavesItBack) {
-  const FileCase cases[] = {
-      {"[Main]\nk=v\n", "[Main] | k=v"},
-      // Key lines before the first header are not in the tree; their text is kept and written back.
-      {";note\nk=kept\n;block\n[Main]\n", "{;note\nk=kept\n} | ;block | [Main]"},
-      {"[A]\nk=\r a\rb \n", "[A] | k=ab"},
-      {"[A]\nno equals\nk=v\n", "[A] | no equals\nk=v"},
-      {"[A]\n;c1\n\n k=v\n;end\n", "[A] | ;c1 | ; | k=v | ;end | []"},
-      // Inside a key or a name that spans lines, each line end is one line feed.
-      {"x\r\n=1\r\ny\r=2\n[A]\n", "{x\n=1\ny\r=2\n} | [A]"},
-      {"[a\r\nb]\r\nk=v\n", "[a\nb] | k=v"},
-      {"\xEF\xBB\xBF[Gr\xC3\xBC\xC3\x9F""e]\nk=\xF0\x9F\x98\x80\n", "[Gr\xC3\xBC\xC3\x9F""e] | k=\xF0\x9F\x98\x80"},
-  };
-  for (const FileCase& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Dump(*FromBytes(c.text)), c.tree);
-    EXPECT_EQ(Dump(*FromBytes(ToBytes(*FromBytes(c.text)))), c.tree);
-  }
-}
-
 TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
   DKSmartPtr<DKConfigFile> file(new DKConfigFile());
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";");
@@ -141,24 +112,8 @@ TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
   EXPECT_EQ(ToBytes(*file), "#k=v\n[A]\n# indented\nk=v # not a comment\n");
 }
 
-// A text and what the loader notes about it: kind letter (M key over several lines, B key line
-// before the first header, H '#' line read as text, S header inside a key), first-last line.
-struct NoteCase {
-  const char* text;
-  bool hash;
-  const char* notes;
-};
-
-const NoteCase kNoteCases[] = {
-    {"[A]\nk=v\n;c\n", false, ""},
-    {"# comment\n# more\n[Unit]\nA=1\n", false, "H1 M1-4 B1-4 H2 S3"},
-    {"# comment\n# more\n[Unit]\nA=1\n", true, ""},
-    {"k=1\r\nj=2\r\n[A]\r\nx\r\n\r\ny=3", false, "B1 B2 M4-6"},
-    {"[A]\n  #k=v\n", false, "H2"},
-    {"[A]\nab\n=v\n", false, "M2-3"},
-    {"[a\nb]\nk=v\n", false, ""},
-};
-
+// What the loader noted: kind letter (M key over several lines, B key line before the first
+// header, H '#' line read as text, S header inside a key), first-last line.
 std::string Notes(const DKConfigFile& file) {
   std::string out;
   for (const DKConfigLoadNote& note : file.GetLoadNotes()) {
@@ -172,14 +127,55 @@ std::string Notes(const DKConfigFile& file) {
   return out;
 }
 
-TEST(DKConfigFileTextTest, LoadNotesSayWhatWasNotTakenAsSettings) {
-  for (const NoteCase& c : kNoteCases) {
-    SCOPED_TRACE(c.text);
-    DKSmartPtr<DKConfigFile> file(new DKConfigFile());
-    file->SetCommentMarkers(c.hash ? DK_T(";#") : DK_T(";"));
-    ASSERT_TRUE(file->ReloadFromBytes(c.text, std::strlen(c.text)));
-    EXPECT_EQ(Notes(*file), c.notes);
+std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
+
+const std::pair<const char*, int> kEncodingNames[] = {{"UTF-16 LE without BOM", DKConfigFile::Utf16LEWithoutBom},
+                                                      {"UTF-16 BE without BOM", DKConfigFile::Utf16BEWithoutBom}};
+
+// The texts of cases/read.txt: their trees, notes and encodings, or how they are refused (which
+// leaves the tree read before).
+TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
+  for (const dkcases::Case& c :
+       dkcases::Read("read.txt", {"text", "utf16", "hash", "tree", "notes", "encoding", "error", "refused"})) {
+    SCOPED_TRACE(c.where);
+    std::string bytes = dkcases::Bytes(c.Get("text"));
+    if (c.Has("utf16"))
+      bytes = Utf16NoMark(dkcases::Units(c.Get("text")).AsStdString(), c.Get("utf16") == "LE");
+    const auto file = FromBytes("[Kept]\nk=v\n");
+    file->SetCommentMarkers(c.Has("hash") ? DK_T(";#") : DK_T(";"));
+    if (c.Has("error")) {
+      ExpectStreamError([&] { file->ReloadFromBytes(bytes.data(), bytes.size()); }, c.Get("error").c_str());
+    } else if (c.Has("refused")) {
+      EXPECT_FALSE(file->ReloadFromBytes(bytes.data(), bytes.size()));
+      EXPECT_FALSE(file->GetLastErrorText().IsEmpty());
+      EXPECT_EQ(U8(file->GetLastErrorText()).substr(0, c.Get("refused").size()), c.Get("refused"));
+    }
+    if (c.Has("error") || c.Has("refused")) {
+      EXPECT_EQ(Dump(*file), "[Kept] | k=v");
+      continue;
+    }
+    ASSERT_TRUE(file->ReloadFromBytes(bytes.data(), bytes.size())) << U8(file->GetLastErrorText());
+    if (c.Has("tree")) {
+      EXPECT_EQ(Dump(*file), dkcases::Bytes(c.Get("tree")));
+      EXPECT_EQ(Dump(*FromBytes(ToBytes(*file))), dkcases::Bytes(c.Get("tree")));
+    }
+    if (c.Has("notes")) {
+      EXPECT_EQ(Notes(*file), c.Get("notes"));
+    }
+    for (const auto& [name, encoding] : kEncodingNames) {
+      if (c.Get("encoding", "") == name) {
+        EXPECT_EQ(file->GetEncoding(), encoding);
+        EXPECT_NE(file->GetSectionCount(), 0u);
+        EXPECT_EQ(ToBytes(*file), bytes);
+      }
+    }
   }
+  const auto file = FromBytes(Utf16NoMark(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true));
+  EXPECT_EQ(U8(file->GetString(DK_T("GR\u00DC\u00DFE"), DK_T("K"))), "\xE4\xB8\x80 v");
+  EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
+}
+
+TEST(DKConfigFileTextTest, LoadNotesAreCountedAndTextNotTakenIsKept) {
   EXPECT_EQ(U8(DKConfigLoadNote{DKConfigLoadNote::KeyOverSeveralLines, 4, 6}.GetText()).substr(0, 11), "lines 4-6: ");
   EXPECT_EQ(U8(DKConfigLoadNote{DKConfigLoadNote::HashLineAsText, 2, 2}.GetText()).substr(0, 8), "line 2: ");
 
@@ -203,32 +199,6 @@ struct TextCase {
   const char* expected;
 };
 
-const TextCase kErrorCases[] = {
-    {"[Main]", kEofInName},
-    {"[A]\nk=v\n[Main]", kEofInName},
-    {"[Main", kEofInName},
-    {"[", kEofInName},
-    {"[Main] x\n", kAfterClosingBracket},
-    {"[Main]]\n", kAfterClosingBracket},
-    {"[A]\nkey without equals", kEofInKey},
-    {"[A]\nk=v\nlast line\n", kEofInKey},
-};
-
-TEST(DKConfigFileReadTest, BadTextIsRefusedAndKeepsTheTree) {
-  const auto file = FromBytes("[Kept]\nk=v\n");
-  for (const TextCase& c : kErrorCases) {
-    SCOPED_TRACE(c.text);
-    ExpectStreamError([&] { file->ReloadFromBytes(c.text, std::strlen(c.text)); }, c.expected);
-    EXPECT_EQ(Dump(*file), "[Kept] | k=v");
-  }
-  // Bytes that do not decode give false and an error text.
-  for (const std::string& bytes : {"[A]\nk=\xE9t\xE9\n"s, "\xFF\xFE[\0A"s, "[A]\nk=\xED\xA0\x80\n"s}) {
-    EXPECT_FALSE(file->ReloadFromBytes(bytes.data(), bytes.size()));
-    EXPECT_FALSE(file->GetLastErrorText().IsEmpty());
-    EXPECT_EQ(Dump(*file), "[Kept] | k=v");
-  }
-}
-
 TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
   const DKStdString text = DK_T("[Stra\u00DFe]\r\nk=\U0001F600 \u20AC\r\n");
   for (const bool little : {true, false}) {
@@ -246,51 +216,6 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
   file->SetEncoding(DKConfigFile::Utf16BE);
   file->SetLineEnd(DKConfigFile::LineEndCRLF);
   EXPECT_EQ(ToBytes(*file), Utf16(DK_T("[A]\r\nk=v\r\n"), false));
-}
-
-std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
-
-// Bytes without a byte-order mark: the encoding read, or the start of the error text.
-struct EncodingCase {
-  std::string bytes;
-  int encoding; // -1: refused
-  const char* error;
-};
-
-TEST(DKConfigFileReadTest, TextWithoutAByteOrderMarkIsReadAsItsNulBytesSayOrRefused) {
-  const DKStdString text = DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n");
-  const EncodingCase cases[] = {
-      {Utf16NoMark(text, true), DKConfigFile::Utf16LEWithoutBom, nullptr},
-      {Utf16NoMark(text, false), DKConfigFile::Utf16BEWithoutBom, nullptr},
-      {Utf16NoMark(DK_T("[A]\nk=v\n"), false), DKConfigFile::Utf16BEWithoutBom, nullptr},
-      {Utf16NoMark(DK_T("[A]\nk=v\n"), true) + "x", -1, "the text looks like UTF-16 LE without a byte-order mark, but ends"},
-      {Utf16NoMark(DK_T("[A]\nk=v\n"), false).substr(1), -1, "the text looks like UTF-16 LE"},
-      {"[\0\0\0A\0\0\0]\0\0\0\n\0\0\0"s, -1, "the text looks like UTF-32 LE"},
-      {"\0\0\0[\0\0\0A\0\0\0]\0\0\0\n"s, -1, "the text looks like UTF-32 BE"},
-      {"\xFF\xFE\0\0[\0\0\0"s, -1, "the text is UTF-32"},
-      // U+00E9 and U+4E00 put NUL bytes on both sides, in the plain proportions of UTF-16.
-      {"[\0A\0]\0\n\0k\0=\0\xE9\0\0\x4E\n\0"s, DKConfigFile::Utf16LEWithoutBom, nullptr},
-      // NUL bytes on both sides: no text of a configuration file.
-      {"[A]\nk=a\0\0b\n"s, -1, "the text holds NUL bytes (1 at even offsets, 1 at odd ones): it is not UTF-8, nor plainly UTF-16"},
-      {"\xEF\xBB\xBF[\0A\0]\0\n\0"s, -1, "the text holds NUL bytes after a UTF-8 byte-order mark"},
-  };
-  for (const EncodingCase& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.bytes));
-    const auto file = FromBytes("[Kept]\n");
-    if (c.encoding < 0) {
-      EXPECT_FALSE(file->ReloadFromBytes(c.bytes.data(), c.bytes.size()));
-      EXPECT_EQ(U8(file->GetLastErrorText()).substr(0, std::strlen(c.error)), c.error);
-      EXPECT_EQ(Dump(*file), "[Kept]");
-      continue;
-    }
-    ASSERT_TRUE(file->ReloadFromBytes(c.bytes.data(), c.bytes.size())) << U8(file->GetLastErrorText());
-    EXPECT_EQ(file->GetEncoding(), c.encoding);
-    EXPECT_NE(file->GetSectionCount(), 0u);
-    EXPECT_EQ(ToBytes(*file), c.bytes);
-  }
-  const auto file = FromBytes(Utf16NoMark(text, true));
-  EXPECT_EQ(U8(file->GetString(DK_T("GR\u00DC\u00DFE"), DK_T("K"))), "\xE4\xB8\x80 v");
-  EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -925,42 +850,19 @@ TEST_F(DKConfigFileDiskTest, KilledSave2LeavesTheOldOrTheNewFile) {
 // ---------------------------------------------------------------------------------------------
 // DKConfig: read-only look-ups straight from the file
 
+// The look-ups of cases/lookup.txt.
 TEST_F(DKConfigFileDiskTest, DKConfigSearchesTheFileLineByLine) {
-  struct Case {
-    std::string text;
-    const DKChar* section;
-    const DKChar* key;
-    const char* value; // null: not found
-  };
-  const Case cases[] = {
-      {"[Main]\nKey=Value\n", DK_T("main"), DK_T("KEY"), "Value"},
-      {"[Main]\nkey = a b \t  c\n", DK_T("Main"), DK_T("key"), "a b c"},
-      {"[Main]\nkey=a=b c\n", DK_T("Main"), DK_T("key"), "a b c"},
-      {"[Main]\nkey=x y=z\n", DK_T("Main"), DK_T("key"), "x y=z"},
-      {"[Main]\nkey=\n", DK_T("Main"), DK_T("key"), ""},
-      {"[Main]\n;key=commented\nkey=real\n", DK_T("Main"), DK_T("key"), "real"},
-      {"[Main]\nother=1\n[Next]\nkey=2\n", DK_T("Main"), DK_T("key"), nullptr},
-      {"[Main]\nother=1\n  [Next]\nkey=2\n", DK_T("Main"), DK_T("key"), nullptr},
-      {"[Main]\nkey=1\n[Main]\nextra=2\n", DK_T("Main"), DK_T("extra"), nullptr},
-      {"key=top\n[Main]\n", DK_T("Main"), DK_T("key"), nullptr},
-      {" [Main]\nkey=1\n", DK_T("Main"), DK_T("key"), nullptr},
-      {"[main] trailing\nkey=1", DK_T("MAIN"), DK_T("key"), "1"},
-      {"[Main]\r\n\r\n  key\t=\tv\r\n", DK_T("Main"), DK_T("key"), "v"},
-      {"\xEF\xBB\xBF[Main]\nkey=\xE2\x82\xAC\n", DK_T("Main"), DK_T("key"), "\xE2\x82\xAC"},
-      {Utf16(DK_T("[Main]\r\nkey=\u00E9t\u00E9\r\n"), true), DK_T("MAIN"), DK_T("key"), "\xC3\xA9t\xC3\xA9"},
-      {Utf16(DK_T("[Main]\r\nkey=\u00E9t\u00E9\r\n"), false), DK_T("MAIN"), DK_T("key"), "\xC3\xA9t\xC3\xA9"},
-      {"[Main]\nmy key=1\n", DK_T("Main"), DK_T("my key"), nullptr},
-      {"[Main]\nkey=" + std::string(300, 'x') + "\nnext=1\n", DK_T("Main"), DK_T("next"), "1"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    const DKConfig config(Put(c.text));
+  for (const dkcases::Case& c : dkcases::Read("lookup.txt", {"text", "utf16", "lookup"})) {
+    SCOPED_TRACE(c.where);
+    const DKString text = dkcases::Units(c.Get("text"));
+    const DKConfig config(Put(c.Has("utf16") ? Utf16(text.AsStdString(), c.Get("utf16") == "LE") : dkcases::Bytes(c.Get("text"))));
     ASSERT_TRUE(config.IsOpen());
+    const dkcases::Lookup lookup = dkcases::ReadLookup(c.Get("lookup"));
     DKString value;
-    const bool found = config.Find(c.section, c.key, value);
-    EXPECT_EQ(found, c.value != nullptr);
-    EXPECT_EQ(found ? U8(value) : "", c.value ? c.value : "");
-    EXPECT_EQ(U8(config.GetString(c.section, c.key, DK_T("dflt"))), c.value ? c.value : "dflt");
+    const bool found = config.Find(lookup.section, lookup.key, value);
+    EXPECT_EQ(found, lookup.value.has_value());
+    EXPECT_EQ(found ? value : DKString(), lookup.value.value_or(DKString()));
+    EXPECT_EQ(config.GetString(lookup.section, lookup.key, DK_T("dflt")), lookup.value.value_or(DK_T("dflt")));
   }
 }
 

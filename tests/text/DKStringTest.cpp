@@ -6,8 +6,10 @@
 
 #include "support/DKPoolLeakCheck.h"
 #include "support/DKTestSupport.h"
+#include "text/DKCaseFile.h"
 
 #include <atomic>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -156,92 +158,48 @@ TEST_F(DKStringTest, EveryAppendingFormGrowsGeometrically) {
   }
 }
 
-struct RemoveCase {
-  const DKChar* text;
-  std::size_t pos, count;
-  const DKChar* expected;
-};
+std::size_t Position(const std::string& text) { return text == "npos" ? npos : std::stoull(text); }
 
-TEST_F(DKStringTest, RemoveAndSubStr) {
-  const RemoveCase removes[] = {
-      {DK_T("abcd"), 0, npos, DK_T("")},  {DK_T("abcd"), 2, npos, DK_T("ab")}, {DK_T("abcd"), 1, 2, DK_T("ad")}, {DK_T("abcd"), 4, 1, DK_T("abcd")},
-      {DK_T("abcd"), 1, 0, DK_T("abcd")}, {DK_T("abcd"), 3, 9, DK_T("abc")}, {DK_T(""), 0, 1, DK_T("")},
-  };
-  for (const RemoveCase& c : removes) {
-    DKString s(c.text);
-    s.Remove(c.pos, c.count);
-    EXPECT_EQ(s, S(c.expected)) << "Remove(" << c.pos << ", " << c.count << ")";
+// The cuts of cases/string-cuts.txt: Remove, SubStr, Replace, LTrim and RTrim.
+TEST_F(DKStringTest, CutsOfTheCaseFile) {
+  for (const dkcases::Case& c : dkcases::Read("string-cuts.txt", {"text", "remove", "substr", "replace", "with", "count",
+                                                                    "ltrim char", "rtrim char", "ltrim set", "rtrim set",
+                                                                    "start", "expected"})) {
+    SCOPED_TRACE(c.where);
+    DKString s = dkcases::Units(c.Get("text"));
+    std::istringstream range(c.Get("remove", c.Get("substr", "")));
+    std::string pos, count;
+    range >> pos >> count;
+    if (c.Has("remove"))
+      s.Remove(Position(pos), Position(count));
+    if (c.Has("substr"))
+      s = s.SubStr(Position(pos), Position(count));
+    if (c.Has("replace")) {
+      EXPECT_EQ(s.Replace(dkcases::Units(c.Get("replace")).c_str(), dkcases::Units(c.Get("with")).c_str()), Position(c.Get("count")));
+    }
+    const std::size_t start = Position(c.Get("start", "npos"));
+    const DKString set = dkcases::Units(c.Get("ltrim set", c.Get("rtrim set", "")));
+    const DKChar ch = dkcases::Units(c.Get("ltrim char", c.Get("rtrim char", "?")))[0];
+    if (c.Has("ltrim char"))
+      s.LTrim(ch, start);
+    if (c.Has("rtrim char"))
+      s.RTrim(ch, start);
+    if (c.Has("ltrim set"))
+      s.LTrim(set.c_str(), start);
+    if (c.Has("rtrim set"))
+      s.RTrim(set.c_str(), start);
+    EXPECT_EQ(s, dkcases::Units(c.Get("expected")));
   }
-  const RemoveCase subs[] = {
-      {DK_T("abcd"), 1, 2, DK_T("bc")},  {DK_T("abcd"), 1, npos, DK_T("bcd")}, {DK_T("abcd"), 2, 99, DK_T("cd")},
-      {DK_T("abcd"), 4, 1, DK_T("")},    {DK_T("abcd"), 0, 0, DK_T("")},       {DK_T("abcd"), 9, npos, DK_T("")},
-  };
-  for (const RemoveCase& c : subs)
-    EXPECT_EQ(S(c.text).SubStr(c.pos, c.count), S(c.expected)) << "SubStr(" << c.pos << ", " << c.count << ")";
+  // Null texts to find or to put in: nothing is found, or what is found is removed.
+  DKString s(DK_T("abcabc"));
+  EXPECT_EQ(s.Replace(DK_T("abc"), nullptr), 2u);
+  EXPECT_EQ(s, S(DK_T("")));
+  s = DK_T("abc");
+  EXPECT_EQ(s.Replace(nullptr, DK_T("x")), 0u);
+  EXPECT_EQ(s, S(DK_T("abc")));
+  EXPECT_EQ(S(DK_T("  both  ")).Trim(), S(DK_T("both")));
   DKString whole(DK_T("whole"));
   EXPECT_EQ(whole.SubStr(0).GetData(), whole.GetData()); // the whole text shares the block
-}
-
-struct ReplaceCase {
-  const DKChar* text;
-  const DKChar* find;
-  const DKChar* repl;
-  const DKChar* expected;
-  std::size_t count;
-};
-
-TEST_F(DKStringTest, Replace) {
-  const ReplaceCase cases[] = {
-      {DK_T("aa"), DK_T("a"), DK_T("aa"), DK_T("aaaa"), 2},          {DK_T("hello world"), DK_T("o"), DK_T("0"), DK_T("hell0 w0rld"), 2},
-      {DK_T("abcabc"), DK_T("abc"), DK_T(""), DK_T(""), 2},           {DK_T("abcabc"), DK_T("abc"), nullptr, DK_T(""), 2},
-      {DK_T("abc"), DK_T(""), DK_T("x"), DK_T("abc"), 0},             {DK_T("abc"), nullptr, DK_T("x"), DK_T("abc"), 0},
-      {DK_T("aaa"), DK_T("aa"), DK_T("b"), DK_T("ba"), 1},            {DK_T("xyz"), DK_T("q"), DK_T("r"), DK_T("xyz"), 0},
-      {DK_T("one two"), DK_T("two"), DK_T("three"), DK_T("one three"), 1},
-  };
-  for (const ReplaceCase& c : cases) {
-    DKString s(c.text);
-    EXPECT_EQ(s.Replace(c.find, c.repl), c.count) << DKString(c.text).AsUTF8();
-    EXPECT_EQ(s, S(c.expected)) << DKString(c.text).AsUTF8();
-  }
-}
-
-struct TrimCase {
-  bool right; // RTrim, else LTrim
-  const DKChar* text;
-  DKChar ch;
-  const DKChar* set; // used instead of ch when not null
-  std::size_t start;
-  const DKChar* expected;
-};
-
-TEST_F(DKStringTest, TrimRules) {
-  const TrimCase cases[] = {
-      {false, DK_T("ab  cd"), DK_T(' '), nullptr, 2, DK_T("cd")}, // characters before start go whatever they are
-      {false, DK_T("  ab"), DK_T(' '), nullptr, 0, DK_T("ab")},     {false, DK_T("ab"), DK_T(' '), nullptr, 0, DK_T("ab")},
-      {false, DK_T("aaa"), DK_T('a'), nullptr, 0, DK_T("")},        {false, DK_T("abc"), DK_T('c'), nullptr, 9, DK_T("")}, // past the end: last char
-      {false, DK_T("abc"), DK_T('x'), nullptr, 9, DK_T("c")},       {false, DK_T(""), DK_T(' '), nullptr, 0, DK_T("")},
-      {false, DK_T("abc"), 0, DK_T(" "), 10, DK_T("")},             // start past the end empties the string
-      {false, DK_T("abc"), 0, DK_T(""), 10, DK_T("")},              {false, DK_T("abc"), 0, DK_T(""), 0, DK_T("abc")},
-      {false, DK_T(" \tx "), 0, DK_T(" \t"), 0, DK_T("x ")},        {false, DK_T("xy  z"), 0, DK_T(" "), 2, DK_T("z")},
-      {false, DK_T("   "), 0, DK_T(" "), 0, DK_T("")},              {false, DK_T("abc"), 0, DK_T("x"), 0, DK_T("abc")},
-      {true, DK_T("axxb"), DK_T('x'), nullptr, 1, DK_T("axx")},     // counts from start, removes from the end
-      {true, DK_T("abxx"), DK_T('x'), nullptr, npos, DK_T("ab")},   {true, DK_T("abxx"), DK_T('x'), nullptr, 2, DK_T("abx")}, // one 'x' at or below start
-      {true, DK_T("abxx"), DK_T('x'), nullptr, 1, DK_T("abxx")},    {true, DK_T("xxx"), DK_T('x'), nullptr, npos, DK_T("")},
-      {true, DK_T(""), DK_T('x'), nullptr, npos, DK_T("")},         {true, DK_T("ab  "), 0, DK_T(" "), npos, DK_T("ab")},
-      {true, DK_T("ab c "), 0, DK_T(" "), 2, DK_T("ab")},           // also after start
-      {true, DK_T("   "), 0, DK_T(" "), npos, DK_T("")},            {true, DK_T("abc"), 0, DK_T(""), npos, DK_T("abc")},
-      {true, DK_T("abc"), 0, DK_T("x"), npos, DK_T("abc")},         {true, DK_T("a \t"), 0, DK_T(" \t"), npos, DK_T("a")},
-  };
-  for (const TrimCase& c : cases) {
-    DKString s(c.text);
-    if (c.set)
-      c.right ? s.RTrim(c.set, c.start) : s.LTrim(c.set, c.start);
-    else
-      c.right ? s.RTrim(c.ch, c.start) : s.LTrim(c.ch, c.start);
-    EXPECT_EQ(s, S(c.expected)) << (c.right ? "R" : "L") << "Trim of '" << DKString(c.text).AsUTF8() << "' from " << c.start;
-  }
-  DKString t(DK_T("  both  "));
-  EXPECT_EQ(t.Trim(), S(DK_T("both")));
 }
 
 struct FindCase {
