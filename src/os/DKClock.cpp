@@ -142,10 +142,12 @@ Offset CachedOffset(std::int64_t utcSeconds) {
 }
 
 // The rule the local zone follows in place of the system's, read on first use and again after
-// a reload. Never destroyed: clocks are read late at exit too.
+// a reload. Never destroyed: clocks are read late at exit too. Its state lives apart, so that
+// the common answer (no rule) costs one atomic read and no call.
+enum RuleState { RuleUnknown, RuleNone, RuleHeld };
+std::atomic<int> g_ruleState{RuleUnknown};
+
 struct ZoneRule {
-  enum State { Unknown, None, Held };
-  std::atomic<int> state{Unknown};
   std::mutex lock;
   std::shared_ptr<const DKTzRule> rule;
 };
@@ -155,13 +157,10 @@ ZoneRule& TheRule() noexcept {
   return *rule;
 }
 
-// The rule in force, or null for the system's zone. Without one, asking costs one atomic read.
-std::shared_ptr<const DKTzRule> CurrentRule() noexcept {
+[[gnu::noinline]] std::shared_ptr<const DKTzRule> ReadRule() noexcept {
   ZoneRule& zone = TheRule();
-  if (zone.state.load(std::memory_order_acquire) == ZoneRule::None)
-    return nullptr;
   std::lock_guard guard(zone.lock);
-  if (zone.state.load(std::memory_order_relaxed) == ZoneRule::Unknown) {
+  if (g_ruleState.load(std::memory_order_relaxed) == RuleUnknown) {
     zone.rule.reset();
     try {
       std::string text;
@@ -171,9 +170,16 @@ std::shared_ptr<const DKTzRule> CurrentRule() noexcept {
     } catch (...) { // no memory to read it: the system's zone
       zone.rule.reset();
     }
-    zone.state.store(zone.rule ? ZoneRule::Held : ZoneRule::None, std::memory_order_release);
+    g_ruleState.store(zone.rule ? RuleHeld : RuleNone, std::memory_order_release);
   }
   return zone.rule;
+}
+
+// The rule in force, or null for the system's zone.
+inline std::shared_ptr<const DKTzRule> CurrentRule() noexcept {
+  if (g_ruleState.load(std::memory_order_acquire) == RuleNone)
+    return nullptr;
+  return ReadRule();
 }
 
 // Whether an instant or reading lies within the years a zone is asked about; beyond them the
@@ -182,9 +188,12 @@ constexpr bool IsNear(std::int64_t seconds) noexcept { return seconds == WithinF
 
 } // namespace
 
-int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
+namespace {
+
+// The local offset at an instant, under the rule in force (null: the system's zone).
+int OffsetAt(const DKTzRule* rule, std::int64_t utcSeconds, bool* daylight = nullptr) noexcept {
   Offset offset;
-  if (const auto rule = CurrentRule()) {
+  if (rule) {
     offset = {rule->StandardOffset(), false};
     if (IsNear(utcSeconds))
       offset.seconds = rule->OffsetAt(utcSeconds, &offset.daylight);
@@ -199,6 +208,12 @@ int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
   if (daylight)
     *daylight = offset.daylight;
   return offset.seconds;
+}
+
+} // namespace
+
+int DKClock::LocalOffsetAt(std::int64_t utcSeconds, bool* daylight) noexcept {
+  return OffsetAt(CurrentRule().get(), utcSeconds, daylight);
 }
 
 int DKClock::LocalStandardOffset() noexcept {
@@ -217,7 +232,7 @@ void DKClock::ReloadZone() noexcept {
   {
     std::lock_guard guard(zone.lock);
     zone.rule.reset();
-    zone.state.store(ZoneRule::Unknown, std::memory_order_release);
+    g_ruleState.store(RuleUnknown, std::memory_order_release);
   }
   g_generation.fetch_add(1, std::memory_order_relaxed);
 }
@@ -227,22 +242,23 @@ std::int64_t DKClock::UtcToLocal(std::int64_t utcSeconds) noexcept {
 }
 
 std::int64_t DKClock::LocalToUtc(std::int64_t wallSeconds) noexcept {
+  const auto rule = CurrentRule();
   if (!IsNear(wallSeconds)) // out there the offset never changes
-    return SaturatingAdd(wallSeconds, -std::int64_t{LocalOffsetAt(wallSeconds)});
-  if (const auto rule = CurrentRule())
+    return SaturatingAdd(wallSeconds, -std::int64_t{OffsetAt(rule.get(), wallSeconds)});
+  if (rule)
     return rule->ToUtc(wallSeconds);
   // The instant lies within a day of the reading whatever the zone. When the offset is the
   // same a day before and a day after, no change of offset lies in between (zones change at
   // most once in two days).
   constexpr std::int64_t day = 86400;
-  const int early = LocalOffsetAt(wallSeconds - day);
-  const int late = LocalOffsetAt(wallSeconds + day);
+  const int early = OffsetAt(nullptr, wallSeconds - day);
+  const int late = OffsetAt(nullptr, wallSeconds + day);
   if (early == late)
     return wallSeconds - early;
   const std::int64_t beforeChange = wallSeconds - early;
   const std::int64_t afterChange = wallSeconds - late;
-  const bool beforeValid = LocalOffsetAt(beforeChange) == early;
-  const bool afterValid = LocalOffsetAt(afterChange) == late;
+  const bool beforeValid = OffsetAt(nullptr, beforeChange) == early;
+  const bool afterValid = OffsetAt(nullptr, afterChange) == late;
   if (beforeValid && afterValid)
     return std::min(beforeChange, afterChange); // the reading occurs twice: the earlier one
   if (beforeValid)
