@@ -2,6 +2,7 @@
 #include <DorvikCore/DKTrace.h>
 
 #include "AppTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <array>
 #include <cstdlib>
@@ -51,7 +52,7 @@ TEST_F(DKApplicationTest, DefaultsToTraceLevel1WithTheConsoleAndBecomesTheTraceP
   EXPECT_EQ(Console(), "to the console\nnormal\ndetailed now\n");
 }
 
-TEST_F(DKApplicationTest, TraceOptionSetsTheLevel) {
+TEST_F(DKApplicationTest, TraceOptionSetsTheLevelAndSetTraceLevelChangesEverySubscriber) {
   const struct {
     const char* option;
     std::uint32_t level;
@@ -62,9 +63,7 @@ TEST_F(DKApplicationTest, TraceOptionSetsTheLevel) {
     EXPECT_EQ(app.GetTraceLevel(), c.level) << c.option;
     EXPECT_EQ(GlbGetTraceLevel(), c.level) << c.option;
   }
-}
-
-TEST_F(DKApplicationTest, TraceZeroSilencesTheConsoleAndSetTraceLevelChangesEverySubscriber) {
+  // Level 0 silences a passed subscriber until the level is raised.
   DKSmartPtr<Recorder> recorder(new Recorder);
   DKApplication app(DKString(DK_T("prog /trace:0")), recorder.Get());
   app.GetCout(1) << "silent" << std::endl;
@@ -124,20 +123,19 @@ TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritable
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "line"), 1) << "the console is added once too: " << Console();
 }
 
-TEST_F(DKApplicationTest, ConfigurationBesideTheProgramGivesTheTemporaryDirectoryAndErrorLog) {
+TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDirectory) {
   ScratchDir dir;
   fs::create_directory(dir / "debug");
   WriteWholeFile(dir / "prog.ini", "[DKORE]\nDebugPath=" + dir / "debug" + "\n[Other]\nkey=value\n");
-  DKApplication app(Text(dir / "prog.exe"));
-  ASSERT_TRUE(app.GetConfigFile());
-  EXPECT_EQ(app.GetConfigFile()->GetString(DK_T("other"), DK_T("KEY")), DKString(DK_T("value")));
-  EXPECT_EQ(app.GetTmpDirectory().AsUTF8(), dir / "debug");
-  const std::string errorLog = DKApplication::GetLogManager().GetErrorLogFile().AsUTF8();
-  EXPECT_EQ(errorLog, (fs::path(dir / "debug") / "DorvikCoreAppTests-ERROR.LOG").string());
-}
-
-TEST_F(DKApplicationTest, ConfigurationInTheWorkingDirectoryIsFoundByName) {
-  ScratchDir dir;
+  {
+    DKApplication app(Text(dir / "prog.exe"));
+    ASSERT_TRUE(app.GetConfigFile());
+    EXPECT_EQ(app.GetConfigFile()->GetString(DK_T("other"), DK_T("KEY")), DKString(DK_T("value")));
+    EXPECT_EQ(app.GetTmpDirectory().AsUTF8(), dir / "debug");
+    const std::string errorLog = DKApplication::GetLogManager().GetErrorLogFile().AsUTF8();
+    EXPECT_EQ(errorLog, (fs::path(dir / "debug") / "DorvikCoreAppTests-ERROR.LOG").string());
+  }
+  // Not beside the program: found by name in the working directory.
   WriteWholeFile(dir / "prog.ini", "[DKORE]\n");
   const fs::path previous = fs::current_path();
   fs::current_path(dir.Path());
@@ -227,30 +225,9 @@ TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnes) {
   std::vector<std::string> lines = SplitLines(out.str());
   for (std::string& line : lines) // the padding to the screen's width is the layout's business
     line.erase(line.find_last_not_of(' ') + 1);
-  const std::string stars(78, '*');
-  const std::string indent(25, ' ');
-  const std::vector<std::string> expected{
-      stars,
-      stars,
-      "USAGE: prog. [options list]",
-      stars,
-      "Options list:",
-      "   /config:{filename}    Force the application to use a specific config file.",
-      indent + "If this option is ommited, then a config file which",
-      indent + "has the same file name than the application (+.ini)",
-      indent + "will be loaded.",
-      "   /trace:{tracelevel}   Set the trace level of the application. 0-Silent,",
-      indent + "1-Normal, 2-Maximum.",
-      "   /consoleToFile[:filename]",
-      indent + "Redirect the console to the specified file. If no",
-      indent + "filename is specified, then the application filename",
-      indent + "with the .log extension will be used.",
-      "   /noConsole            When used with /consoleToFile option, this option will",
-      indent + "prevent the display to the console. Display will only",
-      indent + "be redirected to the log file.",
-      "Custom part:",
-      "   /custom               A custom option.",
-  };
+  std::vector<std::string> expected;
+  for (const dktest::CaseLine& line : dktest::ReadCases(fs::path(DK_APP_CASES) / "usage_screen.txt", 1))
+    expected.push_back(line[0]);
   EXPECT_EQ(lines, expected) << out.str();
 }
 

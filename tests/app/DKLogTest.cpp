@@ -1,4 +1,5 @@
 #include "AppTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <DorvikCore/DKTimeZone.h>
 
@@ -216,22 +217,11 @@ TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
   EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m")));
   log.SetTimeZone(DKLogger::TimeZone::Utc);
   const Clock::time_point when = At(1709251199123); // 2024-02-29T23:59:59.123Z
-  const struct {
-    const DKChar* pattern;
-    DKLogSeverity severity;
-    std::string message, line;
-  } cases[] = {
-      {DK_T("%t %s %m"), DKLogSeverity::Info, "hello", "2024-02-29T23:59:59.123Z INFO hello"},
-      {DK_T("[%c] %s: %m"), DKLogSeverity::Warning, "disk low\n", "[LogTest] WARNING: disk low"},
-      {DK_T("%s|%m|"), DKLogSeverity::Trace, "two\n\n", "TRACE|two\n|"},
-      {DK_T("%%t %m%"), DKLogSeverity::Error, "x", "%t x%"},
-      {DK_T("%x%q %m %"), DKLogSeverity::Debug, "y", "%x%q y %"},
-      {DK_T(""), DKLogSeverity::Error, "bare", "bare"},
-      {DK_T("caf\u00E9 %m"), DKLogSeverity::Info, "\xC3\xA9t\xC3\xA9", "caf\xC3\xA9 \xC3\xA9t\xC3\xA9"},
-  };
-  for (const auto& c : cases) {
-    log.SetPattern(c.pattern);
-    EXPECT_EQ(log.FormatLine(c.severity, c.message, when), c.line) << DKString(c.pattern).AsUTF8();
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_patterns.txt", 4)) {
+    DKLogSeverity severity = DKLogSeverity::Info;
+    ASSERT_TRUE(DKLogSeverityFromName(c[1], severity)) << c.where;
+    log.SetPattern(Text(c[0]));
+    EXPECT_EQ(log.FormatLine(severity, c[2], when), c[3]) << c.where;
   }
   log.SetPattern(DK_T("%T"));
   EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(dktest::CurrentThreadId()));

@@ -1,6 +1,7 @@
 // The test menu: adding, unattended and interactive runs, adding while a run goes on, and the
 // plug-in application's main menu.
 #include "AppTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKException.h>
@@ -120,53 +121,33 @@ TEST(DKUnitTestAdd, RefusesWhatWouldMakeAPathAmbiguousAndKeepsWhatWasThere) {
   EXPECT_TRUE(tree.main.AddTest(DK_T("A"), again).Good()) << "the name is free again";
 }
 
+// Runs the tree on the input: the tests run (names separated by blanks), how many failed, how
+// many prompts were shown, and a part of the output.
+void ExpectInteractive(const std::string& label, const std::string& input, const std::string& ran,
+                       std::int64_t failed, std::int64_t prompts, const std::string& shown) {
+  Tree tree;
+  std::istringstream in(input);
+  std::ostringstream out;
+  const DKUnitTest::Result result = tree.main.RunInteractive(in, out);
+  std::string names;
+  for (const std::string& name : tree.ran)
+    names += (names.empty() ? "" : " ") + name;
+  EXPECT_EQ(names, ran) << label;
+  EXPECT_EQ(result.Total(), tree.ran.size()) << label;
+  EXPECT_EQ(result.failed, static_cast<std::size_t>(failed)) << label;
+  const std::string text = out.str();
+  std::int64_t shownPrompts = 0;
+  for (auto at = text.find("Choice: "); at != std::string::npos; at = text.find("Choice: ", at + 1))
+    ++shownPrompts;
+  EXPECT_EQ(shownPrompts, prompts) << label;
+  EXPECT_NE(text.find(shown), std::string::npos) << label << "\n" << text.substr(0, 2000);
+}
+
 TEST(DKUnitTestInteractive, ChoicesRunTestsOpenScopesAndLeave) {
-  const struct {
-    std::string input;
-    std::vector<std::string> ran;
-    std::size_t failed;
-    std::size_t prompts;
-    const char* shown; // a part of the output
-  } cases[] = {
-      {"1\n0\n", {"A"}, 0, 2, "== Main ==\n  1. A\n  2. Sub >\n  a. Run all\n  0. Quit\nChoice: PASS Main/A\n"},
-      {"2\n1\n0\n1\n0\n",
-       {"B", "A"},
-       1,
-       5,
-       "== Main/Sub ==\n  1. B\n  2. Inner >\n  a. Run all\n  0. Back\n  q. Quit\n"},
-      {"2\na\nq\n", {"B", "C"}, 1, 3, "Main/Sub: 2 run, 1 passed, 1 failed"},
-      {"2\n2\nq\n1\n", {}, 0, 3, "== Main/Sub/Inner =="},
-      {"2\n2\n", {}, 0, 3, "Choice: \n"}, // the end of input at depth leaves every level
-      {"2\n2\n1", {"C"}, 0, 4, "PASS Main/Sub/Inner/C"},
-      {"0\n1\n", {}, 0, 1, ""},
-      {" \t1 \r\n", {"A"}, 0, 2, ""},
-      {"\n\r\n", {}, 0, 3, ""},
-      {"x\n-1\n+1\n\x01\xff\n", {}, 0, 5, "Invalid choice \"??\": type a number from the menu, a, 0.\n"},
-      {"3\n2\n", {}, 0, 3, "Invalid choice 3: choose 1 to 2.\n"},
-      {"2\n99999999999999999999\n", {}, 0, 3, "Invalid choice 99999999999999999999: choose 1 to 2.\n"},
-      {std::string(65, '1') + "\n" + std::string(1 << 20, '7'),
-       {},
-       0,
-       3,
-       "Invalid choice: the line is longer than 64 characters.\n"},
-      {std::string(63, ' ') + "1\r\n", {"A"}, 0, 2, ""},
-  };
-  for (const auto& c : cases) {
-    Tree tree;
-    std::istringstream in(c.input);
-    std::ostringstream out;
-    const DKUnitTest::Result result = tree.main.RunInteractive(in, out);
-    const auto label = "case " + std::to_string(&c - cases);
-    EXPECT_EQ(tree.ran, c.ran) << label;
-    EXPECT_EQ(result.Total(), c.ran.size()) << label;
-    EXPECT_EQ(result.failed, c.failed) << label;
-    const std::string shown = out.str();
-    std::size_t prompts = 0;
-    for (auto at = shown.find("Choice: "); at != std::string::npos; at = shown.find("Choice: ", at + 1))
-      ++prompts;
-    EXPECT_EQ(prompts, c.prompts) << label;
-    EXPECT_NE(shown.find(c.shown), std::string::npos) << label << "\n" << shown.substr(0, 2000);
-  }
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "unittest_menu.txt", 5))
+    ExpectInteractive(c.where, c[0], c[1], c.Int(2), c.Int(3), c[4]);
+  ExpectInteractive("an overlong line", std::string(65, '1') + "\n" + std::string(1 << 20, '7'), "", 0, 3,
+                    "Invalid choice: the line is longer than 64 characters.\n");
 }
 
 TEST(DKUnitTestInteractive, StopsWhenAskedAndSurvivesAClearOfAnOpenScope) {

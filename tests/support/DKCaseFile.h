@@ -1,10 +1,11 @@
 // Tables of test cases kept in data files: one case a line, its fields separated by " | ";
 // blank lines and lines starting with '#' are skipped. A field is trimmed, unless it is written
-// in double quotes, which keep its blanks and read the escapes \t and \\.
+// in double quotes, which keep its blanks and read the escapes \t, \n, \r, \\ and \xHH (a byte).
 // A line with the wrong number of fields, a bad escape and a file without a case all throw, so
 // that the driver test fails loudly instead of passing on nothing.
 #pragma once
 
+#include <cctype>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -36,12 +37,18 @@ inline std::string CaseField(std::string text, const std::string& where) {
     return text;
   std::string value;
   for (std::size_t i = 1; i + 1 < text.size(); ++i) {
-    if (text[i] == '\\' && (text[i + 1] == 't' || text[i + 1] == '\\') && i + 2 < text.size())
-      value += text[++i] == 't' ? '\t' : '\\';
-    else if (text[i] == '\\')
-      throw std::runtime_error(where + ": a bad escape");
-    else
+    if (text[i] != '\\') {
       value += text[i];
+      continue;
+    }
+    const char kind = i + 2 < text.size() ? text[i + 1] : '\0';
+    if (kind == 't' || kind == 'n' || kind == 'r' || kind == '\\')
+      value += kind == 't' ? '\t' : kind == 'n' ? '\n' : kind == 'r' ? '\r' : '\\', ++i;
+    else if (kind == 'x' && i + 4 < text.size() && std::isxdigit(text[i + 2] & 0xFF) &&
+             std::isxdigit(text[i + 3] & 0xFF))
+      value += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16)), i += 3;
+    else
+      throw std::runtime_error(where + ": a bad escape");
   }
   return value;
 }
