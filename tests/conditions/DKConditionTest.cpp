@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <algorithm>
 #include <iterator>

@@ -4,7 +4,7 @@
 
 #include "conditions/DKRegExBitParallel.h"
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <atomic>
 #include <cctype>

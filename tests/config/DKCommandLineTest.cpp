@@ -1,7 +1,7 @@
 #include <DorvikCore/DKCommandLine.h>
 
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <gtest/gtest.h>
 

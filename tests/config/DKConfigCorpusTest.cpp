@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <filesystem>
 #include <set>

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #if !defined(_WIN32)
 #  include "support/DKPeakMemory.h"

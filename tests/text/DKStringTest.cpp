@@ -6,7 +6,7 @@
 
 #include "support/DKPoolLeakCheck.h"
 #include "support/DKTestSupport.h"
-#include "text/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <atomic>
 #include <sstream>

@@ -3,7 +3,8 @@
 // its line after ": "; it writes a code point as <U+XXXX>, a byte as <xXX>, and <LF>, <CR>,
 // <TAB>, <NUL> and <SP> (a blank at either end) by name. Reading throws on a line that is not
 // "key: value" of a key the caller names, on a malformed <U+...> and on a file without a case,
-// so that a broken file fails its test loudly.
+// so that a broken file fails its test loudly. Tables whose cases fit on one line use the
+// line-per-case files of DKCaseFile.h instead.
 #pragma once
 
 #include <DorvikCore/DKString.h>
