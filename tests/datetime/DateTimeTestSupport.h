@@ -55,10 +55,12 @@ inline DKDateTimeEx Utc(int year, unsigned month, unsigned day, unsigned hour = 
   return DKDateTimeEx(year, month, day, hour, minute, second, ms, DKTimeZone::UTC);
 }
 
+#ifdef DK_DATETIME_CASES // the datetime suite's own case files; other suites use the helpers only
 // The cases of tests/datetime/cases/<name>, each with `fields` fields.
 inline std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
   return dktest::ReadCases(std::filesystem::path(DK_DATETIME_CASES) / name, fields);
 }
+#endif
 
 // A value as a case file writes it: "null", "minimum", "maximum", "date 2020-01-05",
 // "time 10:20:30.250", or a UTC date and time "2020-01-05 10:20:30.250" (milliseconds optional).
