@@ -115,6 +115,7 @@ TEST(DKScheduleTest, BadTextIsRefusedWithThePositionAndTheScheduleKeepsItsValue)
       {"", 0, "the schedule is empty"},
       {"   ", 3, "the schedule is empty"},
       {"every day at 25:00", 13, "the hour must be 0 to 23"},
+      {"at 24:00", 3, "the hour must be 0 to 23"},
       {"every day at 8:5", 13, "the minutes must be two digits"},
       {"at 08:00:60", 3, "the seconds must be two digits"},
       {"at 1:02:03:04", 10, "at most hours, minutes and seconds"},

@@ -316,25 +316,6 @@ TEST(DKThreadDeathTest, DestroyingAnObjectThatCountedReferencesStillHoldEndsTheP
     EXPECT_DEATH(c.run(), c.message) << c.label;
 }
 
-TEST(DKThreadTest, DestroyingARunningThreadWaitsForIt) {
-  std::atomic<bool> finished{false};
-  DKEventSemaphore running;
-  DKEventSemaphore release;
-  std::thread poster;
-  {
-    DKThread thread(DKMakeCallback([&] {
-      running.Post();
-      release.Wait();
-      finished = true;
-    }));
-    ASSERT_TRUE(thread.Start().Good());
-    ASSERT_EQ(running.Wait(), DK_WAIT_OBJECT_0);
-    poster = std::thread([&] { release.Post(); });
-  } // the destructor joins
-  EXPECT_TRUE(finished.load());
-  poster.join();
-}
-
 TEST(DKThreadTest, PriorityAppliesToTheNewThreadAndARefusedOneFailsStart) {
   const struct {
     int priority;
@@ -469,11 +450,8 @@ TEST(DKThreadInfoTest, RegisteredThreadsReportTheirSystemTimes) {
   release.Post();
 }
 
-TEST(DKThreadTest, StackSizeComesFromTheEnvironmentOncePerProcess) {
+TEST(DKThreadTest, StackSizeComesFromTheEnvironmentOncePerProcessAndIsTakenWhole) {
   EXPECT_EQ(RunHelper({"stacksize", "1048576"}, {{"DK_THREAD_STACKSIZE", "1048576"}}), 0);
-}
-
-TEST(DKThreadTest, AStackSizeBeyondAnIntIsTakenWhole) {
   // 4 GiB + 1 MiB: cut to 32 bits it would be a 1 MiB stack.
   EXPECT_EQ(RunHelper({"stacksize-whole", "4296015872"}, {{"DK_THREAD_STACKSIZE", "4296015872"}}), 0);
 }
