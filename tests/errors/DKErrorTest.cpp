@@ -173,16 +173,10 @@ TEST(DKErrorIDTest, CopiesOnManyThreadsShareAndReleaseTheErrorOnce) {
   EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), liveBefore);
 }
 
-TEST(DKErrorTest, PlainErrorsHaveNoParameters) {
+TEST(DKErrorTest, PlainErrorsTakeTheirTextFromTheSourceOrNameAnUnknownMessage) {
   DKSmartPtr<DKMemoryMessageSource> source(new DKMemoryMessageSource{{100, DK_T("Value %0:s")}});
   DKSmartPtr<DKErrorString> text(new DKErrorString(DK_T("ready"), 7, DKErrorI::SeverityWarning));
   DKSmartPtr<DKError> plain(new DKError(source, 100));
-  for (const DKErrorI* error : {static_cast<const DKErrorI*>(text.Get()), static_cast<const DKErrorI*>(plain.Get())}) {
-    EXPECT_EQ(error->GetParameterCount(), 0u);
-    EXPECT_EQ(error->GetParameterType(0), DKErrorI::ParamNone);
-    EXPECT_EQ(error->GetParameterValue(0), nullptr);
-    EXPECT_TRUE(error->GetParameterValueAsString(0, DKExecContext()).IsEmpty());
-  }
   EXPECT_EQ(text->GetSeverity(), DKErrorI::SeverityWarning);
   EXPECT_EQ(plain->GetSeverity(), DKErrorI::SeverityError);
   EXPECT_EQ(DKErrorID(plain).AsString(), DK_T("Value %0:s")); // without parameters the placeholder stays
