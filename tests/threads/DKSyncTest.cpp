@@ -204,17 +204,6 @@ TEST(DKMutexTest, NamedMutexIsOneMutexForEveryObjectAndProcess) {
   second.Unlock();
 }
 
-TEST(DKMutexTest, NamedMutexAbandonedByADeadProcessReportsFalseOnce) {
-  const std::string name = UniqueName("mutex-abandoned");
-  DKMutex mutex(Text(name));
-  ASSERT_EQ(RunHelper({"mutex-abandon", name}), 0);
-  EXPECT_FALSE(mutex.Lock()); // abandoned: does not wait
-  EXPECT_TRUE(mutex.Lock(0));
-  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
-  mutex.Unlock();
-  EXPECT_EQ(RunHelper({"mutex-try", name}), 0);
-}
-
 TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
   const std::string base = UniqueName("");
   const std::string longPrefix(300, 'x');
@@ -298,9 +287,17 @@ TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeO
   object.unlock();
 }
 
-TEST(DKMutexTest, AnAbandonedNamedMutexIsTakenOverUnderAStandardGuard) {
-  const std::string name = UniqueName("mutex-guard-abandoned");
+// Lock reports the abandonment once and leaves the mutex free; a standard guard takes it over.
+TEST(DKMutexTest, NamedMutexAbandonedByADeadProcessReportsFalseOnceOrIsTakenOverByAGuard) {
+  const std::string name = UniqueName("mutex-abandoned");
   DKMutex mutex(Text(name));
+  ASSERT_EQ(RunHelper({"mutex-abandon", name}), 0);
+  EXPECT_FALSE(mutex.Lock()); // abandoned: does not wait
+  EXPECT_TRUE(mutex.Lock(0));
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
+  mutex.Unlock();
+  EXPECT_EQ(RunHelper({"mutex-try", name}), 0);
+
   ASSERT_EQ(RunHelper({"mutex-abandon", name}), 0);
   {
     std::lock_guard guard(mutex); // returns holding it
