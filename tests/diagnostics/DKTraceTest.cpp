@@ -133,17 +133,6 @@ TEST_F(DKTraceFileTest, DelimiterSetterAcceptsCharacterCodesOneTo255) {
   }
 }
 
-TEST_F(DKTraceFileTest, ComplaintsStayOffTheConsoleAtVerbosityZero) {
-  TraceLevelOverride quiet(0);
-  ConsoleCapture console;
-  EXPECT_FALSE(DKTrace::SetTraceDelim(0));
-  ASSERT_TRUE(DKTrace::SetTraceSubjects(nullptr)); // no file to move into the temporary folder
-  const ScratchFolder other;
-  WriteWholeFile(other / "file", "x");
-  EXPECT_TRUE(DKTrace::SetTraceFolderName(Text((other / "file" / "sub").string()).c_str()));
-  EXPECT_EQ(console.Text(), "");
-}
-
 TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThereOrLosesOutputWhenItCannot) {
   DKTrace::Msg(TL_NORMAL, TS_SO, "s", "before\n");
   const ScratchFolder other;

@@ -61,12 +61,8 @@ inline Texts Digests(const Texts& lines, char delim = '\t') {
   return digests;
 }
 
-struct ChildResult {
-  int exitCode = -1;  // -1 when it did not exit normally
-  std::string output; // its standard output
-  long pid = 0;
-  long mainThread = 0; // the id of its first thread
-};
+// What a child program wrote, its exit code and its ids.
+using ChildResult = dktest::ProcessResult;
 
 inline std::string ChildExecutableBase() {
   return fs::path(DK_TRACE_CHILD_PATH).stem().string(); // the extension goes
@@ -77,8 +73,7 @@ inline std::string ChildExecutableBase() {
 inline ChildResult RunTraceChild(const Texts& commands, const std::map<std::string, std::string>& set = {}) {
   Texts arguments{DK_TRACE_CHILD_PATH};
   arguments.insert(arguments.end(), commands.begin(), commands.end());
-  const dktest::ProcessResult run = dktest::RunProcess(arguments, set, "DK_TRACE");
-  return ChildResult{run.exitCode, run.output, run.pid, run.mainThread};
+  return dktest::RunProcess(arguments, set, "DK_TRACE");
 }
 
 // The lines of a trace file. It is a text file with the system's line ends: "\r\n" on Windows,

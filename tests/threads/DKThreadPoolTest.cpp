@@ -333,24 +333,18 @@ TEST(DKThreadServerTest, RequestsOfEachSenderKeepTheirOrderAndSendWaitsForTheRes
   constexpr int kSenders = 4;
   constexpr int kRequests = 500;
   std::vector<std::pair<int, int>> served; // touched by the server's thread only
-  std::vector<std::thread> senders;
   std::atomic<std::uint32_t> serverThread{0};
-  for (int s = 0; s < kSenders; ++s)
-    senders.emplace_back([&, s] {
-      for (int r = 0; r < kRequests; ++r) {
-        if (r % 50 == 49) { // now and then a synchronous request in the middle of the stream
-          EXPECT_TRUE(server.Send([&, s, r] { served.emplace_back(s, r); }).Good());
-          continue;
-        }
-        EXPECT_TRUE(server.Post([&, s, r] {
-                            served.emplace_back(s, r);
-                            serverThread = DKThread::GetCurrentThreadID().m_threadID;
-                          }, DK_INFINITE)
-                        .Good());
-      }
-    });
-  for (std::thread& sender : senders)
-    sender.join();
+  RunOnThreads(kSenders, kRequests, [&](int s, int r) {
+    if (r % 50 == 49) { // now and then a synchronous request in the middle of the stream
+      EXPECT_TRUE(server.Send([&, s, r] { served.emplace_back(s, r); }).Good());
+      return;
+    }
+    const auto request = [&, s, r] {
+      served.emplace_back(s, r);
+      serverThread = DKThread::GetCurrentThreadID().m_threadID;
+    };
+    EXPECT_TRUE(server.Post(request, DK_INFINITE).Good());
+  });
   EXPECT_EQ(server.Send([] { return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "answer"); }).GetCode(),
             DK_MSG_INVALID_ARGUMENT);
   ASSERT_EQ(served.size(), static_cast<std::size_t>(kSenders * kRequests));
