@@ -53,7 +53,8 @@ inline std::string CaseField(std::string text, const std::string& where) {
   return value;
 }
 
-// The cases of the file, each with exactly `fields` fields.
+// The cases of the file, each with exactly `fields` fields (0: any number, for files whose
+// first field names the shape of the rest).
 inline std::vector<CaseLine> ReadCases(const std::filesystem::path& file, std::size_t fields) {
   std::ifstream in(file, std::ios::binary);
   if (!in)
@@ -71,7 +72,7 @@ inline std::vector<CaseLine> ReadCases(const std::filesystem::path& file, std::s
       bar = line.find(" | ", from);
       c.fields.push_back(CaseField(line.substr(from, bar == std::string::npos ? bar : bar - from), c.where));
     }
-    if (c.fields.size() != fields)
+    if (fields && c.fields.size() != fields)
       throw std::runtime_error(c.where + ": " + std::to_string(c.fields.size()) + " fields, not " +
                                std::to_string(fields));
     cases.push_back(std::move(c));

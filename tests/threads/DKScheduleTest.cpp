@@ -3,6 +3,7 @@
 // three zones, and a schedule driving a timer.
 #include "ThreadsTestSupport.h"
 #include "datetime/DateTimeTestSupport.h"
+#include "support/DKCaseFile.h"
 
 #include <DorvikCore/DKSchedule.h>
 
@@ -11,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -45,24 +45,13 @@ DKSchedule Parse(const std::string& text) {
 // shape, and a kind without a case, fail the test.
 std::vector<std::vector<std::string>> Cases(const std::string& kind) {
   const std::map<std::string, std::size_t> kFields = {{"write", 3}, {"refuse", 4}, {"next", 5}};
-  std::ifstream file(DK_THREADS_CASES "/schedule.txt");
-  EXPECT_TRUE(file.is_open()) << DK_THREADS_CASES "/schedule.txt cannot be read";
   std::vector<std::vector<std::string>> cases;
-  int number = 0;
-  for (std::string line; std::getline(file, line);) {
-    ++number;
-    if (line.empty() || line[0] == '#')
-      continue;
-    std::vector<std::string> fields;
-    for (std::size_t start = 0, end = 0; end != std::string::npos; start = end + 3) {
-      end = line.find(" | ", start);
-      fields.push_back(line.substr(start, end - start));
-    }
-    const auto shape = kFields.find(fields[0]);
-    if (shape == kFields.end() || shape->second != fields.size())
-      ADD_FAILURE() << "schedule.txt line " << number << " has no known shape: " << line;
-    else if (fields[0] == kind)
-      cases.push_back(fields);
+  for (const dktest::CaseLine& line : dktest::ReadCases(std::filesystem::path(DK_THREADS_CASES) / "schedule.txt", 0)) {
+    const auto shape = kFields.find(line[0]);
+    if (shape == kFields.end() || shape->second != line.fields.size())
+      ADD_FAILURE() << line.where << " has no known shape";
+    else if (line[0] == kind)
+      cases.push_back(line.fields);
   }
   EXPECT_FALSE(cases.empty()) << "no " << kind << " case in schedule.txt";
   return cases;
