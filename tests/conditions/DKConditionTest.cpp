@@ -5,6 +5,7 @@
 
 #include "support/DKTestSupport.h"
 #include "support/DKCaseBlocks.h"
+#include "support/DKCaseFile.h"
 
 #include <algorithm>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -66,75 +68,45 @@ int CountOf(const std::string& text, const std::string& what) {
   return n;
 }
 
-// ---- Operators ---------------------------------------------------------------------------------
+// A "yes" or "no" field of a case file; anything else throws.
+bool YesNo(const dktest::CaseLine& c, std::size_t i) {
+  if (c[i] != "yes" && c[i] != "no")
+    throw std::runtime_error(c.where + ": neither yes nor no: " + c[i]);
+  return c[i] == "yes";
+}
 
-struct OperatorCase {
-  const char* text;
-  bool ok;
-  std::int32_t code;
-  bool regEx;
-  const char* written; // with a text value; with a pattern "%" and "/=" are written instead
-};
+std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
+  return dktest::ReadCases(std::string(DK_TEST_CASES "/") + name, fields);
+}
 
-const OperatorCase operatorCases[] = {
-    {"<", true, 1, false, " < "},   {"<=", true, 2, false, " <= "}, {"=", true, 3, false, " = "},
-    {"%", true, 3, true, " = "},    {"!=", true, 4, false, " != "}, {"/=", true, 4, true, " != "},
-    {">=", true, 5, false, " >= "}, {">", true, 6, false, " > "},   {"=>", false, 0, false, ""},
-    {"==", false, 0, false, ""},    {"", false, 0, false, ""},      {"<>", false, 0, false, ""},
-    {" =", false, 0, false, ""},    {"%=", false, 0, false, ""},
-};
+// ---- Operators and values -----------------------------------------------------------------------
 
 // (How "%" and "/=" with a pattern are written: cases/condition-text.txt.)
-
 TEST_F(ConditionTest, OperatorTexts) {
-  for (const OperatorCase& c : operatorCases) {
+  for (const dktest::CaseLine& c : Cases("condition-operators.txt", 5)) {
+    SCOPED_TRACE(c.where);
     DKCondition cond;
-    bool isRegEx = !c.regEx; // must be overwritten
-    EXPECT_EQ(cond.AssignOperatorFromStr(isRegEx, Text(c.text)), c.ok) << c.text;
-    EXPECT_EQ(isRegEx, c.regEx) << c.text;
-    EXPECT_EQ(cond.GetOperatorCode(), c.code) << c.text;
-    EXPECT_EQ(N(cond.GetOperator()), c.written) << c.text;
+    bool isRegEx = !YesNo(c, 3); // must be overwritten
+    EXPECT_EQ(cond.AssignOperatorFromStr(isRegEx, Text(c[0])), YesNo(c, 1));
+    EXPECT_EQ(isRegEx, YesNo(c, 3));
+    EXPECT_EQ(cond.GetOperatorCode(), c.Int(2));
+    EXPECT_EQ(N(cond.GetOperator()), c[4]);
   }
 }
 
-// ---- Values --------------------------------------------------------------------------------------
-
-struct ValueCase {
-  const char* text;
-  bool isRegEx;
-  bool ok;
-  std::int32_t kind;
-  const char* valueText;
-  double number;
-  DKInt64 integer;
-};
-
-const ValueCase valueCases[] = {
-    {"10", false, true, 2, "10", 10.0, 10}, {" 10.75 ", false, true, 2, "10.75", 10.75, 10},
-    {"007", false, true, 2, "007", 7.0, 7}, {".5", false, true, 2, ".5", 0.5, 0},
-    {"9007199254740993", false, true, 2, "9007199254740993", 9007199254740992.0, 9007199254740993},
-    {"99999999999999999999", false, true, 2, "99999999999999999999", 1e20, INT64_MAX},
-    {"123", true, true, 2, "123", 123.0, 123}, // digits are a number even after "%"
-    {"1.2.3", false, true, 5, "1.2.3", 0, 0}, {"-5", false, true, 5, "-5", 0, 0}, {"1e5", false, true, 5, "1e5", 0, 0},
-    {"abc", false, true, 5, "abc", 0, 0}, {"\"hello world\"", false, true, 1, "hello world", 0, 0},
-    {"\"10\"", false, true, 1, "10", 0, 0}, {"\"\"", false, true, 1, "", 0, 0},
-    {"\"a\"b\"", false, true, 1, "a\"b", 0, 0}, {"A.*", true, true, 4, "A.*", 0, 0},
-    {"\"A B.*\"", true, true, 4, "A B.*", 0, 0}, {"(ab", true, false, 4, "(ab", 0, 0},
-    {"\"abc", false, false, 0, "", 0, 0}, {"\"", false, false, 0, "", 0, 0}, {"", false, false, 0, "", 0, 0},
-    {" \t ", false, false, 0, "", 0, 0},
-};
-
 TEST_F(ConditionTest, SuppliedValueKinds) {
-  for (const ValueCase& c : valueCases) {
+  for (const dktest::CaseLine& c : Cases("condition-values.txt", 7)) {
+    SCOPED_TRACE(c.where);
     TruthCondition cond;
-    EXPECT_EQ(cond.AssignSuppliedValueFromStr(c.isRegEx, Text(c.text)), c.ok) << c.text;
-    EXPECT_EQ(cond.GetValueKind(), c.kind) << c.text;
-    EXPECT_EQ(N(cond.GetValueText()), c.valueText) << c.text;
-    EXPECT_EQ(cond.GetValueAsDouble(), c.number) << c.text;
-    EXPECT_EQ(cond.GetValueAsInt64(), c.integer) << c.text;
-    EXPECT_EQ(cond.IsRegularExpression(), c.kind == 4) << c.text;
-    EXPECT_EQ(cond.GetRegEx().IsCompiled(), c.kind == 4 && c.ok) << c.text;
-    EXPECT_EQ(cond.posts, c.ok ? 1 : 0) << c.text;
+    const bool ok = YesNo(c, 2);
+    EXPECT_EQ(cond.AssignSuppliedValueFromStr(YesNo(c, 1), Text(c[0])), ok);
+    EXPECT_EQ(cond.GetValueKind(), c.Int(3));
+    EXPECT_EQ(N(cond.GetValueText()), c[4]);
+    EXPECT_EQ(cond.GetValueAsDouble(), std::stod(c[5]));
+    EXPECT_EQ(cond.GetValueAsInt64(), c.Int(6));
+    EXPECT_EQ(cond.IsRegularExpression(), c.Int(3) == 4);
+    EXPECT_EQ(cond.GetRegEx().IsCompiled(), c.Int(3) == 4 && ok);
+    EXPECT_EQ(cond.posts, ok ? 1 : 0);
   }
   TruthCondition refused;
   EXPECT_FALSE(refused.AssignSuppliedValueFromStr(false, DK_T("refused")));
@@ -463,31 +435,18 @@ void ExpectWrittenForm(const TruthCondition& cond, bool readable, const std::str
   EXPECT_TRUE(SameComparison(cond, back));
 }
 
-// Field names: readable alone (n = 1) and inside parentheses ((n = 1 AND g = 1) OR h = 1).
-struct NameCase {
-  std::string name;
-  bool alone;
-  bool enclosed;
-};
-
-const NameCase nameCases[] = {
-    {"qty", true, true},          {"two words", false, false}, {"tab\tname", false, false},
-    {"(x", false, false},         {"f(x)", true, true},        {"x)", true, false},
-    {"a\"b", true, false},        {"a\"b\"", true, true},      {"AND", false, false},
-    {"or", false, false},         {"", false, false},          {std::string("nul\0x", 5), false, false},
-    {"caf\xC3\xA9 \xC3\xBC", false, false},
-};
-
+// Field names of cases/condition-names.txt: readable alone (n = 1) and inside parentheses
+// ((n = 1 AND g = 1) OR h = 1), or written natively.
 TEST_F(ConditionTest, FieldNamesTheReadableFormCannotHoldAreWrittenNatively) {
-  for (const NameCase& c : nameCases) {
+  for (const dktest::CaseLine& c : Cases("condition-names.txt", 3)) {
     TruthCondition alone;
-    ASSERT_TRUE(alone.AssignFieldName(Text(c.name)));
+    ASSERT_TRUE(alone.AssignFieldName(Text(c[0]))) << c.where;
     alone == 1;
-    ExpectWrittenForm(alone, c.alone, c.name);
+    ExpectWrittenForm(alone, YesNo(c, 1), c.where);
     TruthCondition enclosed = alone;
     enclosed && Field("g");
     enclosed || Field("h");
-    ExpectWrittenForm(enclosed, c.enclosed, c.name + ", enclosed");
+    ExpectWrittenForm(enclosed, YesNo(c, 2), c.where + ", enclosed");
   }
 }
 

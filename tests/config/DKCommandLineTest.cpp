@@ -2,10 +2,13 @@
 
 #include "support/DKTestSupport.h"
 #include "support/DKCaseBlocks.h"
+#include "support/DKCaseFile.h"
 
 #include <gtest/gtest.h>
 
 #include <initializer_list>
+#include <map>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -57,50 +60,35 @@ TEST(DKCommandLineSplit, ProgramNameRuleFollowsTheDelimiters) {
 // ---------------------------------------------------------------------------------------------
 // Classifying one word
 
-struct ParseCase {
-  const DKChar* word;
-  Type type;
-  const DKChar* argument;
-  const DKChar* value;
-};
+std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
+  return dktest::ReadCases(std::string(DK_TEST_CASES "/") + name, fields);
+}
 
-struct ParseGroup {
-  const DKChar* argDelimiters;
-  const DKChar* valueDelimiters;
-  std::vector<ParseCase> cases;
-};
+// A "yes" or "no" field of a case file; anything else throws.
+bool YesNo(const dktest::CaseLine& c, std::size_t i) {
+  if (c[i] != "yes" && c[i] != "no")
+    throw std::runtime_error(c.where + ": neither yes nor no: " + c[i]);
+  return c[i] == "yes";
+}
 
-// That a word's class matches it (its prefix, its first value delimiter, the name and value it
-// splits into) is the cmdline fuzz target's property, replayed under CTest over seeds of every
-// delimiter set. Here the rules it leaves open: when a word that opens a switch is a path.
+// The words of cases/cmdline-words.txt. That a word's class matches it (its prefix, its first
+// value delimiter, the name and value it splits into) is the cmdline fuzz target's property,
+// replayed under CTest over seeds of every delimiter set. Here the rules it leaves open: when a
+// word that opens a switch is a path.
 TEST(DKCommandLineParse, WordsByDelimiters) {
-  const ParseGroup groups[] = {
-      {DK_T("/-"), DK_T(":"), {
-          {DK_T(""), DKCommandLine::Absent, DK_T(""), DK_T("")},
-          {DK_T("/"), DKCommandLine::Flag, DK_T(""), DK_T("")},
-          {DK_T("/:x"), DKCommandLine::Valued, DK_T(""), DK_T("x")},
-          // A further "/" before the value makes a "/" word a path; "-" has no such rule.
-          {DK_T("/a/b"), DKCommandLine::NonStandard, DK_T("/a/b"), DK_T("")},
-          {DK_T("//"), DKCommandLine::NonStandard, DK_T("//"), DK_T("")},
-          {DK_T("-a/b:c"), DKCommandLine::Valued, DK_T("a/b"), DK_T("c")},
-          // A "/" after the value delimiter does not count.
-          {DK_T("/config:c:/x.ini"), DKCommandLine::Valued, DK_T("config"), DK_T("c:/x.ini")}}},
-      // The path rule belongs to "/" alone.
-      {DK_T("+"), DK_T(":"), {{DK_T("+x/y"), DKCommandLine::Flag, DK_T("x/y"), DK_T("")}}},
-      // A prefix that is also a value delimiter opens a value with an empty name.
-      {DK_T("/"), DK_T("/"), {{DK_T("/x"), DKCommandLine::Valued, DK_T(""), DK_T("x")}}},
-  };
-  for (const ParseGroup& g : groups)
-    for (const ParseCase& c : g.cases) {
-      const DKChar* argv[] = {DK_T("prog"), c.word};
-      const DKCommandLine cl(2, argv, g.argDelimiters, g.valueDelimiters, false);
-      ASSERT_EQ(cl.GetParsedArgumentVector().size(), 1u);
-      const DKCommandLineArgument& a = cl.GetParsedArgumentVector()[0];
-      const DKString word(c.word);
-      EXPECT_EQ(a.GetArgType(), c.type) << word;
-      EXPECT_EQ(a.GetArgument(), DKString(c.argument)) << word;
-      EXPECT_EQ(a.GetValueAsString(), DKString(c.value)) << word;
-    }
+  const std::map<std::string, Type> types = {{"Absent", DKCommandLine::Absent}, {"Flag", DKCommandLine::Flag},
+                                             {"Valued", DKCommandLine::Valued}, {"NonStandard", DKCommandLine::NonStandard}};
+  for (const dktest::CaseLine& c : Cases("cmdline-words.txt", 6)) {
+    SCOPED_TRACE(c.where);
+    const DKString word = Text(c[2]);
+    const DKChar* argv[] = {DK_T("prog"), word.c_str()};
+    const DKCommandLine cl(2, argv, Text(c[0]), Text(c[1]), false);
+    ASSERT_EQ(cl.GetParsedArgumentVector().size(), 1u);
+    const DKCommandLineArgument& a = cl.GetParsedArgumentVector()[0];
+    EXPECT_EQ(a.GetArgType(), types.at(c[3]));
+    EXPECT_EQ(a.GetArgument(), Text(c[4]));
+    EXPECT_EQ(a.GetValueAsString(), Text(c[5]));
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -184,23 +172,14 @@ TEST(DKCommandLineLookup, CheckNamesEveryProblemAgainstTheUsage) {
   EXPECT_TRUE(DKCommandLine(DK_T("t /config:x")).Check(usage).empty());
 }
 
+// The names of cases/cmdline-case.txt.
 TEST(DKCommandLineLookup, CaseSensitivity) {
-  struct Case {
-    const DKChar* name;
-    bool insensitive; // found when case is ignored
-    bool sensitive;   // found when case matters
-  };
-  const Case cases[] = {
-      {DK_T("noConsole"), true, true},  {DK_T("NOCONSOLE"), true, false}, {DK_T("noconsole"), true, false},
-      {DK_T("CONFIG"), true, false},    {DK_T("été"), true, false},       {DK_T("ÉTÉ"), true, true},
-      {DK_T("noConsol"), false, false}, {DK_T("noConsolee"), false, false},
-  };
-  DKCommandLine cl(DK_T("tool -noConsole /config:a.ini /ÉTÉ"));
-  for (const Case& c : cases) {
+  DKCommandLine cl(DK_T("tool -noConsole /config:a.ini /\u00C9T\u00C9"));
+  for (const dktest::CaseLine& c : Cases("cmdline-case.txt", 3)) {
     cl.SetCaseSensitivity(false);
-    EXPECT_EQ(cl.ArgPresent(c.name), c.insensitive) << DKString(c.name);
+    EXPECT_EQ(cl.ArgPresent(Text(c[0])), YesNo(c, 1)) << c.where;
     cl.SetCaseSensitivity(true);
-    EXPECT_EQ(cl.ArgPresent(c.name), c.sensitive) << DKString(c.name);
+    EXPECT_EQ(cl.ArgPresent(Text(c[0])), YesNo(c, 2)) << c.where;
   }
   EXPECT_FALSE(DKCommandLine(DK_T("t /A"), DK_T("/"), DK_T(":"), true).ArgPresent(DK_T("a")));
 }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
+
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -17,46 +19,16 @@ std::string Hex(unsigned unit) {
   return text;
 }
 
-// Each row: a unit and what case folding, accent folding and both give.
-struct FoldRow {
-  unsigned ch, fold, accent, both;
-  const char* what;
-};
-
-const FoldRow kFoldRows[] = {
-  {'A', 'a', 'A', 'a', "ASCII capital"},    {'_', '_', '_', '_', "ASCII punctuation"},
-  {0x0000, 0x0000, 0x0000, 0x0000, "NUL is not a mark"},
-  {0x00C9, 0x00E9, 'E', 'e', "E acute"},
-  {0x01D6, 0x01D6, 'u', 'u', "u diaeresis macron, two marks deep"},
-  {0x212B, 0x00E5, 'A', 'a', "Angstrom sign"},
-  {0x0130, 'i', 'I', 'i', "dotted capital I"},
-  {0x0131, 'i', 0x0131, 'i', "dotless i has no decomposition"},
-  {0x00D8, 0x00F8, 0x00D8, 0x00F8, "O slash stays a slashed letter"},
-  {0x1E9E, 0x00DF, 0x1E9E, 0x00DF, "capital sharp s"},
-  {0x03C2, 0x03C3, 0x03C2, 0x03C3, "final sigma"},
-  {0x0390, 0x0390, 0x03B9, 0x03B9, "iota dialytika tonos"},
-  {0x2126, 0x03C9, 0x03A9, 0x03C9, "Ohm sign"},
-  {0x017F, 's', 0x017F, 's', "long s"},
-  {0x01C5, 0x01C6, 0x01C5, 0x01C6, "DZ caron: a compatibility decomposition is not followed"},
-  {0xFF21, 0xFF41, 0xFF21, 0xFF41, "fullwidth A: compatibility only"},
-  {0x304C, 0x304C, 0x304B, 0x304B, "hiragana ga"},
-  {0xAC00, 0xAC00, 0xAC00, 0xAC00, "Hangul syllables are not decomposed"},
-  {0x0301, 0x0301, 0x0000, 0x0000, "combining acute"},
-  {0x0345, 0x03B9, 0x0000, 0x0000, "combining ypogegrammeni uppercases to Iota"},
-  {0x0903, 0x0903, 0x0903, 0x0903, "spacing mark (Mc) is kept"},
-  {0x20DD, 0x20DD, 0x20DD, 0x20DD, "enclosing mark (Me) is kept"},
-  {0x0BCA, 0x0BCA, 0x0BCA, 0x0BCA, "decomposition starting with a spacing mark"},
-  {0xD800, 0xD800, 0xD800, 0xD800, "surrogate"},
-};
-
+// The units of cases/character-folds.txt: what case folding, accent folding and both give.
 TEST(DKCharacterTest, CaseAndAccentFolding) {
-  for (const FoldRow& row : kFoldRows) {
-    SCOPED_TRACE(Hex(row.ch) + " " + row.what);
-    const DKChar ch = static_cast<DKChar>(row.ch);
-    EXPECT_EQ(Hex(DKFoldCase(ch)), Hex(row.fold));
-    EXPECT_EQ(Hex(DKFoldAccent(ch)), Hex(row.accent));
-    EXPECT_EQ(Hex(DKFoldCaseAndAccent(ch)), Hex(row.both));
-    EXPECT_EQ(DKIsNonSpacingMark(ch), row.ch != 0 && row.accent == 0);
+  for (const dktest::CaseLine& row : dktest::ReadCases(DK_TEST_CASES "/character-folds.txt", 5)) {
+    SCOPED_TRACE(row.where + " " + row[4]);
+    const auto unit = [&](std::size_t i) { return static_cast<unsigned>(std::stoul(row[i], nullptr, 16)); };
+    const DKChar ch = static_cast<DKChar>(unit(0));
+    EXPECT_EQ(Hex(DKFoldCase(ch)), Hex(unit(1)));
+    EXPECT_EQ(Hex(DKFoldAccent(ch)), Hex(unit(2)));
+    EXPECT_EQ(Hex(DKFoldCaseAndAccent(ch)), Hex(unit(3)));
+    EXPECT_EQ(DKIsNonSpacingMark(ch), ch != 0 && unit(2) == 0);
   }
 }
 

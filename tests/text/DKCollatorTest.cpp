@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
+
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -25,32 +27,16 @@ int Compare(long flags, const DKStdString& a, const DKStdString& b) {
   return Collator(flags).Compare(a.data(), a.size(), b.data(), b.size());
 }
 
-struct CompareRow {
-  const DKChar* a;
-  const DKChar* b;
-  long flags;
-  int sign;
-  const char* what;
-};
-
-// A few smoke rows for a readable failure; the random texts of IsATotalOrderMatchingTheReference
-// check the rest against the reference.
-const CompareRow kCompareRows[] = {
-  {DK_T("Hello, World!"), DK_T("hELLO, wORLD?"), 1, -1, "difference after a case-equal run"},
-  {DK_T("\u03A3\u038A\u03A3\u03A5\u03A6\u039F\u03A3"), DK_T("\u03C3\u03AF\u03C3\u03C5\u03C6\u03BF\u03C2"), 1, 0,
-   "Greek with final sigma"},
-  {DK_T("re\u0301sume\u0301"), DK_T("r\u00E9sum\u00E9"), 2, 0, "decomposed against precomposed"},
-  {DK_T("\u01D7"), DK_T("u\u0301"), 3, 0, "case and accent, decomposed"},
-  {DK_T("ABCDEFG\u0301H"), DK_T("abcdefgh"), 3, 0, "a mark inside an ASCII run"},
-};
-
+// The rows of cases/collator-smoke.txt.
 TEST(DKCollatorTest, ComparesFoldedUnits) {
-  for (const CompareRow& row : kCompareRows) {
-    SCOPED_TRACE(std::string(row.what) + ", flags " + std::to_string(row.flags));
-    const DKStdString a(row.a), b(row.b);
-    EXPECT_EQ(Sign(Compare(row.flags, a, b)), row.sign);
-    EXPECT_EQ(Sign(Compare(row.flags, b, a)), -row.sign);
-    EXPECT_EQ(Sign(DKString(row.a).Compare(DKString(row.b), row.flags)), row.sign) << "DKString::Compare";
+  for (const dktest::CaseLine& row : dktest::ReadCases(DK_TEST_CASES "/collator-smoke.txt", 5)) {
+    SCOPED_TRACE(row.where + ": " + row[4]);
+    const DKString a = DKString::FromUTF8(row[0]), b = DKString::FromUTF8(row[1]);
+    const long flags = static_cast<long>(row.Int(2));
+    const int sign = static_cast<int>(row.Int(3));
+    EXPECT_EQ(Sign(Compare(flags, a.AsStdString(), b.AsStdString())), sign);
+    EXPECT_EQ(Sign(Compare(flags, b.AsStdString(), a.AsStdString())), -sign);
+    EXPECT_EQ(Sign(a.Compare(b, flags)), sign) << "DKString::Compare";
   }
 }
 

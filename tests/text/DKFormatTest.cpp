@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
+
 #include <cfenv>
 #include <cfloat>
 #include <clocale>
@@ -285,30 +287,11 @@ TEST(DKFormatText, ConversionsWriteTheirArguments) {
 
 // ---------------------------------------------------------------------------------------------
 
+// The formats of cases/format-malformed.txt.
 TEST(DKFormatMalformed, BadSpecificationsAreWrittenAsTheyStand) {
-  struct Case {
-    const char* format;
-    const char* expected; // with the arguments 1, 2, 3
-  };
-  const Case cases[] = {
-      {"abc%", "abc%"},
-      {"%", "%"},
-      {"%q%d", "%q1"},           // unknown letter: no argument consumed
-      {"%-08.3q|%d", "%-08.3q|1"},
-      {"%*q%d", "%*q1"},         // not even the "*" argument
-      {"%l", "%l"},
-      {"%5", "%5"},
-      {"%.", "%."},
-      {"%I6d", "%I6d"},
-      {"%'d", "%'d"},
-      {"%%|%5%|%-ll%", "%|%|%"},
-      {"%1000001d|%d", "%1000001d|1"},
-      {"%.1000001f|%d", "%.1000001f|1"},
-      {"%99999999999999999999d|%d", "%99999999999999999999d|1"},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(DKFormatNarrow(c.format, 1, 2, 3), c.expected) << c.format;
-    EXPECT_EQ(WideOf(c.format, 1, 2, 3), Widen(c.expected)) << c.format;
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/format-malformed.txt", 2)) {
+    SCOPED_TRACE(c.where);
+    ExpectText(c[0], c[1], 1, 2, 3);
   }
   EXPECT_EQ(DKFormatNarrow(nullptr), "");
   EXPECT_TRUE(DKFormatString(nullptr).IsEmpty());

@@ -3,12 +3,14 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseBlocks.h"
 #include "support/DKPoolLeakCheck.h"
 
 #include <initializer_list>
 #include <iomanip>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -98,58 +100,39 @@ DKString FromCodePoint(char32_t cp) {
   return s;
 }
 
+// The oracle's decoding of well-formed UTF-8 in UTF-16 units; a malformed text throws.
+DKString OracleUnits(const std::string& utf8) {
+  const std::optional<std::u32string> decoded = OracleDecode(utf8);
+  if (!decoded)
+    throw std::runtime_error("not well-formed UTF-8: " + utf8);
+  DKString units;
+  for (char32_t cp : *decoded)
+    units.Append(FromCodePoint(cp));
+  return units;
+}
+
 // ---------------------------------------------------------------------------------------------
 // UTF-8 decoding and encoding
 
 using DKUtf8Test = DKPoolLeakCheckedTest;
 
-struct Utf8Case {
-  const char* name;
-  std::string bytes;
-  std::size_t badOffset;  // npos when valid
-  DKString lenient;       // the lenient decoding
-};
-
-// How many replacement characters stand for each invalid sequence (the maximal subparts), and
-// where the strict error points. That strict decoding fails exactly where the lenient one first
-// replaces is the UTF-8 fuzz target's property, replayed under CTest over seeds of each kind of
-// bad sequence.
+// The texts of cases/utf8-decoding.txt.
 TEST_F(DKUtf8Test, DecodesValidAndRejectsMalformedSequences) {
-  constexpr std::size_t ok = DKString::npos;
-  const Utf8Case cases[] = {
-      {"ascii", "plain text", ok, DKString(DK_T("plain text"))},
-      {"U+1F600", Bytes({0xF0, 0x9F, 0x98, 0x80}), ok, Units({0xD83D, 0xDE00})},
-      {"overlong 2", Bytes({0xC0, 0x80}), 0, Units({FFFD, FFFD})},
-      {"overlong 3", Bytes({0xE0, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
-      {"surrogate D800", Bytes({0xED, 0xA0, 0x80}), 0, Units({FFFD, FFFD, FFFD})},
-      {"above U+10FFFF", Bytes({0xF4, 0x90, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
-      {"lead F5", Bytes({0xF5, 0x80, 0x80, 0x80}), 0, Units({FFFD, FFFD, FFFD, FFFD})},
-      {"stray continuation", Bytes({'a', 0x80, 'b'}), 1, Units({'a', FFFD, 'b'})},
-      {"continuation after pair", Bytes({0xC3, 0xA9, 0xA9}), 2, Units({0xE9, FFFD})},
-      {"truncated before ascii", Bytes({0xE2, 0x82, 'x'}), 0, Units({FFFD, 'x'})},
-      {"lead before lead", Bytes({0xC3, 0xC3, 0xA9}), 0, Units({FFFD, 0xE9})},
-      // A sequence cut by the end of the text is one replacement, however much of it is there.
-      {"cut 2 of 4 at end", Bytes({'a', 'b', 0xF0, 0x9F}), 2, Units({'a', 'b', FFFD})},
-      {"cut 3 of 4 at end", Bytes({'a', 'b', 0xF4, 0x8F, 0xBF}), 2, Units({'a', 'b', FFFD})},
-      // The example of the Unicode Standard for the substitution of maximal subparts.
-      {"maximal subparts", Bytes({0x61, 0xF1, 0x80, 0x80, 0xE1, 0x80, 0xC2, 0x62, 0x80, 0x63, 0x80, 0xBF, 0x64}), 1,
-       Units({0x61, FFFD, FFFD, FFFD, 0x62, FFFD, 0x63, FFFD, FFFD, 0x64})},
-      {"invalid after long ascii run", std::string(37, 'q') + Bytes({0xFF}) + "tail", 37,
-       DKString(DKStdString(37, DK_T('q')).c_str()) + FFFD + DK_T("tail")},
-  };
   const auto strict = Utf8(), lenient = Utf8(Policy::Replace);
-  for (const Utf8Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const dkcases::Case& c : dkcases::Read("utf8-decoding.txt", {"bytes", "bad", "lenient"})) {
+    SCOPED_TRACE(c.where);
+    const std::string bytes = dkcases::Bytes(c.Get("bytes"));
+    const DKString expected = OracleUnits(dkcases::Bytes(c.Get("lenient")));
     DKString strictOut(DK_T("kept")), lenientOut;
-    const DKErrorID strictResult = strict->ToUnicode(c.bytes.data(), c.bytes.size(), strictOut);
-    EXPECT_TRUE(lenient->ToUnicode(c.bytes.data(), c.bytes.size(), lenientOut).Good());
-    EXPECT_EQ(lenientOut, c.lenient);
-    if (c.badOffset == DKString::npos) {
+    const DKErrorID strictResult = strict->ToUnicode(bytes.data(), bytes.size(), strictOut);
+    EXPECT_TRUE(lenient->ToUnicode(bytes.data(), bytes.size(), lenientOut).Good());
+    EXPECT_EQ(lenientOut, expected);
+    if (!c.Has("bad")) {
       EXPECT_TRUE(strictResult.Good());
-      EXPECT_EQ(strictOut, DK_T("kept") + c.lenient);
+      EXPECT_EQ(strictOut, DK_T("kept") + expected);
     } else {
       EXPECT_EQ(strictResult.GetCode(), DK_MSG_INVALID_UTF8);
-      EXPECT_EQ(Param(strictResult, 0), static_cast<long>(c.badOffset));
+      EXPECT_EQ(Param(strictResult, 0), std::stol(c.Get("bad")));
       EXPECT_EQ(strictOut, DK_T("kept"));
     }
   }
@@ -183,10 +166,7 @@ TEST_F(DKUtf8Test, AgreesWithAnIndependentDecoder) {
     const std::optional<std::u32string> expected = OracleDecode(text);
     ASSERT_EQ(decoded, expected.has_value()) << Hex(text);
     if (expected) {
-      DKString units;
-      for (char32_t cp : *expected)
-        units.Append(FromCodePoint(cp));
-      ASSERT_TRUE(out == units) << Hex(text);
+      ASSERT_TRUE(out == OracleUnits(text)) << Hex(text);
       ++valid;
     }
   }

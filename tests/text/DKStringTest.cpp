@@ -41,15 +41,14 @@ TEST_F(DKStringTest, EmptyStringsShareTheStaticBlockAndAllocateNothing) {
   EXPECT_EQ(DKString::GetEmptyData()->references.load(), 1);
 }
 
-TEST_F(DKStringTest, ConstructionForms) {
+TEST_F(DKStringTest, ConstructionCopiesMovesAndHash) {
   EXPECT_EQ(DKString(DK_T("hello"), 3), S(DK_T("hel")));
   EXPECT_EQ(DKString(DK_T("hello"), 0), S(DK_T("hello")));
   EXPECT_EQ(DKString(DK_T('a'), 4), S(DK_T("aaaa")));
   EXPECT_EQ(DKString(DKStdString(DK_T("ab\0cd"), 5)), S(DK_T("ab"))); // up to the first 0
   EXPECT_EQ(S(DK_T("round")).AsStdString(), DKStdString(DK_T("round")));
-}
 
-TEST_F(DKStringTest, CopiesShareTheBlockAndAMoveEmptiesTheSource) {
+  // Copies share the block; a move empties the source.
   DKString a(DK_T("shared text")), b(a), c;
   c = a;
   EXPECT_EQ(a.GetData(), b.GetData());
@@ -57,6 +56,11 @@ TEST_F(DKStringTest, CopiesShareTheBlockAndAMoveEmptiesTheSource) {
   DKString moved(std::move(b));
   EXPECT_EQ(moved.GetData(), a.GetData());
   EXPECT_TRUE(IsEmptyBlock(b)); // NOLINT(bugprone-use-after-move): moved-from is empty
+
+  // The hash follows equality.
+  std::hash<DKString> h;
+  EXPECT_EQ(h(S(DK_T("key"))), h(DKString(DK_T("key one"), 3)));
+  EXPECT_NE(h(S(DK_T("key"))), h(S(DK_T("kez"))));
 }
 
 // Each edit is made on a string that shares its block with a copy: the copy keeps its text, and an
@@ -287,12 +291,6 @@ TEST_F(DKStringTest, PoolCountsStayExactAsManyThreadsEnd) {
         DMMemoryPool::Delete(block);
   }
   EXPECT_EQ(DMMemoryPool::GetTotalBlocks() - totalBefore, taken);
-}
-
-TEST_F(DKStringTest, HashFollowsEquality) {
-  std::hash<DKString> h;
-  EXPECT_EQ(h(S(DK_T("key"))), h(DKString(DK_T("key one"), 3)));
-  EXPECT_NE(h(S(DK_T("key"))), h(S(DK_T("kez"))));
 }
 
 } // namespace
