@@ -346,16 +346,6 @@ TEST(DKCommandLineArgument, ValuesAndOrdering) {
 // ---------------------------------------------------------------------------------------------
 // DKUsageInfo
 
-DKStdString Pad(const DKStdString& text, std::size_t width) {
-  return text.size() >= width ? text : text + DKStdString(width - text.size(), DK_T(' '));
-}
-// The three kinds of layout line, built independently of the library's formatting.
-DKString OptionLine(const DKStdString& name, const DKStdString& chunk) {
-  return DKString(DK_T("   /") + Pad(name, 20) + DK_T(" ") + Pad(chunk, 54));
-}
-DKString NameLine(const DKStdString& name) { return DKString(DK_T("   /") + name); }
-DKString ContinuationLine(const DKStdString& chunk) { return DKString(DKStdString(25, DK_T(' ')) + Pad(chunk, 54)); }
-
 Lines Layout(const DKString& name, const DKString& description) {
   DKUsageInfo info;
   info.AddCmdLineArgDesc(name, description, false);
@@ -387,34 +377,14 @@ TEST(DKUsageInfo, EntriesKeepTheirOrderAndFlag) {
   EXPECT_TRUE(flag);
 }
 
+// The entries of cases/usage-layout.txt.
 TEST(DKUsageLayout, NameWidthAndBreaks) {
-  const DKStdString name20(20, DK_T('n')), name21(21, DK_T('n')), word54(54, DK_T('w')), word60(60, DK_T('x')), a50(50, DK_T('a'));
-  struct Case {
-    const char* what;
-    DKStdString name;
-    DKStdString description;
+  for (const dkcases::Case& c : dkcases::Read("usage-layout.txt", {"name", "description", "line"})) {
     Lines expected;
-  };
-  const Case cases[] = {
-      {"short", DK_T("help"), DK_T("Shows this text"), {OptionLine(DK_T("help"), DK_T("Shows this text"))}},
-      {"name of 20 shares the line", name20, DK_T("d"), {OptionLine(name20, DK_T("d"))}},
-      {"name of 21 has its own line", name21, DK_T("d"), {NameLine(name21), ContinuationLine(DK_T("d"))}},
-      {"empty description", DK_T("x"), DK_T(""), {OptionLine(DK_T("x"), DK_T(""))}},
-      {"long name, empty description", name21, DK_T(""), {NameLine(name21)}},
-      {"exactly 54 is one chunk", DK_T("x"), word54, {OptionLine(DK_T("x"), word54)}},
-      {"a blank at 54 closes a full chunk", DK_T("x"), word54 + DK_T(" tail"),
-       {OptionLine(DK_T("x"), word54), ContinuationLine(DK_T("tail"))}},
-      {"the last blank within 54 breaks", DK_T("x"), a50 + DK_T(" bb cc"),
-       {OptionLine(DK_T("x"), a50 + DK_T(" bb")), ContinuationLine(DK_T("cc"))}},
-      {"a word longer than 54 is cut", DK_T("x"), word60 + DK_T(" end"),
-       {OptionLine(DK_T("x"), DKStdString(54, DK_T('x'))), ContinuationLine(DK_T("xxxxxx end"))}},
-      {"a cut never splits a surrogate pair", DK_T("x"), DKStdString(53, DK_T('a')) + DK_T("\U0001D11Ebc"),
-       {OptionLine(DK_T("x"), DKStdString(53, DK_T('a'))), ContinuationLine(DK_T("\U0001D11Ebc"))}},
-      {"long name, long description", name21, DK_T("one ") + word54,
-       {NameLine(name21), ContinuationLine(DK_T("one")), ContinuationLine(word54)}},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(Layout(DKString(c.name), DKString(c.description)), c.expected) << c.what;
+    for (const std::string& line : c.All("line"))
+      expected.push_back(dkcases::Units(line));
+    EXPECT_EQ(Layout(dkcases::Units(c.Get("name")), dkcases::Units(c.Get("description"))), expected) << c.where;
+  }
 }
 
 TEST(DKUsageLayout, EveryCharacterIsLaidOutOnce) {
@@ -443,17 +413,17 @@ TEST(DKUsageLayout, EveryCharacterIsLaidOutOnce) {
   }
 }
 
+// (How each entry is laid out: NameWidthAndBreaks.)
 TEST(DKUsageLayout, FormatUsageEndsEveryLine) {
   DKUsageInfo info;
   EXPECT_TRUE(info.FormatUsage().IsEmpty());
   info.AddCmdLineArgDesc(DK_T("a"), DK_T("first"));
-  EXPECT_EQ(info.FormatUsage(), DKString(OptionLine(DK_T("a"), DK_T("first")).AsStdString() + DK_T("\n")));
+  EXPECT_EQ(info.FormatUsage(), info.FormatOptionLines().at(0) + DK_T("\n"));
   info.SetGeneralInfo(DK_T("Plug-in X options:"));
   info.AddCmdLineArgDesc(DK_T("bbbbbbbbbbbbbbbbbbbbbbbbb"), DK_T("second"));
-  const DKStdString expected = DK_T("Plug-in X options:\n") + OptionLine(DK_T("a"), DK_T("first")).AsStdString() + DK_T("\n") +
-                               NameLine(DK_T("bbbbbbbbbbbbbbbbbbbbbbbbb")).AsStdString() + DK_T("\n") +
-                               ContinuationLine(DK_T("second")).AsStdString() + DK_T("\n");
-  EXPECT_EQ(info.FormatUsage(), DKString(expected));
+  const Lines lines = info.FormatOptionLines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(info.FormatUsage(), DK_T("Plug-in X options:\n") + lines[0] + DK_T("\n") + lines[1] + DK_T("\n") + lines[2] + DK_T("\n"));
 }
 
 } // namespace

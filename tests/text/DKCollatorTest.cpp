@@ -40,14 +40,13 @@ TEST(DKCollatorTest, ComparesFoldedUnits) {
   }
 }
 
-TEST(DKCollatorTest, EmbeddedZeroIsAnOrdinaryUnit) {
+TEST(DKCollatorTest, EmbeddedZeroIsAnOrdinaryUnitAndTerminatedFormsStopAtIt) {
   const DKStdString a(DK_T("a\0b"), 3), b(DK_T("A\0B"), 3), shorter(DK_T("a"));
   EXPECT_EQ(Compare(1, a, b), 0);
   EXPECT_GT(Compare(2, a, shorter), 0);
   EXPECT_GT(Compare(3, DKStdString(DK_T("\0"), 1), DKStdString()), 0);
-}
 
-TEST(DKCollatorTest, TerminatedAndStringForms) {
+  // The terminated and string forms.
   const DKCollator& c = Collator(3);
   EXPECT_EQ(c.Compare(static_cast<const DKChar*>(nullptr), DK_T("")), 0);
   EXPECT_LT(c.Compare(nullptr, DK_T("a")), 0);

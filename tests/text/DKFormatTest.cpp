@@ -369,7 +369,7 @@ TEST(DKFormatArgSourceTest, EngineAsksForExactlyTheTypeEachConversionNames) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
+TEST(DKFormatEntryPoints, FormatReplacesAndAppendKeepsTheTextAndEitherMayUseItsOwnText) {
   DKString s(DK_T("old text"));
   EXPECT_EQ(Wide(s.Format(DK_T("%d-%s"), 12, DK_T("ab"))), DK_T("12-ab"));
 
@@ -400,9 +400,8 @@ TEST(DKFormatEntryPoints, FormatReplacesTheTextAndMayUseItsOwnText) {
   reserved.Reserve(1000);
   reserved.Format(DK_T("%s[%s]%s[%s]"), pad.c_str(), reserved.c_str(), pad.c_str(), reserved.c_str());
   EXPECT_EQ(Wide(reserved), expected);
-}
 
-TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutput) {
+  // The append forms keep the text, and survive arguments inside the output.
   DKString out(DKStdString(600, DK_T('a')));
   AppendF(out, DK_T("|%s|%5d"), out.c_str(), 7);
   EXPECT_EQ(Wide(out), DKStdString(600, DK_T('a')) + DK_T("|") + DKStdString(600, DK_T('a')) + DK_T("|    7"));
@@ -414,9 +413,9 @@ TEST(DKFormatEntryPoints, AppendFormsKeepTheTextAndSurviveArgumentsInsideTheOutp
   narrow.shrink_to_fit();
   AppendF(narrow, "|%s", narrow.c_str());
   EXPECT_EQ(narrow, std::string(600, 'c') + "|" + std::string(600, 'c'));
-  std::string pattern(600, 'd');
-  AppendF(pattern, pattern.c_str());
-  EXPECT_EQ(pattern, std::string(1200, 'd'));
+  std::string narrowPattern(600, 'd');
+  AppendF(narrowPattern, narrowPattern.c_str());
+  EXPECT_EQ(narrowPattern, std::string(1200, 'd'));
 }
 
 // ---------------------------------------------------------------------------------------------
