@@ -8,6 +8,7 @@
 #include "support/DKTestSupport.h"
 #include "support/DKCaseBlocks.h"
 
+#include <algorithm>
 #include <atomic>
 #include <sstream>
 #include <string>
@@ -291,6 +292,54 @@ TEST_F(DKStringTest, PoolCountsStayExactAsManyThreadsEnd) {
         DMMemoryPool::Delete(block);
   }
   EXPECT_EQ(DMMemoryPool::GetTotalBlocks() - totalBefore, taken);
+}
+
+// Freed small blocks are handed out again by size: every block, new or reused, grown or shrunk,
+// holds all the bytes asked for without touching another. Each live block is filled with its
+// own byte and all are checked after every round of frees, reuses and resizes.
+TEST_F(DKStringTest, ReusedAndResizedPoolBlocksHoldTheirWholeSize) {
+  struct Block {
+    unsigned char* data;
+    std::size_t size;
+    bool sized;
+  };
+  std::vector<Block> blocks;
+  unsigned fill = 0;
+  const auto paint = [&](Block& b) { std::fill_n(b.data, b.size, static_cast<unsigned char>(++fill)); };
+  const auto intact = [&] {
+    for (const Block& b : blocks)
+      if (b.size && std::count(b.data, b.data + b.size, b.data[0]) != static_cast<std::ptrdiff_t>(b.size))
+        return false;
+    return true;
+  };
+  const auto give = [](const Block& b) { b.sized ? DMMemoryPool::DeleteSized(b.data, b.size) : DMMemoryPool::Delete(b.data); };
+  for (std::size_t size = 0; size <= 300; ++size) {
+    const bool sized = size % 2 == 0;
+    void* p = sized ? DMMemoryPool::NewSized(size) : DMMemoryPool::New(size);
+    blocks.push_back({static_cast<unsigned char*>(p), size, sized});
+    paint(blocks.back());
+  }
+  for (int round = 0; round < 4; ++round) {
+    for (std::size_t i = static_cast<std::size_t>(round) % 3; i < blocks.size(); i += 3) {
+      Block& b = blocks[i];
+      if (round % 2) { // freed, then a block of a size near it taken in its place
+        give(b);
+        b.size = (b.size * 7 + 5) % 301;
+        b.data = static_cast<unsigned char*>(b.sized ? DMMemoryPool::NewSized(b.size) : DMMemoryPool::New(b.size));
+      } else { // resized across a step: the kept part stays
+        const std::size_t size = (b.size * 5 + 17) % 301;
+        const unsigned char first = b.size ? b.data[0] : 0;
+        b.data = static_cast<unsigned char*>(b.sized ? DMMemoryPool::ResizeSized(b.data, b.size, size)
+                                                     : DMMemoryPool::Resize(b.data, size));
+        ASSERT_EQ(std::count(b.data, b.data + std::min(b.size, size), first), static_cast<std::ptrdiff_t>(std::min(b.size, size)));
+        b.size = size;
+      }
+      paint(b);
+    }
+    ASSERT_TRUE(intact()) << "round " << round;
+  }
+  for (const Block& b : blocks)
+    give(b);
 }
 
 } // namespace
