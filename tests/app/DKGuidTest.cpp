@@ -40,22 +40,19 @@ TEST(DKGuidTest, ReadsTheTextFormOrRefusesIt) {
   }
 }
 
-TEST(DKGuidTest, PrintsBracedUpperCaseAndReadsItBack) {
+TEST(DKGuidTest, PrintsBracedUpperCase) {
   EXPECT_EQ(kSample.AsUTF8(), "{6B29FC40-CA47-1067-B31D-00DD010662DA}");
   EXPECT_EQ(kSample.AsString(), DKString(DK_T("{6B29FC40-CA47-1067-B31D-00DD010662DA}")));
   std::ostringstream out;
   out << DKGuid();
   EXPECT_EQ(out.str(), "{00000000-0000-0000-0000-000000000000}");
-  for (int i = 0; i < 100; ++i) {
-    const DKGuid guid = DKGuid::NewGuid();
-    EXPECT_EQ(DKGuid::FromString(guid.AsString()), guid);
-  }
 }
 
-TEST(DKGuidTest, NewGuidsAreVersion4AndDistinct) {
+TEST(DKGuidTest, NewGuidsAreVersion4DistinctAndReadBackFromTheirText) {
   std::unordered_set<DKGuid> seen;
   for (int i = 0; i < 1000; ++i) {
     const DKGuid guid = DKGuid::NewGuid();
+    EXPECT_EQ(DKGuid::FromString(guid.AsString()), guid);
     EXPECT_EQ(guid.Data3() >> 12, 4);
     EXPECT_EQ(guid.Data4()[0] & 0xC0, 0x80);
     EXPECT_TRUE(seen.insert(guid).second);

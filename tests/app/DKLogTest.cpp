@@ -134,13 +134,6 @@ TEST_F(DKLogManagerTest, FileSubscriberAppendsAndFlushesEveryPieceOrIsRefused) {
   EXPECT_FALSE(m_logs.Subscribe(m_channel, DKSmartPtr<DKLogSubscriberI>(), 1));
 }
 
-TEST_F(DKLogManagerTest, ConsoleSubscriberWritesToTheLockedConsole) {
-  ConsoleCapture console;
-  ASSERT_TRUE(m_logs.Subscribe(m_channel, new DKConsoleLogSubscriber, 1));
-  DKLogStream(m_channel) << "to the console" << std::endl;
-  EXPECT_EQ(console.Text(), "to the console\n");
-}
-
 TEST(DKErrorLogTest, AppendsLinesToTheNamedFile) {
   ScratchDir dir;
   DKLogManager& logs = DKLogManager::Get();

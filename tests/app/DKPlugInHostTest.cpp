@@ -50,11 +50,15 @@ std::vector<std::string> HostCommand(const std::vector<std::string>& arguments,
   return command;
 }
 
+HostRun Finished(Child& host) {
+  const int exitCode = host.Finish();
+  return {exitCode, host.Lines(), host.Output()};
+}
+
 HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory,
                 const std::string& program = DK_TEST_HOST_PATH) {
   Child host(HostCommand(arguments, program), workingDirectory);
-  const int exitCode = host.Finish();
-  return {exitCode, host.Lines(), host.Output()};
+  return Finished(host);
 }
 
 // A list file naming the modules of the given kinds by their full paths.
@@ -83,11 +87,6 @@ const std::string kExecutableExtension;
 
 const std::string kQuit = ">>>> Quit signal received. Requesting exit to all plug-ins...";
 const std::string kExit = "Exiting application...";
-
-HostRun Finished(Child& host) {
-  const int exitCode = host.Finish();
-  return {exitCode, host.Lines(), host.Output()};
-}
 
 // Runs the cases of tests/app/cases/<file> (the format is told at the top of host_runs.txt)
 // with the program: each expected line is there exactly once (in the given order when

@@ -180,16 +180,6 @@ TEST_F(DKPlugInTest, EachClassAnswersForItsInterfacesAndItsBases) {
   EXPECT_EQ(DKQueryInterface<DKRunPlugIn>(nullptr).Get(), nullptr);
 }
 
-TEST_F(DKPlugInTest, PlugInIsCountedAndDeletesItselfAtZero) {
-  auto* probe = new Probe("Counted", 1);
-  EXPECT_EQ(probe->AddRef(), 1u);
-  EXPECT_EQ(probe->AddRef(), 2u);
-  EXPECT_EQ(probe->Release(), 1u);
-  EXPECT_TRUE(Journal().empty());
-  EXPECT_EQ(probe->Release(), 0u);
-  EXPECT_EQ(Journal(), std::vector<std::string>{"Gone Counted"});
-}
-
 TEST_F(DKPlugInTest, HierarchyPutsDependenciesFirstAndDescribesCycles) {
   TestApp app;
   const auto make = [](const char* name, std::uint8_t id, std::vector<std::uint8_t> deps) {

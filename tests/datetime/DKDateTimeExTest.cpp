@@ -204,58 +204,28 @@ TEST(TimeZoneTest, TheEndsOfTheRangeStopInsteadOfWrapping) {
   }
 }
 
-struct WallCase {
-  const char* zone;
-  int year;
-  unsigned month, day, hour, minute;
-  DKDateTimeEx utc;
-};
-
 // Readings in the hour skipped when daylight saving starts move forward by the gap; readings
-// in the hour repeated when it ends take the earlier instant.
+// in the hour repeated when it ends take the earlier instant (tests/datetime/cases/wall_readings.txt).
 TEST(TimeZoneTest, WallClockReadingsAroundChanges) {
-  const WallCase cases[] = {
-      {paris, 2021, 3, 28, 1, 30, Utc(2021, 3, 28, 0, 30)},   {paris, 2021, 3, 28, 2, 30, Utc(2021, 3, 28, 1, 30)},
-      {paris, 2021, 3, 28, 3, 30, Utc(2021, 3, 28, 1, 30)},   {paris, 2021, 10, 31, 2, 30, Utc(2021, 10, 31, 0, 30)},
-      {paris, 2021, 10, 31, 3, 30, Utc(2021, 10, 31, 2, 30)}, {newYork, 2021, 3, 14, 2, 30, Utc(2021, 3, 14, 7, 30)},
-      {newYork, 2021, 11, 7, 1, 30, Utc(2021, 11, 7, 5, 30)}, {newYork, 2021, 11, 7, 2, 30, Utc(2021, 11, 7, 7, 30)},
-  };
-  for (const WallCase& c : cases) {
-    DK_IN_ZONE(c.zone);
-    SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.month << '-' << c.day << ' ' << c.hour << ':' << c.minute);
-    EXPECT_EQ(DKDateTimeEx(c.year, c.month, c.day, c.hour, c.minute), c.utc);
+  for (const auto& c : Cases("wall_readings.txt", 3)) {
+    DK_IN_ZONE(ZoneOf(c, 0));
+    EXPECT_EQ(LocalReading(ValueOf(c, 1)), ValueOf(c, 2)) << c.where;
   }
 }
 
 // ---- Arithmetic --------------------------------------------------------------------------------
 
+// Calendar units keep the local clock reading, clock units the elapsed time
+// (tests/datetime/cases/calendar_steps.txt).
 TEST(DateTimeExArithmeticTest, CalendarUnitsKeepTheClockAcrossDaylightSaving) {
-  struct Case {
-    const char* zone;
-    int year;
-    unsigned month, day, hour;
-    DKDurationEx by;
-    const DKChar* local;
-    long hoursElapsed;
-  };
-  const Case cases[] = {
-      {paris, 2021, 3, 27, 12, {1, U::Day}, DK_T("2021/03/28 12:00:00"), 23},
-      {paris, 2021, 3, 27, 12, {24, U::Hour}, DK_T("2021/03/28 13:00:00"), 24},
-      {paris, 2021, 10, 30, 12, {1, U::Day}, DK_T("2021/10/31 12:00:00"), 25},
-      {paris, 2021, 2, 28, 12, {1, U::Month}, DK_T("2021/03/28 12:00:00"), 28 * 24 - 1},
-      {paris, 2021, 3, 21, 12, {1, U::Week}, DK_T("2021/03/28 12:00:00"), 7 * 24 - 1},
-      {newYork, 2021, 11, 6, 12, {1, U::Day}, DK_T("2021/11/07 12:00:00"), 25},
-      {newYork, 2021, 11, 6, 12, {24, U::Hour}, DK_T("2021/11/07 11:00:00"), 24},
-      {newYork, 2020, 11, 1, 12, {-1, U::Year}, DK_T("2019/11/01 12:00:00"), -(366 * 24 + 1)},
-  };
-  for (const Case& c : cases) {
-    DK_IN_ZONE(c.zone);
-    SCOPED_TRACE(testing::Message() << c.zone << ' ' << c.by.AsString(true).AsUTF8());
-    const DKDateTimeEx from(c.year, c.month, c.day, c.hour);
-    const DKDateTimeEx to = from + c.by;
-    EXPECT_EQ(to.AsString(), c.local);
-    EXPECT_EQ((to - from).AsMilliSeconds(), c.hoursElapsed * 3600000LL);
-    EXPECT_EQ(to - c.by, from);
+  for (const auto& c : Cases("calendar_steps.txt", 5)) {
+    DK_IN_ZONE(ZoneOf(c, 0));
+    SCOPED_TRACE(c.where);
+    const DKDateTimeEx from = LocalReading(ValueOf(c, 1));
+    const DKDateTimeEx to = from + DurationOf(c, 2);
+    EXPECT_EQ(to.AsString(), Text(c[3]));
+    EXPECT_EQ((to - from).AsMilliSeconds(), c.Int(4) * 3600000LL);
+    EXPECT_EQ(to - DurationOf(c, 2), from);
   }
 }
 
@@ -276,30 +246,19 @@ TEST(DateTimeExArithmeticTest, ClockUnitsMoveTheInstantAndCarryDays) {
   EXPECT_EQ(--d, DKDateTimeEx(DKDateEx(2020, 12, 31)));
 }
 
+// tests/datetime/cases/datetime_range_ends.txt: each step throws with the bound it passes.
 TEST(DateTimeExArithmeticTest, LeavingTheRangeThrowsWithTheBound) {
   DK_IN_ZONE(newYork);
-  const struct {
-    DKDateTimeEx from;
-    DKDurationEx by;
-    DKDateTimeEx bound;
-  } cases[] = {
-      {DKDateTimeEx::maximum, {1, U::Millisecond}, DKDateTimeEx::maximum},
-      {DKDateTimeEx::minimum, {-1, U::Second}, DKDateTimeEx::minimum},
-      {DKDateTimeEx::minimum, {-1, U::Year}, DKDateTimeEx::minimum},
-      {Utc(2000, 1, 1, 12), {2147483647L, U::Year}, DKDateTimeEx::maximum},
-      {Utc(2000, 1, 1, 12), {-2147483647L, U::Month}, DKDateTimeEx::minimum},
-      {DKDateTimeEx(DKDateEx::maximum), {1, U::Day}, DKDateTimeEx::maximum},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.by.AsString(true).AsUTF8());
-    DKDateTimeEx v = c.from;
+  for (const auto& c : Cases("datetime_range_ends.txt", 3)) {
+    SCOPED_TRACE(c.where);
+    DKDateTimeEx v = ValueOf(c, 0);
     try {
-      v += c.by;
+      v += DurationOf(c, 1);
       ADD_FAILURE() << "no exception";
     } catch (const DKDateExceptionEx& e) {
-      EXPECT_EQ(e.dateTime(), c.bound);
+      EXPECT_EQ(e.dateTime(), ValueOf(c, 2));
     }
-    EXPECT_EQ(v, c.from);
+    EXPECT_EQ(v, ValueOf(c, 0));
   }
   // Near the ends, a local breakdown that passes the last year still comes back into range.
   EXPECT_EQ(DKDateTimeEx::maximum - DKDurationEx(1, U::Day) + DKDurationEx(1, U::Day), DKDateTimeEx::maximum);
@@ -350,27 +309,16 @@ TEST(DateTimeExTextTest, Codes) {
 }
 
 // Writing stops once size - 5 characters are written; a code is never cut, the text is always
-// terminated and nothing is written past the buffer.
+// terminated and nothing is written past the buffer (tests/datetime/cases/datetime_buffers.txt).
 TEST(DateTimeExTextTest, BufferRule) {
-  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
-  const struct {
-    DKDateTimeEx value;
-    const DKChar* format;
-    unsigned size;
-    const DKChar* text;
-  } cases[] = {
-      {date, DK_T("%Y/%m/%d"), 1, DK_T("")},          {date, DK_T("%Y/%m/%d"), 5, DK_T("")},
-      {date, DK_T("%Y/%m/%d"), 6, DK_T("2020")},      {date, DK_T("%Y/%m/%d"), 10, DK_T("2020/")},
-      {date, DK_T("%Y/%m/%d"), 15, DK_T("2020/01/05")}, {Utc(-4194303, 1, 1), DK_T("a%Y"), 9, DK_T("a")},
-      {Utc(-4194303, 1, 1), DK_T("%Y"), 9, DK_T("-4194303")}, {Utc(-4194303, 1, 1), DK_T("%Y%Y"), 12, DK_T("-4194303")},
-      {Utc(2021, 7, 1, 12), DK_T("ab%z"), 7, DK_T("ab")}, {Utc(2021, 7, 1, 12), DK_T("ab%z"), 8, DK_T("abZ")},
-  };
-  for (const auto& c : cases) {
-    std::vector<DKChar> buffer(c.size + 1, DK_T('#'));
-    EXPECT_TRUE(c.value.AsString(buffer.data(), c.size, c.format, DKTimeZone::UTC).Good());
-    EXPECT_EQ(DKString(buffer.data()), c.text) << DKString(c.format).AsUTF8() << " in " << c.size;
-    EXPECT_EQ(buffer[c.size], DK_T('#')) << "written past the buffer";
+  for (const auto& c : Cases("datetime_buffers.txt", 4)) {
+    const unsigned size = static_cast<unsigned>(c.Int(2));
+    std::vector<DKChar> buffer(size + 1, DK_T('#'));
+    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer.data(), size, Text(c[1]).c_str(), DKTimeZone::UTC).Good());
+    EXPECT_EQ(DKString(buffer.data()), Text(c[3])) << c.where;
+    EXPECT_EQ(buffer[size], DK_T('#')) << c.where << ": written past the buffer";
   }
+  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
   DKChar untouched = DK_T('#');
   EXPECT_TRUE(date.AsString(&untouched, 0, DK_T("%Y")).Good());
   EXPECT_EQ(untouched, DK_T('#'));

@@ -62,13 +62,15 @@ TEST(DurationExTest, ConversionTable) {
       } else if (table[from][to] > 0) {
         EXPECT_TRUE(ok);
         EXPECT_EQ(d, DKDurationEx(table[from][to], U(to)));
-      } else { // 1 of a finer unit truncates to 0, or rounds up to 1
+      } else { // 1 of a finer unit truncates to 0, or rounds up to 1; -1 is never rounded
         const long factor = table[to][from];
         EXPECT_EQ(ok, factor != 0);
         if (factor != 0) {
           EXPECT_EQ(d, DKDurationEx(0, U(to)));
           EXPECT_EQ(DKDurationEx(1, U(from)).As(U(to)), DKDurationEx(1, U(to)));
-          EXPECT_EQ(DKDurationEx(factor * 3, U(from)).As(U(to)), DKDurationEx(3, U(to)));
+          EXPECT_EQ(DKDurationEx(-1, U(from)).As(U(to)), DKDurationEx(0, U(to)));
+          EXPECT_EQ(DKDurationEx(factor * 3 + 1, U(from)).As(U(to)), DKDurationEx(4, U(to)));
+          EXPECT_EQ(DKDurationEx(-factor * 3 - 1, U(from)).As(U(to)), DKDurationEx(-3, U(to)));
         }
       }
     }
@@ -81,33 +83,12 @@ TEST(DurationExTest, ConversionTable) {
   EXPECT_EQ(toInvalid, DKDurationEx::invalid_);
 }
 
-TEST(DurationExTest, RoundingTowardsCoarserUnits) {
-  const struct {
-    long count;
-    bool truncate;
-    long days;
-  } cases[] = {{25, false, 2}, {25, true, 1}, {-25, false, -1}, {-25, true, -1}, {24, false, 1}, {48, false, 2}, {1, false, 1}, {-1, false, 0}};
-  for (const auto& c : cases) {
-    DKDurationEx d(c.count, U::Hour);
-    EXPECT_TRUE(d.ConvertTo(U::Day, c.truncate));
-    EXPECT_EQ(d, DKDurationEx(c.days, U::Day)) << c.count << (c.truncate ? " truncated" : " rounded");
-  }
-}
-
+// tests/datetime/cases/duration_normalize.txt: each duration normalized.
 TEST(DurationExTest, NormalizeToTheCoarsestExactUnit) {
-  const struct {
-    DKDurationEx in;
-    DKDurationEx out;
-  } cases[] = {
-      {{48, U::Hour}, {2, U::Day}},          {{14, U::Day}, {2, U::Week}},        {{60, U::Day}, {2, U::Month}},
-      {{730, U::Day}, {2, U::Year}},         {{25, U::Hour}, {25, U::Hour}},      {{0, U::Hour}, {0, U::Hour}},
-      {{86400000, U::Millisecond}, {1, U::Day}}, {{90, U::Second}, {90, U::Second}}, {{-120, U::Minute}, {-2, U::Hour}},
-      {{28, U::Day}, {4, U::Week}},
-  };
-  for (const auto& c : cases) {
-    DKDurationEx d = c.in;
+  for (const auto& c : Cases("duration_normalize.txt", 2)) {
+    DKDurationEx d = DurationOf(c, 0);
     d.Normalize();
-    EXPECT_EQ(d, c.out) << c.in.AsString().AsUTF8();
+    EXPECT_EQ(d, DurationOf(c, 1)) << c.where;
   }
 }
 
@@ -181,8 +162,9 @@ TEST(DurationExTest, TheNeverHeldCountIsRefusedByEveryCalculation) {
   }
 }
 
-// The forms of tests/datetime/cases/duration_forms.txt and duration_readable_forms.txt.
-TEST(DurationExTest, WritesShortLongAndReadableForms) {
+// The forms of tests/datetime/cases/duration_forms.txt, duration_readable_forms.txt and
+// duration_elapsed.txt.
+TEST(DurationExTest, WritesShortLongReadableAndElapsedForms) {
   for (const auto& c : Cases("duration_forms.txt", 3)) {
     SCOPED_TRACE(c.where);
     EXPECT_EQ(DurationOf(c, 0).AsString(false), Text(c[1]));
@@ -193,15 +175,8 @@ TEST(DurationExTest, WritesShortLongAndReadableForms) {
     EXPECT_EQ(DurationOf(c, 0).AsReadableString(), Text(c[1]));
     EXPECT_EQ(DurationOf(c, 0).AsReadableString(false), Text(c[2]));
   }
-}
-
-TEST(DurationExTest, ElapsedTime) {
-  EXPECT_EQ(DKDurationEx(0, U::Hour).AsElapsedString(), DK_T("0:00:00.000"));
-  EXPECT_EQ(DKDurationEx(183845006, U::Millisecond).AsElapsedString(), DK_T("2 days, 3:04:05.006"));
-  EXPECT_EQ(DKDurationEx(-1500, U::Millisecond).AsElapsedString(), DK_T("-0:00:01.500"));
-  EXPECT_EQ(DKDurationEx(-25, U::Hour).AsElapsedString(), DK_T("-1 days, 1:00:00.000"));
-  EXPECT_EQ(DKDurationEx(1, U::Year).AsElapsedString(), DK_T("365 days, 0:00:00.000"));
-  EXPECT_EQ(DKDurationEx::invalid_.AsElapsedString(), DK_T("0:00:00.000"));
+  for (const auto& c : Cases("duration_elapsed.txt", 2))
+    EXPECT_EQ(DurationOf(c, 0).AsElapsedString(), Text(c[1])) << c.where;
 }
 
 TEST(DurationExTest, ReadsUnitWords) {
@@ -250,32 +225,9 @@ TEST(DurationExReadableTest, ReadsPartsIntoTheFinestUnitOrRefuses) {
   }
 }
 
-TEST(DurationExChronoTest, ToChrono) {
-  using namespace std::chrono;
-  const struct {
-    DKDurationEx value;
-    bool ok;
-    milliseconds amount;
-  } cases[] = {
-      {{36, U::Hour}, true, hours{36}},
-      {{-2, U::Week}, true, -weeks{2}},
-      {{2147483647L, U::Week}, true, weeks{2147483647L}},
-      {{-2147483647L, U::Millisecond}, true, milliseconds{-2147483647L}},
-      {{0, U::Second}, true, milliseconds{0}},
-      {{1, U::Year}, false, milliseconds{7}},
-      {{1, U::Month}, false, milliseconds{7}},
-      {DKDurationEx::invalid_, false, milliseconds{7}},
-  };
-  for (const auto& c : cases) {
-    milliseconds amount{7};
-    EXPECT_EQ(c.value.AsChrono(amount), c.ok) << c.value.AsString(true).AsUTF8();
-    EXPECT_EQ(amount, c.amount) << c.value.AsString(true).AsUTF8();
-  }
-}
-
 // From std::chrono: the coarsest exact unit from week down, or false when no unit's count
-// holds the amount; checked against the unit lengths that std::chrono gives.
-TEST(DurationExChronoTest, FromChronoTakesTheCoarsestExactUnit) {
+// holds the amount; checked against the unit lengths that std::chrono gives, and back.
+TEST(DurationExChronoTest, FromChronoTakesTheCoarsestExactUnitAndGoesBack) {
   using namespace std::chrono;
   const milliseconds lengths[] = {weeks{1}, days{1}, hours{1}, minutes{1}, seconds{1}, milliseconds{1}};
   std::mt19937_64 random(99);
@@ -313,6 +265,12 @@ TEST(DurationExChronoTest, FromChronoTakesTheCoarsestExactUnit) {
   DKDurationEx d;
   EXPECT_FALSE(d.FromChrono(milliseconds::min()));
   EXPECT_FALSE(d.FromChrono(milliseconds::max()));
+  // Years, months and the invalid unit have no fixed length: no amount, and the target is kept.
+  for (const DKDurationEx& noLength : {DKDurationEx(1, U::Year), DKDurationEx(1, U::Month), DKDurationEx::invalid_}) {
+    milliseconds amount{7};
+    EXPECT_FALSE(noLength.AsChrono(amount));
+    EXPECT_EQ(amount, milliseconds{7});
+  }
 }
 
 } // namespace

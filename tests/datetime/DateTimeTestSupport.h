@@ -79,6 +79,20 @@ inline DKDateTimeEx ValueOf(const dktest::CaseLine& c, std::size_t field) {
   throw std::runtime_error(c.where + ": not a value: " + text);
 }
 
+// A zone of a case file by its name: "paris", "newYork".
+inline const char* ZoneOf(const dktest::CaseLine& c, std::size_t field) {
+  if (c[field] != "paris" && c[field] != "newYork")
+    throw std::runtime_error(c.where + ": not a zone: " + c[field]);
+  return c[field] == "paris" ? parisRule : newYorkRule;
+}
+
+// The reading that a value's UTC fields spell, taken as a wall-clock reading in the local zone.
+inline DKDateTimeEx LocalReading(const DKDateTimeEx& fields) {
+  const DKDateEx d = fields.GetDate();
+  const DKTimeEx t = fields.GetTime();
+  return DKDateTimeEx(d.GetYear(), d.GetMonth(), d.GetDay(), t.GetHour(), t.GetMinute(), t.GetSecond(), t.GetMillisecond());
+}
+
 // A unit by its short name ("y", "mo", "w", "d", "h", "m", "s", "ms", "invalid").
 inline DKDurationEx::Unit UnitOf(const dktest::CaseLine& c, std::size_t field) {
   using U = DKDurationEx::Unit;
