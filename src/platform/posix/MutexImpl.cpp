@@ -285,10 +285,11 @@ void DKMutexImpl::Close() noexcept {
   delete self;
 }
 
-DKWaitStatus DKMutexImpl::Lock(int timeoutMs, int& error) noexcept {
-  if (!Self(this)->segment)
-    return LockLocal(&Self(this)->local, timeoutMs);
-  MutexState* state = Self(this)->state;
+namespace {
+
+// A named mutex's lock and unlock, kept out of line so that the unnamed mutex's fast path
+// takes no stack frame of theirs.
+[[gnu::noinline]] DKWaitStatus LockNamed(MutexState* state, int timeoutMs, int& error) noexcept {
   pthread_mutex_t* mutex = &state->mutex;
   int rc;
   if (timeoutMs < 0)
@@ -315,13 +316,24 @@ DKWaitStatus DKMutexImpl::Lock(int timeoutMs, int& error) noexcept {
   }
 }
 
-int DKMutexImpl::Unlock() noexcept {
-  if (!Self(this)->segment)
-    return UnlockLocal(&Self(this)->local);
-  MutexState* state = Self(this)->state;
+[[gnu::noinline]] int UnlockNamed(MutexState* state) noexcept {
   if (state->owner.load(std::memory_order_relaxed) != CurrentOwnerId())
     return EPERM;
   if (--state->depth == 0)
     state->owner.store(0, std::memory_order_relaxed);
   return pthread_mutex_unlock(&state->mutex);
+}
+
+} // namespace
+
+DKWaitStatus DKMutexImpl::Lock(int timeoutMs, int& error) noexcept {
+  if (!Self(this)->segment) [[likely]]
+    return LockLocal(&Self(this)->local, timeoutMs);
+  return LockNamed(Self(this)->state, timeoutMs, error);
+}
+
+int DKMutexImpl::Unlock() noexcept {
+  if (!Self(this)->segment) [[likely]]
+    return UnlockLocal(&Self(this)->local);
+  return UnlockNamed(Self(this)->state);
 }
