@@ -44,21 +44,26 @@ protected:
   ScratchFolder m_folder;
 };
 
+// A null format writes the prefix alone (no line end), and a null source is named.
 TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
   const std::string before = LocalStamp(std::chrono::system_clock::now());
   // Arguments are typed: a DKString prints with %s, and 0 and nullptr are arguments.
   DKTrace::Msg(TL_NORMAL, TS_SO, "Socket", "errCode=%d, errMess=%S, peer=%s, retries=%d, proxy=%s\n", 10054,
                DK_T("connexion r\u00e9initialis\u00e9e"), DKString(DK_T("h\u00f4te")), 0, nullptr);
   const std::string after = LocalStamp(std::chrono::system_clock::now());
+  DKTrace::Msg(TL_NORMAL, TS_SO, "first", nullptr);
+  DKTrace::Msg(TL_NORMAL, TS_SO, nullptr, "second\n");
   const Texts lines = Lines();
-  ASSERT_EQ(lines.size(), 1u);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(Parsed(lines[1]).source, "first");
+  EXPECT_EQ(Digests({Parsed(lines[1]).text}), Texts{"(null)|1|SO|second"});
   const TraceLine line = Parsed(lines[0]);
   EXPECT_TRUE(std::regex_match(line.stamp, std::regex(R"(\d{4}-\d\d-\d\d;\d\d:\d\d:\d\d\.\d{3})"))) << line.stamp;
   EXPECT_LE(before, line.stamp.substr(0, 19));
   EXPECT_GE(after, line.stamp.substr(0, 19));
   EXPECT_EQ(line.threadId, std::to_string(dktest::CurrentThreadId()));
-  EXPECT_EQ(Digests(lines), Texts{"Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
-                                  "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
+  EXPECT_EQ(Digests({lines[0]}), Texts{"Socket|1|SO|errCode=10054, errMess=connexion r\xc3\xa9initialis\xc3\xa9"
+                                       "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
 }
 
 TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {
@@ -155,29 +160,26 @@ TEST_F(DKTraceFileTest, ChangingTheFolderReopensTheFileThereOrLosesOutputWhenItC
   EXPECT_EQ(Lines(nested).size(), 1u);
 }
 
-TEST_F(DKTraceFileTest, NullFormatWritesThePrefixAloneAndNullSourceIsNamed) {
-  DKTrace::Msg(TL_NORMAL, TS_SO, "first", nullptr);
-  DKTrace::Msg(TL_NORMAL, TS_SO, nullptr, "second\n");
-  const Texts lines = Lines();
-  ASSERT_EQ(lines.size(), 1u); // the prefix alone has no line end
-  const TraceLine first = Parsed(lines[0]);
-  EXPECT_EQ(first.source, "first");
-  EXPECT_EQ(Digests({first.text}), Texts{"(null)|1|SO|second"});
-}
-
 // ---- MsgHex ---------------------------------------------------------------------------------
 
-// The summary keeps the printable bytes only; the rows show 16 bytes each.
+// The summary keeps the printable bytes only; the rows show 16 bytes each. No bytes to read (a
+// null buffer, a length of 0 or less) writes the summary alone.
 TEST_F(DKTraceFileTest, HexDumpOf20BytesHasAFullRowAndAPaddedRow) {
   ASSERT_TRUE(DKTrace::SetTraceLevel(TL_DATA | TL_HEX));
   const unsigned char bytes[20] = {'A', 'B', 'C', 'D', 'E', 'F', 'G',  'H',  'I',  'J',
                                    'K', 'L', 'M', 'N', 'O', 'P', 0x00, 0x7F, 0x20, 0x7E};
   DKTrace::MsgHex(TL_DATA, TS_SO, "Socket", bytes, 20);
+  const std::pair<const void*, std::int32_t> unreadable[] = {
+      {nullptr, 10}, {bytes, -5}, {bytes, INT32_MIN}, {bytes, 0}, {nullptr, 0}};
+  for (const auto& [buffer, length] : unreadable)
+    DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", buffer, length);
   const Texts lines = Lines();
-  ASSERT_EQ(lines.size(), 3u);
+  ASSERT_EQ(lines.size(), 8u);
   EXPECT_EQ(Digests({lines[0]}), Texts{"Socket|4|SO|(nrbytes=20): ABCDEFGHIJKLMNOP ~"});
   EXPECT_EQ(lines[1], "  0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 ;ABCDEFGHIJKLMNOP");
   EXPECT_EQ(lines[2], "  0016: 00 7F 20 7E " + std::string(12 * 3, ' ') + ";.. ~");
+  for (std::size_t i = 0; i < std::size(unreadable); ++i)
+    EXPECT_EQ(Digests({lines[3 + i]}), Texts{"s|1|SO|(nrbytes=" + std::to_string(unreadable[i].second) + "): "});
 }
 
 TEST_F(DKTraceFileTest, HexDumpOf5000BytesKeeps4095CharactersInTheSummary) {
@@ -197,21 +199,6 @@ TEST_F(DKTraceFileTest, HexDumpOf5000BytesKeeps4095CharactersInTheSummary) {
     ASSERT_EQ(lines[1 + row].size(), row < 312 ? 73u : 65u) << lines[1 + row];
   }
   EXPECT_EQ(lines.back(), "  4992: 61 62 63 64 65 66 67 68 " + std::string(8 * 3, ' ') + ";abcdefgh");
-}
-
-TEST_F(DKTraceFileTest, HexDumpWithoutReadableBytesWritesTheSummaryOnly) {
-  ASSERT_TRUE(DKTrace::SetTraceLevel(TL_HEX));
-  const char bytes[] = "payload";
-  const struct {
-    const void* bytes;
-    std::int32_t length;
-  } cases[] = {{nullptr, 10}, {bytes, -5}, {bytes, INT32_MIN}, {bytes, 0}, {nullptr, 0}};
-  Texts expected;
-  for (const auto& c : cases) {
-    DKTrace::MsgHex(TL_NORMAL, TS_SO, "s", c.bytes, c.length);
-    expected.push_back("s|1|SO|(nrbytes=" + std::to_string(c.length) + "): ");
-  }
-  EXPECT_EQ(Digests(Lines()), expected);
 }
 
 // ---- Threads --------------------------------------------------------------------------------

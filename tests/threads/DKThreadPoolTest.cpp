@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -65,8 +64,13 @@ struct Marker {}; // thrown as a value that is no std::exception
 TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverEndsItsThread) {
   DKThreadPool pool(Options(1, 1));
   std::atomic<std::uint32_t> firstThread{0};
-  DKTaskTicket first = pool.Submit([&] { firstThread = DKThread::GetCurrentThreadID().m_threadID; });
+  DKTaskTicket first = pool.Submit([&] {
+    firstThread = DKThread::GetCurrentThreadID().m_threadID;
+    return pool.IsPoolThread() ? DKErrorID() : DKErrorID::FromText(Text("not a pool thread"));
+  });
   ASSERT_TRUE(first.Wait());
+  EXPECT_TRUE(first.GetResult().Good()) << first.GetResult().AsString();
+  EXPECT_FALSE(pool.IsPoolThread());
   const struct {
     const char* label;
     DKTaskTicket ticket;
@@ -161,21 +165,26 @@ TEST(DKThreadPoolTest, AFullQueueRefusesWithAClearErrorAndLosesNothingQueued) {
   EXPECT_EQ(late.GetResult().AsString().AsUTF8(), "test pool is shut down");
 }
 
-TEST(DKThreadPoolTest, ATaskOfThePoolNeverWaitsForRoomInItsOwnFullQueue) {
+// Neither for room in its own full queue nor for its own end in a shutdown.
+TEST(DKThreadPoolTest, ATaskOfThePoolNeverWaitsForItself) {
   DKThreadPool pool(Options(1, 1, 1));
   Gate gate;
   DKTaskTicket filler;
   DKTaskTicket inner;
+  std::atomic<int> shutDown{-1};
   DKTaskTicket outer = pool.Submit([&] {
     gate.Pass();
     inner = pool.Submit([] {}, DK_INFINITE); // the queue holds the filler: refused, not waited for
+    shutDown = pool.Shutdown(DKThreadPool::Drain) ? 1 : 0;
   });
   ASSERT_TRUE(gate.Reached(1));
   filler = pool.Submit([] {});
   gate.open.Post();
   ASSERT_TRUE(outer.Wait());
   EXPECT_EQ(inner.GetResult().GetCode(), DK_MSG_QUEUE_FULL);
-  EXPECT_TRUE(filler.Wait());
+  EXPECT_EQ(shutDown.load(), 0);
+  EXPECT_TRUE(pool.Shutdown(DKThreadPool::Drain));       // from outside it waits for the thread
+  EXPECT_EQ(filler.GetStatus(), DKTaskStatus::Finished); // queued before the shutdown: drained
 }
 
 TEST(DKThreadPoolTest, CancelTakesOnlyQueuedTasksAndReleasesTheirWaiters) {
@@ -307,25 +316,6 @@ TEST(DKThreadPoolTest, ThePoolGrowsToItsMaximumAndShrinksToItsMinimumWhenIdle) {
   EXPECT_TRUE(WaitUntil([&] { return pool.GetThreadCount() == 1; }));
   // Still serving after shrinking.
   EXPECT_TRUE(pool.Submit([] {}).Wait());
-}
-
-TEST(DKThreadPoolTest, ShutdownFromItsOwnTaskDoesNotWaitForItself) {
-  DKThreadPool pool(Options(1, 1));
-  std::atomic<int> result{-1};
-  DKTaskTicket ticket = pool.Submit([&] { result = pool.Shutdown(DKThreadPool::Drain) ? 1 : 0; });
-  ASSERT_TRUE(ticket.Wait());
-  EXPECT_EQ(result.load(), 0);
-  EXPECT_TRUE(pool.Shutdown(DKThreadPool::Drain)); // from outside it waits for the thread
-}
-
-TEST(DKThreadPoolTest, TheDefaultPoolIsSizedFromTheProcessors) {
-  DKThreadPool& pool = DKThreadPool::GetDefault();
-  EXPECT_EQ(&pool, &DKThreadPool::GetDefault());
-  EXPECT_EQ(pool.GetMaxThreads(), std::max(2u, std::thread::hardware_concurrency()));
-  EXPECT_TRUE(pool.Submit([] {}).Wait());
-  EXPECT_FALSE(pool.IsPoolThread());
-  DKTaskTicket ticket = pool.Submit([&] { return pool.IsPoolThread() ? DKErrorID() : DKErrorID::FromText(Text("no")); });
-  EXPECT_TRUE(ticket.GetResult().Good());
 }
 
 TEST(DKThreadServerTest, RequestsOfEachSenderKeepTheirOrderAndSendWaitsForTheResult) {

@@ -235,12 +235,10 @@ TEST(DKTimerTest, BadArgumentsAreRefusedAndNothingIsArmed) {
   ASSERT_TRUE(timer.Start(std::chrono::hours(1), std::chrono::hours(1)).Good());
   EXPECT_TRUE(timer.IsArmed());
   EXPECT_GT(timer.GetNextDue(), Clock::now());
-  EXPECT_EQ(timer.GetPeriod(), std::chrono::hours(1));
   EXPECT_EQ(timer.SetCallback(DKMakeCallback([] {})).GetCode(), DK_MSG_INVALID_ARGUMENT);
   EXPECT_TRUE(timer.Cancel());
   EXPECT_FALSE(timer.Cancel());
   EXPECT_TRUE(timer.SetCallback(DKMakeCallback([&] { runs += 10; }), DKTimerTarget::TimerThread).Good());
-  EXPECT_EQ(timer.GetTarget(), DKTimerTarget::TimerThread);
   ASSERT_TRUE(timer.Start(-5).Good()); // in the past: at once
   ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); }));
   EXPECT_EQ(runs.load(), 10);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <DorvikCore/DKError.h>
+#include <DorvikCore/DKException.h>
 #include <DorvikCore/DKString.h>
 
 #include "support/DKTestSupport.h"
@@ -20,6 +21,17 @@ auto OnOtherThread(F f) {
   decltype(f()) result{};
   std::thread([&] { result = f(); }).join();
   return result;
+}
+
+// The text of the DKException that f throws, or "no exception".
+template <class F>
+std::string ThrownText(F f) {
+  try {
+    f();
+  } catch (const DKException& e) {
+    return e.What().AsUTF8();
+  }
+  return "no exception";
 }
 
 // A name for a named object that no other test process uses.
