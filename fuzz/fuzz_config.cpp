@@ -4,7 +4,7 @@
 //   encoding) or throws DKConfigStreamException with one of the reader's texts; nothing else
 //   escapes;
 // - no file gets shorter on a save except by the documented normalisations: the saved text is
-//   exactly the normal form that tests/support/DKConfigNormalForm.h works out line by line from
+//   exactly the normal form that fuzz/ConfigNormalForm.h works out line by line from
 //   the README's rules (in the file's encoding; UTF-16 is compared through UTF-8);
 // - a tree that loads can be saved, and the saved bytes load again to the same tree and leading
 //   text in the same encoding; saving that tree gives the same bytes again. (Saved text that is
@@ -17,7 +17,7 @@
 #include <DorvikCore/DKException.h>
 
 #include "FuzzCheck.h"
-#include "support/DKConfigNormalForm.h"
+#include "ConfigNormalForm.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -1,6 +1,6 @@
 // What a save of a configuration file writes, worked out line by line from the rules the README
-// lists (what a save keeps and what it normalises), without the library's reader: tests and the
-// fuzzer compare the library's saves with it.
+// lists (what a save keeps and what it normalises), without the library's reader: the config
+// fuzz target compares the library's saves with it, over its corpus under CTest too.
 //
 // Input: the text of a file that loads (UTF-8, without its byte-order mark). Output: the text a
 // save writes (without the mark).
