@@ -46,9 +46,11 @@ constexpr std::size_t kLists = kSmall / kGrain; // one list per step
 constexpr std::size_t kKeptBytes = 64 * 1024;   // per thread
 
 // The size asked of malloc for a block of `bytes`: small ones are rounded up to their step, so
-// that a kept block serves any request of its step.
+// that a kept block serves any request of its step. Without kept blocks the size stays exact,
+// so that a sanitizer sees an overrun at the first byte past the request.
 constexpr std::size_t AllocationSize(std::size_t bytes) noexcept {
-  return bytes == 0 ? kGrain : bytes <= kSmall ? (bytes + kGrain - 1) & ~(kGrain - 1) : bytes;
+  const std::size_t n = bytes != 0 ? bytes : 1;
+  return kKeepBlocks && n <= kSmall ? (n + kGrain - 1) & ~(kGrain - 1) : n;
 }
 
 // A thread's freed small blocks, linked through their first bytes.
@@ -138,13 +140,7 @@ struct Shard {
 
 // The thread's own shard (found with one thread-local load), made on first use; null while the
 // thread ends or when no shard can be made.
-[[gnu::noinline]] Shard* NewThreadShard() noexcept { return dkbase::ThreadOwned<Shard>::Get(); }
-
-inline Shard* ThreadShard() noexcept {
-  if (Shard* shard = dkbase::ThreadOwned<Shard>::Current()) [[likely]]
-    return shard;
-  return NewThreadShard();
-}
+inline Shard* ThreadShard() noexcept { return dkbase::ThreadOwned<Shard>::Get(); }
 
 // The counts a thread writes: its shard's, or the retired ones without a shard.
 inline Counts& CountsOf(Shard* shard) noexcept { return shard ? shard->counts : TheRegistry().retired; }

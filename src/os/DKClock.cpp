@@ -186,10 +186,6 @@ inline std::shared_ptr<const DKTzRule> CurrentRule() noexcept {
 // standard offset applies, whatever gives the offsets.
 constexpr bool IsNear(std::int64_t seconds) noexcept { return seconds == WithinFar(seconds); }
 
-} // namespace
-
-namespace {
-
 // The local offset at an instant, under the rule in force (null: the system's zone).
 int OffsetAt(const DKTzRule* rule, std::int64_t utcSeconds, bool* daylight = nullptr) noexcept {
   Offset offset;
