@@ -325,11 +325,11 @@ TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
     {
       TestApp app;
       ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
-      EXPECT_EQ(app.LoadPlugIn(new Thrower(c[0])).Good(), c[1] == "yes");
+      EXPECT_EQ(app.LoadPlugIn(new Thrower(c[0])).Good(), c.YesNo(1));
       EXPECT_EQ(app.Run(), 1);
     }
     const auto& journal = Journal();
-    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Run Thrower"), c[2] == "yes" ? 1 : 0);
+    EXPECT_EQ(std::count(journal.begin(), journal.end(), "Run Thrower"), c.YesNo(2) ? 1 : 0);
     for (const char* entry : {"Run Good", "Unload Good", "Gone Good", "Gone Thrower"})
       EXPECT_EQ(std::count(journal.begin(), journal.end(), entry), 1) << entry;
     EXPECT_TRUE(ConsoleHas(c[3])) << Console();

@@ -68,13 +68,6 @@ int CountOf(const std::string& text, const std::string& what) {
   return n;
 }
 
-// A "yes" or "no" field of a case file; anything else throws.
-bool YesNo(const dktest::CaseLine& c, std::size_t i) {
-  if (c[i] != "yes" && c[i] != "no")
-    throw std::runtime_error(c.where + ": neither yes nor no: " + c[i]);
-  return c[i] == "yes";
-}
-
 std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
   return dktest::ReadCases(std::string(DK_TEST_CASES "/") + name, fields);
 }
@@ -86,9 +79,9 @@ TEST_F(ConditionTest, OperatorTexts) {
   for (const dktest::CaseLine& c : Cases("condition-operators.txt", 5)) {
     SCOPED_TRACE(c.where);
     DKCondition cond;
-    bool isRegEx = !YesNo(c, 3); // must be overwritten
-    EXPECT_EQ(cond.AssignOperatorFromStr(isRegEx, Text(c[0])), YesNo(c, 1));
-    EXPECT_EQ(isRegEx, YesNo(c, 3));
+    bool isRegEx = !c.YesNo(3); // must be overwritten
+    EXPECT_EQ(cond.AssignOperatorFromStr(isRegEx, Text(c[0])), c.YesNo(1));
+    EXPECT_EQ(isRegEx, c.YesNo(3));
     EXPECT_EQ(cond.GetOperatorCode(), c.Int(2));
     EXPECT_EQ(N(cond.GetOperator()), c[4]);
   }
@@ -98,8 +91,8 @@ TEST_F(ConditionTest, SuppliedValueKinds) {
   for (const dktest::CaseLine& c : Cases("condition-values.txt", 7)) {
     SCOPED_TRACE(c.where);
     TruthCondition cond;
-    const bool ok = YesNo(c, 2);
-    EXPECT_EQ(cond.AssignSuppliedValueFromStr(YesNo(c, 1), Text(c[0])), ok);
+    const bool ok = c.YesNo(2);
+    EXPECT_EQ(cond.AssignSuppliedValueFromStr(c.YesNo(1), Text(c[0])), ok);
     EXPECT_EQ(cond.GetValueKind(), c.Int(3));
     EXPECT_EQ(N(cond.GetValueText()), c[4]);
     EXPECT_EQ(cond.GetValueAsDouble(), std::stod(c[5]));
@@ -442,11 +435,11 @@ TEST_F(ConditionTest, FieldNamesTheReadableFormCannotHoldAreWrittenNatively) {
     TruthCondition alone;
     ASSERT_TRUE(alone.AssignFieldName(Text(c[0]))) << c.where;
     alone == 1;
-    ExpectWrittenForm(alone, YesNo(c, 1), c.where);
+    ExpectWrittenForm(alone, c.YesNo(1), c.where);
     TruthCondition enclosed = alone;
     enclosed && Field("g");
     enclosed || Field("h");
-    ExpectWrittenForm(enclosed, YesNo(c, 2), c.where + ", enclosed");
+    ExpectWrittenForm(enclosed, c.YesNo(2), c.where + ", enclosed");
   }
 }
 

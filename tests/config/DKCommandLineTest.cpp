@@ -64,13 +64,6 @@ std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
   return dktest::ReadCases(std::string(DK_TEST_CASES "/") + name, fields);
 }
 
-// A "yes" or "no" field of a case file; anything else throws.
-bool YesNo(const dktest::CaseLine& c, std::size_t i) {
-  if (c[i] != "yes" && c[i] != "no")
-    throw std::runtime_error(c.where + ": neither yes nor no: " + c[i]);
-  return c[i] == "yes";
-}
-
 // The words of cases/cmdline-words.txt. That a word's class matches it (its prefix, its first
 // value delimiter, the name and value it splits into) is the cmdline fuzz target's property,
 // replayed under CTest over seeds of every delimiter set. Here the rules it leaves open: when a
@@ -177,9 +170,9 @@ TEST(DKCommandLineLookup, CaseSensitivity) {
   DKCommandLine cl(DK_T("tool -noConsole /config:a.ini /\u00C9T\u00C9"));
   for (const dktest::CaseLine& c : Cases("cmdline-case.txt", 3)) {
     cl.SetCaseSensitivity(false);
-    EXPECT_EQ(cl.ArgPresent(Text(c[0])), YesNo(c, 1)) << c.where;
+    EXPECT_EQ(cl.ArgPresent(Text(c[0])), c.YesNo(1)) << c.where;
     cl.SetCaseSensitivity(true);
-    EXPECT_EQ(cl.ArgPresent(Text(c[0])), YesNo(c, 2)) << c.where;
+    EXPECT_EQ(cl.ArgPresent(Text(c[0])), c.YesNo(2)) << c.where;
   }
   EXPECT_FALSE(DKCommandLine(DK_T("t /A"), DK_T("/"), DK_T(":"), true).ArgPresent(DK_T("a")));
 }

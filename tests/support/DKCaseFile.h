@@ -28,6 +28,12 @@ struct CaseLine {
       throw std::runtime_error(where + ": not a number: " + fields[i]);
     return value;
   }
+  // A "yes" or "no" field, or a throw naming the line.
+  bool YesNo(std::size_t i) const {
+    if (fields.at(i) != "yes" && fields[i] != "no")
+      throw std::runtime_error(where + ": neither yes nor no: " + fields[i]);
+    return fields[i] == "yes";
+  }
 };
 
 inline std::string CaseField(std::string text, const std::string& where) {
