@@ -143,13 +143,12 @@ public:
     m_used += n;
   }
 
-  // Copies text up to its terminator (or, with AtPercent, up to the next '%' too) and returns
-  // where it stopped. The text must not lie inside the output string. The scan only reads and
-  // the copy is one block move: a loop that stores each unit as it reads it runs slower.
-  template <bool AtPercent>
-  const CharT* CopyUntil(const CharT* p) {
+  // Copies a format's literal text up to its terminator or next '%' and returns where it
+  // stopped. The text must not lie inside the output string. The scan only reads and the copy
+  // is one block move: a loop that stores each unit as it reads it runs slower.
+  const CharT* CopyLiteral(const CharT* p) {
     const CharT* run = p;
-    while (*p && !(AtPercent && *p == '%'))
+    while (*p && *p != '%')
       ++p;
     Write(run, static_cast<std::size_t>(p - run));
     return p;
@@ -524,13 +523,6 @@ void FormatString(Sink<CharT>& sink, const Directive& dir, const TextT* text, st
   } else if (length != DKFormatArg::terminated) {
     n = length;
   } else {
-    if constexpr (std::is_same_v<CharT, DKChar> && std::is_same_v<TextT, DKChar>) {
-      if (dir.width == 0 && !PointsInto<CharT>(text, sink.Out())) {
-        // Nothing to pad: copy while looking for the end (narrow text has a faster strlen).
-        (void)sink.template CopyUntil<false>(text);
-        return;
-      }
-    }
     n = std::char_traits<TextT>::length(text);
   }
   WriteText(sink, dir, text, n);
@@ -1213,7 +1205,7 @@ template <class CharT, class ReaderT>
 void Run(Sink<CharT>& sink, const CharT* format, ReaderT& args) {
   const CharT* p = format;
   for (;;) {
-    p = sink.template CopyUntil<true>(p);
+    p = sink.CopyLiteral(p);
     if (!*p)
       return;
     const CharT* start = p;
