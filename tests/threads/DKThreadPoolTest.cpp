@@ -48,13 +48,7 @@ struct Journal {
 };
 
 DKThreadPoolOptions Options(unsigned minThreads, unsigned maxThreads, std::size_t capacity = 64, int idleMs = 30000) {
-  DKThreadPoolOptions options;
-  options.name = DK_T("test pool");
-  options.minThreads = minThreads;
-  options.maxThreads = maxThreads;
-  options.capacity = capacity;
-  options.idleTimeoutMs = idleMs;
-  return options;
+  return {DKString(DK_T("test pool")), minThreads, maxThreads, idleMs, capacity, DK_THREAD_PRIORITY_NORMAL};
 }
 
 struct Marker {}; // thrown as a value that is no std::exception
@@ -64,13 +58,6 @@ struct Marker {}; // thrown as a value that is no std::exception
 TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverEndsItsThread) {
   DKThreadPool pool(Options(1, 1));
   std::atomic<std::uint32_t> firstThread{0};
-  DKTaskTicket first = pool.Submit([&] {
-    firstThread = DKThread::GetCurrentThreadID().m_threadID;
-    return pool.IsPoolThread() ? DKErrorID() : DKErrorID::FromText(Text("not a pool thread"));
-  });
-  ASSERT_TRUE(first.Wait());
-  EXPECT_TRUE(first.GetResult().Good()) << first.GetResult().AsString();
-  EXPECT_FALSE(pool.IsPoolThread());
   const struct {
     const char* label;
     DKTaskTicket ticket;
@@ -78,7 +65,7 @@ TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverE
     const char* text; // part of the result's text
     bool threw;
   } cases[] = {
-      {"void", pool.Submit([] {}), 0, "SUCCESS", false},
+      {"void", pool.Submit([&] { firstThread = DKThread::GetCurrentThreadID().m_threadID; }), 0, "SUCCESS", false},
       {"error", pool.Submit([] { return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "bad port"); }),
        DK_MSG_INVALID_ARGUMENT, "bad port", false},
       {"standard exception", pool.Submit([]() -> DKErrorID { throw std::runtime_error("disk full"); }),
@@ -87,6 +74,9 @@ TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverE
        "no route", true},
       {"other exception", pool.Submit([] { throw Marker(); }), DK_MSG_TASK_EXCEPTION, "unknown exception", true},
       {"callback", pool.Submit(DKMakeCallback([] {})), 0, "SUCCESS", false},
+      {"on a pool thread",
+       pool.Submit([&] { return pool.IsPoolThread() ? DKErrorID() : DKErrorID::FromText(Text("not a pool thread")); }),
+       0, "SUCCESS", false},
   };
   for (const auto& c : cases) {
     ASSERT_TRUE(c.ticket.Wait()) << c.label;
@@ -99,6 +89,7 @@ TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverE
   EXPECT_THROW(cases[2].ticket.RethrowException(), std::runtime_error);
   EXPECT_THROW(cases[4].ticket.RethrowException(), Marker);
   EXPECT_NO_THROW(cases[0].ticket.RethrowException());
+  EXPECT_FALSE(pool.IsPoolThread());
   // The one thread of the pool survived every exception.
   std::atomic<std::uint32_t> lastThread{0};
   ASSERT_TRUE(pool.Submit([&] { lastThread = DKThread::GetCurrentThreadID().m_threadID; }).Wait());
@@ -187,13 +178,16 @@ TEST(DKThreadPoolTest, ATaskOfThePoolNeverWaitsForItself) {
   EXPECT_EQ(filler.GetStatus(), DKTaskStatus::Finished); // queued before the shutdown: drained
 }
 
-TEST(DKThreadPoolTest, CancelTakesOnlyQueuedTasksAndReleasesTheirWaiters) {
+TEST(DKThreadPoolTest, CancelTakesOnlyQueuedTasksAndReleasesTheirWaitersAndRequestStopReachesARunningOne) {
   Gate gate;
   DKThreadPool pool(Options(1, 1));
   std::atomic<int> ran{0};
   DKTaskTicket running = pool.Submit([&] {
-    gate.Pass();
+    ++gate.waiting; // reached, but it polls for a stop request instead of waiting
+    while (!DKThreadPool::IsStopRequested())
+      DKThread::yield();
     ++ran;
+    return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "stopped");
   });
   ASSERT_TRUE(gate.Reached(1));
   DKTaskTicket queued = pool.Submit([&] { ran += 100; });
@@ -205,8 +199,12 @@ TEST(DKThreadPoolTest, CancelTakesOnlyQueuedTasksAndReleasesTheirWaiters) {
   waiter.join();
   EXPECT_EQ(queued.GetStatus(), DKTaskStatus::Cancelled);
   EXPECT_EQ(queued.GetResult().GetCode(), DK_MSG_TASK_CANCELLED);
-  gate.open.Post();
+  EXPECT_FALSE(running.Wait(0));
+  EXPECT_FALSE(running.Wait(5)); // cannot have finished: nothing asked it to stop yet
+  EXPECT_FALSE(DKThreadPool::IsStopRequested()); // not a pool task here
+  running.RequestStop();
   ASSERT_TRUE(kept.Wait());
+  EXPECT_EQ(running.GetResult().GetCode(), DK_MSG_INVALID_ARGUMENT);
   EXPECT_FALSE(kept.Cancel()); // finished
   EXPECT_EQ(ran.load(), 11);
   EXPECT_EQ(DKTaskTicket().GetResult().GetCode(), DK_MSG_TASK_CANCELLED);
@@ -279,21 +277,6 @@ TEST(DKThreadPoolTest, ShutdownAndTheDestructorDrainOrCancelQueuedTasksAndStopRu
   }
 }
 
-TEST(DKThreadPoolTest, TicketWaitTimesOutOnABlockedTaskAndRequestStopReachesIt) {
-  DKThreadPool pool(Options(1, 1));
-  DKTaskTicket ticket = pool.Submit([] {
-    while (!DKThreadPool::IsStopRequested())
-      DKThread::yield();
-    return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "stopped");
-  });
-  EXPECT_FALSE(ticket.Wait(0));
-  EXPECT_FALSE(ticket.Wait(5)); // cannot have finished: nothing asked it to stop yet
-  EXPECT_FALSE(DKThreadPool::IsStopRequested()); // not a pool task here
-  ticket.RequestStop();
-  ASSERT_TRUE(ticket.Wait());
-  EXPECT_EQ(ticket.GetResult().GetCode(), DK_MSG_INVALID_ARGUMENT);
-}
-
 TEST(DKThreadPoolTest, ThePoolGrowsToItsMaximumAndShrinksToItsMinimumWhenIdle) {
   Gate gate;
   DKThreadPool pool(Options(1, 3, 64, 1));
@@ -325,15 +308,12 @@ TEST(DKThreadServerTest, RequestsOfEachSenderKeepTheirOrderAndSendWaitsForTheRes
   std::vector<std::pair<int, int>> served; // touched by the server's thread only
   std::atomic<std::uint32_t> serverThread{0};
   RunOnThreads(kSenders, kRequests, [&](int s, int r) {
-    if (r % 50 == 49) { // now and then a synchronous request in the middle of the stream
-      EXPECT_TRUE(server.Send([&, s, r] { served.emplace_back(s, r); }).Good());
-      return;
-    }
     const auto request = [&, s, r] {
       served.emplace_back(s, r);
       serverThread = DKThread::GetCurrentThreadID().m_threadID;
     };
-    EXPECT_TRUE(server.Post(request, DK_INFINITE).Good());
+    // Now and then a synchronous request in the middle of the stream.
+    EXPECT_TRUE((r % 50 == 49 ? server.Send(request) : server.Post(request, DK_INFINITE)).Good());
   });
   EXPECT_EQ(server.Send([] { return DKLibraryErrorID(DK_MSG_INVALID_ARGUMENT, "answer"); }).GetCode(),
             DK_MSG_INVALID_ARGUMENT);
