@@ -83,6 +83,14 @@ std::string Utf16(const DKStdString& text, bool little) {
   return out;
 }
 
+// What an item writes to a narrow stream.
+template <class T>
+std::string Written(const T& item) {
+  std::ostringstream out;
+  out << item;
+  return out.str();
+}
+
 void ExpectStreamError(const std::function<void()>& read, const char* message) {
   try {
     read();
@@ -97,7 +105,6 @@ void ExpectStreamError(const std::function<void()>& read, const char* message) {
 
 TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
   DKSmartPtr<DKConfigFile> file(new DKConfigFile());
-  EXPECT_EQ(U8(file->GetCommentMarkers()), ";");
   for (const DKChar* bad : {DK_T("#a"), DK_T("# "), DK_T("["), DK_T("="), DK_T("]"), DK_T("\u00A7")})
     EXPECT_FALSE(file->SetCommentMarkers(bad)) << U8(bad);
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";");
@@ -125,9 +132,6 @@ std::string Notes(const DKConfigFile& file) {
 }
 
 std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
-
-const std::pair<const char*, int> kEncodingNames[] = {{"UTF-16 LE without BOM", DKConfigFile::Utf16LEWithoutBom},
-                                                      {"UTF-16 BE without BOM", DKConfigFile::Utf16BEWithoutBom}};
 
 // The texts of cases/read.txt: their trees, notes and encodings, or how they are refused (which
 // leaves the tree read before).
@@ -159,12 +163,11 @@ TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
     if (c.Has("notes")) {
       EXPECT_EQ(Notes(*file), c.Get("notes"));
     }
-    for (const auto& [name, encoding] : kEncodingNames) {
-      if (c.Get("encoding", "") == name) {
-        EXPECT_EQ(file->GetEncoding(), encoding);
-        EXPECT_NE(file->GetSectionCount(), 0u);
-        EXPECT_EQ(ToBytes(*file), bytes);
-      }
+    if (c.Has("encoding")) {
+      const bool little = c.Get("encoding") == "UTF-16 LE without BOM";
+      ASSERT_TRUE(little || c.Get("encoding") == "UTF-16 BE without BOM") << "unknown encoding name";
+      EXPECT_EQ(file->GetEncoding(), little ? DKConfigFile::Utf16LEWithoutBom : DKConfigFile::Utf16BEWithoutBom);
+      EXPECT_EQ(ToBytes(*file), bytes);
     }
   }
   const auto file = FromBytes(Utf16NoMark(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true));
@@ -263,10 +266,8 @@ TEST(DKConfigFileWriteTest, CommentsKeepTheirMarkersThroughEdits) {
   EXPECT_FALSE(plain == comments);
   comments.SetMarker(comments.begin() + 1, ';');
   EXPECT_TRUE(plain == comments);
-  std::ostringstream out;
   comments.AddComment(DK_T("d\r\r"), comments.end(), '!');
-  out << comments;
-  EXPECT_EQ(out.str(), ";a\n;c\n!d\n");
+  EXPECT_EQ(Written(comments), ";a\n;c\n!d\n");
   comments.Clear();
   EXPECT_EQ(markers(), "");
 
@@ -351,9 +352,7 @@ TEST(DKConfigFileEditTest, SectionsLinesAndCommentsAddFindAndDelete) {
   s.AddLine(DK_T("B"), DK_T("3"));
   EXPECT_EQ(U8(s.FindLine(DK_T("B"), s.FindLine(DK_T("b")) + 1)->GetValue()), "3");
   EXPECT_EQ(s.FindLine(DK_T("z")), s.GetLinesEnd());
-  std::ostringstream out;
-  out << s;
-  EXPECT_EQ(out.str(), "[S]\n;first\n;second\na=1\nb=2\nB=3\n");
+  EXPECT_EQ(Written(s), "[S]\n;first\n;second\na=1\nb=2\nB=3\n");
 
   EXPECT_TRUE(s.DeleteLine(DK_T("B"), s.GetLinesBegin() + 2));
   EXPECT_EQ(U8(s.DeleteLine(s.GetLinesBegin())->GetKey()), "b");
@@ -447,9 +446,7 @@ TEST(DKConfigStreamTest, NarrowAndWideStreamsReadAndWriteTheSameTree) {
   in >> *narrow;
   EXPECT_TRUE(in.eof());
   EXPECT_EQ(Dump(*narrow), Dump(*FromBytes(text)));
-  std::ostringstream out;
-  out << *narrow;
-  EXPECT_EQ(out.str(), text.substr(3));
+  EXPECT_EQ(Written(*narrow), text.substr(3));
 
   std::wistringstream win(L"\uFEFF; c\n[Gr\u00FC\u00DFe]\nk=\u20AC\n; end\n");
   win >> *wide;
@@ -463,16 +460,14 @@ TEST(DKConfigStreamTest, NarrowAndWideStreamsReadAndWriteTheSameTree) {
   lead >> *narrow;
   EXPECT_EQ(Dump(*narrow), "{k=1\n} | ; c | [A] | x\ny=2");
   EXPECT_EQ(Notes(*narrow), "B1 M4-5");
-  out.str("");
-  out << *narrow;
-  EXPECT_EQ(out.str(), "k=1\n; c\n[A]\nx\ny=2\n");
+  EXPECT_EQ(Written(*narrow), "k=1\n; c\n[A]\nx\ny=2\n");
   std::wistringstream wlead(L"k=1\r\n# c\r\n[A]\r\n");
   wide->SetCommentMarkers(DK_T(";#"));
   wlead >> *wide;
   EXPECT_EQ(Dump(*wide), "{k=1\n} | # c | [A]");
 }
 
-TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItem) {
+TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItemOrThrowOnBadSyntax) {
   std::istringstream in(";about\n[S] \nk = v\n;x\n\nrest=1\n");
   DKConfigSection section;
   in >> section;
@@ -486,22 +481,18 @@ TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItem) {
   std::string rest;
   std::getline(in, rest);
   EXPECT_EQ(rest, "rest=1");
-  std::ostringstream out;
-  out << line << comments;
-  EXPECT_EQ(out.str(), "k=v\n;x\n\n");
-}
+  EXPECT_EQ(Written(line) + Written(comments), "k=v\n;x\n\n");
 
-TEST(DKConfigStreamTest, StreamSyntaxErrors) {
+  // Syntax errors name what was expected.
   for (const auto& [text, error] : {std::pair{"x\n", "expecting a '[' at the beginning of a section"},
                                     {"[S]", "unexpected EOF while parsing a section name"},
                                     {"[S] x\n", "unexpected character after the closing ']' of a section name"}}) {
-    std::istringstream in(text);
-    DKConfigSection section;
-    ExpectStreamError([&] { in >> section; }, error);
+    std::istringstream bad(text);
+    DKConfigSection target;
+    ExpectStreamError([&] { bad >> target; }, error);
   }
-  std::istringstream in("; only a comment\n");
-  DKConfigLine line;
-  EXPECT_THROW(in >> line, DKConfigStreamException);
+  std::istringstream onlyComment("; only a comment\n");
+  EXPECT_THROW(onlyComment >> line, DKConfigStreamException);
   // Comments at the end make a section without a name.
   DKConfigSection empty;
   std::istringstream end(";c\n");
@@ -587,7 +578,7 @@ TEST_F(DKConfigFileDiskTest, LoadSaveAndSave2) {
   EXPECT_EQ(Dump(*file), "[Other]");
 }
 
-TEST_F(DKConfigFileDiskTest, MissingOrUnreadableFilesGiveFalseOrNull) {
+TEST_F(DKConfigFileDiskTest, MissingUnreadableOrUnwritableFilesFailAndLeaveTheOldFile) {
   EXPECT_FALSE(DKConfigFile::Load(Text(Path("missing.ini"))));
   DKConfigFile folder(Text(m_dir.string()));
   EXPECT_FALSE(folder.Reload());
@@ -599,9 +590,8 @@ TEST_F(DKConfigFileDiskTest, MissingOrUnreadableFilesGiveFalseOrNull) {
   ::chmod(Path("secret.ini").c_str(), 0);
   EXPECT_EQ(dktest::RunForked([&] { return DKConfigFile::Load(secret) ? 1 : 0; }, true), 0);
 #endif
-}
 
-TEST_F(DKConfigFileDiskTest, FailedSavesLeaveTheOldFile) {
+  // A save that fails leaves the old file.
   const auto file = FromBytes("[New]\n");
   for (const std::string& path : {Path("no/such/folder/app.ini"), Path("app.ini/below-a-file.ini")}) {
     Put("[Old]\n");
@@ -730,16 +720,19 @@ TEST_F(DKConfigFileDiskTest, SaveAndSave2RefuseAFileTheCallerMayNotWrite) {
 #endif
 }
 
+// Writes before, then megabytes of letters (a new letter each megabyte), then after.
+void WriteLongLine(const std::string& path, const std::string& before, int megabytes, const std::string& after) {
+  std::ofstream out(path, std::ios::binary);
+  out << before;
+  for (int i = 0; i < megabytes; ++i)
+    out << std::string(1 << 20, static_cast<char>('a' + i % 26));
+  out << after;
+}
+
 TEST_F(DKConfigFileDiskTest, AFiftyMegabyteKeyLineBeforeTheFirstHeaderIsKept) {
   const std::string path = Path("big.ini");
   const std::string tail = "\n; about A\n[A]\nk=v\n";
-  {
-    std::ofstream out(path, std::ios::binary);
-    out << "# generated\nk=";
-    for (int i = 0; i < 50; ++i)
-      out << std::string(1 << 20, static_cast<char>('a' + i % 26));
-    out << tail;
-  }
+  WriteLongLine(path, "# generated\nk=", 50, tail);
   const std::string original = ReadWholeFile(path);
   const auto file = DKConfigFile::Load(Text(path));
   ASSERT_TRUE(file);
@@ -747,7 +740,6 @@ TEST_F(DKConfigFileDiskTest, AFiftyMegabyteKeyLineBeforeTheFirstHeaderIsKept) {
   EXPECT_EQ(Notes(*file), "H1 M1-2 B1-2");
   EXPECT_EQ(U8(file->GetString(DK_T("A"), DK_T("k"))), "v");
   ASSERT_TRUE(file->Save2());
-  EXPECT_EQ(fs::file_size(path), original.size());
   EXPECT_TRUE(ReadWholeFile(path) == original) << "the saved file differs from the one read";
 }
 
@@ -772,18 +764,13 @@ TEST_F(DKConfigFileDiskTest, LoadingLongLinesHoldsAtMostThreeTimesTheFile) {
                         {"50 MB of 100 kB values", nullptr, 50, nullptr}};
   for (const Case& c : cases) {
     const std::string path = Path("memory.ini");
-    {
+    if (c.before) {
+      WriteLongLine(path, c.before, c.megabytes, c.after);
+    } else {
       std::ofstream out(path, std::ios::binary);
-      if (c.before) {
-        out << c.before;
-        for (int i = 0; i < c.megabytes; ++i)
-          out << std::string(1 << 20, 'x');
-        out << c.after;
-      } else {
-        out << "[A]\n";
-        for (int i = 0; i < c.megabytes * 10; ++i)
-          out << "k" << i << "=" << std::string(100 << 10, 'y') << "\n";
-      }
+      out << "[A]\n";
+      for (int i = 0; i < c.megabytes * 10; ++i)
+        out << "k" << i << "=" << std::string(100 << 10, 'y') << "\n";
     }
     const double ratio = dktest::PeakResidentPerFileByte(path, [&] { DKConfigFile::Load(Text(path)); });
     if (ratio < 0)

@@ -147,12 +147,11 @@ TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
   ExpectLikeSnprintf("%Lf|%Le|%Lg|%La", 1.0L / 3.0L, -1e4000L, LDBL_MIN, 1.0L);
 
   // The Windows size prefixes read the same widths as their C counterparts.
-  const long long big = LLONG_MIN;
-  EXPECT_EQ(DKFormatNarrow("%I64d", big), Ref("%lld", big));
+  EXPECT_EQ(DKFormatNarrow("%I64d", LLONG_MIN), Ref("%lld", LLONG_MIN));
   EXPECT_EQ(DKFormatNarrow("%I64u|%I64X", ULLONG_MAX, ULLONG_MAX), Ref("%llu|%llX", ULLONG_MAX, ULLONG_MAX));
   EXPECT_EQ(DKFormatNarrow("%I32d|%I32x", INT_MIN, -1), Ref("%d|%x", INT_MIN, -1));
   EXPECT_EQ(DKFormatNarrow("%Id|%Iu", static_cast<std::ptrdiff_t>(-7), SIZE_MAX), Ref("%td|%zu", std::ptrdiff_t{-7}, SIZE_MAX));
-  EXPECT_EQ(WideOf("%I64d %Iu", big, SIZE_MAX), Widen(Ref("%lld %zu", big, SIZE_MAX)));
+  EXPECT_EQ(WideOf("%I64d %Iu", LLONG_MIN, SIZE_MAX), Widen(Ref("%lld %zu", LLONG_MIN, SIZE_MAX)));
   // "*" values from int arguments: a negative width left-justifies, a negative precision counts
   // as none.
   for (int w : {5, -5})
@@ -164,19 +163,17 @@ TEST(DKFormatNumbers, SizePrefixesReadTheNamedTypeAtItsExtremes) {
 TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
   // Every rounding mode, each with a first field that it rounds differently from nearest.
   for (const auto& [mode, first] : {std::pair{FE_UPWARD, "0.34"}, {FE_DOWNWARD, "0.66"}, {FE_TOWARDZERO, "0.66"}}) {
+    SCOPED_TRACE(mode);
     const double x = mode == FE_UPWARD ? 1.0 / 3.0 : 2.0 / 3.0;
     std::fesetround(mode);
     const std::string expected = Ref("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
-    const std::string narrow = DKFormatNarrow("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
-    const DKStdString wide = WideOf("%.2f|%.3e|%g", x, 2.0 / 3.0, 0.1);
+    ExpectText("%.2f|%.3e|%g", expected, x, 2.0 / 3.0, 0.1);
     std::fesetround(FE_TONEAREST);
 #if defined(_WIN32)
     (void)first; // the Windows runtime rounds to nearest whatever the mode, and so do we there
 #else
-    EXPECT_EQ(expected.substr(0, 4), first) << mode;
+    EXPECT_EQ(expected.substr(0, 4), first);
 #endif
-    EXPECT_EQ(narrow, expected) << mode;
-    EXPECT_EQ(wide, Widen(expected)) << mode;
   }
 
   const std::string previous = std::setlocale(LC_NUMERIC, nullptr);
@@ -383,7 +380,6 @@ TEST(DKFormatEntryPoints, FormatReplacesAndAppendKeepsTheTextAndEitherMayUseItsO
 
   // An empty result leaves the shared empty string.
   s.Format(DK_T("%s"), DK_T(""));
-  EXPECT_TRUE(s.IsEmpty());
   EXPECT_EQ(s.GetData(), DKString::GetEmptyData());
   s = DK_T("x");
   s.Format(nullptr);
