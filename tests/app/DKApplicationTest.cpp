@@ -215,7 +215,7 @@ TEST_F(DKApplicationTest, WithoutConfigurationTheTemporaryDirectoryComesFromTheE
   }
 }
 
-TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnes) {
+TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnesWhenAskedFor) {
   DKApplication app(DKString(DK_T("/opt/bin/prog /noConsole")));
   DKUsageInfo custom(DKString(DK_T("Custom part:")));
   custom.AddCmdLineArgDesc("custom", "A custom option.");
@@ -229,22 +229,21 @@ TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnes) {
   for (const dktest::CaseLine& line : dktest::ReadCases(fs::path(DK_APP_CASES) / "usage_screen.txt", 1))
     expected.push_back(line[0]);
   EXPECT_EQ(lines, expected) << out.str();
-}
 
-TEST_F(DKApplicationTest, UsageScreenIsShownOnlyWhenAskedFor) {
+  // Shown only when asked for.
   const struct {
     const DKChar* line;
     bool asked;
   } cases[] = {{DK_T("prog /help"), true},    {DK_T("prog /?"), true},      {DK_T("prog -HELP"), true},
                {DK_T("prog /help:me"), true}, {DK_T("prog /helpme"), false}, {DK_T("prog help"), false}};
   for (const auto& c : cases) {
-    DKApplication app{DKString(c.line)};
-    std::ostringstream out;
-    EXPECT_EQ(app.DisplayUsageIfNecessary(&out), c.asked) << DKString(c.line).AsUTF8();
-    EXPECT_EQ(out.str().empty(), !c.asked);
+    DKApplication asked{DKString(c.line)};
+    std::ostringstream shown;
+    EXPECT_EQ(asked.DisplayUsageIfNecessary(&shown), c.asked) << DKString(c.line).AsUTF8();
+    EXPECT_EQ(shown.str().empty(), !c.asked);
   }
-  DKApplication app{DKString(DK_T("prog /?"))};
-  EXPECT_TRUE(app.DisplayUsageIfNecessary());
+  DKApplication console{DKString(DK_T("prog /?"))};
+  EXPECT_TRUE(console.DisplayUsageIfNecessary());
   EXPECT_NE(Console().find("USAGE: prog. [options list] \n"), std::string::npos) << "shown on the console by default";
 }
 

@@ -20,7 +20,7 @@ protected:
   DKLogManager::ChannelId m_channel = DKLogManager::NoChannel;
 };
 
-TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevel) {
+TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsChangeAndEnd) {
   DKSmartPtr<Recorder> normal(new Recorder);
   DKSmartPtr<Recorder> maximum(new Recorder);
   DKSmartPtr<Recorder> silent(new Recorder);
@@ -35,14 +35,13 @@ TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevel) {
   EXPECT_EQ(silent->Text(), "always\n");
   EXPECT_TRUE(m_logs.IsLogged(m_channel, 2));
   EXPECT_FALSE(m_logs.IsLogged(m_channel, 3));
-}
 
-TEST_F(DKLogManagerTest, SubscriptionsChangeAndEnd) {
+  // Subscriptions change and end.
   DKSmartPtr<Recorder> recorder(new Recorder);
   EXPECT_FALSE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2)) << "not subscribed yet";
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1));
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1)) << "subscribing again keeps one subscription";
-  EXPECT_EQ(m_logs.GetSubscriberCount(m_channel), 1u);
+  EXPECT_EQ(m_logs.GetSubscriberCount(m_channel), 4u);
   m_logs.Publish(m_channel, 2, "hidden\n");
   ASSERT_TRUE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2));
   std::uint32_t level = 0;
