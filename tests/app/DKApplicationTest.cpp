@@ -123,7 +123,7 @@ TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritable
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "line"), 1) << "the console is added once too: " << Console();
 }
 
-TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDirectory) {
+TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDirectoryOrReported) {
   ScratchDir dir;
   fs::create_directory(dir / "debug");
   WriteWholeFile(dir / "prog.ini", "[DKORE]\nDebugPath=" + dir / "debug" + "\n[Other]\nkey=value\n");
@@ -146,10 +146,8 @@ TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDi
     EXPECT_EQ(app.GetTmpDirectory(), DKString(DK_T("."))) << "DebugPath defaults to \".\"";
   }
   fs::current_path(previous);
-}
 
-TEST_F(DKApplicationTest, ExplicitConfigurationThatCannotBeReadIsReported) {
-  ScratchDir dir;
+  // Named by /config but missing or not valid: reported, and there is no configuration.
   WriteWholeFile(dir / "bad.ini", "[Unclosed\nkey=value\n");
   const std::pair<std::string, std::string> cases[] = {
       {dir / "missing.ini", "ERR> *** Cannot read the configuration file " + dir / "missing.ini"},

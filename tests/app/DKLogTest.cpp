@@ -20,7 +20,7 @@ protected:
   DKLogManager::ChannelId m_channel = DKLogManager::NoChannel;
 };
 
-TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsChangeAndEnd) {
+TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsAndChannelsEnd) {
   DKSmartPtr<Recorder> normal(new Recorder);
   DKSmartPtr<Recorder> maximum(new Recorder);
   DKSmartPtr<Recorder> silent(new Recorder);
@@ -52,22 +52,21 @@ TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsChange
   EXPECT_FALSE(m_logs.Unsubscribe(m_channel, recorder.Get()));
   m_logs.Publish(m_channel, 1, "after\n");
   EXPECT_EQ(recorder->Text(), "shown\n");
-}
 
-TEST_F(DKLogManagerTest, ChannelsAreDistinctEvenWithOneNameAndGoAway) {
+  // Channels are distinct even with one name, and go away with their subscribers.
   const DKLogManager::ChannelId second = m_logs.AddChannel(DK_T("logtest"));
   EXPECT_NE(second, m_channel);
   EXPECT_EQ(m_logs.FindChannel(DK_T("LOGTEST")), m_channel);
   EXPECT_EQ(m_logs.GetChannelName(second), DKString(DK_T("logtest")));
-  DKSmartPtr<Recorder> recorder(new Recorder);
-  ASSERT_TRUE(m_logs.Subscribe(second, recorder, 1));
+  DKSmartPtr<Recorder> other(new Recorder);
+  ASSERT_TRUE(m_logs.Subscribe(second, other, 1));
   m_logs.Publish(m_channel, 1, "other channel\n");
   EXPECT_TRUE(m_logs.RemoveChannel(second));
   EXPECT_FALSE(m_logs.HasChannel(second));
-  EXPECT_FALSE(m_logs.Subscribe(second, recorder, 1));
+  EXPECT_FALSE(m_logs.Subscribe(second, other, 1));
   m_logs.Publish(second, 1, "nowhere\n");
-  EXPECT_EQ(recorder->Text(), "");
-  EXPECT_EQ(recorder->NbRef(), 1u) << "the removed channel released its subscriber";
+  EXPECT_EQ(other->Text(), "");
+  EXPECT_EQ(other->NbRef(), 1u) << "the removed channel released its subscriber";
 }
 
 TEST_F(DKLogManagerTest, StreamPublishesWholeLinesAndFlushedParts) {
