@@ -245,7 +245,7 @@ TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnesWhe
   EXPECT_NE(Console().find("USAGE: prog. [options list] \n"), std::string::npos) << "shown on the console by default";
 }
 
-TEST_F(DKApplicationTest, LaterApplicationsPointBackAndShutDownRestoresTheCurrentOne) {
+TEST_F(DKApplicationTest, LaterApplicationsPointBackShutDownRestoresTheCurrentOneAndEmptyLinesWork) {
   EXPECT_EQ(DKApplication::GetApp(), nullptr);
   // Without an application: the system's console stream (std::cout on Linux; the DLL's own on
   // Windows), the one the console falls back to.
@@ -271,9 +271,8 @@ TEST_F(DKApplicationTest, LaterApplicationsPointBackAndShutDownRestoresTheCurren
   third.reset();
   EXPECT_EQ(DKApplication::GetApp(), nullptr) << "never the destroyed first application";
   EXPECT_EQ(GlbGetTraceLevel(), 1u);
-}
 
-TEST_F(DKApplicationTest, EmptyCommandLinesMakeAWorkingApplication) {
+  // Empty command lines make working applications.
   {
     DKApplication app{DKString()};
     EXPECT_EQ(app.GetAppName(), DKString());

@@ -254,32 +254,22 @@ TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
   for (const DKLogSeverity severity : all)
     EXPECT_FALSE(log.IsEnabled(severity)) << "no subscriber";
   DKSmartPtr<Recorder> recorder(new Recorder);
-  const struct {
-    std::uint32_t level;
-    DKLogSeverity threshold;
-    std::string expected;
-  } cases[] = {
-      {0, DKLogSeverity::Trace, ""},
-      {1, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\n"},
-      {2, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\n"},
-      {3, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\nTRACE t\n"},
-      {3, DKLogSeverity::Warning, "ERROR e\nWARNING w\n"},
-      {1, DKLogSeverity::Error, "ERROR e\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.level);
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_levels.txt", 3)) {
+    SCOPED_TRACE(c.where);
+    const auto level = static_cast<std::uint32_t>(c.Int(0));
+    DKLogSeverity threshold = DKLogSeverity::Trace;
+    ASSERT_TRUE(DKLogSeverityFromName(c[1], threshold));
     DKSmartPtr<Recorder> lines(new Recorder);
-    ASSERT_TRUE(m_logs.Subscribe(m_channel, lines, c.level));
-    log.SetThreshold(c.threshold);
+    ASSERT_TRUE(m_logs.Subscribe(m_channel, lines, level));
+    log.SetThreshold(threshold);
     log.Error("%s", "e");
     log.Warning("w");
     log.Info("%c", 'i');
     log.Debug("d\n");
     log.Trace("t");
-    EXPECT_EQ(lines->Text(), c.expected);
+    EXPECT_EQ(lines->Text(), c[2]);
     for (const DKLogSeverity severity : all)
-      EXPECT_EQ(log.IsEnabled(severity),
-                severity <= c.threshold && DKLogLevelOf(severity) <= c.level);
+      EXPECT_EQ(log.IsEnabled(severity), severity <= threshold && DKLogLevelOf(severity) <= level);
     ASSERT_TRUE(m_logs.Unsubscribe(m_channel, lines.Get()));
   }
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 3));
