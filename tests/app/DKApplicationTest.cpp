@@ -4,7 +4,6 @@
 #include "AppTestSupport.h"
 #include "support/DKCaseFile.h"
 
-#include <array>
 #include <cstdlib>
 #include <iostream>
 
@@ -15,14 +14,9 @@ namespace {
 using DKApplicationTest = ConsoleTest;
 
 TEST_F(DKApplicationTest, GivesTheFourFormsOfTheNameAndTheDirectory) {
-  // Program; with path and extension; with path; with extension; neither; directory.
-  const std::array<const char*, 6> cases[] = {
-      {"/opt/app/host.bin", "/opt/app/host.bin", "/opt/app/host", "host.bin", "host", "/opt/app/"},
-      {"host", "host", "host", "host.", "host", ""},
-      {"./v1.2/my.host.exe", "./v1.2/my.host.exe", "./v1.2/my.host", "my.host.exe", "my.host", "./v1.2/"},
-      {"", "", "", ".", "", ""}};
-  for (const auto& c : cases) {
-    const char* argv[] = {c[0], "/noConsole"};
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "app_names.txt", 6)) {
+    SCOPED_TRACE(c.where);
+    const char* argv[] = {c[0].c_str(), "/noConsole"};
     DKApplication app(2, argv);
     EXPECT_EQ(app.GetAppName(true, true).AsUTF8(), c[1]);
     EXPECT_EQ(app.GetAppName(true, false).AsUTF8(), c[2]);
