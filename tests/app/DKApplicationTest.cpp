@@ -47,15 +47,11 @@ TEST_F(DKApplicationTest, DefaultsToTraceLevel1WithTheConsoleAndBecomesTheTraceP
 }
 
 TEST_F(DKApplicationTest, TraceOptionSetsTheLevelAndSetTraceLevelChangesEverySubscriber) {
-  const struct {
-    const char* option;
-    std::uint32_t level;
-  } cases[] = {{"/trace:0", 0}, {"-TRACE:2", 2}, {"/trace:abc", 0}, {"/other", 1}, {"trace", 1}};
-  for (const auto& c : cases) {
-    const char* argv[] = {"prog", c.option};
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "trace_options.txt", 2)) {
+    const char* argv[] = {"prog", c[0].c_str()};
     DKApplication app(2, argv);
-    EXPECT_EQ(app.GetTraceLevel(), c.level) << c.option;
-    EXPECT_EQ(GlbGetTraceLevel(), c.level) << c.option;
+    EXPECT_EQ(app.GetTraceLevel(), c.Int(1)) << c.where;
+    EXPECT_EQ(GlbGetTraceLevel(), c.Int(1)) << c.where;
   }
   // Level 0 silences a passed subscriber until the level is raised.
   DKSmartPtr<Recorder> recorder(new Recorder);
@@ -223,16 +219,11 @@ TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnesWhe
   EXPECT_EQ(lines, expected) << out.str();
 
   // Shown only when asked for.
-  const struct {
-    const DKChar* line;
-    bool asked;
-  } cases[] = {{DK_T("prog /help"), true},    {DK_T("prog /?"), true},      {DK_T("prog -HELP"), true},
-               {DK_T("prog /help:me"), true}, {DK_T("prog /helpme"), false}, {DK_T("prog help"), false}};
-  for (const auto& c : cases) {
-    DKApplication asked{DKString(c.line)};
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "usage_asked.txt", 2)) {
+    DKApplication asked{Text(c[0])};
     std::ostringstream shown;
-    EXPECT_EQ(asked.DisplayUsageIfNecessary(&shown), c.asked) << DKString(c.line).AsUTF8();
-    EXPECT_EQ(shown.str().empty(), !c.asked);
+    EXPECT_EQ(asked.DisplayUsageIfNecessary(&shown), c.YesNo(1)) << c.where;
+    EXPECT_EQ(shown.str().empty(), !c.YesNo(1)) << c.where;
   }
   DKApplication console{DKString(DK_T("prog /?"))};
   EXPECT_TRUE(console.DisplayUsageIfNecessary());
