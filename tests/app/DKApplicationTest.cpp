@@ -4,7 +4,6 @@
 #include "AppTestSupport.h"
 #include "support/DKCaseFile.h"
 
-#include <array>
 #include <cstdlib>
 #include <iostream>
 
@@ -15,14 +14,9 @@ namespace {
 using DKApplicationTest = ConsoleTest;
 
 TEST_F(DKApplicationTest, GivesTheFourFormsOfTheNameAndTheDirectory) {
-  // Program; with path and extension; with path; with extension; neither; directory.
-  const std::array<const char*, 6> cases[] = {
-      {"/opt/app/host.bin", "/opt/app/host.bin", "/opt/app/host", "host.bin", "host", "/opt/app/"},
-      {"host", "host", "host", "host.", "host", ""},
-      {"./v1.2/my.host.exe", "./v1.2/my.host.exe", "./v1.2/my.host", "my.host.exe", "my.host", "./v1.2/"},
-      {"", "", "", ".", "", ""}};
-  for (const auto& c : cases) {
-    const char* argv[] = {c[0], "/noConsole"};
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "app_names.txt", 6)) {
+    SCOPED_TRACE(c.where);
+    const char* argv[] = {c[0].c_str(), "/noConsole"};
     DKApplication app(2, argv);
     EXPECT_EQ(app.GetAppName(true, true).AsUTF8(), c[1]);
     EXPECT_EQ(app.GetAppName(true, false).AsUTF8(), c[2]);
@@ -53,15 +47,11 @@ TEST_F(DKApplicationTest, DefaultsToTraceLevel1WithTheConsoleAndBecomesTheTraceP
 }
 
 TEST_F(DKApplicationTest, TraceOptionSetsTheLevelAndSetTraceLevelChangesEverySubscriber) {
-  const struct {
-    const char* option;
-    std::uint32_t level;
-  } cases[] = {{"/trace:0", 0}, {"-TRACE:2", 2}, {"/trace:abc", 0}, {"/other", 1}, {"trace", 1}};
-  for (const auto& c : cases) {
-    const char* argv[] = {"prog", c.option};
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "trace_options.txt", 2)) {
+    const char* argv[] = {"prog", c[0].c_str()};
     DKApplication app(2, argv);
-    EXPECT_EQ(app.GetTraceLevel(), c.level) << c.option;
-    EXPECT_EQ(GlbGetTraceLevel(), c.level) << c.option;
+    EXPECT_EQ(app.GetTraceLevel(), c.Int(1)) << c.where;
+    EXPECT_EQ(GlbGetTraceLevel(), c.Int(1)) << c.where;
   }
   // Level 0 silences a passed subscriber until the level is raised.
   DKSmartPtr<Recorder> recorder(new Recorder);
@@ -123,7 +113,7 @@ TEST_F(DKApplicationTest, LogFilesAreWrittenOnceWhateverTheirNameAndAnUnwritable
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "line"), 1) << "the console is added once too: " << Console();
 }
 
-TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDirectory) {
+TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDirectoryOrReported) {
   ScratchDir dir;
   fs::create_directory(dir / "debug");
   WriteWholeFile(dir / "prog.ini", "[DKORE]\nDebugPath=" + dir / "debug" + "\n[Other]\nkey=value\n");
@@ -146,10 +136,8 @@ TEST_F(DKApplicationTest, ConfigurationIsFoundBesideTheProgramThenInTheWorkingDi
     EXPECT_EQ(app.GetTmpDirectory(), DKString(DK_T("."))) << "DebugPath defaults to \".\"";
   }
   fs::current_path(previous);
-}
 
-TEST_F(DKApplicationTest, ExplicitConfigurationThatCannotBeReadIsReported) {
-  ScratchDir dir;
+  // Named by /config but missing or not valid: reported, and there is no configuration.
   WriteWholeFile(dir / "bad.ini", "[Unclosed\nkey=value\n");
   const std::pair<std::string, std::string> cases[] = {
       {dir / "missing.ini", "ERR> *** Cannot read the configuration file " + dir / "missing.ini"},
@@ -215,7 +203,7 @@ TEST_F(DKApplicationTest, WithoutConfigurationTheTemporaryDirectoryComesFromTheE
   }
 }
 
-TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnes) {
+TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnesWhenAskedFor) {
   DKApplication app(DKString(DK_T("/opt/bin/prog /noConsole")));
   DKUsageInfo custom(DKString(DK_T("Custom part:")));
   custom.AddCmdLineArgDesc("custom", "A custom option.");
@@ -229,26 +217,20 @@ TEST_F(DKApplicationTest, UsageScreenShowsTheStandardOptionsThenTheCustomOnes) {
   for (const dktest::CaseLine& line : dktest::ReadCases(fs::path(DK_APP_CASES) / "usage_screen.txt", 1))
     expected.push_back(line[0]);
   EXPECT_EQ(lines, expected) << out.str();
-}
 
-TEST_F(DKApplicationTest, UsageScreenIsShownOnlyWhenAskedFor) {
-  const struct {
-    const DKChar* line;
-    bool asked;
-  } cases[] = {{DK_T("prog /help"), true},    {DK_T("prog /?"), true},      {DK_T("prog -HELP"), true},
-               {DK_T("prog /help:me"), true}, {DK_T("prog /helpme"), false}, {DK_T("prog help"), false}};
-  for (const auto& c : cases) {
-    DKApplication app{DKString(c.line)};
-    std::ostringstream out;
-    EXPECT_EQ(app.DisplayUsageIfNecessary(&out), c.asked) << DKString(c.line).AsUTF8();
-    EXPECT_EQ(out.str().empty(), !c.asked);
+  // Shown only when asked for.
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "usage_asked.txt", 2)) {
+    DKApplication asked{Text(c[0])};
+    std::ostringstream shown;
+    EXPECT_EQ(asked.DisplayUsageIfNecessary(&shown), c.YesNo(1)) << c.where;
+    EXPECT_EQ(shown.str().empty(), !c.YesNo(1)) << c.where;
   }
-  DKApplication app{DKString(DK_T("prog /?"))};
-  EXPECT_TRUE(app.DisplayUsageIfNecessary());
+  DKApplication console{DKString(DK_T("prog /?"))};
+  EXPECT_TRUE(console.DisplayUsageIfNecessary());
   EXPECT_NE(Console().find("USAGE: prog. [options list] \n"), std::string::npos) << "shown on the console by default";
 }
 
-TEST_F(DKApplicationTest, LaterApplicationsPointBackAndShutDownRestoresTheCurrentOne) {
+TEST_F(DKApplicationTest, LaterApplicationsPointBackShutDownRestoresTheCurrentOneAndEmptyLinesWork) {
   EXPECT_EQ(DKApplication::GetApp(), nullptr);
   // Without an application: the system's console stream (std::cout on Linux; the DLL's own on
   // Windows), the one the console falls back to.
@@ -274,9 +256,8 @@ TEST_F(DKApplicationTest, LaterApplicationsPointBackAndShutDownRestoresTheCurren
   third.reset();
   EXPECT_EQ(DKApplication::GetApp(), nullptr) << "never the destroyed first application";
   EXPECT_EQ(GlbGetTraceLevel(), 1u);
-}
 
-TEST_F(DKApplicationTest, EmptyCommandLinesMakeAWorkingApplication) {
+  // Empty command lines make working applications.
   {
     DKApplication app{DKString()};
     EXPECT_EQ(app.GetAppName(), DKString());

@@ -20,7 +20,7 @@ protected:
   DKLogManager::ChannelId m_channel = DKLogManager::NoChannel;
 };
 
-TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevel) {
+TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsAndChannelsEnd) {
   DKSmartPtr<Recorder> normal(new Recorder);
   DKSmartPtr<Recorder> maximum(new Recorder);
   DKSmartPtr<Recorder> silent(new Recorder);
@@ -35,14 +35,13 @@ TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevel) {
   EXPECT_EQ(silent->Text(), "always\n");
   EXPECT_TRUE(m_logs.IsLogged(m_channel, 2));
   EXPECT_FALSE(m_logs.IsLogged(m_channel, 3));
-}
 
-TEST_F(DKLogManagerTest, SubscriptionsChangeAndEnd) {
+  // Subscriptions change and end.
   DKSmartPtr<Recorder> recorder(new Recorder);
   EXPECT_FALSE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2)) << "not subscribed yet";
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1));
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1)) << "subscribing again keeps one subscription";
-  EXPECT_EQ(m_logs.GetSubscriberCount(m_channel), 1u);
+  EXPECT_EQ(m_logs.GetSubscriberCount(m_channel), 4u);
   m_logs.Publish(m_channel, 2, "hidden\n");
   ASSERT_TRUE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2));
   std::uint32_t level = 0;
@@ -53,22 +52,21 @@ TEST_F(DKLogManagerTest, SubscriptionsChangeAndEnd) {
   EXPECT_FALSE(m_logs.Unsubscribe(m_channel, recorder.Get()));
   m_logs.Publish(m_channel, 1, "after\n");
   EXPECT_EQ(recorder->Text(), "shown\n");
-}
 
-TEST_F(DKLogManagerTest, ChannelsAreDistinctEvenWithOneNameAndGoAway) {
+  // Channels are distinct even with one name, and go away with their subscribers.
   const DKLogManager::ChannelId second = m_logs.AddChannel(DK_T("logtest"));
   EXPECT_NE(second, m_channel);
   EXPECT_EQ(m_logs.FindChannel(DK_T("LOGTEST")), m_channel);
   EXPECT_EQ(m_logs.GetChannelName(second), DKString(DK_T("logtest")));
-  DKSmartPtr<Recorder> recorder(new Recorder);
-  ASSERT_TRUE(m_logs.Subscribe(second, recorder, 1));
+  DKSmartPtr<Recorder> other(new Recorder);
+  ASSERT_TRUE(m_logs.Subscribe(second, other, 1));
   m_logs.Publish(m_channel, 1, "other channel\n");
   EXPECT_TRUE(m_logs.RemoveChannel(second));
   EXPECT_FALSE(m_logs.HasChannel(second));
-  EXPECT_FALSE(m_logs.Subscribe(second, recorder, 1));
+  EXPECT_FALSE(m_logs.Subscribe(second, other, 1));
   m_logs.Publish(second, 1, "nowhere\n");
-  EXPECT_EQ(recorder->Text(), "");
-  EXPECT_EQ(recorder->NbRef(), 1u) << "the removed channel released its subscriber";
+  EXPECT_EQ(other->Text(), "");
+  EXPECT_EQ(other->NbRef(), 1u) << "the removed channel released its subscriber";
 }
 
 TEST_F(DKLogManagerTest, StreamPublishesWholeLinesAndFlushedParts) {
@@ -256,32 +254,22 @@ TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
   for (const DKLogSeverity severity : all)
     EXPECT_FALSE(log.IsEnabled(severity)) << "no subscriber";
   DKSmartPtr<Recorder> recorder(new Recorder);
-  const struct {
-    std::uint32_t level;
-    DKLogSeverity threshold;
-    std::string expected;
-  } cases[] = {
-      {0, DKLogSeverity::Trace, ""},
-      {1, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\n"},
-      {2, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\n"},
-      {3, DKLogSeverity::Trace, "ERROR e\nWARNING w\nINFO i\nDEBUG d\nTRACE t\n"},
-      {3, DKLogSeverity::Warning, "ERROR e\nWARNING w\n"},
-      {1, DKLogSeverity::Error, "ERROR e\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.level);
+  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_levels.txt", 3)) {
+    SCOPED_TRACE(c.where);
+    const auto level = static_cast<std::uint32_t>(c.Int(0));
+    DKLogSeverity threshold = DKLogSeverity::Trace;
+    ASSERT_TRUE(DKLogSeverityFromName(c[1], threshold));
     DKSmartPtr<Recorder> lines(new Recorder);
-    ASSERT_TRUE(m_logs.Subscribe(m_channel, lines, c.level));
-    log.SetThreshold(c.threshold);
+    ASSERT_TRUE(m_logs.Subscribe(m_channel, lines, level));
+    log.SetThreshold(threshold);
     log.Error("%s", "e");
     log.Warning("w");
     log.Info("%c", 'i');
     log.Debug("d\n");
     log.Trace("t");
-    EXPECT_EQ(lines->Text(), c.expected);
+    EXPECT_EQ(lines->Text(), c[2]);
     for (const DKLogSeverity severity : all)
-      EXPECT_EQ(log.IsEnabled(severity),
-                severity <= c.threshold && DKLogLevelOf(severity) <= c.level);
+      EXPECT_EQ(log.IsEnabled(severity), severity <= threshold && DKLogLevelOf(severity) <= level);
     ASSERT_TRUE(m_logs.Unsubscribe(m_channel, lines.Get()));
   }
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 3));

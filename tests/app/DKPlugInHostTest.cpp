@@ -170,23 +170,31 @@ TEST(PlugInHostTest, ListFileWithCommentsBlanksAndBareNamesLoadsFromItsDirectory
   EXPECT_EQ(run.exitCode, 0);
 }
 
-TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrder) {
+// Copies of one module are distinct plug-ins.
+TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrderEachCopyApart) {
   ScratchDir dir;
+  const std::string folder = dir.Path().string();
   fs::copy_file(Module("good"), dir / "good.osx");
   fs::copy_file(Module("chain_c"), dir / "CHAIN_C.OSX");
   WriteWholeFile(dir / "readme.txt", "not a module");
   fs::create_directory(dir / "folder.osx");
-  const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
-  const std::string folder = dir.Path().string();
+  std::vector<std::string> loaded{"CHAIN_C.OSX", "good.osx"};
+  constexpr int copies = 20;
+  for (int i = 0; i < copies; ++i)
+    fs::copy_file(Module("trivial"), dir / loaded.emplace_back("trivial" + std::to_string(i) + ".osx"));
+  std::sort(loaded.begin() + 2, loaded.end());
+  for (std::string& name : loaded)
+    name = "LoadLibrary on " + In(folder, name) + "...";
+  const HostRun run = RunHost({"/osxpath:" + folder}, "/");
   EXPECT_EQ(run.lines.at(0), "Retrieving plug-ins from " + In(folder, "*.osx") + "...") << run.output;
-  EXPECT_EQ(run.Starting("LoadLibrary on "),
-            (std::vector<std::string>{"LoadLibrary on " + In(folder, "CHAIN_C.OSX") + "...",
-                                      "LoadLibrary on " + In(folder, "good.osx") + "..."}));
+  EXPECT_EQ(run.Starting("LoadLibrary on "), loaded);
   EXPECT_TRUE(run.Has("ChainC: run") && run.Has("Good: run")) << run.output;
+  EXPECT_EQ(run.Count(">>>> Initializing <Trivial>... Done."), static_cast<std::size_t>(copies)) << run.output;
+  EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
   EXPECT_EQ(run.exitCode, 0);
 }
 
-TEST(PlugInHostTest, MissingListFileIsReportedAndTheWorkingDirectoryIsSearched) {
+TEST(PlugInHostTest, MissingListFileOrNoOptionSearchesTheWorkingDirectoryAndNoModuleEndsWithCode1) {
   ScratchDir dir;
   fs::copy_file(Module("good"), dir / "good.osx");
   const HostRun run = RunHost({"/osxpath:" + dir / "missing.lst"}, dir.Path().string());
@@ -195,19 +203,14 @@ TEST(PlugInHostTest, MissingListFileIsReportedAndTheWorkingDirectoryIsSearched) 
   EXPECT_EQ(run.lines[1], "Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...");
   EXPECT_TRUE(run.Has("Good: run")) << run.output;
   EXPECT_EQ(run.exitCode, 0);
-}
 
-TEST(PlugInHostTest, NoModuleAnywhereEndsWithCode1) {
-  ScratchDir dir;
-  const HostRun run = RunHost({}, dir.Path().string());
-  const std::vector<std::string> expected{
-      "Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...",
-      "Couldn't find any OSX to load.",
-      kQuit,
-      kExit,
-  };
-  EXPECT_EQ(run.lines, expected) << run.output;
-  EXPECT_EQ(run.exitCode, 1);
+  // Without /osxpath the working directory is searched; with no module there the code is 1.
+  fs::remove(dir / "good.osx");
+  const HostRun none = RunHost({}, dir.Path().string());
+  EXPECT_EQ(none.lines, (std::vector<std::string>{"Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...",
+                                                  "Couldn't find any OSX to load.", kQuit, kExit}))
+      << none.output;
+  EXPECT_EQ(none.exitCode, 1);
 }
 
 TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
@@ -315,46 +318,30 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
   EXPECT_NE(errorLog.find("****** End of crash report ******"), std::string::npos) << errorLog;
 }
 
-TEST(PlugInHostTest, OverlongAndUnreadableListsAreReported) {
-  ScratchDir dir;
-  const std::string overlong(261, 'x');
-  WriteWholeFile(dir / "osx.lst", Module("good") + "\n" + overlong + "\n" + std::string(260, ' ') + "\n");
-  fs::create_directories(dir / "sub/osx.lst"); // a list file that cannot be read
-  fs::copy_file(Module("chain_c"), dir / "sub/chain_c.osx");
-  const HostRun run = RunHost({"/osxpath:" + dir.Path().string(), "/osxpath:" + dir / "sub"}, "/");
-
-  EXPECT_TRUE(run.Has("ERR> *** " + dir / "osx.lst" + ": line 2 is longer than 260 characters; skipped"))
-      << run.output;
-  EXPECT_EQ(run.Starting("ERR> *** The plug-ins list file cannot be read: ").size(), 1u) << run.output;
-  EXPECT_TRUE(run.Has("Retrieving plug-ins from " + In(dir / "sub", "*.osx") + "...")) << run.output;
-  EXPECT_TRUE(run.Has("Good: run") && run.Has("ChainC: run")) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-}
-
-TEST(PlugInHostTest, DirectoriesAreSearchedOnceInOrderAndShareTheirPlugIns) {
+// The directories are searched once each, in order; overlong list lines and an unreadable list
+// are reported, and a dependency in an earlier directory is found.
+TEST(PlugInHostTest, DirectoriesAreSearchedOnceInOrderAndBadListsAreReported) {
   ScratchDir first;
   ScratchDir second;
-  WriteList(first / "osx.lst", {"chain_c"});
+  const std::string overlong(261, 'x');
+  WriteWholeFile(first / "osx.lst", Module("chain_c") + "\n" + overlong + "\n" + std::string(260, ' ') + "\n");
   WriteList(second / "osx.lst", {"chain_b"});
+  fs::create_directories(second / "sub/osx.lst"); // a list file that cannot be read
+  fs::copy_file(Module("good"), second / "sub/good.osx");
   const std::string again = first.Path().string() + "/./";
-  const HostRun run = RunHost(
-      {"/osxpath:" + first.Path().string(), "/osxpath:" + second.Path().string(), "-OSXPATH:" + again, "/osxpath"},
-      "/");
+  const HostRun run = RunHost({"/osxpath:" + first.Path().string(), "/osxpath:" + second.Path().string(),
+                               "-OSXPATH:" + again, "/osxpath", "/osxpath:" + second / "sub"},
+                              "/");
+  EXPECT_TRUE(run.Has("ERR> *** " + first / "osx.lst" + ": line 2 is longer than 260 characters; skipped"))
+      << run.output;
+  EXPECT_EQ(run.Starting("ERR> *** The plug-ins list file cannot be read: ").size(), 1u) << run.output;
+  EXPECT_TRUE(run.Has("Retrieving plug-ins from " + In(second / "sub", "*.osx") + "...")) << run.output;
   EXPECT_TRUE(run.Has(">>>> " + again + " is given to /osxpath more than once: searched once.")) << run.output;
   EXPECT_TRUE(run.Has("ERR> *** /osxpath needs a directory or a list file: /osxpath:{directory}")) << run.output;
   EXPECT_TRUE(run.Starting("ERR> *** Duplicate").empty()) << run.output;
-  EXPECT_EQ(run.Starting("RUN> "), (std::vector<std::string>{"RUN> Running <ChainC>...", "RUN> Running <ChainB>..."}))
-      << "a dependency in an earlier directory is found: " << run.output;
-}
-
-TEST(PlugInHostTest, CopiesOfOneModuleAreDistinctPlugIns) {
-  ScratchDir dir;
-  constexpr int copies = 20;
-  for (int i = 0; i < copies; ++i)
-    fs::copy_file(Module("trivial"), dir / ("trivial" + std::to_string(i) + ".osx"));
-  const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
-  EXPECT_EQ(run.Count(">>>> Initializing <Trivial>... Done."), static_cast<std::size_t>(copies)) << run.output;
-  EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
+  EXPECT_EQ(run.Starting("RUN> "),
+            (std::vector<std::string>{"RUN> Running <ChainC>...", "RUN> Running <ChainB>...", "RUN> Running <Good>..."}))
+      << run.output;
   EXPECT_EQ(run.exitCode, 0);
 }
 
@@ -373,11 +360,9 @@ TEST(DkhostTest, HelpListsThePlugInsOptionsWithoutInitialisingThem) {
     for (const std::string& line : std::vector<std::string>{"USAGE: dkhost." + kExecutableExtension + " [options list] ", "dkhost options:", "Ticker plug-in:",
                                    "Exit codes (when several apply, the lowest):"})
       EXPECT_EQ(run.Count(line), 1u) << line;
-    EXPECT_EQ(run.Starting("   /ticks:{count} ").size(), 1u);
-    EXPECT_EQ(run.Starting("   /strict ").size(), 1u);
-    EXPECT_EQ(run.Starting("   /osxpath:{directory} ").size(), 1u);
-    EXPECT_TRUE(run.Starting(">>>> Initializing").empty());
-    EXPECT_TRUE(run.Starting("RUN> ").empty());
+    for (const char* option : {"   /ticks:{count} ", "   /strict ", "   /osxpath:{directory} "})
+      EXPECT_EQ(run.Starting(option).size(), 1u) << option;
+    EXPECT_TRUE(run.Starting(">>>> Initializing").empty() && run.Starting("RUN> ").empty());
     EXPECT_FALSE(run.Has(kExit)) << "nothing ran: no shut-down lines";
   }
   const HostRun none = RunList({}, {"/?"}, DK_DKHOST_PATH);

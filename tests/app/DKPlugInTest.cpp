@@ -201,7 +201,7 @@ TEST_F(DKPlugInTest, HierarchyPutsDependenciesFirstAndDescribesCycles) {
   EXPECT_EQ(cycles[1], DKString(DK_T("S -> S")));
 }
 
-TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceAndListsItsOptions) {
+TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceListsItsOptionsAndRefusesATakenId) {
   TestApp app;
   DKSmartPtr<DKPlugIn> base(new Probe("Base", 1));
   DKSmartPtr<DKPlugIn> user(new Probe("User", 2, {PlugInIdEx(Id(1), DK_T("Base"))}));
@@ -222,31 +222,12 @@ TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceAndListsItsOptions) {
   ASSERT_EQ(app.GetCustomUsageInfo().size(), 2u);
   EXPECT_EQ(app.GetCustomUsageInfo()[1].FormatUsage().AsUTF8().find("   /User"), 0u);
   EXPECT_TRUE(app.CheckDependents(user, true).Good());
-}
 
-TEST_F(DKPlugInTest, SecondPlugInWithATakenIdIsRefused) {
-  TestApp app;
-  DKSmartPtr<DKPlugIn> first(new Probe("First", 1));
-  DKSmartPtr<DKPlugIn> second(new Probe("Second", 1));
-  ASSERT_TRUE(app.LoadPlugIn(first).Good());
-  const DKErrorID refused = app.AddPlugIn(second, false);
-  EXPECT_EQ(refused.GetCode(), DK_MSG_DUPLICATE_PLUGIN_ID);
+  // A second plug-in with a taken id is refused; the same object again is no duplicate.
+  EXPECT_EQ(app.AddPlugIn(new Probe("Second", 1), false).GetCode(), DK_MSG_DUPLICATE_PLUGIN_ID);
   EXPECT_TRUE(ConsoleHas("ERR> *** Duplicate plug-in id Second"));
-  EXPECT_EQ(Names(app.GetLoadedPlugIns()), std::vector<std::string>{"First"});
-  EXPECT_TRUE(app.AddPlugIn(first, false).Good()) << "the same object again is no duplicate";
-  EXPECT_EQ(app.GetLoadedPlugIns().size(), 1u);
-}
-
-TEST_F(DKPlugInTest, ContainerHandsOverItsMembersAndIsDropped) {
-  TestApp app;
-  DKSmartPtr<Crate> crate(new Crate);
-  crate->AddPlugIn(new Probe("Second", 2, {PlugInIdEx(Id(1))}));
-  crate->AddPlugIn(new Probe("First", 1));
-  crate->AddPlugIn(nullptr);
-  EXPECT_TRUE(app.LoadPlugIn(crate).Good());
-  EXPECT_EQ(Names(app.GetLoadedPlugIns()), (std::vector<std::string>{"Second", "First"}));
-  EXPECT_EQ(Journal(), (std::vector<std::string>{"Unload Crate", "Init First", "Init Second"}));
-  EXPECT_EQ(app.FindPlugIn(Id(50)), nullptr);
+  EXPECT_TRUE(app.AddPlugIn(base, false).Good());
+  EXPECT_EQ(Names(app.GetLoadedPlugIns()), (std::vector<std::string>{"Base", "User"}));
 }
 
 TEST_F(DKPlugInTest, FailedInitIsNeverRunNorUnloaded) {
@@ -341,7 +322,7 @@ TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
 // with their own id, are refused with the chain instead of being expanded for ever; so is a
 // container that makes ever new ones. Members added before the refusal stay; nested members
 // are initialised; a container whose own calls throw is reported.
-TEST_F(DKPlugInTest, ContainerCyclesAndFailingContainersAreRefusedWithTheirChain) {
+TEST_F(DKPlugInTest, ContainersHandOverTheirMembersAndCyclesAndFailingOnesAreRefusedWithTheirChain) {
   const auto probe = [](const char* name, std::uint8_t id) { return DKSmartPtr<DKPlugIn>(new Probe(name, id)); };
   const auto crate = [](const char* name, std::uint8_t id, std::function<DKSmartPtrVector<DKPlugIn>(const Crate&)> make) {
     return DKSmartPtr<DKPlugIn>(new Crate(name, id, std::move(make)));
@@ -396,12 +377,19 @@ TEST_F(DKPlugInTest, ContainerCyclesAndFailingContainersAreRefusedWithTheirChain
     EXPECT_EQ(app.FindPlugIn(c.container->GetId().GetGuid()), nullptr) << "a container is never kept";
   }
 
+  // A container hands over its members (in dependency order for their initialisation) and is
+  // dropped, even when its Unload throws.
+  Journal().clear();
   TestApp app;
-  DKSmartPtr<Crate> failingUnload(new Crate("Leaky", 58, nullptr, true));
-  failingUnload->AddPlugIn(new Probe("Member", 4));
-  EXPECT_TRUE(app.LoadPlugIn(failingUnload).Good()) << "its members are loaded all the same";
+  DKSmartPtr<Crate> leaky(new Crate("Leaky", 58, nullptr, true));
+  leaky->AddPlugIn(new Probe("Second", 2, {PlugInIdEx(Id(1))}));
+  leaky->AddPlugIn(new Probe("First", 1));
+  leaky->AddPlugIn(nullptr);
+  EXPECT_TRUE(app.LoadPlugIn(leaky).Good()) << "its members are loaded all the same";
   EXPECT_TRUE(ConsoleHas("ERR> *** <Leaky>: Unload threw: boom")) << Console();
-  EXPECT_EQ(Names(app.GetLoadedPlugIns()), std::vector<std::string>{"Member"});
+  EXPECT_EQ(Names(app.GetLoadedPlugIns()), (std::vector<std::string>{"Second", "First"}));
+  EXPECT_EQ(Journal(), (std::vector<std::string>{"Unload Leaky", "Init First", "Init Second"}));
+  EXPECT_EQ(app.FindPlugIn(Id(58)), nullptr);
 }
 
 } // namespace
