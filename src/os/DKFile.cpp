@@ -100,10 +100,14 @@ bool DKFile::ReadAll(const DKString& path, DKFileBytes& bytes, DKString& error) 
   if (const int code = file.OpenForReading(path))
     return Failed(code, DK_T("cannot open"), path, error);
   const std::size_t page = FileImpl::PageSize();
-  const auto roundUp = [&](std::uint64_t n) { return static_cast<std::size_t>((n + page - 1) / page * page); };
+  // Pages of their own are whole pages; a heap block is only as large as asked.
+  const auto fit = [&](std::uint64_t n) {
+    return static_cast<std::size_t>(n > kHeapBytes ? (n + page - 1) / page * page : n);
+  };
   // One byte more than the size, so that the end is seen without growing; reads on to the real
   // end whatever the size said (a file that grows, files of /proc that give no size).
-  std::size_t capacity = roundUp(file.SizeHint() + 1);
+  const std::uint64_t hint = file.SizeHint();
+  std::size_t capacity = fit(hint ? hint + 1 : page);
   for (;;) {
     // Pages of their own only pay for a large file, whose read part the reader gives back as it
     // goes; a small one costs less in the heap than a map, its faults and its unmap.
@@ -125,11 +129,13 @@ bool DKFile::ReadAll(const DKString& path, DKFileBytes& bytes, DKString& error) 
         bytes.Free();
         return Failed(code, DK_T("cannot read"), path, error);
       }
-      if (got == 0)
-        return true;
       bytes.m_size += got;
+      // A plain file's read that stops short exactly at the size it was opened with has met
+      // its end: the read that would return 0 is skipped.
+      if (got == 0 || (hint && bytes.m_size == hint))
+        return true;
     }
-    capacity *= 2;
+    capacity = fit(std::uint64_t{capacity} * 2);
   }
 }
 

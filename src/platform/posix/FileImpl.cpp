@@ -132,9 +132,10 @@ int FileImpl::ReadAll(std::string& bytes) {
       bytes.clear();
       return code;
     }
-    if (n == 0)
-      break;
     used += static_cast<std::size_t>(n);
+    // Stopping short exactly at the size the file was opened with is its end (see DKFile).
+    if (n == 0 || (m_openSize && used == m_openSize))
+      break;
   }
   bytes.resize(used);
   return 0;

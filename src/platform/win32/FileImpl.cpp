@@ -139,9 +139,10 @@ int FileImpl::ReadAll(std::string& bytes) {
       bytes.clear();
       return code;
     }
-    if (got == 0)
-      break;
     used += got;
+    // Stopping short exactly at the size the file was opened with is its end (see DKFile).
+    if (got == 0 || (sized && used == sized))
+      break;
   }
   bytes.resize(used);
   return 0;
