@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
 #include "support/DKTestSupport.h"
 
 #include <atomic>
@@ -46,38 +47,20 @@ DKSmartPtr<DKErrorWithArgs> ErrorWith(std::initializer_list<const DKChar*> param
   return error;
 }
 
+// The templates of cases/placeholders.txt; without an error, nothing is filled.
 TEST(DKMessageSourceTest, FillPlaceholders) {
-  DKSmartPtr<DKErrorWithArgs> numbers = DKLibraryError(DK_MSG_UNSPECIFIED);
-  numbers->AddParam(7);
-  numbers->AddParam(DKString(DK_T("seven")));
-  DKSmartPtr<DKErrorWithArgs> eleven = ErrorWith({});
-  for (int i = 0; i <= 10; ++i)
-    eleven->AddParam(DKString(L"p" + std::to_wstring(i)));
-  DKSmartPtr<DKErrorWithArgs> tricky = ErrorWith({DK_T("%1:s"), DK_T("100%")});
-  const struct {
-    const DKChar* text;
-    const DKErrorI* error;
-    const DKChar* expected;
-  } cases[] = {
-      {DK_T(""), numbers.Get(), DK_T("")},
-      {DK_T("%1:s then %0:d"), numbers.Get(), DK_T("seven then 7")},
-      {DK_T("%0:d%1:s%0:d"), numbers.Get(), DK_T("7seven7")},
-      {DK_T("%1:d"), numbers.Get(), DK_T("seven")}, // the letter does not change how a value prints
-      {DK_T("100%% sure"), numbers.Get(), DK_T("100% sure")},
-      {DK_T("%%%0:d%%"), numbers.Get(), DK_T("%7%")},
-      {DK_T("[%3:s] [%9:d]"), numbers.Get(), DK_T("[%3:s] [%9:d]")}, // no such parameter: kept as written
-      {DK_T("%0:s"), nullptr, DK_T("%0:s")},
-      {DK_T("%"), numbers.Get(), DK_T("%")},
-      {DK_T("%x %0 %0: %0:1 %:s %0;d"), numbers.Get(), DK_T("%x %0 %0: %0:1 %:s %0;d")},
-      {DK_T("%1234567890:d"), numbers.Get(), DK_T("%1234567890:d")},
-      {DK_T("%00:d"), numbers.Get(), DK_T("7")},
-      {DK_T("%10:s/%1:s"), eleven.Get(), DK_T("p10/p1")},
-      {DK_T("%0:s|%1:s"), tricky.Get(), DK_T("%1:s|100%")}, // values are not scanned again
-      {DK_T("\u00e9t\u00e9 %0:d \u20ac"), numbers.Get(), DK_T("\u00e9t\u00e9 7 \u20ac")},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(DKMessageSource::FillPlaceholders(DKString(c.text), DKFormatContext(c.error)), c.expected)
-        << DKString(c.text);
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/placeholders.txt", 0)) {
+    DKSmartPtr<DKErrorWithArgs> error = ErrorWith({});
+    for (std::size_t i = 2; i < c.fields.size(); ++i) {
+      if (c[i].find_first_not_of("0123456789") == std::string::npos)
+        error->AddParam(static_cast<int>(c.Int(i)));
+      else
+        error->AddParam(DKString::FromUTF8(c[i]));
+    }
+    const DKString text = DKString::FromUTF8(c[0]);
+    EXPECT_EQ(DKMessageSource::FillPlaceholders(text, DKFormatContext(error.Get())).AsUTF8(), c[1]) << c.where;
+  }
+  EXPECT_EQ(DKMessageSource::FillPlaceholders(DKString(DK_T("%0:s")), DKFormatContext()), DK_T("%0:s"));
 }
 
 TEST(DKMemoryMessageSourceTest, AddReplaceRemoveAndLookUp) {

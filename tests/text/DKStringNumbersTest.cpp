@@ -6,11 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseBlocks.h"
+#include "support/DKCaseFile.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
 #include <random>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -83,30 +87,18 @@ TEST(DKStringNumbers, AgreeWithTheCLibraryOnAsciiText) {
   }
 }
 
+// The rows of cases/number-readers.txt.
 TEST(DKStringNumbers, WhiteSpaceBeyondAsciiAndWhatTheCLibraryLeavesOpen) {
-  const struct {
-    const DKChar* text;
-    char reader; // AsInt, AsInt64, AsUInt64 or AsDouble
-    double value;
-    bool ok;
-  } cases[] = {
-      // Leading white space is any Unicode white space, and nothing else.
-      {DK_T("\u3000\u00A0\u20059"), 'i', 9, true}, {DK_T("\u200B9"), 'i', 0, false},        {DK_T("\u30007"), 'l', 7, true},
-      {DK_T("\u2028 1"), 'u', 1, true},            {DK_T("\u3000\u2028-2"), 'd', -2, true}, {DK_T("\uFEFF1"), 'd', 0, false},
-      {DK_T("1\u00E9"), 'd', 1, false},
-      // The 64-bit readers wrap around; the exponents overflow however long.
-      {DK_T("9223372036854775808"), 'l', -9223372036854775808.0, true}, {DK_T("18446744073709551616"), 'u', 0, true},
-      {DK_T("99e99999999999999999999"), 'd', HUGE_VAL, false},         {DK_T("0.01e-99999999999999999999"), 'd', 0, false},
-  };
-  for (const auto& c : cases) {
-    const DKString s(c.text);
-    bool ok = !c.ok;
-    const double value = c.reader == 'i'   ? s.AsInt(&ok)
-                         : c.reader == 'l' ? static_cast<double>(s.AsInt64(&ok))
-                         : c.reader == 'u' ? static_cast<double>(s.AsUInt64(&ok))
-                                           : s.AsDouble(&ok);
-    EXPECT_EQ(value, c.value) << c.reader << " " << s.AsUTF8();
-    EXPECT_EQ(ok, c.ok) << c.reader << " " << s.AsUTF8();
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/number-readers.txt", 4)) {
+    const DKString s = dkcases::Units(c[0]);
+    bool ok = !c.YesNo(3);
+    const double value = c[1] == "AsInt"     ? s.AsInt(&ok)
+                         : c[1] == "AsInt64" ? static_cast<double>(s.AsInt64(&ok))
+                         : c[1] == "AsUInt64" ? static_cast<double>(s.AsUInt64(&ok))
+                         : c[1] == "AsDouble" ? s.AsDouble(&ok)
+                                              : throw std::runtime_error(c.where + ": no reader " + c[1]);
+    EXPECT_EQ(value, std::strtod(c[2].c_str(), nullptr)) << c.where;
+    EXPECT_EQ(ok, c.YesNo(3)) << c.where;
   }
   EXPECT_EQ(DKString(DK_T("42")).AsInt(), 42); // the flag is optional
 }
