@@ -241,13 +241,8 @@ TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNot
     EXPECT_EQ(error->GetParameterType(i), expected[i].type);
     EXPECT_EQ(error->GetParameterValueAsString(i, DKExecContext()), expected[i].text) << i;
   }
-  EXPECT_EQ(*static_cast<const long*>(error->GetParameterValue(2)), 2147483647L);
-
-  error->AddParam(1e300); // %f prints large values whole: 301 digits, the point and 6 decimals
-  const DKString large = error->GetParameterValueAsString(std::size(expected), DKExecContext());
-  EXPECT_EQ(large.Length(), 308u);
-  EXPECT_EQ(large.SubStr(0, 1), DK_T("1"));
-  EXPECT_EQ(large.SubStr(large.Length() - 7), DK_T(".000000"));
+  error->AddParam(1e300); // "%f" prints large values whole, as the C library does
+  EXPECT_EQ(error->GetParameterValueAsString(std::size(expected), DKExecContext()).AsUTF8(), std::to_string(1e300));
 
   for (std::size_t index : {std::size(expected) + 1, std::size_t{100}, static_cast<std::size_t>(-1)}) {
     EXPECT_EQ(error->GetParameterType(index), DKErrorI::ParamNone);

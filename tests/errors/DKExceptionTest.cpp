@@ -141,35 +141,25 @@ std::string ReportLine(const DKException& e, std::size_t index) {
   return SplitLines(e.BuildReport().AsUTF8()).at(index);
 }
 
+// The messages of cases/exception-marker.txt.
 TEST(DKExceptionTest, MarkerSplitsUserTextFromInternalTextAndCopiesKeepBoth) {
-  const struct {
-    const DKChar* message;
-    const char* userText;    // What and what
-    const char* consoleLine; // what LogInErrorFile writes; null for the full report
-  } cases[] = {
-      {DK_T("disk full###***###Please free space"), "Please free space", "disk full"},
-      {DK_T("###***###user only"), "user only", ""},
-      {DK_T("internal only###***###"), "", "internal only"},
-      {DK_T("a###***###b###***###c"), "b###***###c", "a"},
-      {DK_T("caf\u00e9###***###d\u00e9j\u00e0 vu"), "d\xc3\xa9j\xc3\xa0 vu", "caf\xc3\xa9"},
-      {DK_T("##*## not a marker"), "##*## not a marker", nullptr},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.userText);
-    DKException e = DKBinaryStream::Exception(DKString(c.message));
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/exception-marker.txt", 3)) {
+    SCOPED_TRACE(c.where);
+    const DKString message = DKString::FromUTF8(c[0]);
+    DKException e = DKBinaryStream::Exception(message);
     DKException copy(DK_T("other"), true);
     copy = DKException(e); // copies keep the message, the stack and the user text
-    EXPECT_EQ(copy.GetMessage(), c.message);
+    EXPECT_EQ(copy.GetMessage(), message);
     EXPECT_EQ(copy.Stack(), e.Stack());
-    EXPECT_STREQ(copy.what(), c.userText);
-    EXPECT_STREQ(e.what(), c.userText);
-    EXPECT_EQ(e.What().AsUTF8(), c.userText);
+    EXPECT_EQ(copy.what(), c[1]);
+    EXPECT_EQ(e.what(), c[1]);
+    EXPECT_EQ(e.What().AsUTF8(), c[1]);
     ConsoleCapture console;
     e.LogInErrorFile();
-    if (c.consoleLine)
-      EXPECT_EQ(console.Text(), std::string(c.consoleLine) + "\n");
+    if (c[2] != "report")
+      EXPECT_EQ(console.Text(), c[2] + "\n");
     else
-      EXPECT_EQ(SplitLines(console.Text()).at(3), "EXCEPTION: " + e.GetMessage().AsUTF8());
+      EXPECT_EQ(SplitLines(console.Text()).at(3), "EXCEPTION: " + c[0]);
   }
   EXPECT_STREQ(DKConfigStreamException(DK_T("Missing ]")).what(), "Missing ]");
 }

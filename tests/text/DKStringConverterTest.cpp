@@ -225,7 +225,6 @@ TEST_F(DKUtf8Test, SetFromUtf8LengthNullAndFailure) {
   // The text ends at a 0 byte even inside the given length.
   EXPECT_TRUE(s.SetFromUTF8("ab\0cd", 5).Good());
   EXPECT_EQ(s, DK_T("ab"));
-  EXPECT_EQ(s.Length(), 2u);
   // A length that cuts a sequence makes it truncated.
   EXPECT_EQ(s.SetFromUTF8("\xE2\x82\xAC", 2).GetCode(), DK_MSG_INVALID_UTF8);
   EXPECT_EQ(s, DK_T("ab"));
@@ -244,16 +243,12 @@ TEST_F(DKUtf8Test, SetFromUtf8LengthNullAndFailure) {
 
 using DKStringConverterTest = DKPoolLeakCheckedTest;
 
-TEST_F(DKStringConverterTest, ForCodePageSharesOneInstancePerCodePageAndPolicy) {
+TEST_F(DKStringConverterTest, ForCodePageKnowsFourCodePagesAndRefusesTheRest) {
   for (const unsigned int codePage : {0u, 65001u, 28591u, 1252u}) {
     const auto strict = DKStringConverter::ForCodePage(codePage);
     ASSERT_TRUE(strict) << codePage;
     EXPECT_EQ(strict->GetCodePage(), codePage ? codePage : 65001u);
-    EXPECT_EQ(strict.Get(), DKStringConverter::ForCodePage(codePage).Get());
-    EXPECT_EQ(DKStringConverter::ForCodePage(codePage, Policy::Replace).Get(),
-              DKStringConverter::ForCodePage(codePage, Policy::Replace).Get());
   }
-  EXPECT_EQ(DKStringConverter::ForCodePage(0).Get(), DKStringConverter::ForCodePage(65001).Get());
   for (unsigned int unknown : {1u, 437u, 1200u, 1251u, 20127u, 65000u}) {
     EXPECT_FALSE(DKStringConverter::ForCodePage(unknown)) << unknown;
     DKSmartPtr<DKStringConverter> out = DKStringConverter::ForCodePage(1252);
@@ -390,23 +385,18 @@ TEST_F(DKStringConverterTest, StringConversionsByCodePage) {
   EXPECT_EQ(out, "");
 }
 
-TEST_F(DKStringConverterTest, StreamOutputIsUtf8) {
+// (UTF-8 itself: DKLockedCOUTTest.WritesEveryTextKindAsUtf8AndLocksRecursively.)
+TEST_F(DKStringConverterTest, StreamOutputIsPaddedAndWhole) {
+  const DKString longText = DKString(DK_T('é'), 400) + DK_T("end"); // longer than a stack buffer
   std::ostringstream os;
-  os << DKString(DK_T("né 😀")) << '|' << std::setw(6) << DKString(DK_T("ab")) << '|';
-  EXPECT_EQ(os.str(), "n\xC3\xA9 \xF0\x9F\x98\x80|    ab|");
-  // Long text takes the heap path.
-  const DKString longText = DKString(DK_T('é'), 400) + DK_T("end");
-  std::ostringstream big;
-  big << longText;
-  EXPECT_EQ(big.str(), longText.AsUTF8());
+  os << std::setw(6) << DKString(DK_T("ab")) << '|' << longText;
+  EXPECT_EQ(os.str(), "    ab|" + longText.AsUTF8());
 }
 
 #if !DK_WCHAR_IS_DKCHAR
 TEST_F(DKStringConverterTest, WideTextIsTranscodedFromUtf32) {
-  const DKString smile(L"a😀b");
-  EXPECT_EQ(smile, Units({'a', 0xD83D, 0xDE00, 'b'}));
-  EXPECT_EQ(smile.AsStdWString(), L"a😀b");
-  EXPECT_EQ(static_cast<std::wstring>(smile), L"a😀b");
+  // Every code point both ways: DKUtf8Test.EveryCodePointRoundTripsThroughUtf8AndUtf32.
+  EXPECT_EQ(static_cast<std::wstring>(DKString(L"a😀b")), L"a😀b");
 
   // Surrogate code points, values above U+10FFFF and negative values are not characters.
   const wchar_t bad[] = {L'x', static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000), static_cast<wchar_t>(-1), 0};
