@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKPoolLeakCheck.h"
 #include "support/DKTestSupport.h"
 
 #include <atomic>
@@ -122,11 +123,15 @@ TEST(DKDoubleTest, TextIsTheShortestFormThatReadsBack) {
   }
 }
 
+// Errors and their parameters live in the pool: these tests check that all of it is given back.
+using DKErrorIDTest = DKPoolLeakCheckedTest;
+using DKErrorWithArgsTest = DKPoolLeakCheckedTest;
+
 DKSmartPtr<DKErrorString> ErrorString(const DKChar* text, int code) {
   return new DKErrorString(text, code);
 }
 
-TEST(DKErrorIDTest, SuccessFailureCodeAndText) {
+TEST_F(DKErrorIDTest, SuccessFailureCodeAndText) {
   const struct {
     DKErrorID id;
     bool success;
@@ -149,16 +154,14 @@ TEST(DKErrorIDTest, SuccessFailureCodeAndText) {
 }
 
 // Also the check that smart pointers count atomically: an error id holds its error through one.
-TEST(DKErrorIDTest, CopiesOnManyThreadsShareAndReleaseTheErrorOnce) {
+TEST_F(DKErrorIDTest, CopiesOnManyThreadsShareAndReleaseTheErrorOnce) {
   DKErrorID id = DKLibraryError(DK_MSG_UNSPECIFIED);
-  const std::size_t liveBefore = DMMemoryPool::GetLiveBlocks();
   RunOnThreads(4, 20000, [&id](int, int) {
     DKErrorID copy(id), assigned;
     assigned = copy;
     EXPECT_EQ(assigned.GetError().Get(), id.GetError().Get());
   });
   EXPECT_EQ(id.GetError()->NbRef(), 1u);
-  EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), liveBefore);
 }
 
 TEST(DKErrorTest, PlainErrorsTakeTheirTextFromTheSourceOrNameAnUnknownMessage) {
@@ -220,7 +223,7 @@ TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
   EXPECT_EQ(DKErrorID::FromText(DK_T("x")).GetCode(), -1);
 }
 
-TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNothing) {
+TEST_F(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNothing) {
   DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
   const struct {
     std::size_t index;
@@ -254,47 +257,40 @@ TEST(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNot
   }
 }
 
-TEST(DKErrorWithArgsTest, CopiesAreDeepGetParamNeedsTheStoredTypeAndNothingLeaks) {
-  DKGetLibraryMessageSource(); // the library's messages live for the whole process
-  const std::size_t liveBefore = DMMemoryPool::GetLiveBlocks();
-  const std::size_t bytesBefore = DMMemoryPool::GetLiveBytes();
-  {
-    DKSmartPtr<DKErrorWithArgs> original = DKLibraryError(DK_MSG_SYSTEM_ERROR);
-    original->AddParam(2);
-    original->AddParam(DKString(DK_T("a string long enough to own a block")));
-    original->AddParam(DKDouble(0.25));
-    original->AddParam(3.0);
-    original->AddParam(4L);
-    DKSmartPtr<DKErrorWithArgs> copy(new DKErrorWithArgs(*original));
-    DKSmartPtr<DKErrorWithArgs> assigned = DKLibraryError(DK_MSG_INVALID_DATE);
-    assigned->AddParam(DKString(DK_T("will be freed")));
-    *assigned = *original;
-    const DKErrorWithArgs& same = *assigned;
-    *assigned = same;
-    EXPECT_EQ(assigned->GetCode(), DK_MSG_SYSTEM_ERROR);
-    EXPECT_EQ(assigned->GetParameterCount(), 5u);
-    original.Clear(); // the copies own their values
-    int i = 0;
-    long l = 0;
-    double d = 0;
-    DKDouble dk;
-    DKString s; // each read with the wrong type fails and leaves its output alone
-    EXPECT_FALSE(copy->GetParam(i, 1));
-    EXPECT_FALSE(copy->GetParam(l, 0));  // an int is not read as a long
-    EXPECT_FALSE(copy->GetParam(dk, 3)); // a double is not read as a DKDouble
-    EXPECT_FALSE(copy->GetParam(d, 2));
-    EXPECT_EQ(i, 0);
-    EXPECT_TRUE(copy->GetParam(s, 1) && copy->GetParam(i, 0) && copy->GetParam(l, 4) && copy->GetParam(d, 3) &&
-                copy->GetParam(dk, 2));
-    EXPECT_EQ(s, DK_T("a string long enough to own a block"));
-    EXPECT_EQ(i, 2);
-    EXPECT_EQ(l, 4L);
-    EXPECT_EQ(d, 3.0);
-    EXPECT_EQ(dk.GetValue(), 0.25);
-    EXPECT_EQ(DKErrorID(assigned).AsString(), DK_T("System error 2: a string long enough to own a block"));
-  }
-  EXPECT_EQ(DMMemoryPool::GetLiveBlocks(), liveBefore);
-  EXPECT_EQ(DMMemoryPool::GetLiveBytes(), bytesBefore);
+TEST_F(DKErrorWithArgsTest, CopiesAreDeepGetParamNeedsTheStoredTypeAndNothingLeaks) {
+  DKSmartPtr<DKErrorWithArgs> original = DKLibraryError(DK_MSG_SYSTEM_ERROR);
+  original->AddParam(2);
+  original->AddParam(DKString(DK_T("a string long enough to own a block")));
+  original->AddParam(DKDouble(0.25));
+  original->AddParam(3.0);
+  original->AddParam(4L);
+  DKSmartPtr<DKErrorWithArgs> copy(new DKErrorWithArgs(*original));
+  DKSmartPtr<DKErrorWithArgs> assigned = DKLibraryError(DK_MSG_INVALID_DATE);
+  assigned->AddParam(DKString(DK_T("will be freed")));
+  *assigned = *original;
+  const DKErrorWithArgs& same = *assigned;
+  *assigned = same;
+  EXPECT_EQ(assigned->GetCode(), DK_MSG_SYSTEM_ERROR);
+  EXPECT_EQ(assigned->GetParameterCount(), 5u);
+  original.Clear(); // the copies own their values
+  int i = 0;
+  long l = 0;
+  double d = 0;
+  DKDouble dk;
+  DKString s; // each read with the wrong type fails and leaves its output alone
+  EXPECT_FALSE(copy->GetParam(i, 1));
+  EXPECT_FALSE(copy->GetParam(l, 0));  // an int is not read as a long
+  EXPECT_FALSE(copy->GetParam(dk, 3)); // a double is not read as a DKDouble
+  EXPECT_FALSE(copy->GetParam(d, 2));
+  EXPECT_EQ(i, 0);
+  EXPECT_TRUE(copy->GetParam(s, 1) && copy->GetParam(i, 0) && copy->GetParam(l, 4) && copy->GetParam(d, 3) &&
+              copy->GetParam(dk, 2));
+  EXPECT_EQ(s, DK_T("a string long enough to own a block"));
+  EXPECT_EQ(i, 2);
+  EXPECT_EQ(l, 4L);
+  EXPECT_EQ(d, 3.0);
+  EXPECT_EQ(dk.GetValue(), 0.25);
+  EXPECT_EQ(DKErrorID(assigned).AsString(), DK_T("System error 2: a string long enough to own a block"));
 }
 
 } // namespace

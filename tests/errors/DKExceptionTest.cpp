@@ -47,7 +47,8 @@ DKSmartPtr<DKErrorWithArgs> ErrorWith(std::initializer_list<const DKChar*> param
   return error;
 }
 
-// The templates of cases/placeholders.txt; without an error, nothing is filled.
+// The templates of cases/placeholders.txt. (Without an error nothing is filled: the placeholders
+// fuzz target's property.)
 TEST(DKMessageSourceTest, FillPlaceholders) {
   for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/placeholders.txt", 0)) {
     DKSmartPtr<DKErrorWithArgs> error = ErrorWith({});
@@ -60,7 +61,6 @@ TEST(DKMessageSourceTest, FillPlaceholders) {
     const DKString text = DKString::FromUTF8(c[0]);
     EXPECT_EQ(DKMessageSource::FillPlaceholders(text, DKFormatContext(error.Get())).AsUTF8(), c[1]) << c.where;
   }
-  EXPECT_EQ(DKMessageSource::FillPlaceholders(DKString(DK_T("%0:s")), DKFormatContext()), DK_T("%0:s"));
 }
 
 TEST(DKMemoryMessageSourceTest, AddReplaceRemoveAndLookUp) {
