@@ -39,19 +39,11 @@ namespace dkerrorstest {
 
 namespace {
 
-// An error whose parameters are the given texts, for filling placeholders.
-DKSmartPtr<DKErrorWithArgs> ErrorWith(std::initializer_list<const DKChar*> params) {
-  DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
-  for (const DKChar* p : params)
-    error->AddParam(p);
-  return error;
-}
-
 // The templates of cases/placeholders.txt. (Without an error nothing is filled: the placeholders
 // fuzz target's property.)
 TEST(DKMessageSourceTest, FillPlaceholders) {
   for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/placeholders.txt", 0)) {
-    DKSmartPtr<DKErrorWithArgs> error = ErrorWith({});
+    DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(DK_MSG_UNSPECIFIED);
     for (std::size_t i = 2; i < c.fields.size(); ++i) {
       if (c[i].find_first_not_of("0123456789") == std::string::npos)
         error->AddParam(static_cast<int>(c.Int(i)));
@@ -117,14 +109,14 @@ TEST(DKMessageSourceTest, LibrarySourceHoldsEveryLibraryMessage) {
 
 TEST(DKMemoryMessageSourceTest, ReadersRunWhileAWriterChangesTheTable) {
   DKSmartPtr<DKMemoryMessageSource> source(new DKMemoryMessageSource{{1, DK_T("stable %0:s")}});
-  DKSmartPtr<DKErrorWithArgs> error = ErrorWith({DK_T("value")});
+  const DKErrorID error = DKLibraryErrorID(DK_MSG_UNSPECIFIED, DK_T("value"));
   std::atomic<int> failures{0};
   RunOnThreads(4, 5000, [&](int t, int) { // thread 0 writes, the others read
     DKString text;
     if (t == 0) {
       source->Add(2, DK_T("flicker"));
       source->Remove(2);
-    } else if (source->GetText(text, 1, DKFormatContext(error.Get())).Bad() || !(text == DK_T("stable value"))) {
+    } else if (source->GetText(text, 1, DKFormatContext(error.GetError().Get())).Bad() || !(text == DK_T("stable value"))) {
       ++failures;
     } else if (source->GetText(text, 2, DKFormatContext()).IsSuccess() ? !(text == DK_T("flicker"))
                                                                        : !(text == DK_T("Unknown message 2"))) {

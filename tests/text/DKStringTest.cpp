@@ -117,7 +117,6 @@ const EditCase editCases[] = {
     {"Set at the end", DK_T("ab"), [](DKString& s) { s.Set(2, DK_T('x')); }, nullptr},
     {"Set at npos", DK_T("ab"), [](DKString& s) { s.Set(npos, DK_T('x')); }, nullptr},
     {"Replace finds nothing", DK_T("abc"), [](DKString& s) { s.Replace(DK_T("q"), DK_T("r")); }, nullptr},
-    {"Upper of digits", DK_T("123"), [](DKString& s) { s.Upper(); }, nullptr},
 };
 
 TEST_F(DKStringTest, EditsUnshareFirstAndReadTheirOwnText) {
@@ -142,7 +141,6 @@ TEST_F(DKStringTest, EveryAppendingFormGrowsGeometrically) {
       {"+= char", [](DKString& s, const DKString&) { s += DK_T('x'); }},
       {"+= pointer", [](DKString& s, const DKString&) { s += DK_T("x"); }},
       {"+= string", [](DKString& s, const DKString& one) { s += one; }},
-      {"Append(char)", [](DKString& s, const DKString&) { s.Append(DK_T('x')); }},
       {"Append(pointer, 1)", [](DKString& s, const DKString&) { s.Append(DK_T("xyz"), 1); }},
       {"Insert(end, char)", [](DKString& s, const DKString&) { s.Insert(s.Length(), DK_T('x')); }},
       {"Insert(end, pointer)", [](DKString& s, const DKString&) { s.Insert(DKString::npos, DK_T("x")); }},
