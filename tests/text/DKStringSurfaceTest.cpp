@@ -63,6 +63,7 @@ TEST_F(DKStringSurfaceTest, ViewsAndUtf8ComeInWholeAndBadBytesBecomeReplacementC
 int Sign(int v) { return (v > 0) - (v < 0); }
 int Sign(std::strong_ordering o) { return o < 0 ? -1 : o > 0 ? 1 : 0; }
 
+// <, >=, != and the reversed operands are the compiler's rewrites of <=> and ==.
 TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
   std::mt19937 random(7);
   const DKChar alphabet[] = {DK_T('a'), DK_T('b'), DK_T('A'), DK_T('\u00E9'), DKChar{0xD83D}, DKChar{0xDE00}, DK_T('\uFFFF'), DK_T('\u0001')};
@@ -83,10 +84,7 @@ TEST_F(DKStringSurfaceTest, OrderingIsCodeUnitOrderInBothOperandOrders) {
     EXPECT_EQ(Sign(a.c_str() <=> db), expected);
     EXPECT_EQ(Sign(da <=> V(db)), expected);
     EXPECT_EQ(Sign(da <=> b), expected);
-    EXPECT_EQ(da < db, expected < 0);
-    EXPECT_EQ(a.c_str() >= db, expected >= 0);
     EXPECT_EQ(da == b.c_str(), expected == 0);
-    EXPECT_EQ(b.c_str() != da, expected != 0);
     EXPECT_EQ(da == b, expected == 0);
   }
 }
