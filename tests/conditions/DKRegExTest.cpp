@@ -301,12 +301,7 @@ TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000}c?)+b")).Good());
   EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cab")));
   EXPECT_FALSE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cca")));
-  ASSERT_TRUE(re.Compile(DK_T("(?:a|b)*a(?:a|b){200}c"), 64 * 1024).Good());
-  DKString ab;
-  for (int i = 0; i < 3000; ++i)
-    ab += (i * 7919) % 5 < 2 ? DK_T('a') : DK_T('b');
-  EXPECT_EQ(re.Match(ab + DK_T("c")), ab[ab.Length() - 201] == 'a');
-  EXPECT_FALSE(re.Match(ab));
+  // (A cache that fills in the middle of a long text: TakesOverATextThatKeepsTheCacheMissing.)
 }
 
 DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, int minLength, int maxLength) {
