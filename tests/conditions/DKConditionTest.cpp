@@ -68,15 +68,11 @@ int CountOf(const std::string& text, const std::string& what) {
   return n;
 }
 
-std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
-  return dktest::ReadCases(std::string(DK_TEST_CASES "/") + name, fields);
-}
-
 // ---- Operators and values -----------------------------------------------------------------------
 
 // (How "%" and "/=" with a pattern are written: cases/condition-text.txt.)
 TEST_F(ConditionTest, OperatorTexts) {
-  for (const dktest::CaseLine& c : Cases("condition-operators.txt", 5)) {
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/condition-operators.txt", 5)) {
     SCOPED_TRACE(c.where);
     DKCondition cond;
     bool isRegEx = !c.YesNo(3); // must be overwritten
@@ -88,7 +84,7 @@ TEST_F(ConditionTest, OperatorTexts) {
 }
 
 TEST_F(ConditionTest, SuppliedValueKinds) {
-  for (const dktest::CaseLine& c : Cases("condition-values.txt", 7)) {
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/condition-values.txt", 7)) {
     SCOPED_TRACE(c.where);
     TruthCondition cond;
     const bool ok = c.YesNo(2);
@@ -403,7 +399,7 @@ void ExpectWrittenForm(const TruthCondition& cond, bool readable, const std::str
 // Field names of cases/condition-names.txt: readable alone (n = 1) and inside parentheses
 // ((n = 1 AND g = 1) OR h = 1), or written natively.
 TEST_F(ConditionTest, FieldNamesTheReadableFormCannotHoldAreWrittenNatively) {
-  for (const dktest::CaseLine& c : Cases("condition-names.txt", 3)) {
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/condition-names.txt", 3)) {
     TruthCondition alone;
     ASSERT_TRUE(alone.AssignFieldName(Text(c[0]))) << c.where;
     alone == 1;
