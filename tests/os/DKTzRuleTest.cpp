@@ -38,7 +38,7 @@ std::int64_t At(const dktest::CaseLine& c, std::size_t field) {
 }
 
 std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
-  return dktest::ReadCases(std::filesystem::path(DK_TZ_CASES) / name, fields);
+  return dktest::ReadCases(std::filesystem::path(DK_TEST_CASES) / name, fields);
 }
 
 DKTzRule Rule(const std::string& text) {
