@@ -25,12 +25,14 @@ Lines Words(std::initializer_list<const DKChar*> words) { return Lines(words.beg
 
 // The command lines of cases/cmdline-split.txt.
 TEST(DKCommandLineSplit, WordsQuotesAndProgramName) {
-  for (const dkcases::Case& c : dkcases::Read("cmdline-split.txt", {"line", "program", "word"})) {
+  for (const dkcases::Case& c :
+       dkcases::Read("cmdline-split.txt", {"line", "switches", "values", "program", "word"})) {
     SCOPED_TRACE(c.where);
     Lines arguments;
     for (const std::string& word : c.All("word"))
       arguments.push_back(dkcases::Units(word));
-    const DKCommandLine cl(dkcases::Units(c.Get("line")));
+    const DKCommandLine cl(dkcases::Units(c.Get("line")), dkcases::Units(c.Get("switches", "/-")),
+                           dkcases::Units(c.Get("values", ":")));
     EXPECT_EQ(cl.GetAppName(), dkcases::Units(c.Get("program")));
     EXPECT_EQ(cl.GetRawArgumentListVector(), arguments);
     // The owned vector holds the program name and the arguments, then a null pointer.
@@ -43,18 +45,6 @@ TEST(DKCommandLineSplit, WordsQuotesAndProgramName) {
   // SplitCommandLine has no program-name rule.
   EXPECT_EQ(DKCommandLine::SplitCommandLine(DK_T("/a \"b c\"")), Words({DK_T("/a"), DK_T("b c")}));
   EXPECT_TRUE(DKCommandLine::SplitCommandLine(DK_T("  ")).empty());
-}
-
-TEST(DKCommandLineSplit, ProgramNameRuleFollowsTheDelimiters) {
-  // With "\" as a switch prefix an absolute Windows-style path is still the program name.
-  EXPECT_EQ(DKCommandLine(DK_T("\\bin\\tool /a"), DK_T("/-\\"), DK_T(":")).GetAppName(), DKString(DK_T("\\bin\\tool")));
-  EXPECT_EQ(DKCommandLine(DK_T("\\bin /a"), DK_T("/-\\"), DK_T(":")).GetAppName(), DKString());
-  // Without value delimiters nothing disqualifies a path.
-  EXPECT_EQ(DKCommandLine(DK_T("/usr/bin:x/y"), DK_T("/-"), DKString()).GetAppName(), DKString(DK_T("/usr/bin:x/y")));
-  // "+" opens switches here, so "+v" is a switch and not the program name.
-  const DKCommandLine plus(DK_T("+v"), DK_T("+"), DK_T(":"));
-  EXPECT_EQ(plus.GetAppName(), DKString());
-  EXPECT_EQ(plus.GetParsedArgumentVector().at(0).GetArgType(), DKCommandLine::Flag);
 }
 
 // ---------------------------------------------------------------------------------------------

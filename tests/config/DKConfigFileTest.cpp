@@ -296,9 +296,7 @@ TEST(DKConfigFileEditTest, LookUpsAndSetsIgnoreCaseAndKeepTheStoredSpelling) {
   EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\nnew=1\n[main]\nPort=1\n[B]\nn=-42\n; the end\n");
   EXPECT_EQ(file->GetLong(DK_T("b"), DK_T("N")), -42);
 
-  // UTF-8 names, for either or both, match as their DKChar spelling does.
-  EXPECT_EQ(U8(file->GetString("MAIN", "port")), "8080");
-  EXPECT_EQ(file->GetLong(std::string("main"), DK_T("PORT")), 8080);
+  // UTF-8 names, for either or both, match as their DKChar spelling does (one row per template).
   EXPECT_EQ(U8(file->GetString(DKString(DK_T("Main")), std::string_view("name"), DK_T("d"))), "y");
   file->SetString("\xC3\x89t\xC3\xA9", "cl\xC3\xA9", DK_T("v"));
   file->SetLong(DK_T("\u00C9T\u00C9"), "count", 3);
@@ -317,11 +315,9 @@ TEST(DKConfigFileEditTest, NumbersFollowTheStringConversions) {
   line->GetValueAsLong(&ok);
   EXPECT_FALSE(ok);
 
-  DKConfigLine l;
-  for (const double value : {0.1, -1e-300, 1.0 / 3.0, 12345678.0}) {
-    l.SetValue(value);
-    EXPECT_EQ(l.GetValueAsDouble(), value) << U8(l.GetValue());
-  }
+  DKConfigLine l; // a double is written as the shortest text that reads back the same
+  l.SetValue(1.0 / 3.0);
+  EXPECT_EQ(l.GetValueAsDouble(), 1.0 / 3.0) << U8(l.GetValue());
   l.SetValue(0.1);
   EXPECT_EQ(U8(l.GetValue()), "0.1");
 }
