@@ -470,14 +470,10 @@ TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItemOrThrowOnBadSyntax) {
   EXPECT_EQ(rest, "rest=1");
   EXPECT_EQ(Written(line) + Written(comments), "k=v\n;x\n\n");
 
-  // Syntax errors name what was expected.
-  for (const auto& [text, error] : {std::pair{"x\n", "expecting a '[' at the beginning of a section"},
-                                    {"[S]", "unexpected EOF while parsing a section name"},
-                                    {"[S] x\n", "unexpected character after the closing ']' of a section name"}}) {
-    std::istringstream bad(text);
-    DKConfigSection target;
-    ExpectStreamError([&] { bad >> target; }, error);
-  }
+  // A section must open with '['; its header's other errors are those of files (cases/read.txt).
+  std::istringstream bad("x\n");
+  DKConfigSection target;
+  ExpectStreamError([&] { bad >> target; }, "expecting a '[' at the beginning of a section");
   std::istringstream onlyComment("; only a comment\n");
   EXPECT_THROW(onlyComment >> line, DKConfigStreamException);
   // Comments at the end make a section without a name.

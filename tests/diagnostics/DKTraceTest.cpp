@@ -226,24 +226,20 @@ TEST_F(DKTraceFileTest, SettersMayRunWhileThreadsWrite) {
   const ScratchFolder second;
   const DKString folders[] = {Text(second.Path().string()), Text(m_folder.Path().string())};
   std::atomic<bool> stop{false};
-  std::vector<std::thread> writers;
-  for (int t = 0; t < 4; ++t)
-    writers.emplace_back([&, t] {
-      for (int i = 0; !stop.load(); ++i) {
-        DKTrace::Msg(TL_NORMAL, TS_SO, "w", "w%d %d %s\n", t, i, "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy");
-        DKTrace::MsgHex(TL_NORMAL, TS_SO, "w", "zz", 2);
-      }
-    });
-  for (int round = 0; round < 40; ++round) {
-    DKTrace::SetTraceFolderName(folders[round % 2].c_str());
-    DKTrace::SetTraceDelim(9);
-    DKTrace::SetTraceLevel(round % 3 == 0 ? TL_HEX : TL_NORMAL);
-    DKTrace::SetTraceSubjects(round % 5 == 4 ? DK_T("DB") : DK_T("SO,DB"));
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  stop = true;
-  for (std::thread& writer : writers)
-    writer.join();
+  RunOnThreads(5, 1, [&](int t, int) { // four writers, and the setters on the fifth thread
+    for (int i = 0; t < 4 && !stop.load(); ++i) {
+      DKTrace::Msg(TL_NORMAL, TS_SO, "w", "w%d %d %s\n", t, i, "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy");
+      DKTrace::MsgHex(TL_NORMAL, TS_SO, "w", "zz", 2);
+    }
+    for (int round = 0; t == 4 && round < 40; ++round) {
+      DKTrace::SetTraceFolderName(folders[round % 2].c_str());
+      DKTrace::SetTraceDelim(9);
+      DKTrace::SetTraceLevel(round % 3 == 0 ? TL_HEX : TL_NORMAL);
+      DKTrace::SetTraceSubjects(round % 5 == 4 ? DK_T("DB") : DK_T("SO,DB"));
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    stop = true; // the writers stop once the setters are done
+  });
   DKTrace::SetTraceSubjects(nullptr);
 
   const std::regex line(R"([^\t]+\t\d+\tw\t1\tSO\t(w\d \d+ y{43}|\(nrbytes=2\): zz)|  0000: 7A 7A {43};zz)");
