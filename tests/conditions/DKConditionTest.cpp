@@ -102,24 +102,17 @@ TEST_F(ConditionTest, SuppliedValueKinds) {
   EXPECT_EQ(refused.posts, 1);
 }
 
+// The values of cases/condition-dates.txt.
 TEST_F(ConditionTest, DateTimeValues) {
-  const DKDateTime expected(2020, 1, 5, 10, 20, 30);
-  const char* texts[] = {"TO_DATE('2020/01/05 10:20:30')", "TO_DATE('05.01.2020 10:20:30', 'DD.MM.YYYY HH24:MI:SS')",
-                         "to_date('2020/01/05 10:20:30')"};
-  for (const char* text : texts) {
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/condition-dates.txt", 2)) {
     DKCondition cond;
-    ASSERT_TRUE(cond.AssignSuppliedValueFromStr(false, Text(text))) << text;
-    EXPECT_EQ(cond.GetValueKind(), DKCondition::kindDateTime);
-    EXPECT_EQ(N(cond.GetValueText()), text);
-    EXPECT_EQ(cond.GetValueAsDateTime(), expected) << text;
-  }
-  EXPECT_EQ(Console(), "");
-
-  for (const char* bad :
-       {"TO_DATE('2020/13/45 10:20:30')", "TO_DATE('soon')", "TO_DATE(", "xTO_DATE('2020/01/05 10:20:30')"}) {
-    DKCondition cond;
-    EXPECT_FALSE(cond.AssignSuppliedValueFromStr(false, Text(bad))) << bad;
-    EXPECT_EQ(Console(), "ERROR: DKCondition fails in DKDateTime::FromString()\n") << bad;
+    EXPECT_EQ(cond.AssignSuppliedValueFromStr(false, Text(c[0])), c.YesNo(1)) << c.where;
+    if (c.YesNo(1)) {
+      EXPECT_EQ(cond.GetValueKind(), DKCondition::kindDateTime) << c.where;
+      EXPECT_EQ(N(cond.GetValueText()), c[0]) << c.where;
+      EXPECT_EQ(cond.GetValueAsDateTime(), DKDateTime(2020, 1, 5, 10, 20, 30)) << c.where;
+    }
+    EXPECT_EQ(Console(), c.YesNo(1) ? "" : "ERROR: DKCondition fails in DKDateTime::FromString()\n") << c.where;
   }
 }
 

@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cctype>
-#include <cstring>
 #include <initializer_list>
 #include <optional>
 #include <random>
@@ -454,29 +453,18 @@ TEST(DKRegExBitParallelTest, TakesOverATextThatKeepsTheCacheMissing) {
   EXPECT_EQ(dkre::BitParallelRuns(), runs);
 }
 
-// One program near the size limit, shared by threads that match with the engine forced on at
-// different points of the texts and left to the matcher's own choice, against the plain automaton.
+// One program near the size limit (cases/regex-huge.txt), shared by threads that match with the
+// engine forced on at different points of the texts and left to the matcher's own choice, against
+// the plain automaton.
 TEST(DKRegExBitParallelTest, OneHugeProgramFromManyThreads) {
-  struct HugeCase {
-    const DKChar* pattern;
-    const char* alphabet;
-  };
-  const HugeCase cases[] = {
-      {DK_T("(?:a|b)*a(?:(?:a|b){1000}){5}c?"), "ab"},
-      {DK_T("(?:[ab]c?|d{1,3})*(?:(?:[a-d]{1,2}){600}){2}(?:c|d$)"), "abcd"},
-      {DK_T("^(?:\\w+\\s?){900}\\s*$"), "ab c"},
-  };
   std::mt19937 rng(31);
-  for (const HugeCase& c : cases) {
-    DKRegEx re, reference;
-    ASSERT_TRUE(re.Compile(c.pattern).Good()) << ErrorText(re);
-    ASSERT_TRUE(reference.Compile(c.pattern, 0).Good());
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/regex-huge.txt", 2)) {
+    const DKRegEx re = Compiled(Text(c[0])), reference = Compiled(Text(c[0]), 0);
     EXPECT_GT(re.GetProgramSize(), 3000u);
     std::vector<DKString> texts;
     std::vector<bool> expected;
-    const std::size_t letters = std::strlen(c.alphabet);
     for (int t = 0; t < 4; ++t) {
-      texts.push_back(RandomText(rng, c.alphabet, letters, 5200, 5600) + (t % 2 ? DK_T("c") : DK_T("d")));
+      texts.push_back(RandomText(rng, c[1].c_str(), c[1].size(), 5200, 5600) + (t % 2 ? DK_T("c") : DK_T("d")));
       expected.push_back(reference.Match(texts.back()));
     }
     std::atomic<int> wrong{0}, engineIdle{0};
@@ -491,8 +479,8 @@ TEST(DKRegExBitParallelTest, OneHugeProgramFromManyThreads) {
       wrong += re.Match(text) != expected[static_cast<std::size_t>(i) % texts.size()];
       engineIdle += dkre::BitParallelRuns() != runs + 1;
     });
-    EXPECT_EQ(wrong.load(), 0) << DKString(c.pattern).AsUTF8();
-    EXPECT_EQ(engineIdle.load(), 0) << DKString(c.pattern).AsUTF8();
+    EXPECT_EQ(wrong.load(), 0) << c.where;
+    EXPECT_EQ(engineIdle.load(), 0) << c.where;
   }
 }
 

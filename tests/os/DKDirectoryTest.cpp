@@ -16,6 +16,12 @@ using Texts = std::vector<std::string>;
 
 DKString Path(const fs::path& path) { return Text(Utf8(path)); }
 
+// A path of a case file, below the scratch folder; an empty field is the empty path.
+DKString Below(const ScratchFolder& scratch, const std::string& path) {
+  return path.empty() ? DKString() : Text(Utf8(scratch.Path()) + path);
+}
+
+// The paths of cases/directory_exists.txt.
 TEST(DKDirectoryTest, IsPathExistsOnlyForDirectories) {
   const ScratchFolder scratch;
   fs::create_directory(scratch / "dir");
@@ -27,19 +33,9 @@ TEST(DKDirectoryTest, IsPathExistsOnlyForDirectories) {
     fs::create_symlink(scratch / "file", scratch / "link-to-file");
     fs::create_symlink(scratch / "gone", scratch / "dangling");
   }
-  const struct {
-    DKString path;
-    bool exists;
-    bool link;
-  } cases[] = {
-      {Path(scratch / "dir"), true, false},          {Path(scratch / "dir") + DK_T("/"), true, false},
-      {Path(scratch / "link-to-dir"), true, true},   {Path(scratch / "file"), false, false},
-      {Path(scratch / "link-to-file"), false, true}, {Path(scratch / "dangling"), false, true},
-      {Path(scratch / "missing"), false, false},     {DKString(), false, false},
-  };
-  for (const auto& c : cases) {
-    if (!c.link || !noLinks) {
-      EXPECT_EQ(DKDirectory::IsPathExists(c.path), c.exists) << c.path;
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/directory_exists.txt", 3)) {
+    if (!c.YesNo(2) || !noLinks) {
+      EXPECT_EQ(DKDirectory::IsPathExists(Below(scratch, c[0])), c.YesNo(1)) << c.where;
     }
   }
 }
@@ -49,7 +45,7 @@ TEST(DKDirectoryTest, CreateMakesParentsOnlyWhenAskedAndRefusesWhatCannotBeADire
   const ScratchFolder scratch;
   WriteWholeFile(scratch / "file", "x");
   for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/directory_create.txt", 3)) {
-    const DKString path = c[0].empty() ? DKString() : Text(Utf8(scratch.Path()) + c[0]);
+    const DKString path = Below(scratch, c[0]);
     EXPECT_EQ(DKDirectory::Create(path, c.YesNo(1)), c[2] != "-") << c.where;
     if (c[2] != "-") {
       EXPECT_TRUE(fs::is_directory(scratch.Path() / PathOf(c[2]))) << c.where;
