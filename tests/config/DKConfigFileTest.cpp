@@ -103,17 +103,17 @@ void ExpectStreamError(const std::function<void()>& read, const char* message) {
 // ---------------------------------------------------------------------------------------------
 // Reading
 
-TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
+// (How '#' comments read and are written back: the '#' cases of cases/read.txt, and the config
+// fuzz target, which reads every seed with ';' and '#' and compares each save with the normal form
+// worked out independently; hash-about.ini and hash-indented-and-after-value.ini hold '#' comments
+// at the start, indented and after a value.)
+TEST(DKConfigFileTextTest, CommentMarkersAreAnOptionOfPunctuation) {
   DKSmartPtr<DKConfigFile> file(new DKConfigFile());
   for (const DKChar* bad : {DK_T("#a"), DK_T("# "), DK_T("["), DK_T("="), DK_T("]"), DK_T("\u00A7")})
     EXPECT_FALSE(file->SetCommentMarkers(bad)) << U8(bad);
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";");
   ASSERT_TRUE(file->SetCommentMarkers(DK_T("#!#")));
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";#!");
-  const std::string text = "#k=v\n[A]\n  # indented\r\nk=v # not a comment\n";
-  ASSERT_TRUE(file->ReloadFromBytes(text.data(), text.size()));
-  EXPECT_EQ(Dump(*file), "#k=v | [A] | # indented | k=v # not a comment");
-  EXPECT_EQ(ToBytes(*file), "#k=v\n[A]\n# indented\nk=v # not a comment\n");
 }
 
 // What the loader noted: kind letter (M key over several lines, B key line before the first
@@ -200,7 +200,6 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
     const std::string bytes = Utf16(text, little);
     const auto file = FromBytes(bytes);
     EXPECT_EQ(file->GetEncoding(), little ? DKConfigFile::Utf16LE : DKConfigFile::Utf16BE);
-    EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
     EXPECT_EQ(U8(file->GetString(Text("stra\xC3\x9F""e"), DK_T("K"))), "\xF0\x9F\x98\x80 \xE2\x82\xAC");
     EXPECT_EQ(ToBytes(*file), bytes);
     file->SetEncoding(DKConfigFile::Utf8WithBom);
