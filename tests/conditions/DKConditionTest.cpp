@@ -7,14 +7,11 @@
 #include "support/DKCaseBlocks.h"
 #include "support/DKCaseFile.h"
 
-#include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <cmath>
 #include <map>
 #include <optional>
-#include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 

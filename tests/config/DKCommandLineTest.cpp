@@ -8,7 +8,6 @@
 
 #include <initializer_list>
 #include <map>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
