@@ -90,7 +90,6 @@ TEST_F(ConditionTest, SuppliedValueKinds) {
     EXPECT_EQ(N(cond.GetValueText()), c[4]);
     EXPECT_EQ(cond.GetValueAsDouble(), std::stod(c[5]));
     EXPECT_EQ(cond.GetValueAsInt64(), c.Int(6));
-    EXPECT_EQ(cond.IsRegularExpression(), c.Int(3) == 4);
     EXPECT_EQ(cond.GetRegEx().IsCompiled(), c.Int(3) == 4 && ok);
     EXPECT_EQ(cond.posts, ok ? 1 : 0);
   }
