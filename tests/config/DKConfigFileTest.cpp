@@ -103,17 +103,17 @@ void ExpectStreamError(const std::function<void()>& read, const char* message) {
 // ---------------------------------------------------------------------------------------------
 // Reading
 
-TEST(DKConfigFileTextTest, HashCommentsAreAnOptionWrittenBackWithTheirMarker) {
+// (How '#' comments read and are written back: the '#' cases of cases/read.txt, and the config
+// fuzz target, which reads every seed with ';' and '#' and compares each save with the normal form
+// worked out independently; hash-about.ini and hash-indented-and-after-value.ini hold '#' comments
+// at the start, indented and after a value.)
+TEST(DKConfigFileTextTest, CommentMarkersAreAnOptionOfPunctuation) {
   DKSmartPtr<DKConfigFile> file(new DKConfigFile());
   for (const DKChar* bad : {DK_T("#a"), DK_T("# "), DK_T("["), DK_T("="), DK_T("]"), DK_T("\u00A7")})
     EXPECT_FALSE(file->SetCommentMarkers(bad)) << U8(bad);
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";");
   ASSERT_TRUE(file->SetCommentMarkers(DK_T("#!#")));
   EXPECT_EQ(U8(file->GetCommentMarkers()), ";#!");
-  const std::string text = "#k=v\n[A]\n  # indented\r\nk=v # not a comment\n";
-  ASSERT_TRUE(file->ReloadFromBytes(text.data(), text.size()));
-  EXPECT_EQ(Dump(*file), "#k=v | [A] | # indented | k=v # not a comment");
-  EXPECT_EQ(ToBytes(*file), "#k=v\n[A]\n# indented\nk=v # not a comment\n");
 }
 
 // What the loader noted: kind letter (M key over several lines, B key line before the first
@@ -200,17 +200,12 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
     const std::string bytes = Utf16(text, little);
     const auto file = FromBytes(bytes);
     EXPECT_EQ(file->GetEncoding(), little ? DKConfigFile::Utf16LE : DKConfigFile::Utf16BE);
-    EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
     EXPECT_EQ(U8(file->GetString(Text("stra\xC3\x9F""e"), DK_T("K"))), "\xF0\x9F\x98\x80 \xE2\x82\xAC");
     EXPECT_EQ(ToBytes(*file), bytes);
     file->SetEncoding(DKConfigFile::Utf8WithBom);
     file->SetLineEnd(DKConfigFile::LineEndLF);
     EXPECT_EQ(ToBytes(*file), "\xEF\xBB\xBF[Stra\xC3\x9F""e]\nk=\xF0\x9F\x98\x80 \xE2\x82\xAC\n");
   }
-  const auto file = FromBytes("[A]\nk=v\n");
-  file->SetEncoding(DKConfigFile::Utf16BE);
-  file->SetLineEnd(DKConfigFile::LineEndCRLF);
-  EXPECT_EQ(ToBytes(*file), Utf16(DK_T("[A]\r\nk=v\r\n"), false));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -300,9 +295,7 @@ TEST(DKConfigFileEditTest, LookUpsAndSetsIgnoreCaseAndKeepTheStoredSpelling) {
   EXPECT_EQ(ToBytes(*file), "[Main]\nPort=8080\nName=y\nnew=1\n[main]\nPort=1\n[B]\nn=-42\n; the end\n");
   EXPECT_EQ(file->GetLong(DK_T("b"), DK_T("N")), -42);
 
-  // UTF-8 names, for either or both, match as their DKChar spelling does.
-  EXPECT_EQ(U8(file->GetString("MAIN", "port")), "8080");
-  EXPECT_EQ(file->GetLong(std::string("main"), DK_T("PORT")), 8080);
+  // UTF-8 names, for either or both, match as their DKChar spelling does (one row per template).
   EXPECT_EQ(U8(file->GetString(DKString(DK_T("Main")), std::string_view("name"), DK_T("d"))), "y");
   file->SetString("\xC3\x89t\xC3\xA9", "cl\xC3\xA9", DK_T("v"));
   file->SetLong(DK_T("\u00C9T\u00C9"), "count", 3);
@@ -321,11 +314,9 @@ TEST(DKConfigFileEditTest, NumbersFollowTheStringConversions) {
   line->GetValueAsLong(&ok);
   EXPECT_FALSE(ok);
 
-  DKConfigLine l;
-  for (const double value : {0.1, -1e-300, 1.0 / 3.0, 12345678.0}) {
-    l.SetValue(value);
-    EXPECT_EQ(l.GetValueAsDouble(), value) << U8(l.GetValue());
-  }
+  DKConfigLine l; // a double is written as the shortest text that reads back the same
+  l.SetValue(1.0 / 3.0);
+  EXPECT_EQ(l.GetValueAsDouble(), 1.0 / 3.0) << U8(l.GetValue());
   l.SetValue(0.1);
   EXPECT_EQ(U8(l.GetValue()), "0.1");
 }
@@ -455,12 +446,7 @@ TEST(DKConfigStreamTest, NarrowAndWideStreamsReadAndWriteTheSameTree) {
   wout << *wide;
   EXPECT_EQ(wout.str(), L"; c\n[Gr\u00FC\u00DFe]\nk=\u20AC\n; end\n");
 
-  // The leading text is kept and written; line ends read as in files, also from a wide stream.
-  std::istringstream lead("k=1\r\n; c\r\n[A]\r\nx\r\ny = 2 \r\n");
-  lead >> *narrow;
-  EXPECT_EQ(Dump(*narrow), "{k=1\n} | ; c | [A] | x\ny=2");
-  EXPECT_EQ(Notes(*narrow), "B1 M4-5");
-  EXPECT_EQ(Written(*narrow), "k=1\n; c\n[A]\nx\ny=2\n");
+  // The leading text is kept; line ends read as in files, also from a wide stream.
   std::wistringstream wlead(L"k=1\r\n# c\r\n[A]\r\n");
   wide->SetCommentMarkers(DK_T(";#"));
   wlead >> *wide;
@@ -483,14 +469,10 @@ TEST(DKConfigStreamTest, ItemReadersTakeOnlyTheirItemOrThrowOnBadSyntax) {
   EXPECT_EQ(rest, "rest=1");
   EXPECT_EQ(Written(line) + Written(comments), "k=v\n;x\n\n");
 
-  // Syntax errors name what was expected.
-  for (const auto& [text, error] : {std::pair{"x\n", "expecting a '[' at the beginning of a section"},
-                                    {"[S]", "unexpected EOF while parsing a section name"},
-                                    {"[S] x\n", "unexpected character after the closing ']' of a section name"}}) {
-    std::istringstream bad(text);
-    DKConfigSection target;
-    ExpectStreamError([&] { bad >> target; }, error);
-  }
+  // A section must open with '['; its header's other errors are those of files (cases/read.txt).
+  std::istringstream bad("x\n");
+  DKConfigSection target;
+  ExpectStreamError([&] { bad >> target; }, "expecting a '[' at the beginning of a section");
   std::istringstream onlyComment("; only a comment\n");
   EXPECT_THROW(onlyComment >> line, DKConfigStreamException);
   // Comments at the end make a section without a name.
@@ -565,7 +547,6 @@ TEST_F(DKConfigFileDiskTest, LoadSaveAndSave2) {
   const auto file = DKConfigFile::Load(Put("\xEF\xBB\xBF[Main]\r\nk=v\r\n"));
   ASSERT_TRUE(file);
   EXPECT_EQ(U8(file->GetFileName()), path);
-  EXPECT_EQ(U8(file->GetString(DK_T("main"), DK_T("K"))), "v");
   file->SetString(DK_T("Main"), DK_T("n"), DK_T("1"));
   ASSERT_TRUE(file->Save());
   EXPECT_EQ(ReadWholeFile(path), "\xEF\xBB\xBF[Main]\r\nk=v\r\nn=1\r\n");
@@ -736,7 +717,6 @@ TEST_F(DKConfigFileDiskTest, AFiftyMegabyteKeyLineBeforeTheFirstHeaderIsKept) {
   const std::string original = ReadWholeFile(path);
   const auto file = DKConfigFile::Load(Text(path));
   ASSERT_TRUE(file);
-  EXPECT_EQ(file->GetLeadingText().Length(), original.size() - tail.size() + 1);
   EXPECT_EQ(Notes(*file), "H1 M1-2 B1-2");
   EXPECT_EQ(U8(file->GetString(DK_T("A"), DK_T("k"))), "v");
   ASSERT_TRUE(file->Save2());
@@ -803,9 +783,6 @@ TEST_F(DKConfigFileDiskTest, KilledSave2LeavesTheOldOrTheNewFile) {
     const std::string text = ReadWholeFile(path);
     ASSERT_TRUE(text == textA || text == textB) << "round " << round << ": " << text.size() << " bytes";
     sawB += text == textB;
-    const auto reloaded = DKConfigFile::Load(Text(path));
-    ASSERT_TRUE(reloaded);
-    EXPECT_EQ(ToBytes(*reloaded), text);
     for (const std::string& leftover : Leftovers())
       fs::remove(leftover);
   }

@@ -7,13 +7,10 @@
 
 #include <map>
 #include <string>
-#include <vector>
 
 namespace {
 
 using Environment = std::map<std::string, std::string>;
-
-const std::string kIllegalDelimiter = "Illegal trace delimiter specified; trace delimiter has been reset to default\n";
 
 struct TracedRun {
   ChildResult child;
@@ -40,24 +37,17 @@ Texts Quietly(bool quiet, Texts commands) {
   return commands;
 }
 
+// The values of cases/env_no_subjects.txt.
 TEST(DKTraceEnvironmentTest, WithoutKnownSubjectsNothingIsTracedAndNoFileAppears) {
-  const struct {
-    const char* label;
-    const char* value; // null: DK_TRACE not defined
-  } cases[] = {{"undefined", nullptr},
-               {"empty", ""},
-               {"blanks", "  \t "},
-               {"lower case", "so,db"},
-               {"junk", "\x01\x02,;;;%s%n%S,,\xff\xfe,SO;DB,\xe2\x82"}};
-  for (const auto& c : cases) {
+  for (const dktest::CaseLine& c : Cases("env_no_subjects.txt", 1)) {
     const ScratchFolder folder;
     Environment env{{"DK_TRACE_FOLDER", folder.Path().string()}};
-    if (c.value)
-      env["DK_TRACE"] = c.value;
+    if (c[0] != "-")
+      env["DK_TRACE"] = c[0];
     const ChildResult child = RunTraceChild({"enabled", "filter", "1", "0x3FF", "msg", "1", "1", "hello"}, env);
-    EXPECT_EQ(child.exitCode, 0) << c.label;
-    EXPECT_EQ(child.output, "enabled=0\nfilter=0\n") << c.label;
-    EXPECT_TRUE(FilesIn(folder.Path()).empty()) << c.label;
+    EXPECT_EQ(child.exitCode, 0) << c.where;
+    EXPECT_EQ(child.output, "enabled=0\nfilter=0\n") << c.where;
+    EXPECT_TRUE(FilesIn(folder.Path()).empty()) << c.where;
   }
 }
 
@@ -84,49 +74,32 @@ TEST(DKTraceEnvironmentTest, SubjectListKeepsExactCodesAndTracesBesideTheExecuta
   EXPECT_EQ(Digests(lines), Texts{"child|1|SO|socket line"});
 }
 
-// Level 1 always passes; the hex block needs bit 8.
+// The values of cases/env_levels.txt: level 1 always passes; the hex block needs bit 8.
 TEST(DKTraceEnvironmentTest, TraceLevelIsAMaskWithLevelOneAlwaysOn) {
-  const struct {
-    const char* value;
-    const char* passes; // levels 1, 2, 4 and 8
-  } cases[] = {
-      {"0", "1000"}, {"8", "1001"},   {"6", "1110"},           {"-1", "1111"}, {"junk", "1000"},
-      {"", "1000"},  {" 4x", "1010"}, {"99999999999", "1111"}, // out of range: saturates to the largest int
-  };
-  for (const auto& c : cases) {
+  for (const dktest::CaseLine& c : Cases("env_levels.txt", 2)) {
     const TracedRun run =
         RunTracing({"filter", "1", "1", "filter", "2", "1", "filter", "4", "1", "filter", "8", "1", "hex", "1", "20"},
-                   {{"DK_TRACE_LEVEL", c.value}});
+                   {{"DK_TRACE_LEVEL", c[0]}});
     std::string expected;
-    for (const char* p = c.passes; *p; ++p)
-      expected += std::string("filter=") + *p + "\n";
-    EXPECT_EQ(run.child.output, expected) << "DK_TRACE_LEVEL=" << c.value;
-    const bool hex = c.passes[3] == '1';
-    ASSERT_EQ(run.lines.size(), hex ? 3u : 1u) << "DK_TRACE_LEVEL=" << c.value;
+    for (const char passes : c[1])
+      expected += std::string("filter=") + passes + "\n";
+    EXPECT_EQ(run.child.output, expected) << c.where;
+    // The summary, then the two rows of 20 bytes when bit 8 is on (the rows' text:
+    // DKTraceFileTest.HexDumpOf20BytesHasAFullRowAndAPaddedRow).
+    ASSERT_EQ(run.lines.size(), c[1][3] == '1' ? 3u : 1u) << c.where;
     EXPECT_EQ(Parsed(run.lines[0]).text, "(nrbytes=20): ");
-    if (hex) {
-      EXPECT_EQ(run.lines[1], "  0000: 00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F ;................");
-      EXPECT_EQ(run.lines[2], "  0016: 10 11 12 13 " + std::string(36, ' ') + ";....");
-    }
   }
 }
 
+// The values of cases/env_delimiters.txt, each with the console's complaints on and off.
 TEST(DKTraceEnvironmentTest, DelimiterIsACharacterCodeOneTo255) {
-  const struct {
-    const char* value;
-    char used;
-    bool complaint;
-  } cases[] = {
-      {"59", ';', false}, {"255", '\xff', false}, {"0", '\t', true}, {"256", '\t', true},
-      {"-5", '\t', true}, {"abc", '\t', true},    {"", '\t', true},
-  };
-  for (const auto& c : cases) {
+  for (const dktest::CaseLine& c : Cases("env_delimiters.txt", 3)) {
     for (const bool quiet : {false, true}) {
       const TracedRun run =
-          RunTracing(Quietly(quiet, {"enabled", "msg", "1", "1", "text"}), {{"DK_TRACE_DELIM", c.value}});
-      EXPECT_EQ(run.child.output, (c.complaint && !quiet ? kIllegalDelimiter : "") + "enabled=1\n")
-          << "DK_TRACE_DELIM=" << c.value << (quiet ? " quiet" : "");
-      EXPECT_EQ(Digests(run.lines, c.used), Texts{"child|1|SO|text"}) << "DK_TRACE_DELIM=" << c.value;
+          RunTracing(Quietly(quiet, {"enabled", "msg", "1", "1", "text"}), {{"DK_TRACE_DELIM", c[0]}});
+      EXPECT_EQ(run.child.output, (c.YesNo(2) && !quiet ? kIllegalDelimiter : "") + "enabled=1\n")
+          << c.where << (quiet ? " quiet" : "");
+      EXPECT_EQ(Digests(run.lines, static_cast<char>(Number(c, 1))), Texts{"child|1|SO|text"}) << c.where;
     }
   }
 }

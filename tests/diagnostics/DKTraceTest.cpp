@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <climits>
+#include <cstdint>
 #include <ctime>
 #include <regex>
 #include <thread>
@@ -66,42 +66,29 @@ TEST_F(DKTraceFileTest, LineCarriesTimeThreadSourceLevelSubjectAndText) {
                                        "e, peer=h\xc3\xb4te, retries=0, proxy=(null)"});
 }
 
+// The subjects of cases/subjects.txt.
 TEST_F(DKTraceFileTest, EachSubjectIsWrittenWithItsCodeAndAnythingElseAsQuestionMarks) {
   ASSERT_TRUE(DKTrace::SetTraceSubjects(DK_T("SO,CO,BR,PE,DB,REQ,DP,SQL,DK,DL")));
-  const struct {
-    int subject;
-    const char* code; // null: filtered out
-  } cases[] = {
-      {0x001, "SO"},  {0x002, "CO"}, {0x004, "BR"}, {0x008, "PE"}, {0x010, "DB"}, {0x020, "REQ"},   {0x040, "DP"},
-      {0x080, "SQL"}, {0x100, "DK"}, {0x200, "DL"}, {0x003, "??"}, {0x201, "??"}, {0x400, nullptr}, {0, nullptr},
-  };
   Texts expected;
-  for (const auto& c : cases) {
-    DKTrace::Msg(TL_NORMAL, static_cast<TracelSubjects>(c.subject), "s", "%d\n", c.subject);
-    if (c.code)
-      expected.push_back("s|1|" + std::string(c.code) + "|" + std::to_string(c.subject));
+  for (const dktest::CaseLine& c : Cases("subjects.txt", 2)) {
+    const int subject = static_cast<int>(Number(c, 0));
+    DKTrace::Msg(TL_NORMAL, static_cast<TracelSubjects>(subject), "s", "%d\n", subject);
+    if (c[1] != "-")
+      expected.push_back("s|1|" + c[1] + "|" + std::to_string(subject));
   }
   EXPECT_EQ(Digests(Lines()), expected);
 }
 
+// The masks and levels of cases/levels.txt.
 TEST_F(DKTraceFileTest, LevelMaskKeepsLevelOneAndPrintsTheMessageLevel) {
-  const struct {
-    int mask;
-    int level;
-    bool written;
-  } cases[] = {
-      {0, 1, true},       {0, 2, false},      {0, 4, false},          {TL_DATA, 1, true},  {TL_DATA, 2, false},
-      {TL_DATA, 4, true}, {TL_DATA, 6, true}, {-1, 0x40000000, true}, {TL_DATA, 0, false},
-      {0x20, 0x40, false}, {0x20, 0x60, true},  {TL_HEX, 8, true},
-  };
   Texts expected;
-  for (const auto& c : cases) {
-    ASSERT_TRUE(DKTrace::SetTraceLevel(c.mask));
-    EXPECT_EQ(DKTrace::TraceThisSubject(static_cast<TracelLevels>(c.level), TS_SO), c.written)
-        << "mask " << c.mask << " level " << c.level;
-    DKTrace::Msg(static_cast<TracelLevels>(c.level), TS_SO, "s", "x\n");
-    if (c.written)
-      expected.push_back("s|" + std::to_string(c.level) + "|SO|x");
+  for (const dktest::CaseLine& c : Cases("levels.txt", 3)) {
+    ASSERT_TRUE(DKTrace::SetTraceLevel(static_cast<int>(Number(c, 0))));
+    const auto level = static_cast<TracelLevels>(Number(c, 1));
+    EXPECT_EQ(DKTrace::TraceThisSubject(level, TS_SO), c.YesNo(2)) << c.where;
+    DKTrace::Msg(level, TS_SO, "s", "x\n");
+    if (c.YesNo(2))
+      expected.push_back("s|" + std::to_string(level) + "|SO|x");
   }
   EXPECT_EQ(Digests(Lines()), expected);
 }
@@ -116,25 +103,16 @@ TEST_F(DKTraceFileTest, SwitchingOffClosesTheFileAndSwitchingOnStartsAFreshOne) 
   EXPECT_EQ(Digests(Lines()), Texts{"s|1|SO|second"});
 }
 
+// The values of cases/delimiters.txt.
 TEST_F(DKTraceFileTest, DelimiterSetterAcceptsCharacterCodesOneTo255) {
-  const struct {
-    int value;
-    bool accepted;
-    char used;
-  } cases[] = {
-      {59, true, ';'},    {1, true, '\x01'},  {255, true, '\xff'},    {0, false, '\t'},
-      {256, false, '\t'}, {-59, false, '\t'}, {INT_MIN, false, '\t'}, {INT_MAX, false, '\t'},
-  };
   ConsoleCapture console;
-  for (const auto& c : cases) {
+  for (const dktest::CaseLine& c : Cases("delimiters.txt", 3)) {
     ASSERT_TRUE(DKTrace::SetTraceDelim(44));
     console.Clear();
-    EXPECT_EQ(DKTrace::SetTraceDelim(c.value), c.accepted) << c.value;
-    EXPECT_EQ(console.Text(),
-              c.accepted ? "" : "Illegal trace delimiter specified; trace delimiter has been reset to default\n")
-        << c.value;
+    EXPECT_EQ(DKTrace::SetTraceDelim(static_cast<int>(Number(c, 0))), c.YesNo(1)) << c.where;
+    EXPECT_EQ(console.Text(), c.YesNo(1) ? "" : kIllegalDelimiter) << c.where;
     DKTrace::Msg(TL_NORMAL, TS_SO, "s", "text\n");
-    EXPECT_EQ(Digests({Lines().back()}, c.used), Texts{"s|1|SO|text"}) << c.value;
+    EXPECT_EQ(Digests({Lines().back()}, static_cast<char>(Number(c, 2))), Texts{"s|1|SO|text"}) << c.where;
   }
 }
 
@@ -248,24 +226,20 @@ TEST_F(DKTraceFileTest, SettersMayRunWhileThreadsWrite) {
   const ScratchFolder second;
   const DKString folders[] = {Text(second.Path().string()), Text(m_folder.Path().string())};
   std::atomic<bool> stop{false};
-  std::vector<std::thread> writers;
-  for (int t = 0; t < 4; ++t)
-    writers.emplace_back([&, t] {
-      for (int i = 0; !stop.load(); ++i) {
-        DKTrace::Msg(TL_NORMAL, TS_SO, "w", "w%d %d %s\n", t, i, "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy");
-        DKTrace::MsgHex(TL_NORMAL, TS_SO, "w", "zz", 2);
-      }
-    });
-  for (int round = 0; round < 40; ++round) {
-    DKTrace::SetTraceFolderName(folders[round % 2].c_str());
-    DKTrace::SetTraceDelim(9);
-    DKTrace::SetTraceLevel(round % 3 == 0 ? TL_HEX : TL_NORMAL);
-    DKTrace::SetTraceSubjects(round % 5 == 4 ? DK_T("DB") : DK_T("SO,DB"));
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  stop = true;
-  for (std::thread& writer : writers)
-    writer.join();
+  RunOnThreads(5, 1, [&](int t, int) { // four writers, and the setters on the fifth thread
+    for (int i = 0; t < 4 && !stop.load(); ++i) {
+      DKTrace::Msg(TL_NORMAL, TS_SO, "w", "w%d %d %s\n", t, i, "yyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyyy");
+      DKTrace::MsgHex(TL_NORMAL, TS_SO, "w", "zz", 2);
+    }
+    for (int round = 0; t == 4 && round < 40; ++round) {
+      DKTrace::SetTraceFolderName(folders[round % 2].c_str());
+      DKTrace::SetTraceDelim(9);
+      DKTrace::SetTraceLevel(round % 3 == 0 ? TL_HEX : TL_NORMAL);
+      DKTrace::SetTraceSubjects(round % 5 == 4 ? DK_T("DB") : DK_T("SO,DB"));
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    stop = true; // the writers stop once the setters are done
+  });
   DKTrace::SetTraceSubjects(nullptr);
 
   const std::regex line(R"([^\t]+\t\d+\tw\t1\tSO\t(w\d \d+ y{43}|\(nrbytes=2\): zz)|  0000: 7A 7A {43};zz)");

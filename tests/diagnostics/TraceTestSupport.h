@@ -2,6 +2,7 @@
 // trace scenario with an environment of its own.
 #pragma once
 
+#include "support/DKCaseFile.h"
 #include "support/DKTestPlatform.h"
 #include "support/DKTestSupport.h"
 
@@ -14,6 +15,23 @@
 
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
+
+inline const std::string kIllegalDelimiter =
+    "Illegal trace delimiter specified; trace delimiter has been reset to default\n";
+
+// The cases of a file of tests/diagnostics/cases.
+inline std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields) {
+  return dktest::ReadCases(fs::path(DK_TEST_CASES) / name, fields);
+}
+
+// A field that is a number, decimal or hexadecimal ("0x10"); anything else throws.
+inline long long Number(const dktest::CaseLine& c, std::size_t field) {
+  std::size_t end = 0;
+  const long long value = std::stoll(c[field], &end, 0);
+  if (end != c[field].size())
+    throw std::runtime_error(c.where + ": not a number: " + c[field]);
+  return value;
+}
 
 // The trace file a process gets in `folder`: "<executable base name>__<pid>.log".
 inline fs::path TraceFile(const fs::path& folder, const std::string& executableBase, long pid) {

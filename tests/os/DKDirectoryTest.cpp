@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/DKCaseFile.h"
 #include "support/DKTestSupport.h"
 
 #include <algorithm>
@@ -15,6 +16,12 @@ using Texts = std::vector<std::string>;
 
 DKString Path(const fs::path& path) { return Text(Utf8(path)); }
 
+// A path of a case file, below the scratch folder; an empty field is the empty path.
+DKString Below(const ScratchFolder& scratch, const std::string& path) {
+  return path.empty() ? DKString() : Text(Utf8(scratch.Path()) + path);
+}
+
+// The paths of cases/directory_exists.txt.
 TEST(DKDirectoryTest, IsPathExistsOnlyForDirectories) {
   const ScratchFolder scratch;
   fs::create_directory(scratch / "dir");
@@ -26,56 +33,28 @@ TEST(DKDirectoryTest, IsPathExistsOnlyForDirectories) {
     fs::create_symlink(scratch / "file", scratch / "link-to-file");
     fs::create_symlink(scratch / "gone", scratch / "dangling");
   }
-  const struct {
-    DKString path;
-    bool exists;
-    bool link;
-  } cases[] = {
-      {Path(scratch / "dir"), true, false},          {Path(scratch / "dir") + DK_T("/"), true, false},
-      {Path(scratch / "link-to-dir"), true, true},   {Path(scratch / "file"), false, false},
-      {Path(scratch / "link-to-file"), false, true}, {Path(scratch / "dangling"), false, true},
-      {Path(scratch / "missing"), false, false},     {DKString(), false, false},
-  };
-  for (const auto& c : cases) {
-    if (!c.link || !noLinks) {
-      EXPECT_EQ(DKDirectory::IsPathExists(c.path), c.exists) << c.path;
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/directory_exists.txt", 3)) {
+    if (!c.YesNo(2) || !noLinks) {
+      EXPECT_EQ(DKDirectory::IsPathExists(Below(scratch, c[0])), c.YesNo(1)) << c.where;
     }
   }
 }
 
+// The paths of cases/directory_create.txt.
 TEST(DKDirectoryTest, CreateMakesParentsOnlyWhenAskedAndRefusesWhatCannotBeADirectory) {
   const ScratchFolder scratch;
   WriteWholeFile(scratch / "file", "x");
-  const std::string root = Utf8(scratch.Path());
-  const struct {
-    DKString path;
-    bool parents;
-    const char* made; // relative to the scratch folder; null: refused
-  } cases[] = {
-      {Text(root + "/x/y"), false, nullptr},
-      {Text(root + "/a"), false, "a"},
-      {Text(root + "/a"), false, "a"}, // already there
-      {Text(root + "/a/b/c"), true, "a/b/c"},
-      {Text(root + "//d///e/"), true, "d/e"},
-      {Text(root + "/f/./g/../h"), true, "f/h"},
-      {Text(root + "/caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"), true, "caf\xc3\xa9/\xe6\x97\xa5\xe6\x9c\xac"},
-      {Text(root + "/file"), false, nullptr},
-      {Text(root + "/file"), true, nullptr},
-      {Text(root + "/file/sub"), false, nullptr},
-      {Text(root + "/file/sub/deeper"), true, nullptr},
-      {DKString(), true, nullptr},
-      {Text(root + "/") + DKString(DK_T("nul\0inside"), 10), true, nullptr},
-#if !defined(_WIN32) // a system folder that refuses new folders
-      {DK_T("/proc/dk-not-allowed/x"), true, nullptr},
-#endif
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(DKDirectory::Create(c.path, c.parents), c.made != nullptr) << c.path;
-    if (c.made) {
-      EXPECT_TRUE(fs::is_directory(scratch.Path() / PathOf(c.made))) << c.path;
-      EXPECT_TRUE(DKDirectory::IsPathExists(c.path)) << c.path;
+  for (const dktest::CaseLine& c : dktest::ReadCases(DK_TEST_CASES "/directory_create.txt", 3)) {
+    const DKString path = Below(scratch, c[0]);
+    EXPECT_EQ(DKDirectory::Create(path, c.YesNo(1)), c[2] != "-") << c.where;
+    if (c[2] != "-") {
+      EXPECT_TRUE(fs::is_directory(scratch.Path() / PathOf(c[2]))) << c.where;
+      EXPECT_TRUE(DKDirectory::IsPathExists(path)) << c.where;
     }
   }
+#if !defined(_WIN32) // a system folder that refuses new folders
+  EXPECT_FALSE(DKDirectory::Create(DK_T("/proc/dk-not-allowed/x"), true));
+#endif
   EXPECT_EQ(ReadWholeFile(scratch / "file"), "x");
   Texts names = FilesIn(scratch.Path());
   std::sort(names.begin(), names.end());
