@@ -1,6 +1,5 @@
 // The plug-in application's run loop delivers application timers on the main thread and keeps
 // running while one is armed; loading many modules keeps a progress counter and reports it.
-#include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKTimer.h>
 
 #include "AppTestSupport.h"
@@ -15,7 +14,7 @@ namespace {
 class Ticking : public DKRunPlugIn {
 public:
   DKString GetName() const override { return DK_T("Ticking"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(DKGuid(0xC0DE7100, 0, 0, {0, 0, 0, 0, 0, 0, 0, 1})); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(72)); }
   DKErrorID Run() override {
     m_runThread = std::this_thread::get_id();
     return m_timer.Start(0, 1);

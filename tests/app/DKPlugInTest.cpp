@@ -1,19 +1,15 @@
 // Plug-ins made in code: interfaces, counting, adding, dependency order and initialisation,
 // running, unloading. (The host test runs real modules in a child process.)
-#include <DorvikCore/DKApplication.h>
 
 #include "AppTestSupport.h"
 #include "support/DKCaseFile.h"
 
-#include <atomic>
 #include <functional>
 #include <stdexcept>
 
 using namespace apptest;
 
 namespace {
-
-constexpr DKGuid Id(std::uint8_t n) { return DKGuid(0xC0DE0000, 0, 0, {0, 0, 0, 0, 0, 0, 0, n}); }
 
 // What the plug-ins did, in order: "Init A", "Run A", "Unload A", "Gone A".
 std::vector<std::string>& Journal() {
@@ -23,8 +19,8 @@ std::vector<std::string>& Journal() {
 
 class Probe : public DKRunPlugIn {
 public:
-  Probe(const char* name, std::uint8_t id, std::vector<PlugInIdEx> dependencies = {}, bool failInit = false)
-      : m_name(name), m_id(Id(id)), m_dependencies(std::move(dependencies)), m_failInit(failInit) {}
+  Probe(const char* name, std::uint8_t id, std::vector<PlugInIdEx> dependencies = {})
+      : m_name(name), m_id(Id(id)), m_dependencies(std::move(dependencies)) {}
   ~Probe() override { Journal().push_back("Gone " + m_name); }
   DKString GetName() const override { return Text(m_name); }
   PlugInIdEx GetId() const override { return PlugInIdEx(m_id, GetName()); }
@@ -36,8 +32,6 @@ public:
   }
   DKErrorID Init(const DKApplicationWithPlugIns&) override {
     Journal().push_back("Init " + m_name);
-    if (m_failInit)
-      return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("refused"))));
     return DKErrorID();
   }
   DKErrorID Run() override {
@@ -50,7 +44,6 @@ private:
   std::string m_name;
   DKGuid m_id;
   std::vector<PlugInIdEx> m_dependencies;
-  bool m_failInit;
 };
 
 // A container; makeMembers, when given, makes its member list at every call.
@@ -130,30 +123,6 @@ std::vector<std::string> Names(const DKSmartPtrVector<DKPlugIn>& plugIns) {
   return names;
 }
 
-// Works until asked to stop; counts how often it was asked.
-class Patient : public DKThreadedRunPlugIn {
-public:
-  explicit Patient(bool ignoreStop = false) : m_ignoreStop(ignoreStop) {}
-  DKString GetName() const override { return DK_T("Patient"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(Id(70)); }
-  DKErrorID Run() override {
-    while (!m_stop.load())
-      DKThread::Sleep(1);
-    DKThread::Sleep(50); // finishing takes a while: the waiter must wait for it
-    m_finishedRun.store(true);
-    return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("run reports an error"))));
-  }
-  void Stop() override {
-    ++m_stops;
-    if (!m_ignoreStop)
-      m_stop.store(true);
-  }
-  std::atomic<bool> m_stop{false};
-  std::atomic<bool> m_finishedRun{false};
-  std::atomic<int> m_stops{0};
-  bool m_ignoreStop;
-};
-
 TEST_F(DKPlugInTest, EachClassAnswersForItsInterfacesAndItsBases) {
   DKSmartPtr<DKPlugIn> run(new Probe("R", 61));
   DKSmartPtr<DKPlugIn> threaded(new Patient);
@@ -228,20 +197,6 @@ TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceListsItsOptionsAndRefusesAT
   EXPECT_TRUE(ConsoleHas("ERR> *** Duplicate plug-in id Second"));
   EXPECT_TRUE(app.AddPlugIn(base, false).Good());
   EXPECT_EQ(Names(app.GetLoadedPlugIns()), (std::vector<std::string>{"Base", "User"}));
-}
-
-TEST_F(DKPlugInTest, FailedInitIsNeverRunNorUnloaded) {
-  {
-    TestApp app;
-    ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
-    EXPECT_TRUE(app.LoadPlugIn(new Probe("Bad", 2, {}, true)).Bad());
-    EXPECT_TRUE(ConsoleHas(">>>> Initializing <Bad>...Failed."));
-    EXPECT_TRUE(ConsoleHas("ERR> *** <Bad>: refused"));
-    EXPECT_EQ(app.Run(), 1);
-  }
-  EXPECT_EQ(Journal(), (std::vector<std::string>{"Init Good", "Init Bad", "Run Good", "Unload Good", "Gone Bad",
-                                                 "Gone Good"}));
-  EXPECT_TRUE(ConsoleHas("Exiting application..."));
 }
 
 TEST_F(DKPlugInTest, ShutDownStopsAThreadedPlugInAndWaitsForItsRunStep) {

@@ -19,14 +19,22 @@ year_month_day Chrono(const DKDateEx& date) {
   return year{date.GetYear()} / month{date.GetMonth()} / day{date.GetDay()};
 }
 
-// Every day of years 0..10000, then chrono's whole range with a stride prime to the week and month lengths.
-TEST(CalendarTest, DayCountsMatchChrono) {
+// Every day of years 0..10000, then chrono's whole range with a stride prime to the week and month
+// lengths: day counts, and the sys_days exchange of DKDateEx and of a date alone in DKDateTimeEx.
+TEST(CalendarTest, DayCountsAndSysDaysMatchChrono) {
   const int last = (sys_days{year{32767} / 12 / 31} - epoch1970).count();
   const int denseEnd = (sys_days{year{10001} / 1 / 1} - epoch1970).count();
   for (int n = (sys_days{year{0} / 1 / 1} - epoch1970).count(); n <= last; n += n < denseEnd ? 1 : 997) {
     const DKDateEx date = dkEpoch + static_cast<long>(n);
-    ASSERT_EQ(Chrono(date), year_month_day{epoch1970 + days{n}}) << n;
+    const sys_days day = epoch1970 + days{n};
+    ASSERT_EQ(Chrono(date), year_month_day{day}) << n;
     ASSERT_EQ((date - dkEpoch).GetDuration(), n) << n;
+    sys_days back{};
+    DKDateEx read;
+    DKDateTimeEx value;
+    ASSERT_TRUE(date.AsSysDays(back) && back == day) << n;
+    ASSERT_TRUE(read.FromSysDays(day) && read == date) << n;
+    ASSERT_TRUE(value.FromSysDays(day) && value.IsOnlyDate() && value.GetDate() == date) << n;
   }
 }
 

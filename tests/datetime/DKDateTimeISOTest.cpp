@@ -63,28 +63,7 @@ constexpr const char* paris = parisRule;
 
 // ---- std::chrono -------------------------------------------------------------------------
 
-// Days of years 0..32767 with a stride prime to the week and month lengths, both ways, for
-// DKDateEx and for a date alone in DKDateTimeEx.
-TEST(ChronoExchangeTest, SysDaysNameTheSameDatesAsYearMonthDay) {
-  const int first = sys_days{year{0} / 1 / 1}.time_since_epoch().count();
-  const int last = sys_days{year{32767} / 12 / 31}.time_since_epoch().count();
-  for (int n = first; n <= last; n += 97) {
-    const sys_days day{days{n}};
-    const year_month_day ymd{day};
-    const DKDateEx date(int{ymd.year()}, unsigned{ymd.month()}, unsigned{ymd.day()});
-    sys_days back{};
-    ASSERT_TRUE(date.AsSysDays(back));
-    ASSERT_EQ(back, day);
-    DKDateEx read;
-    ASSERT_TRUE(read.FromSysDays(day));
-    ASSERT_EQ(read, date);
-    DKDateTimeEx value;
-    ASSERT_TRUE(value.FromSysDays(day));
-    ASSERT_TRUE(value.IsOnlyDate());
-    ASSERT_EQ(value.GetDate(), date);
-  }
-}
-
+// Days of years 0..32767 are compared with chrono in DKCalendarTest.cpp.
 TEST(ChronoExchangeTest, SysDaysAtTheEndsOfTheRange) {
   sys_days first{}, last{};
   ASSERT_TRUE(DKDateEx::minimum.AsSysDays(first));
