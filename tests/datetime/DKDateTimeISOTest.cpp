@@ -2,9 +2,9 @@
 // text. The reference is std::chrono's own calendar (sys_days, year_month_day, hh_mm_ss), over
 // random instants of the years chrono knows, and the ends of the library's range.
 #include "DateTimeTestSupport.h"
+#include "support/DKIsoText.h"
 
 #include <chrono>
-#include <cstdio>
 #include <random>
 #include <string>
 
@@ -41,23 +41,7 @@ private:
   std::uniform_int_distribution<long> m_ms{0, 86399999};
 };
 
-// The ISO text of a chrono instant, built from chrono's fields alone (years 0..9999).
-std::string IsoOf(sys_ms instant, int offsetMinutes) {
-  const sys_ms wall = instant + minutes{offsetMinutes};
-  const sys_days day = floor<days>(wall);
-  const year_month_day ymd{day};
-  const hh_mm_ss<milliseconds> t{wall - day};
-  char text[64];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d.%03d", int{ymd.year()}, unsigned{ymd.month()},
-                unsigned{ymd.day()}, static_cast<int>(t.hours().count()), static_cast<int>(t.minutes().count()),
-                static_cast<int>(t.seconds().count()), static_cast<int>(t.subseconds().count()));
-  std::string result = text;
-  if (offsetMinutes == 0)
-    return result + "Z";
-  const int magnitude = offsetMinutes < 0 ? -offsetMinutes : offsetMinutes;
-  std::snprintf(text, sizeof text, "%c%02d:%02d", offsetMinutes < 0 ? '-' : '+', magnitude / 60, magnitude % 60);
-  return result + text;
-}
+using dktest::IsoText;
 
 constexpr const char* paris = parisRule;
 
@@ -172,9 +156,9 @@ TEST(IsoTextTest, AgreesWithChronoFieldsAndOffsets) {
     const DKDateTimeEx value = instant.Value();
     if (instant.date.year() == year{0} || instant.date.year() == year{9999})
       continue; // an offset could move the reading out of four-digit years
-    ASSERT_EQ(value.AsISO8601().AsUTF8(), IsoOf(instant.Chrono(), 0));
+    ASSERT_EQ(value.AsISO8601().AsUTF8(), IsoText(instant.Chrono(), 0));
     const int offset = offsets(instants.Engine());
-    std::string text = IsoOf(instant.Chrono(), offset);
+    std::string text = IsoText(instant.Chrono(), offset);
     switch (i % 5) { // the other spellings of the same instant
     case 1: text[10] = ' '; break;
     case 2: text[10] = 't'; break;
