@@ -59,11 +59,9 @@ TEST_F(DKAppTimerLoopTest, LoadingManyModulesCountsThemAndReportsTheProgress) {
   ASSERT_FALSE(progress.IsNull());
   EXPECT_EQ(progress->GetLabel().AsUTF8(), "Loading plug-ins from " + dir.Path().string());
   EXPECT_TRUE(progress->IsComplete());
-  EXPECT_EQ(progress->GetDone(), 2u);
   const std::string last = "Loading plug-ins: 100% (8/8), ";
   const auto lines = SplitLines(Console());
   const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.rfind(last, 0) == 0; });
   ASSERT_NE(found, lines.end()) << Console();
-  EXPECT_TRUE(ConsoleHas(">>>> Initializing <Good>... Done."));
   EXPECT_GT(found - lines.begin(), std::find(lines.begin(), lines.end(), "LoadLibrary on " + std::string(DK_TEST_PLUGIN_DIR) + "/good.osx...") - lines.begin());
 }

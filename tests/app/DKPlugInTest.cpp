@@ -141,8 +141,6 @@ TEST_F(DKPlugInTest, EachClassAnswersForItsInterfacesAndItsBases) {
     EXPECT_TRUE(c.plugIn->IsKindOf(DKObjectI::IUID));
     EXPECT_TRUE(c.plugIn->IsKindOf(DKPlugIn::IUID));
     EXPECT_EQ(c.plugIn->IsKindOf(DKRunPlugIn::IUID), c.runKind);
-    EXPECT_EQ(c.plugIn->IsRunningPlugIn(), c.runKind);
-    EXPECT_EQ(c.plugIn->IsContainerPlugIn(), c.containerKind);
     EXPECT_EQ(DKQueryInterface<DKThreadedRunPlugIn>(c.plugIn).Get() != nullptr, c.threadedKind);
     EXPECT_EQ(DKQueryInterface<DKPlugInContainer>(c.plugIn).Get() != nullptr, c.containerKind);
   }

@@ -16,14 +16,7 @@ TEST(DurationExTest, CountRangeAndTheNeverHeldMinimum) {
   EXPECT_EQ(DKDurationEx(2147483647L, U::Day).GetDuration(), DKDurationEx::maximum_);
   EXPECT_EQ(DKDurationEx(-2147483647L, U::Day).GetDuration(), DKDurationEx::minimum_);
   EXPECT_EQ((-DKDurationEx(-2147483647L, U::Day)).GetDuration(), 2147483647);
-  try {
-    DKDurationEx(-2147483648L, U::Hour);
-    FAIL() << "no exception";
-  } catch (const DKDurationExceptionEx& e) {
-    EXPECT_EQ(e.GetCount(), -2147483648LL);
-    EXPECT_EQ(e.GetDuration().GetDuration(), -2147483647 - 1);
-    EXPECT_EQ(e.GetDuration().GetUnit(), U::Hour);
-  }
+  // -2147483648 throws with the count: NeverHeldCount and TheNeverHeldCountIsRefusedByEveryCalculation.
   if constexpr (sizeof(long) > 4) { // a long of 32 bits (Windows) cannot hold the count
     EXPECT_THROW(DKDurationEx(static_cast<long>(std::int64_t{1} << 31), U::Hour), DKDurationExceptionEx);
   }
