@@ -1,7 +1,7 @@
 // The plug-in host end to end: a host program in a child process loads real modules, and its
 // console lines are compared with the framework's texts.
 #include "AppTestSupport.h"
-#include "support/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -92,12 +92,6 @@ const std::string kExit = "Exiting application...";
 // with the program: each expected line is there exactly once (in the given order when
 // ordered), the absent ones are not, and the host ends with its exit line and code.
 void RunCases(const char* file, const std::string& program) {
-  std::vector<std::vector<dktest::CaseLine>> groups;
-  for (dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / file, 3))
-    if (groups.empty() || groups.back().front()[0] != row[0])
-      groups.push_back({std::move(row)});
-    else
-      groups.back().push_back(std::move(row));
   ScratchDir dir;
   WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
   const auto expand = [&](std::string text) {
@@ -106,43 +100,29 @@ void RunCases(const char* file, const std::string& program) {
     const std::size_t ini = text.find("{ini}");
     return ini == std::string::npos ? text : text.replace(ini, 5, dir / "host.ini");
   };
-  for (const auto& rows : groups) {
+  for (const dkcases::Case& c :
+       dkcases::Read(file, {"kinds", "option", "ordered", "silent", "line", "absent", "none starting", "exit"})) {
     std::vector<std::string> kinds, extra;
-    bool ordered = false, silent = false;
-    for (const auto& row : rows) {
-      if (row[1] == "kinds") {
-        std::istringstream words(row[2]);
-        for (std::string kind; words >> kind;)
-          kinds.push_back(kind);
-      } else if (row[1] == "option") {
-        extra.push_back(expand(row[2]));
-      }
-      ordered = ordered || row[1] == "ordered";
-      silent = silent || row[1] == "silent";
-    }
+    std::istringstream words(c.Get("kinds"));
+    for (std::string kind; words >> kind;)
+      kinds.push_back(kind);
+    for (const std::string& option : c.All("option"))
+      extra.push_back(expand(option));
     const HostRun run = RunList(kinds, extra, program);
-    SCOPED_TRACE(rows.front().where + " " + rows.front()[0] + ":\n" + run.output);
+    SCOPED_TRACE(c.where + ":\n" + run.output);
     std::size_t last = 0;
-    int checked = 0;
-    for (const auto& row : rows) {
-      const std::string text = expand(row[2]);
-      if (row[1] == "line") {
-        EXPECT_EQ(run.Count(text), 1u) << text;
-        EXPECT_TRUE(!ordered || last <= run.IndexOf(text)) << "out of order: " << text;
-        last = run.IndexOf(text);
-      } else if (row[1] == "absent") {
-        EXPECT_FALSE(run.Has(text)) << text;
-      } else if (row[1] == "none starting") {
-        EXPECT_TRUE(run.Starting(text).empty()) << text;
-      } else if (row[1] == "exit") {
-        EXPECT_EQ(run.exitCode, row.Int(2));
-        ++checked;
-      } else {
-        ASSERT_TRUE(row[1] == "kinds" || row[1] == "option" || row[1] == "ordered" || row[1] == "silent") << row.where;
-      }
+    for (const std::string& line : c.All("line")) {
+      const std::string text = expand(line);
+      EXPECT_EQ(run.Count(text), 1u) << text;
+      EXPECT_TRUE(!c.Has("ordered") || last <= run.IndexOf(text)) << "out of order: " << text;
+      last = run.IndexOf(text);
     }
-    EXPECT_EQ(checked, 1) << "each case gives its exit code once";
-    EXPECT_EQ(run.output.empty(), silent);
+    for (const std::string& line : c.All("absent"))
+      EXPECT_FALSE(run.Has(expand(line))) << line;
+    for (const std::string& start : c.All("none starting"))
+      EXPECT_TRUE(run.Starting(start).empty()) << start;
+    EXPECT_EQ(std::to_string(run.exitCode), c.Get("exit"));
+    EXPECT_EQ(run.output.empty(), c.Has("silent"));
     EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
   }
 }
