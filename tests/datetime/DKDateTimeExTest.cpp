@@ -253,31 +253,21 @@ TEST(DateTimeExArithmeticTest, LeavingTheRangeThrowsWithTheBound) {
 
 // ---- Text: writing -------------------------------------------------------------------------------
 
-TEST(DateTimeExTextTest, DefaultFormats) {
-  const DKDateTimeEx both = Utc(2020, 1, 5, 1, 2, 3);
-  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
-  const DKDateTimeEx time(DKTimeEx(1, 2, 3));
-  EXPECT_EQ(date.GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S")); // full: whatever the value holds
-  EXPECT_EQ(both.GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
-  EXPECT_EQ(both.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03"));
-  EXPECT_EQ(Utc(2020, 1, 5, 1, 2, 3, 4).AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03.004"));
-  EXPECT_EQ(date.AsString(), DK_T("2020/01/05"));
-  EXPECT_EQ(time.AsString(), DK_T("01:02:03"));
-  EXPECT_EQ(DKDateTimeEx().AsString(), DK_T(""));
-  EXPECT_EQ(DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx(1, 0)).AsString(), DK_T(""));
-}
-
-TEST(DateTimeExTextTest, Codes) {
+// The codes and default formats of tests/datetime/cases/datetime_codes.txt.
+TEST(DateTimeExTextTest, CodesAndDefaultFormats) {
   DK_IN_ZONE(paris);
   for (const auto& c : Cases("datetime_codes.txt", 4)) {
     SCOPED_TRACE(c.where);
     const DKTimeZone zone = c[2] == "utc" ? DKTimeZone::UTC : DKTimeZone::Local;
-    EXPECT_EQ(ValueOf(c, 0).AsString(Text(c[1]), zone), Text(c[3]));
+    const DKString format = Text(c[1]); // empty: the default format
+    EXPECT_EQ(ValueOf(c, 0).AsString(format, zone), Text(c[3]));
     // The buffer form writes the same text when the buffer is large enough.
     DKChar buffer[64];
-    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer, 64, Text(c[1]).c_str(), zone).Good());
+    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer, 64, format.IsEmpty() ? nullptr : format.c_str(), zone).Good());
     EXPECT_EQ(DKString(buffer), Text(c[3]));
   }
+  EXPECT_EQ(DKDateTimeEx(DKDateEx(2020, 1, 5)).GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S")); // full
+  EXPECT_EQ(Utc(2020, 1, 5).GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
   {
     const ScopedTimeZone america(newYork); // negative offsets
     EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));

@@ -76,21 +76,16 @@ TEST(DurationExTest, ConversionTable) {
   EXPECT_EQ(toInvalid, DKDurationEx::invalid_);
 }
 
-// tests/datetime/cases/duration_normalize.txt: each duration normalized.
-TEST(DurationExTest, NormalizeToTheCoarsestExactUnit) {
+// tests/datetime/cases/duration_normalize.txt: each duration normalized; duration_equivalence.txt:
+// whether two durations are equivalent.
+TEST(DurationExTest, NormalizeToTheCoarsestExactUnitAndEquivalence) {
   for (const auto& c : Cases("duration_normalize.txt", 2)) {
     DKDurationEx d = DurationOf(c, 0);
     d.Normalize();
     EXPECT_EQ(d, DurationOf(c, 1)) << c.where;
   }
-}
-
-TEST(DurationExTest, EquivalenceThroughTheFinerUnit) {
-  EXPECT_TRUE(DKDurationEx(1, U::Month).IsEquivalent(DKDurationEx(30, U::Day)));
-  EXPECT_TRUE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(52, U::Week)));
-  EXPECT_FALSE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(365, U::Day) - DKDurationEx(1, U::Day)));
-  EXPECT_FALSE(DKDurationEx(1, U::Year).IsEquivalent(DKDurationEx(0, U::Millisecond))); // no common unit
-  EXPECT_FALSE(DKDurationEx::invalid_.IsEquivalent(DKDurationEx::invalid_));
+  for (const auto& c : Cases("duration_equivalence.txt", 3))
+    EXPECT_EQ(DurationOf(c, 0).IsEquivalent(DurationOf(c, 1)), c.YesNo(2)) << c.where;
 }
 
 // Overflow throws and leaves the value as it was.
