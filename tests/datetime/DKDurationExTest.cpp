@@ -22,15 +22,11 @@ TEST(DurationExTest, CountRangeAndTheNeverHeldMinimum) {
   }
 }
 
+// tests/datetime/cases/duration_short_names.txt: the unit each short name gives.
 TEST(DurationExTest, ShortNameConstructor) {
-  const struct {
-    const DKChar* name;
-    U unit;
-  } cases[] = {{DK_T("y"), U::Year},   {DK_T("mo"), U::Month}, {DK_T("w"), U::Week},   {DK_T("d"), U::Day},
-               {DK_T("h"), U::Hour},   {DK_T("m"), U::Minute}, {DK_T("s"), U::Second}, {DK_T("ms"), U::Millisecond},
-               {DK_T("M"), U::Invalid}, {DK_T("mos"), U::Invalid}, {DK_T(""), U::Invalid}, {nullptr, U::Invalid}};
-  for (const auto& c : cases)
-    EXPECT_EQ(DKDurationEx(3, c.name).GetUnit(), c.unit) << (c.name ? DKString(c.name).AsUTF8() : "(null)");
+  for (const auto& c : Cases("duration_short_names.txt", 2))
+    EXPECT_EQ(DKDurationEx(3, Text(c[0]).c_str()).GetUnit(), UnitOf(c, 1)) << c.where;
+  EXPECT_EQ(DKDurationEx(3, static_cast<const DKChar*>(nullptr)).GetUnit(), U::Invalid);
   EXPECT_EQ(DKDurationEx(3, L"ms").GetUnit(), U::Millisecond);
   EXPECT_THROW(DKDurationEx(-2147483648L, DK_T("d")), DKDurationExceptionEx);
 }

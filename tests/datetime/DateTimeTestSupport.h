@@ -31,8 +31,6 @@ public:
 // year (the C library applies them from 1970 on only).
 constexpr const char* parisRule = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr const char* newYorkRule = "EST5EDT,M3.2.0,M11.1.0";
-constexpr const char* londonRule = "GMT0BST,M3.5.0/1,M10.5.0";
-constexpr const char* lordHoweRule = "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0"; // moves by half an hour
 constexpr const char* kolkataRule = "IST-5:30";
 
 // Runs the rest of the scope with the local zone set by TZ=rule, a POSIX TZ rule.
