@@ -89,27 +89,44 @@ const std::string kQuit = ">>>> Quit signal received. Requesting exit to all plu
 const std::string kExit = "Exiting application...";
 
 // Runs the cases of tests/app/cases/<file> (the format is told at the top of host_runs.txt)
-// with the program: each expected line is there exactly once (in the given order when
-// ordered), the absent ones are not, and the host ends with its exit line and code.
+// with the program, each in a folder of its own: each expected line is there exactly once (in
+// the given order when ordered), the absent ones are not, and the host ends with its exit line
+// and code.
 void RunCases(const char* file, const std::string& program) {
-  ScratchDir dir;
-  WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
-  const auto expand = [&](std::string text) {
-    for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
-      text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
-    const std::size_t ini = text.find("{ini}");
-    return ini == std::string::npos ? text : text.replace(ini, 5, dir / "host.ini");
-  };
-  for (const dkcases::Case& c :
-       dkcases::Read(file, {"kinds", "option", "ordered", "silent", "line", "absent", "none starting", "exit"})) {
-    std::vector<std::string> kinds, extra;
-    std::istringstream words(c.Get("kinds"));
+  ScratchDir shared;
+  WriteWholeFile(shared / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
+  for (const dkcases::Case& c : dkcases::Read(file, {"kinds", "list", "copy", "osxpath", "cwd", "option", "ordered", "silent",
+                                                     "sequence", "line", "absent", "none starting", "exit"})) {
+    ScratchDir dir;
+    const std::string folder = dir.Path().string();
+    const auto expand = [&](std::string text) {
+      for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
+        text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
+      for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+               {"{ini}", shared / "host.ini"}, {"{dir}/", In(folder, "")}, {"{dir}", folder}})
+        for (std::size_t at; (at = text.find(name)) != std::string::npos;)
+          text.replace(at, name.size(), value);
+      return text;
+    };
+    std::vector<std::string> kinds, arguments, sequence;
+    std::istringstream words(c.Get("kinds", ""));
     for (std::string kind; words >> kind;)
       kinds.push_back(kind);
+    if (!kinds.empty())
+      WriteList(dir / "osx.lst", kinds);
+    if (c.Has("list"))
+      WriteWholeFile(dir / "osx.lst", dkcases::Bytes(c.Get("list")));
+    for (const std::string& copy : c.All("copy"))
+      fs::copy_file(Module(copy.substr(0, copy.find(' '))), dir / copy.substr(copy.find(' ') + 1));
+    if (const std::string osxpath = c.Get("osxpath", "{dir}"); !osxpath.empty())
+      arguments.push_back("/osxpath:" + expand(osxpath));
     for (const std::string& option : c.All("option"))
-      extra.push_back(expand(option));
-    const HostRun run = RunList(kinds, extra, program);
+      arguments.push_back(expand(option));
+    const HostRun run = RunHost(arguments, expand(c.Get("cwd", "{dir}")), program);
     SCOPED_TRACE(c.where + ":\n" + run.output);
+    for (const std::string& line : c.All("sequence"))
+      sequence.push_back(expand(line));
+    EXPECT_EQ(run.lines, sequence.empty() ? run.lines : sequence); // the whole output, when given
     std::size_t last = 0;
     for (const std::string& line : c.All("line")) {
       const std::string text = expand(line);
@@ -128,27 +145,6 @@ void RunCases(const char* file, const std::string& program) {
 }
 
 } // namespace
-
-TEST(PlugInHostTest, ListFileWithCommentsBlanksAndBareNamesLoadsFromItsDirectory) {
-  ScratchDir dir;
-  fs::copy_file(Module("good"), dir / "good.osx");
-  WriteWholeFile(dir / "osx.lst", "# sample list\r\n\r\n   ; indented comment\n\t good.osx  \n");
-  const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
-  const std::string folder = dir.Path().string();
-  const std::vector<std::string> expected{
-      "Retrieving plug-ins from " + In(folder, "osx.lst") + "...",
-      "LoadLibrary on " + In(folder, "good.osx") + "...",
-      ">>>> Initializing <Good>... Done.",
-      "RUN> Running <Good>...",
-      "Good: run",
-      kQuit,
-      ">>>> Unloading <Good>...",
-      "Good: unload",
-      kExit,
-  };
-  EXPECT_EQ(run.lines, expected) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-}
 
 // Copies of one module are distinct plug-ins.
 TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrderEachCopyApart) {
@@ -172,25 +168,6 @@ TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrderEachCopy
   EXPECT_EQ(run.Count(">>>> Initializing <Trivial>... Done."), static_cast<std::size_t>(copies)) << run.output;
   EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
   EXPECT_EQ(run.exitCode, 0);
-}
-
-TEST(PlugInHostTest, MissingListFileOrNoOptionSearchesTheWorkingDirectoryAndNoModuleEndsWithCode1) {
-  ScratchDir dir;
-  fs::copy_file(Module("good"), dir / "good.osx");
-  const HostRun run = RunHost({"/osxpath:" + dir / "missing.lst"}, dir.Path().string());
-  ASSERT_GE(run.lines.size(), 3u) << run.output;
-  EXPECT_EQ(run.lines[0], "The plug-ins list file " + dir / "missing.lst" + " does not exist.");
-  EXPECT_EQ(run.lines[1], "Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...");
-  EXPECT_TRUE(run.Has("Good: run")) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-
-  // Without /osxpath the working directory is searched; with no module there the code is 1.
-  fs::remove(dir / "good.osx");
-  const HostRun none = RunHost({}, dir.Path().string());
-  EXPECT_EQ(none.lines, (std::vector<std::string>{"Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...",
-                                                  "Couldn't find any OSX to load.", kQuit, kExit}))
-      << none.output;
-  EXPECT_EQ(none.exitCode, 1);
 }
 
 TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
