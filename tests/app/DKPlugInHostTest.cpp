@@ -95,8 +95,9 @@ const std::string kExit = "Exiting application...";
 void RunCases(const char* file, const std::string& program) {
   ScratchDir shared;
   WriteWholeFile(shared / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
-  for (const dkcases::Case& c : dkcases::Read(file, {"kinds", "list", "copy", "osxpath", "cwd", "option", "ordered", "silent",
-                                                     "sequence", "line", "absent", "none starting", "exit"})) {
+  for (const dkcases::Case& c : dkcases::Read(file, {"kinds", "list", "copy", "file", "folder", "osxpath", "cwd", "option",
+                                                     "ordered", "silent", "sequence", "line", "count", "absent",
+                                                     "none starting", "exit"})) {
     ScratchDir dir;
     const std::string folder = dir.Path().string();
     const auto expand = [&](std::string text) {
@@ -118,6 +119,10 @@ void RunCases(const char* file, const std::string& program) {
       WriteWholeFile(dir / "osx.lst", dkcases::Bytes(c.Get("list")));
     for (const std::string& copy : c.All("copy"))
       fs::copy_file(Module(copy.substr(0, copy.find(' '))), dir / copy.substr(copy.find(' ') + 1));
+    for (const std::string& name : c.All("file"))
+      WriteWholeFile(dir / name, "not a module");
+    for (const std::string& name : c.All("folder"))
+      fs::create_directory(dir / name);
     if (const std::string osxpath = c.Get("osxpath", "{dir}"); !osxpath.empty())
       arguments.push_back("/osxpath:" + expand(osxpath));
     for (const std::string& option : c.All("option"))
@@ -134,6 +139,8 @@ void RunCases(const char* file, const std::string& program) {
       EXPECT_TRUE(!c.Has("ordered") || last <= run.IndexOf(text)) << "out of order: " << text;
       last = run.IndexOf(text);
     }
+    for (const std::string& count : c.All("count")) // "N line": the line N times
+      EXPECT_EQ(std::to_string(run.Count(count.substr(count.find(' ') + 1))), count.substr(0, count.find(' '))) << count;
     for (const std::string& line : c.All("absent"))
       EXPECT_FALSE(run.Has(expand(line))) << line;
     for (const std::string& start : c.All("none starting"))
@@ -145,30 +152,6 @@ void RunCases(const char* file, const std::string& program) {
 }
 
 } // namespace
-
-// Copies of one module are distinct plug-ins.
-TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrderEachCopyApart) {
-  ScratchDir dir;
-  const std::string folder = dir.Path().string();
-  fs::copy_file(Module("good"), dir / "good.osx");
-  fs::copy_file(Module("chain_c"), dir / "CHAIN_C.OSX");
-  WriteWholeFile(dir / "readme.txt", "not a module");
-  fs::create_directory(dir / "folder.osx");
-  std::vector<std::string> loaded{"CHAIN_C.OSX", "good.osx"};
-  constexpr int copies = 20;
-  for (int i = 0; i < copies; ++i)
-    fs::copy_file(Module("trivial"), dir / loaded.emplace_back("trivial" + std::to_string(i) + ".osx"));
-  std::sort(loaded.begin() + 2, loaded.end());
-  for (std::string& name : loaded)
-    name = "LoadLibrary on " + In(folder, name) + "...";
-  const HostRun run = RunHost({"/osxpath:" + folder}, "/");
-  EXPECT_EQ(run.lines.at(0), "Retrieving plug-ins from " + In(folder, "*.osx") + "...") << run.output;
-  EXPECT_EQ(run.Starting("LoadLibrary on "), loaded);
-  EXPECT_TRUE(run.Has("ChainC: run") && run.Has("Good: run")) << run.output;
-  EXPECT_EQ(run.Count(">>>> Initializing <Trivial>... Done."), static_cast<std::size_t>(copies)) << run.output;
-  EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
-  EXPECT_EQ(run.exitCode, 0);
-}
 
 TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
   const HostRun run = RunList({"noentry", "notamodule", "entrythrows", "nullentry", "good"});
