@@ -170,7 +170,8 @@ TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
   EXPECT_EQ(run.exitCode, 0);
 }
 
-TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
+// tests/app/cases/host_runs.txt: folders, list files and modules, and what the host makes of them.
+TEST(PlugInHostTest, FoldersListsAndModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
 
 // The quit signals: SIGINT and SIGTERM on POSIX; on Windows Ctrl+C and Ctrl+Break, console
 // control events (a console's close cannot be sent). Skipped only when the system refuses to
