@@ -1,7 +1,9 @@
 // Helpers of the application suites: a scratch folder for command lines, a log recorder, a
-// console captured for the whole test, and the child runner of tests/support.
+// console captured for the whole test, plug-in ids and a threaded plug-in, and the child runner
+// of tests/support.
 #pragma once
 
+#include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKLog.h>
@@ -13,6 +15,7 @@
 #include "support/DKTestSupport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -60,6 +63,38 @@ protected:
   }
 
   ConsoleCapture m_console;
+};
+
+// The id of the tests' plug-in number n.
+constexpr DKGuid Id(std::uint8_t n) { return DKGuid(0xC0DE0000, 0, 0, {0, 0, 0, 0, 0, 0, 0, n}); }
+
+inline DKErrorID ErrorText(const char* text) {
+  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(Text(text))));
+}
+
+// A threaded plug-in that works until asked to stop (or, when it ignores that, until m_stop is
+// set), takes a while to finish and then reports an error; it counts how often it was asked.
+class Patient : public DKThreadedRunPlugIn {
+public:
+  explicit Patient(bool ignoreStop = false) : m_ignoreStop(ignoreStop) {}
+  DKString GetName() const override { return DK_T("Patient"); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(70)); }
+  DKErrorID Run() override {
+    while (!m_stop.load())
+      DKThread::Sleep(1);
+    DKThread::Sleep(50); // finishing takes a while: the waiter must wait for it
+    m_finishedRun.store(true);
+    return ErrorText("run reports an error");
+  }
+  void Stop() override {
+    ++m_stops;
+    if (!m_ignoreStop)
+      m_stop.store(true);
+  }
+  std::atomic<bool> m_stop{false};
+  std::atomic<bool> m_finishedRun{false};
+  std::atomic<int> m_stops{0};
+  bool m_ignoreStop;
 };
 
 using dktest::Child;

@@ -51,7 +51,6 @@ TEST_F(DKApplicationTest, TraceOptionSetsTheLevelAndSetTraceLevelChangesEverySub
     const char* argv[] = {"prog", c[0].c_str()};
     DKApplication app(2, argv);
     EXPECT_EQ(app.GetTraceLevel(), c.Int(1)) << c.where;
-    EXPECT_EQ(GlbGetTraceLevel(), c.Int(1)) << c.where;
   }
   // Level 0 silences a passed subscriber until the level is raised.
   DKSmartPtr<Recorder> recorder(new Recorder);

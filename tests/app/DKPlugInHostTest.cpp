@@ -1,7 +1,7 @@
 // The plug-in host end to end: a host program in a child process loads real modules, and its
 // console lines are compared with the framework's texts.
 #include "AppTestSupport.h"
-#include "support/DKCaseFile.h"
+#include "support/DKCaseBlocks.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -89,129 +89,69 @@ const std::string kQuit = ">>>> Quit signal received. Requesting exit to all plu
 const std::string kExit = "Exiting application...";
 
 // Runs the cases of tests/app/cases/<file> (the format is told at the top of host_runs.txt)
-// with the program: each expected line is there exactly once (in the given order when
-// ordered), the absent ones are not, and the host ends with its exit line and code.
+// with the program, each in a folder of its own: each expected line is there exactly once (in
+// the given order when ordered), the absent ones are not, and the host ends with its exit line
+// and code.
 void RunCases(const char* file, const std::string& program) {
-  std::vector<std::vector<dktest::CaseLine>> groups;
-  for (dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / file, 3))
-    if (groups.empty() || groups.back().front()[0] != row[0])
-      groups.push_back({std::move(row)});
-    else
-      groups.back().push_back(std::move(row));
-  ScratchDir dir;
-  WriteWholeFile(dir / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
-  const auto expand = [&](std::string text) {
-    for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
-      text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
-    const std::size_t ini = text.find("{ini}");
-    return ini == std::string::npos ? text : text.replace(ini, 5, dir / "host.ini");
-  };
-  for (const auto& rows : groups) {
-    std::vector<std::string> kinds, extra;
-    bool ordered = false, silent = false;
-    for (const auto& row : rows) {
-      if (row[1] == "kinds") {
-        std::istringstream words(row[2]);
-        for (std::string kind; words >> kind;)
-          kinds.push_back(kind);
-      } else if (row[1] == "option") {
-        extra.push_back(expand(row[2]));
-      }
-      ordered = ordered || row[1] == "ordered";
-      silent = silent || row[1] == "silent";
-    }
-    const HostRun run = RunList(kinds, extra, program);
-    SCOPED_TRACE(rows.front().where + " " + rows.front()[0] + ":\n" + run.output);
+  ScratchDir shared;
+  WriteWholeFile(shared / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
+  for (const dkcases::Case& c : dkcases::Read(file, {"kinds", "list", "copy", "file", "folder", "osxpath", "cwd", "option",
+                                                     "ordered", "silent", "sequence", "line", "count", "absent",
+                                                     "none starting", "exit"})) {
+    ScratchDir dir;
+    const std::string folder = dir.Path().string();
+    const auto expand = [&](std::string text) {
+      for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
+        text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
+      for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
+               {"{ini}", shared / "host.ini"}, {"{dir}/", In(folder, "")}, {"{dir}", folder}})
+        for (std::size_t at; (at = text.find(name)) != std::string::npos;)
+          text.replace(at, name.size(), value);
+      return text;
+    };
+    std::vector<std::string> kinds, arguments, sequence;
+    std::istringstream words(c.Get("kinds", ""));
+    for (std::string kind; words >> kind;)
+      kinds.push_back(kind);
+    if (!kinds.empty())
+      WriteList(dir / "osx.lst", kinds);
+    if (c.Has("list"))
+      WriteWholeFile(dir / "osx.lst", dkcases::Bytes(c.Get("list")));
+    for (const std::string& copy : c.All("copy"))
+      fs::copy_file(Module(copy.substr(0, copy.find(' '))), dir / copy.substr(copy.find(' ') + 1));
+    for (const std::string& name : c.All("file"))
+      WriteWholeFile(dir / name, "not a module");
+    for (const std::string& name : c.All("folder"))
+      fs::create_directory(dir / name);
+    if (const std::string osxpath = c.Get("osxpath", "{dir}"); !osxpath.empty())
+      arguments.push_back("/osxpath:" + expand(osxpath));
+    for (const std::string& option : c.All("option"))
+      arguments.push_back(expand(option));
+    const HostRun run = RunHost(arguments, expand(c.Get("cwd", "{dir}")), program);
+    SCOPED_TRACE(c.where + ":\n" + run.output);
+    for (const std::string& line : c.All("sequence"))
+      sequence.push_back(expand(line));
+    EXPECT_EQ(run.lines, sequence.empty() ? run.lines : sequence); // the whole output, when given
     std::size_t last = 0;
-    int checked = 0;
-    for (const auto& row : rows) {
-      const std::string text = expand(row[2]);
-      if (row[1] == "line") {
-        EXPECT_EQ(run.Count(text), 1u) << text;
-        EXPECT_TRUE(!ordered || last <= run.IndexOf(text)) << "out of order: " << text;
-        last = run.IndexOf(text);
-      } else if (row[1] == "absent") {
-        EXPECT_FALSE(run.Has(text)) << text;
-      } else if (row[1] == "none starting") {
-        EXPECT_TRUE(run.Starting(text).empty()) << text;
-      } else if (row[1] == "exit") {
-        EXPECT_EQ(run.exitCode, row.Int(2));
-        ++checked;
-      } else {
-        ASSERT_TRUE(row[1] == "kinds" || row[1] == "option" || row[1] == "ordered" || row[1] == "silent") << row.where;
-      }
+    for (const std::string& line : c.All("line")) {
+      const std::string text = expand(line);
+      EXPECT_EQ(run.Count(text), 1u) << text;
+      EXPECT_TRUE(!c.Has("ordered") || last <= run.IndexOf(text)) << "out of order: " << text;
+      last = run.IndexOf(text);
     }
-    EXPECT_EQ(checked, 1) << "each case gives its exit code once";
-    EXPECT_EQ(run.output.empty(), silent);
+    for (const std::string& count : c.All("count")) // "N line": the line N times
+      EXPECT_EQ(std::to_string(run.Count(count.substr(count.find(' ') + 1))), count.substr(0, count.find(' '))) << count;
+    for (const std::string& line : c.All("absent"))
+      EXPECT_FALSE(run.Has(expand(line))) << line;
+    for (const std::string& start : c.All("none starting"))
+      EXPECT_TRUE(run.Starting(start).empty()) << start;
+    EXPECT_EQ(std::to_string(run.exitCode), c.Get("exit"));
+    EXPECT_EQ(run.output.empty(), c.Has("silent"));
     EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
   }
 }
 
 } // namespace
-
-TEST(PlugInHostTest, ListFileWithCommentsBlanksAndBareNamesLoadsFromItsDirectory) {
-  ScratchDir dir;
-  fs::copy_file(Module("good"), dir / "good.osx");
-  WriteWholeFile(dir / "osx.lst", "# sample list\r\n\r\n   ; indented comment\n\t good.osx  \n");
-  const HostRun run = RunHost({"/osxpath:" + dir.Path().string()}, "/");
-  const std::string folder = dir.Path().string();
-  const std::vector<std::string> expected{
-      "Retrieving plug-ins from " + In(folder, "osx.lst") + "...",
-      "LoadLibrary on " + In(folder, "good.osx") + "...",
-      ">>>> Initializing <Good>... Done.",
-      "RUN> Running <Good>...",
-      "Good: run",
-      kQuit,
-      ">>>> Unloading <Good>...",
-      "Good: unload",
-      kExit,
-  };
-  EXPECT_EQ(run.lines, expected) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-}
-
-// Copies of one module are distinct plug-ins.
-TEST(PlugInHostTest, DirectoryWithoutListFileLoadsEveryModuleInNameOrderEachCopyApart) {
-  ScratchDir dir;
-  const std::string folder = dir.Path().string();
-  fs::copy_file(Module("good"), dir / "good.osx");
-  fs::copy_file(Module("chain_c"), dir / "CHAIN_C.OSX");
-  WriteWholeFile(dir / "readme.txt", "not a module");
-  fs::create_directory(dir / "folder.osx");
-  std::vector<std::string> loaded{"CHAIN_C.OSX", "good.osx"};
-  constexpr int copies = 20;
-  for (int i = 0; i < copies; ++i)
-    fs::copy_file(Module("trivial"), dir / loaded.emplace_back("trivial" + std::to_string(i) + ".osx"));
-  std::sort(loaded.begin() + 2, loaded.end());
-  for (std::string& name : loaded)
-    name = "LoadLibrary on " + In(folder, name) + "...";
-  const HostRun run = RunHost({"/osxpath:" + folder}, "/");
-  EXPECT_EQ(run.lines.at(0), "Retrieving plug-ins from " + In(folder, "*.osx") + "...") << run.output;
-  EXPECT_EQ(run.Starting("LoadLibrary on "), loaded);
-  EXPECT_TRUE(run.Has("ChainC: run") && run.Has("Good: run")) << run.output;
-  EXPECT_EQ(run.Count(">>>> Initializing <Trivial>... Done."), static_cast<std::size_t>(copies)) << run.output;
-  EXPECT_EQ(run.Count(">>>> Unloading <Trivial>..."), static_cast<std::size_t>(copies));
-  EXPECT_EQ(run.exitCode, 0);
-}
-
-TEST(PlugInHostTest, MissingListFileOrNoOptionSearchesTheWorkingDirectoryAndNoModuleEndsWithCode1) {
-  ScratchDir dir;
-  fs::copy_file(Module("good"), dir / "good.osx");
-  const HostRun run = RunHost({"/osxpath:" + dir / "missing.lst"}, dir.Path().string());
-  ASSERT_GE(run.lines.size(), 3u) << run.output;
-  EXPECT_EQ(run.lines[0], "The plug-ins list file " + dir / "missing.lst" + " does not exist.");
-  EXPECT_EQ(run.lines[1], "Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...");
-  EXPECT_TRUE(run.Has("Good: run")) << run.output;
-  EXPECT_EQ(run.exitCode, 0);
-
-  // Without /osxpath the working directory is searched; with no module there the code is 1.
-  fs::remove(dir / "good.osx");
-  const HostRun none = RunHost({}, dir.Path().string());
-  EXPECT_EQ(none.lines, (std::vector<std::string>{"Retrieving plug-ins from " + In(dir.Path().string(), "*.osx") + "...",
-                                                  "Couldn't find any OSX to load.", kQuit, kExit}))
-      << none.output;
-  EXPECT_EQ(none.exitCode, 1);
-}
 
 TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
   const HostRun run = RunList({"noentry", "notamodule", "entrythrows", "nullentry", "good"});
@@ -230,7 +170,8 @@ TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
   EXPECT_EQ(run.exitCode, 0);
 }
 
-TEST(PlugInHostTest, ListedModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
+// tests/app/cases/host_runs.txt: folders, list files and modules, and what the host makes of them.
+TEST(PlugInHostTest, FoldersListsAndModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
 
 // The quit signals: SIGINT and SIGTERM on POSIX; on Windows Ctrl+C and Ctrl+Break, console
 // control events (a console's close cannot be sent). Skipped only when the system refuses to

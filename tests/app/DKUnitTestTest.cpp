@@ -3,7 +3,6 @@
 #include "AppTestSupport.h"
 #include "support/DKCaseFile.h"
 
-#include <DorvikCore/DKApplication.h>
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKUnitTest.h>
 
@@ -17,16 +16,12 @@ using namespace apptest;
 
 namespace {
 
-DKErrorID Error(const char* text) {
-  return DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(Text(text))));
-}
-
 // Main: 1 A, 2 Sub > (1 B fails, 2 Inner > (1 C)). The tests note their names in ran.
 struct Tree {
   Tree() : main(DK_T("Main")) {
     EXPECT_TRUE(main.AddTest(DK_T("A"), [this] { ran.push_back("A"); }).Good());
     DKUnitTest& sub = main.AddMenu(DK_T("Sub"));
-    EXPECT_TRUE(sub.AddTest(DK_T("B"), [this] { return ran.push_back("B"), Error("no"); }).Good());
+    EXPECT_TRUE(sub.AddTest(DK_T("B"), [this] { return ran.push_back("B"), ErrorText("no"); }).Good());
     EXPECT_TRUE(sub.AddMenu(DK_T("Inner")).AddTest(DK_T("C"), [this] { ran.push_back("C"); }).Good());
   }
   std::vector<std::string> ran;
@@ -57,7 +52,7 @@ TEST(DKUnitTestRun, EveryKindOfFailureIsReportedWithItsReasonAndTheRunGoesOn) {
     const char* line;
   } cases[] = {
       {"ok", [] { return DKErrorID(); }, "PASS M/ok"},
-      {"bad id", [] { return Error("disk full"); }, "FAIL M/bad id: disk full"},
+      {"bad id", [] { return ErrorText("disk full"); }, "FAIL M/bad id: disk full"},
       {"library error",
        [] {
          DKSmartPtr<DKErrorWithArgs> invalid = DKLibraryError(DK_MSG_INVALID_DATE);
@@ -65,7 +60,7 @@ TEST(DKUnitTestRun, EveryKindOfFailureIsReportedWithItsReasonAndTheRunGoesOn) {
          return DKErrorID(invalid);
        },
        "FAIL M/library error: Invalid date: 31.02"},
-      {"no text", [] { return Error(""); }, "FAIL M/no text: error -1"},
+      {"no text", [] { return ErrorText(""); }, "FAIL M/no text: error -1"},
       {"DKException", throws(DKException(DK_T("inside###***###locked"), true)),
        "FAIL M/DKException: exception: locked"},
       {"std", throws(std::runtime_error("boom")), "FAIL M/std: exception: boom"},
@@ -200,38 +195,20 @@ TEST(DKUnitTestThreads, AddingWhileRunningNeitherCrashesNorLosesEntries) {
 // ---------------------------------------------------------------------------------------------
 // The main menu of a plug-in application
 
-constexpr DKGuid MenuId(std::uint8_t n) {
-  return DKGuid(0xC0DE1000, 0, 0, {0, 0, 0, 0, 0, 0, 0, n});
-}
-
-// Works on its own thread until asked to stop.
-class Worker : public DKThreadedRunPlugIn {
-public:
-  DKString GetName() const override { return DK_T("Worker"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(MenuId(1)); }
-  DKErrorID Run() override {
-    while (m_stops.load() == 0)
-      DKThread::Sleep(1);
-    return DKErrorID();
-  }
-  void Stop() override { ++m_stops; }
-  std::atomic<int> m_stops{0};
-};
-
-// Adds a check to the main menu in Init; it passes only while the worker runs.
+// Adds a check to the main menu in Init; it passes only while the patient works.
 class Maintenance : public DKPlugIn {
 public:
-  explicit Maintenance(Worker* worker) : m_worker(worker) {}
+  explicit Maintenance(Patient* worker) : m_worker(worker) {}
   DKString GetName() const override { return DK_T("Maintenance"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(MenuId(2)); }
+  PlugInIdEx GetId() const override { return PlugInIdEx(Id(71)); }
   DKErrorID Init(const DKApplicationWithPlugIns& application) override {
     return application.GetMainMenu().AddMenu(DK_T("Tools")).AddTest(DK_T("Check"), [this] {
       ++m_checks;
-      return m_worker->IsRunning() ? DKErrorID() : Error("the worker is not running");
+      return m_worker->IsRunning() ? DKErrorID() : ErrorText("the worker is not running");
     });
   }
   std::atomic<int> m_checks{0};
-  Worker* m_worker;
+  Patient* m_worker;
 };
 
 using DKUnitTestApp = ConsoleTest;
@@ -251,7 +228,7 @@ TEST_F(DKUnitTestApp, MenuRunsAPlugInsEntryThenTheApplicationStopsItsPlugIns) {
         // answers come through the standard input itself.
         if (!dktest::FeedStandardInput("1\n1\n0\n0\n"))
           std::_Exit(21);
-        DKSmartPtr<Worker> worker(new Worker);
+        DKSmartPtr<Patient> worker(new Patient);
         DKSmartPtr<Maintenance> maintenance(new Maintenance(worker.Get()));
         int failure = 0;
         {

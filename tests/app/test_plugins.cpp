@@ -155,19 +155,6 @@ public:
   std::vector<PlugInIdEx> GetDependentV() const override { throw std::runtime_error("DepsThrow cannot tell"); }
 };
 
-// A container that lists itself among its members.
-class SelfBox : public DKPlugInContainer {
-public:
-  SelfBox() { AddPlugIn(new Reporter(DK_T("SelfBoxOne"), TestId(25))); }
-  DKString GetName() const override { return DK_T("SelfBox"); }
-  PlugInIdEx GetId() const override { return PlugInIdEx(TestId(24), GetName()); }
-  DKSmartPtrVector<DKPlugIn> GetPlugInList() const override {
-    DKSmartPtrVector<DKPlugIn> members = DKPlugInContainer::GetPlugInList();
-    members.push_back(const_cast<SelfBox*>(this));
-    return members;
-  }
-};
-
 // A run step on the main thread that lasts until the application is asked to quit: a quit
 // signal must reach it while it runs.
 class Patient : public Reporter {
@@ -209,7 +196,6 @@ DKPlugIn* DKTestMakePlugIn(const char* kind) {
       {"stuckstop", [] { return new StuckStop; }},
       {"nameless", [] { return new Nameless; }},
       {"depsthrow", [] { return new DepsThrow; }},
-      {"selfbox", [] { return new SelfBox; }},
       {"entrythrows", []() -> DKPlugIn* { throw std::runtime_error("the plug-in cannot be made"); }},
   };
   const auto maker = makers.find(kind);

@@ -15,7 +15,6 @@ using U = DKDurationEx::Unit;
 TEST(DateTest, CountsRangeAndArithmetic) {
   EXPECT_TRUE(DKDate().IsNull());
   EXPECT_EQ(DKDate(15, 2, 2024).days_in_month(), 29);
-  EXPECT_EQ(DKDate::maximum.GetDays(), 2147483647);
   EXPECT_THROW(DKDate(29, 2, 2023), DKDateException);
   EXPECT_THROW(DKDate(31, 12, 0), DKDateException); // before the minimum
   DKDate d(31, 1, 2021);
@@ -69,8 +68,7 @@ TEST(DateTest, Text) {
 }
 
 TEST(DateTimeLegacyTest, CountsAndRange) {
-  EXPECT_EQ(DKDateTime::maximum.GetTime_t(), 2147397247);
-  EXPECT_EQ(DKDateTime::minimum.GetTime_t(), -2147397248);
+  EXPECT_EQ(DKDateTime::maximum.GetTime_t(), 2147397247); // the minimum shows in DateExceptionsTest
   const DKDateTime t(1578219630); // 2020-01-05 10:20:30 UTC
   EXPECT_EQ(t.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 10:20:30"));
   EXPECT_EQ(DKDateTime(2020, 1, 5, 10, 20, 30, DKTimeZone::UTC), t);

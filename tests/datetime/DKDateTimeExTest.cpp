@@ -18,40 +18,28 @@ constexpr const char* newYork = newYorkRule;
 
 // ---- Layout and predicates ------------------------------------------------------------------------
 
+// The predicates of tests/datetime/cases/datetime_predicates.txt.
 TEST(DateTimeExTest, PartsPredicatesAndOrder) {
-  const DKDateTimeEx both = Utc(2020, 1, 5, 10, 20, 30);
-  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
-  const DKDateTimeEx time(DKTimeEx(10, 20, 30));
-  const struct {
-    DKDateTimeEx value;
-    bool hasDate, hasTime, both, onlyDate, onlyTime, null, valid;
-  } cases[] = {
-      {DKDateTimeEx(), false, false, false, false, false, true, false},
-      {both, true, true, true, false, false, false, true},
-      {date, true, false, false, true, false, false, true},
-      {time, false, true, false, false, true, false, true},
-      {DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx()), true, false, false, true, false, false, false},
-      // A time below -1 is not held, yet not absent either: such a value is not valid.
-      {DKDateTimeEx::FromParts(DKDateEx(2020, 1, 5), DKTimeEx::FromMilliseconds(-2)), true, false, false, true, false, false, false},
-      {DKDateTimeEx::FromParts(DKDateEx(), DKTimeEx::FromMilliseconds(-86400000)), false, false, false, false, false, false, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.value));
-    EXPECT_EQ(c.value.HasDate(), c.hasDate);
-    EXPECT_EQ(c.value.HasTime(), c.hasTime);
-    EXPECT_EQ(c.value.IsDateAndTime(), c.both);
-    EXPECT_EQ(c.value.IsOnlyDate(), c.onlyDate);
-    EXPECT_EQ(c.value.IsOnlyTime(), c.onlyTime);
-    EXPECT_EQ(c.value.IsNull(), c.null);
-    EXPECT_EQ(c.value.IsValid(), c.valid);
-    if (!c.valid) { // a value that is not valid neither moves nor writes
-      DKDateTimeEx moved = c.value;
+  for (const auto& c : Cases("datetime_predicates.txt", 8)) {
+    SCOPED_TRACE(c.where);
+    const DKDateTimeEx value = ValueOf(c, 0);
+    EXPECT_EQ(value.HasDate(), c.YesNo(1));
+    EXPECT_EQ(value.HasTime(), c.YesNo(2));
+    EXPECT_EQ(value.IsDateAndTime(), c.YesNo(3));
+    EXPECT_EQ(value.IsOnlyDate(), c.YesNo(4));
+    EXPECT_EQ(value.IsOnlyTime(), c.YesNo(5));
+    EXPECT_EQ(value.IsNull(), c.YesNo(6));
+    EXPECT_EQ(value.IsValid(), c.YesNo(7));
+    if (!c.YesNo(7)) { // a value that is not valid neither moves nor writes
+      DKDateTimeEx moved = value;
       ++moved;
       moved += DKDurationEx(1, U::Hour);
-      EXPECT_EQ(moved, c.value);
-      EXPECT_EQ(c.value.AsString(DK_T("%Y %H")), DK_T(""));
+      EXPECT_EQ(moved, value);
+      EXPECT_EQ(value.AsString(DK_T("%Y %H")), DK_T(""));
     }
   }
+  const DKDateTimeEx both = Utc(2020, 1, 5, 10, 20, 30);
+  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
   EXPECT_EQ(both.AsInt64(), (static_cast<DKInt64>(DKDateEx(2020, 1, 5).AsInt()) << 32) | DKTimeEx(10, 20, 30).AsInt());
   EXPECT_EQ(DKDateTimeEx::null.AsInt64(), 0xFFFFFFFFLL);
   EXPECT_LT(Utc(2020, 1, 5, 23, 59), Utc(2020, 1, 6, 0, 0)); // date first, then time
@@ -229,17 +217,16 @@ TEST(DateTimeExArithmeticTest, CalendarUnitsKeepTheClockAcrossDaylightSaving) {
   }
 }
 
-TEST(DateTimeExArithmeticTest, ClockUnitsMoveTheInstantAndCarryDays) {
-  EXPECT_EQ(Utc(2020, 12, 31, 23, 30) + DKDurationEx(2, U::Hour), Utc(2021, 1, 1, 1, 30));
-  EXPECT_EQ(Utc(2021, 3, 1, 0, 30) - DKDurationEx(1, U::Hour), Utc(2021, 2, 28, 23, 30));
-  EXPECT_EQ(Utc(2021, 3, 1) + DKDurationEx(-2147483647L, U::Second), Utc(1953, 2, 10, 20, 45, 53));
-  // A date alone gains a time from a clock unit; a time alone wraps.
-  EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 3, 1)) + DKDurationEx(90, U::Minute), Utc(2021, 3, 1, 1, 30));
-  EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 0)) + DKDurationEx(2, U::Hour), DKDateTimeEx(DKTimeEx(1, 0)));
-  EXPECT_EQ(DKDateTimeEx(DKTimeEx(23, 0)) + DKDurationEx(2, U::Day), DKDateTimeEx(DKTimeEx(23, 0)));
-  DKDateTimeEx null;
-  null += DKDurationEx(1, U::Day);
-  EXPECT_TRUE(null.IsNull());
+// tests/datetime/cases/datetime_steps.txt: values moved by a duration, or their difference.
+TEST(DateTimeExArithmeticTest, ClockUnitsMoveTheInstantAndCarryDaysAndDifferencesTakeAUnit) {
+  for (const auto& c : Cases("datetime_steps.txt", 4)) {
+    SCOPED_TRACE(c.where);
+    if (c[1] == "minus")
+      EXPECT_EQ(ValueOf(c, 0) - ValueOf(c, 2), DurationOf(c, 3));
+    else
+      EXPECT_EQ(c[1] == "+" ? ValueOf(c, 0) + DurationOf(c, 2) : ValueOf(c, 0) - DurationOf(c, 2), ValueOf(c, 3));
+  }
+  EXPECT_EQ(DKDateTimeEx::maximum - DKDateTimeEx::minimum, DKDurationEx((DKDateEx::maximum - DKDateEx::minimum).GetDuration(), U::Week));
   DKDateTimeEx v = Utc(2021, 1, 1, 23, 59, 59, 999);
   EXPECT_EQ(++v, Utc(2021, 1, 2));
   DKDateTimeEx d(DKDateEx(2021, 1, 1));
@@ -264,42 +251,23 @@ TEST(DateTimeExArithmeticTest, LeavingTheRangeThrowsWithTheBound) {
   EXPECT_EQ(DKDateTimeEx::maximum - DKDurationEx(1, U::Day) + DKDurationEx(1, U::Day), DKDateTimeEx::maximum);
 }
 
-TEST(DateTimeExArithmeticTest, DifferenceUnits) {
-  EXPECT_EQ(Utc(2021, 1, 1, 0, 0, 1) - Utc(2021, 1, 1), DKDurationEx(1000, U::Millisecond));
-  EXPECT_EQ(Utc(2021, 3, 1) - Utc(2021, 1, 1), DKDurationEx(59 * 86400, U::Second)); // too many milliseconds
-  EXPECT_EQ(DKDateTimeEx::maximum - DKDateTimeEx::minimum, DKDurationEx((DKDateEx::maximum - DKDateEx::minimum).GetDuration(), U::Week));
-  EXPECT_EQ(DKDateTimeEx(DKDateEx(2021, 3, 1)) - DKDateTimeEx(DKDateEx(2021, 1, 1)), DKDurationEx(59, U::Day));
-  EXPECT_EQ(DKDateTimeEx(DKTimeEx(1, 0)) - Utc(2021, 3, 1, 2, 0), DKDurationEx(-3600000, U::Millisecond));
-  EXPECT_EQ(DKDateTimeEx() - Utc(2021, 3, 1), DKDurationEx::invalid_);
-}
-
 // ---- Text: writing -------------------------------------------------------------------------------
 
-TEST(DateTimeExTextTest, DefaultFormats) {
-  const DKDateTimeEx both = Utc(2020, 1, 5, 1, 2, 3);
-  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
-  const DKDateTimeEx time(DKTimeEx(1, 2, 3));
-  EXPECT_EQ(date.GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S")); // full: whatever the value holds
-  EXPECT_EQ(both.GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
-  EXPECT_EQ(both.AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03"));
-  EXPECT_EQ(Utc(2020, 1, 5, 1, 2, 3, 4).AsString(DKString(), DKTimeZone::UTC), DK_T("2020/01/05 01:02:03.004"));
-  EXPECT_EQ(date.AsString(), DK_T("2020/01/05"));
-  EXPECT_EQ(time.AsString(), DK_T("01:02:03"));
-  EXPECT_EQ(DKDateTimeEx().AsString(), DK_T(""));
-  EXPECT_EQ(DKDateTimeEx::FromParts(DKDateEx::Pack(2021, 2, 30), DKTimeEx(1, 0)).AsString(), DK_T(""));
-}
-
-TEST(DateTimeExTextTest, Codes) {
+// The codes and default formats of tests/datetime/cases/datetime_codes.txt.
+TEST(DateTimeExTextTest, CodesAndDefaultFormats) {
   DK_IN_ZONE(paris);
   for (const auto& c : Cases("datetime_codes.txt", 4)) {
     SCOPED_TRACE(c.where);
     const DKTimeZone zone = c[2] == "utc" ? DKTimeZone::UTC : DKTimeZone::Local;
-    EXPECT_EQ(ValueOf(c, 0).AsString(Text(c[1]), zone), Text(c[3]));
+    const DKString format = Text(c[1]); // empty: the default format
+    EXPECT_EQ(ValueOf(c, 0).AsString(format, zone), Text(c[3]));
     // The buffer form writes the same text when the buffer is large enough.
     DKChar buffer[64];
-    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer, 64, Text(c[1]).c_str(), zone).Good());
+    EXPECT_TRUE(ValueOf(c, 0).AsString(buffer, 64, format.IsEmpty() ? nullptr : format.c_str(), zone).Good());
     EXPECT_EQ(DKString(buffer), Text(c[3]));
   }
+  EXPECT_EQ(DKDateTimeEx(DKDateEx(2020, 1, 5)).GetDefaultFormat(true, true), DK_T("%Y/%m/%d %H:%M:%S")); // full
+  EXPECT_EQ(Utc(2020, 1, 5).GetDefaultFormat(false, true), DK_T("%Y/%m/%d %H:%M:%S.%L"));
   {
     const ScopedTimeZone america(newYork); // negative offsets
     EXPECT_EQ(Utc(2021, 1, 1, 12).AsString(DK_T("%H:%M%z")), DK_T("07:00-05:00"));

@@ -31,8 +31,6 @@ public:
 // year (the C library applies them from 1970 on only).
 constexpr const char* parisRule = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr const char* newYorkRule = "EST5EDT,M3.2.0,M11.1.0";
-constexpr const char* londonRule = "GMT0BST,M3.5.0/1,M10.5.0";
-constexpr const char* lordHoweRule = "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0"; // moves by half an hour
 constexpr const char* kolkataRule = "IST-5:30";
 
 // Runs the rest of the scope with the local zone set by TZ=rule, a POSIX TZ rule.
@@ -63,13 +61,21 @@ inline std::vector<dktest::CaseLine> Cases(const char* name, std::size_t fields)
 #endif
 
 // A value as a case file writes it: "null", "minimum", "maximum", "date 2020-01-05",
-// "time 10:20:30.250", or a UTC date and time "2020-01-05 10:20:30.250" (milliseconds optional).
+// "time 10:20:30.250", a UTC date and time "2020-01-05 10:20:30.250" (milliseconds optional), or
+// its two words as they are, "parts 2021-02-30 -2" (the date packed, "-" for none; the time in
+// milliseconds), which need not make a valid value.
 inline DKDateTimeEx ValueOf(const dktest::CaseLine& c, std::size_t field) {
   const std::string& text = c[field];
   int year = 0;
   unsigned month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
+  char date[16] = {};
+  int milliseconds = 0;
   if (text == "null" || text == "minimum" || text == "maximum")
     return text == "null" ? DKDateTimeEx() : text == "minimum" ? DKDateTimeEx::minimum : DKDateTimeEx::maximum;
+  if (std::sscanf(text.c_str(), "parts %15s %d", date, &milliseconds) == 2) {
+    const bool held = std::sscanf(date, "%d-%u-%u", &year, &month, &day) == 3;
+    return DKDateTimeEx::FromParts(held ? DKDateEx::Pack(year, month, day) : DKDateEx(), DKTimeEx::FromMilliseconds(milliseconds));
+  }
   if (std::sscanf(text.c_str(), "date %d-%u-%u", &year, &month, &day) == 3)
     return DKDateTimeEx(DKDateEx(year, month, day));
   if (std::sscanf(text.c_str(), "time %u:%u:%u.%u", &hour, &minute, &second, &ms) >= 2)
