@@ -87,7 +87,6 @@ const CrashCase kCrashCases[] = {
     {"thread-segv", kAccessViolation, kAccessHeader, "Address: 0x0000000000000000", true},
     {"thread-overflow", static_cast<int>(0xC00000FDu), kOverflowHeader, nullptr, true},
 };
-const std::string kFpeHeader = kCrashCases[1].header;
 #else
 constexpr int kAccessViolation = 128 + SIGSEGV;
 const char* const kAccessHeader = "****** Fatal signal SIGSEGV (segmentation fault) ******";
@@ -99,8 +98,8 @@ const CrashCase kCrashCases[] = {
     {"thread-segv", 128 + SIGSEGV, kAccessHeader, "Address: 0x0000000000000000", true},
     {"thread-overflow", 128 + SIGSEGV, kAccessHeader, nullptr, true},
 };
-const std::string kFpeHeader = kCrashCases[1].header;
 #endif
+const std::string kFpeHeader = kCrashCases[1].header;
 
 class CrashReportTest : public ::testing::TestWithParam<CrashCase> {};
 

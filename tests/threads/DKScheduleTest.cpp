@@ -157,7 +157,7 @@ TEST(DKScheduleTimerTest, ACallbackRunsAtEachOccurrenceNeverEarlyAndKeepsGoingAf
                         }));
   EXPECT_FALSE(timer.IsArmed());
   ConsoleCapture console;
-  TraceLevelOverride quiet(0);
+  TraceLevelOverride verbose(1);
   ASSERT_TRUE(timer.Start().Good());
   DKInt64 next = 0;
   EXPECT_TRUE(timer.GetNextOccurrence(next));
@@ -169,6 +169,8 @@ TEST(DKScheduleTimerTest, ACallbackRunsAtEachOccurrenceNeverEarlyAndKeepsGoingAf
   EXPECT_FALSE(timer.IsArmed());
   EXPECT_FALSE(timer.GetNextOccurrence(next));
   EXPECT_EQ(DKScheduleTimer::CurrentOccurrence(), 0);
+  // The timer thread reports the exception and goes on.
+  EXPECT_EQ(console.Text(), "DKTimer: unhandled exception in a timer callback: first occurrence fails\n");
   std::lock_guard<std::mutex> guard(lock);
   for (std::size_t i = 0; i < occurrences.size(); ++i) {
     EXPECT_GE(wallMs[i], occurrences[i] * 1000) << "occurrence " << i << " ran early";

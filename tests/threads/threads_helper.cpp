@@ -131,14 +131,20 @@ int main(int argc, char** argv) {
     return StackOfNewThread() != expected ? 14 : 0;
   }
   // stacksize-whole BYTES: a thread gets at least BYTES of stack (from DK_THREAD_STACKSIZE), or
-  // Start throws because the system refuses that much; 13 for a smaller stack.
+  // Start throws the creation failure because the system refuses that much, and the thread is not
+  // started; 13 for a smaller stack, 16 for another failure.
   if (mode == "stacksize-whole" && argc == 3) {
     const std::size_t expected = std::strtoull(argv[2], nullptr, 10);
+    std::size_t size = 0;
+    DKThread thread(DKMakeCallback([&size] { size = DKThread::GetCurrentThreadStackSize(); }));
     try {
-      return StackOfNewThread() >= expected ? 0 : 13;
+      if (thread.Start().Bad())
+        return 16;
     } catch (const DKException& e) {
-      return e.What().AsUTF8() == "_beginthreadex failed in DKThread::Start()" ? 0 : 16;
+      return e.What().AsUTF8() == "_beginthreadex failed in DKThread::Start()" && !thread.IsStarted() ? 0 : 16;
     }
+    thread.Join();
+    return size >= expected ? 0 : 13;
   }
   // exit-with-threads: leaves a periodic timer armed and the default pool busy, then returns
   // from main; the process must end (the exit handlers shut both down). 19 when they did not run.
@@ -153,16 +159,6 @@ int main(int argc, char** argv) {
     while (fired.load() < 2)
       DKThread::Sleep(1);
     return 0;
-  }
-  // start-refused: Start throws the creation failure (the system refuses the thread's stack);
-  // 15 when the thread started, 16 for another failure.
-  if (mode == "start-refused" && argc == 2) {
-    DKThread thread(DKMakeCallback([] {}));
-    try {
-      return thread.Start().Good() ? 15 : 16;
-    } catch (const DKException& e) {
-      return e.What().AsUTF8() == "_beginthreadex failed in DKThread::Start()" && !thread.IsStarted() ? 0 : 16;
-    }
   }
   return 2;
 }
