@@ -114,9 +114,8 @@ TEST_P(CrashReportTest, ReportsTheCrashThenEndsWithItsCode) {
   if (c.cause) {
     EXPECT_TRUE(run.Has(c.cause)) << run.output;
   }
-  EXPECT_TRUE(run.HasStarting("Process: ")) << run.output;
-  EXPECT_TRUE(run.HasStarting("Thread: ")) << run.output;
-  EXPECT_TRUE(run.HasStarting("Time: ")) << run.output;
+  for (const char* field : {"Process: ", "Thread: ", "Time: "})
+    EXPECT_TRUE(run.HasStarting(field)) << run.output;
   EXPECT_GE(run.StackFrames(), 2u) << run.output;
   EXPECT_TRUE(run.Has("****** Writing thread info ******")) << run.output;
   EXPECT_TRUE(run.Has("****** Thread info written ******")) << run.output;

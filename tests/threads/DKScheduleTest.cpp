@@ -20,18 +20,14 @@
 
 namespace {
 
-// Seconds since 1970 of a UTC reading "YYYY-MM-DD HH:MM[:SS]", by the civil-day formula.
+// Seconds since 1970 of a UTC reading "YYYY-MM-DD HH:MM[:SS]", by the standard calendar.
 DKInt64 UtcSeconds(const std::string& text) {
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-  if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d", &year, &month, &day, &hour, &minute, &second) < 5)
+  int year = 0, hour = 0, minute = 0, second = 0;
+  unsigned month = 0, day = 0;
+  if (std::sscanf(text.c_str(), "%d-%u-%u %d:%d:%d", &year, &month, &day, &hour, &minute, &second) < 5)
     throw std::invalid_argument(text);
-  const int y = year - (month <= 2);
-  const int era = (y >= 0 ? y : y - 399) / 400;
-  const int yoe = y - era * 400;
-  const int doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-  const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  const DKInt64 days = DKInt64{era} * 146097 + doe - 719468;
-  return days * 86400 + hour * 3600 + minute * 60 + second;
+  const std::chrono::sys_days date = std::chrono::year(year) / std::chrono::month(month) / std::chrono::day(day);
+  return DKInt64{date.time_since_epoch().count()} * 86400 + hour * 3600 + minute * 60 + second;
 }
 
 DKSchedule Parse(const std::string& text) {

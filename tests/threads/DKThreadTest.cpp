@@ -107,7 +107,6 @@ TEST(DKThreadTest, StartJoinTheRegistryAndFlagsSetByThreadIdWhileTheThreadRuns) 
   EXPECT_TRUE(DKThread::IsFlagSet(id, kStop));
   EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); })); // finished, not yet joined
   thread.Join();
-  thread.Join();
   EXPECT_EQ(runs.load(), 1);
   EXPECT_FALSE(Registered(id));
   EXPECT_FALSE(DKThread::SetFlag(id, kStop)); // no longer registered
