@@ -56,9 +56,7 @@ std::vector<std::vector<std::string>> Cases(const std::string& kind) {
 } // namespace
 
 TEST(DKScheduleTest, TextFormsReadAndWriteTheirCanonicalFormWhichReadsBackAlike) {
-  std::vector<std::vector<std::string>> cases = Cases("write");
-  cases.push_back({"write", "  every\tday\r\nat 02:00  ", "every day at 02:00"});
-  for (const auto& c : cases) {
+  for (const auto& c : Cases("write")) {
     const DKSchedule schedule = Parse(c[1]);
     EXPECT_EQ(schedule.ToString().AsUTF8(), c[2]) << c[1];
     EXPECT_EQ(Parse(c[2]), schedule) << c[2];
@@ -69,8 +67,6 @@ TEST(DKScheduleTest, TextFormsReadAndWriteTheirCanonicalFormWhichReadsBackAlike)
 
 TEST(DKScheduleTest, BadTextIsRefusedWithThePositionAndTheScheduleKeepsItsValue) {
   std::vector<std::vector<std::string>> cases = Cases("refuse");
-  cases.push_back({"refuse", "", "0", "the schedule is empty"});
-  cases.push_back({"refuse", "   ", "3", "the schedule is empty"});
   cases.push_back({"refuse", std::string(4097, ' '), "4096", "longer than 4096 characters"});
   for (const auto& c : cases) {
     DKSchedule schedule = Parse("weekdays at 08:30");
