@@ -421,7 +421,7 @@ TEST(DKCountingSemaphoreTest, CountsBoundsAndBadRequests) {
   const std::uint32_t overflows[][3] = {{3, 3, 1}, {1, 3, 3}, {5, DKCountingSemaphore::DefaultMaximum, 0xFFFFFFFFu}};
   for (const auto& [initial, maximum, n] : overflows) {
     DKCountingSemaphore semaphore(initial, maximum);
-    EXPECT_EQ(ThrownText([&] { semaphore.Unlock(n); }), "DKCountingSemaphore overflow") << initial << " + " << n;
+    EXPECT_EQ(ThrownText([&, n = n] { semaphore.Unlock(n); }), "DKCountingSemaphore overflow") << initial << " + " << n;
     EXPECT_EQ(semaphore.GetCount(), initial);
   }
   DKCountingSemaphore small(1, 2);
