@@ -20,18 +20,14 @@
 
 namespace {
 
-// Seconds since 1970 of a UTC reading "YYYY-MM-DD HH:MM[:SS]", by the civil-day formula.
+// Seconds since 1970 of a UTC reading "YYYY-MM-DD HH:MM[:SS]", by the standard calendar.
 DKInt64 UtcSeconds(const std::string& text) {
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-  if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d", &year, &month, &day, &hour, &minute, &second) < 5)
+  int year = 0, hour = 0, minute = 0, second = 0;
+  unsigned month = 0, day = 0;
+  if (std::sscanf(text.c_str(), "%d-%u-%u %d:%d:%d", &year, &month, &day, &hour, &minute, &second) < 5)
     throw std::invalid_argument(text);
-  const int y = year - (month <= 2);
-  const int era = (y >= 0 ? y : y - 399) / 400;
-  const int yoe = y - era * 400;
-  const int doy = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-  const int doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  const DKInt64 days = DKInt64{era} * 146097 + doe - 719468;
-  return days * 86400 + hour * 3600 + minute * 60 + second;
+  const std::chrono::sys_days date = std::chrono::year(year) / std::chrono::month(month) / std::chrono::day(day);
+  return DKInt64{date.time_since_epoch().count()} * 86400 + hour * 3600 + minute * 60 + second;
 }
 
 DKSchedule Parse(const std::string& text) {
@@ -60,9 +56,7 @@ std::vector<std::vector<std::string>> Cases(const std::string& kind) {
 } // namespace
 
 TEST(DKScheduleTest, TextFormsReadAndWriteTheirCanonicalFormWhichReadsBackAlike) {
-  std::vector<std::vector<std::string>> cases = Cases("write");
-  cases.push_back({"write", "  every\tday\r\nat 02:00  ", "every day at 02:00"});
-  for (const auto& c : cases) {
+  for (const auto& c : Cases("write")) {
     const DKSchedule schedule = Parse(c[1]);
     EXPECT_EQ(schedule.ToString().AsUTF8(), c[2]) << c[1];
     EXPECT_EQ(Parse(c[2]), schedule) << c[2];
@@ -73,8 +67,6 @@ TEST(DKScheduleTest, TextFormsReadAndWriteTheirCanonicalFormWhichReadsBackAlike)
 
 TEST(DKScheduleTest, BadTextIsRefusedWithThePositionAndTheScheduleKeepsItsValue) {
   std::vector<std::vector<std::string>> cases = Cases("refuse");
-  cases.push_back({"refuse", "", "0", "the schedule is empty"});
-  cases.push_back({"refuse", "   ", "3", "the schedule is empty"});
   cases.push_back({"refuse", std::string(4097, ' '), "4096", "longer than 4096 characters"});
   for (const auto& c : cases) {
     DKSchedule schedule = Parse("weekdays at 08:30");
@@ -157,7 +149,7 @@ TEST(DKScheduleTimerTest, ACallbackRunsAtEachOccurrenceNeverEarlyAndKeepsGoingAf
                         }));
   EXPECT_FALSE(timer.IsArmed());
   ConsoleCapture console;
-  TraceLevelOverride quiet(0);
+  TraceLevelOverride verbose(1);
   ASSERT_TRUE(timer.Start().Good());
   DKInt64 next = 0;
   EXPECT_TRUE(timer.GetNextOccurrence(next));
@@ -169,6 +161,8 @@ TEST(DKScheduleTimerTest, ACallbackRunsAtEachOccurrenceNeverEarlyAndKeepsGoingAf
   EXPECT_FALSE(timer.IsArmed());
   EXPECT_FALSE(timer.GetNextOccurrence(next));
   EXPECT_EQ(DKScheduleTimer::CurrentOccurrence(), 0);
+  // The timer thread reports the exception and goes on.
+  EXPECT_EQ(console.Text(), "DKTimer: unhandled exception in a timer callback: first occurrence fails\n");
   std::lock_guard<std::mutex> guard(lock);
   for (std::size_t i = 0; i < occurrences.size(); ++i) {
     EXPECT_GE(wallMs[i], occurrences[i] * 1000) << "occurrence " << i << " ran early";

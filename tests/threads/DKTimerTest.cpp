@@ -58,6 +58,8 @@ TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
     DKEventSemaphore armed;
     DKTimer holder([&] { armed.Wait(); }, DKTimerTarget::TimerThread);
     ASSERT_TRUE(holder.Start(0).Good());
+    ASSERT_TRUE(WaitUntil([&] { return !holder.IsArmed(); }));
+    const std::size_t before = DKTimer::GetArmedCount();
     std::mt19937 random(7);
     const Clock::time_point base = Clock::now() + milliseconds(5);
     std::vector<std::unique_ptr<DKTimer>> timers;
@@ -70,13 +72,18 @@ TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
       if (id % 7 != 0)
         expected.push_back(id);
     }
-    for (int id = 0; id < 300; id += 7) // once all are in the heap
-      EXPECT_TRUE(timers[id]->Cancel());
+    EXPECT_EQ(DKTimer::GetArmedCount(), before + 300);
+    for (int id = 0; id < 300; id += 7) { // once all are in the heap; every other one by its destructor
+      if (id % 14 == 0)
+        EXPECT_TRUE(timers[id]->Cancel());
+      else
+        timers[id].reset();
+    }
+    EXPECT_EQ(DKTimer::GetArmedCount(), before + expected.size());
     std::stable_sort(expected.begin(), expected.end(), [&](int a, int b) { return offsets[a] < offsets[b]; });
     armed.Post();
     ASSERT_TRUE(WaitUntil([&] { return seen.Count() == expected.size(); }));
-    for (const auto& timer : timers)
-      timer->Cancel();
+    timers.clear(); // the destructors wait for a running callback
     EXPECT_EQ(seen.ids, expected) << "target " << static_cast<int>(target);
     for (std::size_t i = 0; i < seen.firings.size(); ++i) {
       EXPECT_EQ(seen.firings[i].number, 1u);
@@ -224,37 +231,6 @@ TEST(DKTimerTest, BadArgumentsAreRefusedAndNothingIsArmed) {
   ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); }));
   EXPECT_EQ(runs.load(), 10);
   EXPECT_EQ(DKTimer::CurrentFiring(), nullptr);
-}
-
-TEST(DKTimerTest, AThrowingCallbackIsReportedAndTheTimerThreadGoesOn) {
-  ConsoleCapture console;
-  TraceLevelOverride verbose(1);
-  DKTimer thrower([] { throw std::runtime_error("tick failed"); }, DKTimerTarget::TimerThread);
-  std::atomic<int> after{0};
-  DKTimer next([&] { ++after; }, DKTimerTarget::TimerThread);
-  const Clock::time_point due = Clock::now();
-  ASSERT_TRUE(thrower.StartAt(due).Good());
-  ASSERT_TRUE(next.StartAt(due + milliseconds(1)).Good());
-  ASSERT_TRUE(WaitUntil([&] { return after.load() == 1; }));
-  EXPECT_EQ(console.Text(), "DKTimer: unhandled exception in a timer callback: tick failed\n");
-}
-
-TEST(DKTimerTest, ManyTimersArmAndCancelInAnyOrder) {
-  const std::size_t before = DKTimer::GetArmedCount();
-  std::atomic<int> runs{0};
-  std::vector<std::unique_ptr<DKTimer>> timers;
-  for (int i = 0; i < 20000; ++i) {
-    timers.push_back(std::make_unique<DKTimer>([&] { ++runs; }));
-    ASSERT_TRUE(timers.back()->Start(std::chrono::hours(1) + milliseconds(i % 977)).Good());
-  }
-  EXPECT_EQ(DKTimer::GetArmedCount(), before + 20000);
-  std::shuffle(timers.begin(), timers.end(), std::mt19937(3));
-  for (std::size_t i = 0; i < timers.size(); i += 2)
-    EXPECT_TRUE(timers[i]->Cancel());
-  EXPECT_EQ(DKTimer::GetArmedCount(), before + 10000);
-  timers.clear(); // the destructor cancels the rest
-  EXPECT_EQ(DKTimer::GetArmedCount(), before);
-  EXPECT_EQ(runs.load(), 0);
 }
 
 TEST(DKAppTimerTest, CallbacksRunOnThePumpingThreadAndWaitForItWithoutPilingUp) {
