@@ -152,7 +152,6 @@ TEST(DKMutexTest, AThreadEndingWithSeveralMutexesAbandonsEachAndForgetsOneItDest
 TEST(DKMutexTest, NamedMutexIsOneMutexForEveryObjectAndProcess) {
   const std::string name = UniqueName("mutex-shared");
   DKMutex first(Text(name), true); // created owned
-  EXPECT_EQ(RunHelper({"mutex-try", name}), 10);
   DKMutex second(Text(name), true); // exists already: not owned
   EXPECT_FALSE(LockFromOtherThread(second, 0));
   first.Unlock();
@@ -191,7 +190,7 @@ using Lockables = ::testing::Types<DKCriticalSection, DKSynchronizedCriticalSect
                                    BinarySemaphore>;
 TYPED_TEST_SUITE(DKStandardGuardsTest, Lockables);
 
-TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeOut) {
+TYPED_TEST(DKStandardGuardsTest, LockGuardAndUniqueLockExcludeAndTimeOut) {
   TypeParam object;
   // Threads increment a plain counter, each entering its own way: waiting, spinning on tries, or
   // polling with timed tries. No two are ever inside at once, and no increment is lost.
@@ -227,15 +226,6 @@ TYPED_TEST(DKStandardGuardsTest, LockGuardUniqueLockAndScopedLockExcludeAndTimeO
   EXPECT_TRUE(OnOtherThread([&] {
     std::unique_lock<TypeParam> lock(object, std::chrono::hours(1)); // free: at once
     return lock.owns_lock();
-  }));
-  DKCriticalSection other;
-  {
-    std::scoped_lock both(object, other);
-    EXPECT_FALSE(OnOtherThread([&] { return other.try_lock(); }));
-  }
-  EXPECT_TRUE(OnOtherThread([&] {
-    std::scoped_lock both(other, object); // the other order: no deadlock either way
-    return true;
   }));
   // A wait of "forever" (the largest duration) is clamped, not overflowed: free, so at once.
   EXPECT_TRUE(object.try_lock_for(std::chrono::nanoseconds::max()));
