@@ -176,7 +176,7 @@ TEST(DKMutexTest, NamesAreKeptApartWhateverTheirCharactersOrLength) {
     mutex->Unlock();
 }
 
-// The standard guards over every lockable class: one contract, one typed test.
+// A semaphore of one unit: locked and unlocked as a mutex is.
 struct BinarySemaphore : DKCountingSemaphore {
   BinarySemaphore() : DKCountingSemaphore(1, 1) {}
 };
@@ -184,10 +184,11 @@ struct NamedMutex : DKMutex {
   NamedMutex() : DKMutex(Text(UniqueName("guarded"))) {}
 };
 
+// The standard guards over every lockable class: one contract, one typed test.
 template <class Lockable>
 class DKStandardGuardsTest : public ::testing::Test {};
-using Lockables = ::testing::Types<DKCriticalSection, DKSynchronizedCriticalSection, DKMutex, NamedMutex,
-                                   BinarySemaphore>;
+using Lockables =
+    ::testing::Types<DKCriticalSection, DKSynchronizedCriticalSection, DKMutex, NamedMutex, BinarySemaphore>;
 TYPED_TEST_SUITE(DKStandardGuardsTest, Lockables);
 
 TYPED_TEST(DKStandardGuardsTest, LockGuardAndUniqueLockExcludeAndTimeOut) {

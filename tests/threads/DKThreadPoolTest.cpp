@@ -251,7 +251,6 @@ TEST(DKThreadPoolTest, ThePoolGrowsToItsMaximumAndShrinksToItsMinimumWhenIdle) {
   ASSERT_TRUE(gate.Reached(3));
   EXPECT_EQ(pool.GetThreadCount(), 3u);
   EXPECT_EQ(pool.GetQueuedCount(), 1u); // the fourth waits for a thread: none beyond the maximum
-  EXPECT_EQ(tickets[3].GetStatus(), DKTaskStatus::Queued);
   gate.open.Post();
   for (const DKTaskTicket& ticket : tickets)
     ASSERT_TRUE(ticket.Wait());
