@@ -171,11 +171,9 @@ TEST(DKFormatNumbers, FloatingPointFollowsTheCLibraryRoundingModeAndLocale) {
   for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE", "fr_FR"}) {
     if (!std::setlocale(LC_NUMERIC, name))
       continue;
-    const std::string expected = Ref("%.2f|%g", 1.5, 0.25);
     const std::string actual = DKFormatNarrow("%.2f|%g", 1.5, 0.25);
     std::setlocale(LC_NUMERIC, previous.c_str());
-    EXPECT_EQ(expected, "1,50|0,25");
-    EXPECT_EQ(actual, expected);
+    EXPECT_EQ(actual, "1,50|0,25"); // as the C library writes it there
     return;
   }
   std::setlocale(LC_NUMERIC, previous.c_str());
