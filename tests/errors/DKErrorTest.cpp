@@ -127,10 +127,6 @@ TEST(DKDoubleTest, TextIsTheShortestFormThatReadsBack) {
 using DKErrorIDTest = DKPoolLeakCheckedTest;
 using DKErrorWithArgsTest = DKPoolLeakCheckedTest;
 
-DKSmartPtr<DKErrorString> ErrorString(const DKChar* text, int code) {
-  return new DKErrorString(text, code);
-}
-
 TEST_F(DKErrorIDTest, SuccessFailureCodeAndText) {
   const struct {
     DKErrorID id;
@@ -140,13 +136,15 @@ TEST_F(DKErrorIDTest, SuccessFailureCodeAndText) {
   } cases[] = {
       {DKErrorID(), true, 0, DK_T("SUCCESS")},
       {DKErrorID(static_cast<const DKErrorI*>(nullptr)), true, 0, DK_T("SUCCESS")},
-      {DKErrorID(ErrorString(DK_T("fine"), 0)), true, 0, DK_T("fine")},
-      {DKErrorID(ErrorString(DK_T("broken"), 42)), false, 42, DK_T("broken")},
+      {DKErrorID::FromText(DK_T("fine"), 0), true, 0, DK_T("fine")},
+      {DKErrorID::FromText(DK_T("broken"), 42), false, 42, DK_T("broken")},
+      {DKErrorID::FromText(DK_T("no code")), false, -1, DK_T("no code")},
       {DKErrorID(DKSmartPtr<DKErrorString>(new DKErrorString(DK_T("neg")))), false, -1, DK_T("neg")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.id.AsString().AsUTF8());
     EXPECT_EQ(c.id.IsSuccess(), c.success);
+    EXPECT_EQ(c.id.Bad(), !c.success);
     EXPECT_EQ(static_cast<int>(c.id), c.code);
     EXPECT_EQ(c.id.GetCode(), c.code);
     EXPECT_EQ(c.id.AsString(), c.text);
@@ -181,29 +179,16 @@ TEST(DKErrorTest, PlainErrorsTakeTheirTextFromTheSourceOrNameAnUnknownMessage) {
 }
 
 TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
-  const struct {
-    long code;
-    int intParam; // added first when not negative
-    const DKChar *stringParam, *text;
-  } cases[] = {
-      {DK_MSG_UNSPECIFIED, -1, nullptr, DK_T("Unspecified failure")},
-      {DK_MSG_INVALID_DATE, -1, DK_T("2024-13-45"), DK_T("Invalid date: 2024-13-45")},
-      {DK_MSG_INVALID_UTF8, 17, nullptr, DK_T("Invalid UTF-8 sequence at byte 17")},
-      {DK_MSG_SYSTEM_ERROR, 2, DK_T("No such file"), DK_T("System error 2: No such file")},
-      {DK_MSG_DUPLICATE_PLUGIN_ID, -1, DK_T("Sales"), DK_T("Duplicate plug-in id Sales")},
+  const std::pair<DKErrorID, const DKChar*> cases[] = {
+      {DKLibraryErrorID(DK_MSG_UNSPECIFIED), DK_T("Unspecified failure")},
+      {DKLibraryErrorID(DK_MSG_INVALID_DATE, DK_T("2024-13-45")), DK_T("Invalid date: 2024-13-45")},
+      {DKLibraryErrorID(DK_MSG_INVALID_UTF8, 17), DK_T("Invalid UTF-8 sequence at byte 17")},
+      {DKLibraryErrorID(DK_MSG_DUPLICATE_PLUGIN_ID, DK_T("Sales")), DK_T("Duplicate plug-in id Sales")},
   };
-  for (const auto& c : cases) {
-    DKSmartPtr<DKErrorWithArgs> error = DKLibraryError(c.code);
-    if (c.intParam >= 0)
-      error->AddParam(c.intParam);
-    if (c.stringParam)
-      error->AddParam(c.stringParam);
-    const DKErrorID id = error;
-    EXPECT_EQ(id.GetCode(), c.code);
-    EXPECT_EQ(id.AsString(), c.text);
-  }
+  for (const auto& [id, text] : cases)
+    EXPECT_EQ(id.AsString(), text);
 
-  // The one-expression forms, with parameters of any integer, floating or text kind.
+  // Parameters of any integer, floating or text kind.
   const DKErrorID system = DKLibraryErrorID(DK_MSG_SYSTEM_ERROR, std::size_t{2}, "No such file \xC3\xA9");
   EXPECT_EQ(system.AsString(), DK_T("System error 2: No such file \u00E9"));
   const auto* args = static_cast<const DKErrorWithArgs*>(system.GetError().Get());
@@ -216,11 +201,6 @@ TEST(DKErrorTest, LibraryErrorsUseTheLibraryMessages) {
     EXPECT_EQ(kindArgs->GetParameterType(i), expectedKinds[i]) << i;
   EXPECT_EQ(DKLibraryErrorID(DK_MSG_TEXT_TOO_LONG, 5000000000LL).AsString(), DK_T("Text too long: 5000000000 code units"));
   EXPECT_EQ(DKLibraryErrorID(DK_MSG_INVALID_DATE, DKString(DK_T("x")), std::string("y")).GetError()->GetParameterCount(), 2u);
-  const DKErrorID text = DKErrorID::FromText(DK_T("disk full"), 28);
-  EXPECT_TRUE(text.Bad());
-  EXPECT_EQ(text.GetCode(), 28);
-  EXPECT_EQ(text.AsString(), DK_T("disk full"));
-  EXPECT_EQ(DKErrorID::FromText(DK_T("x")).GetCode(), -1);
 }
 
 TEST_F(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsNothing) {
@@ -236,7 +216,6 @@ TEST_F(DKErrorWithArgsTest, EachKindIsStoredTypedAndPrintedAndOutOfRangeReadsAsN
       {error->AddParam(DKString(DK_T("abc"))), DKErrorI::ParamDKString, DK_T("abc")},
       {error->AddParam(DK_T("lit\u00e9ral")), DKErrorI::ParamDKString, DK_T("lit\u00e9ral")},
       {error->AddParam(DKDouble(0.1)), DKErrorI::ParamDKDouble, DK_T("0.1")},
-      {error->AddParam(-0.0001), DKErrorI::ParamDouble, DK_T("-0.000100")},
   };
   ASSERT_EQ(error->GetParameterCount(), std::size(expected));
   for (std::size_t i = 0; i < std::size(expected); ++i) {
@@ -270,7 +249,6 @@ TEST_F(DKErrorWithArgsTest, CopiesAreDeepGetParamNeedsTheStoredTypeAndNothingLea
   *assigned = *original;
   const DKErrorWithArgs& same = *assigned;
   *assigned = same;
-  EXPECT_EQ(assigned->GetCode(), DK_MSG_SYSTEM_ERROR);
   EXPECT_EQ(assigned->GetParameterCount(), 5u);
   original.Clear(); // the copies own their values
   int i = 0;
