@@ -131,8 +131,6 @@ std::string Notes(const DKConfigFile& file) {
   return out;
 }
 
-std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
-
 // The texts of cases/read.txt: their trees, notes and encodings, or how they are refused (which
 // leaves the tree read before).
 TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
@@ -141,7 +139,7 @@ TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
     SCOPED_TRACE(c.where);
     std::string bytes = dkcases::Bytes(c.Get("text"));
     if (c.Has("utf16"))
-      bytes = Utf16NoMark(dkcases::Units(c.Get("text")).AsStdString(), c.Get("utf16") == "LE");
+      bytes = Utf16(dkcases::Units(c.Get("text")).AsStdString(), c.Get("utf16") == "LE").substr(2);
     const auto file = FromBytes("[Kept]\nk=v\n");
     file->SetCommentMarkers(c.Has("hash") ? DK_T(";#") : DK_T(";"));
     if (c.Has("error")) {
@@ -170,7 +168,7 @@ TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
       EXPECT_EQ(ToBytes(*file), bytes);
     }
   }
-  const auto file = FromBytes(Utf16NoMark(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true));
+  const auto file = FromBytes(Utf16(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true).substr(2));
   EXPECT_EQ(U8(file->GetString(DK_T("GR\u00DC\u00DFE"), DK_T("K"))), "\xE4\xB8\x80 v");
   EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
 }

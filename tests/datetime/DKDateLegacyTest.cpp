@@ -156,10 +156,6 @@ TEST(DateExceptionsTest, MessagesAndValues) {
   }
 }
 
-} // namespace
-
-namespace {
-
 TEST(DateTimeErrorParamTest, IsCopiedReadAndPrintedInTheContextFormat) {
   const DKDateTime when(2024, 3, 1, 14, 5, 9);
   {

@@ -131,7 +131,6 @@ TEST(DurationExTest, TheNeverHeldCountIsRefusedByEveryCalculation) {
     const U unit = U(u);
     const bool calendar = unit <= U::Day;
     const DKDurationEx d = NeverHeldCount(unit);
-    ASSERT_EQ(d.GetDuration(), -2147483647 - 1);
     ExpectCountRefused(DKDateEx(2000, 1, 1), d, calendar);
     ExpectCountRefused(DKTimeEx(12, 0), d, !calendar);
     ExpectCountRefused(Utc(2000, 1, 1, 12), d, true);
