@@ -209,27 +209,19 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
+// The edits of cases/unwritable.txt.
 TEST(DKConfigFileWriteTest, TreesTheFormatCannotCarryAreRefused) {
-  const std::function<void(DKConfigFile&)> edits[] = {
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k"), DK_T("two\nlines")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A]"), DK_T("k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k=x"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T(" ;k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("[k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.FindSection(DK_T("A"))->GetComments().AddComment(DK_T("a\nb")); },
-      // A marker the file does not read, and a key that would read back as a '#' comment.
-      [](DKConfigFile& f) {
-        auto& comments = f.FindSection(DK_T("A"))->GetComments();
-        comments.AddComment(DK_T("x"), comments.end(), '#');
-      },
-      [](DKConfigFile& f) {
-        f.SetCommentMarkers(DK_T(";#"));
-        f.SetString(DK_T("A"), DK_T("#k"), DK_T("v"));
-      },
-  };
-  for (const auto& edit : edits) {
+  for (const dkcases::Case& c : dkcases::Read("unwritable.txt", {"markers", "set", "comment", "marker"})) {
+    SCOPED_TRACE(c.where);
     const auto file = FromBytes("[A]\nk=v\n");
-    edit(*file);
+    ASSERT_TRUE(file->SetCommentMarkers(dkcases::Units(c.Get("markers", ";"))));
+    if (c.Has("set")) {
+      const dkcases::Lookup set = dkcases::ReadLookup(c.Get("set"));
+      file->SetString(set.section, set.key, set.value.value());
+    } else {
+      DKConfigComments& comments = file->FindSection(DK_T("A"))->GetComments();
+      comments.AddComment(dkcases::Units(c.Get("comment")), comments.end(), DKChar(c.Get("marker", ";").at(0)));
+    }
     std::string out = "untouched";
     EXPECT_FALSE(file->SaveToBytes(out));
     EXPECT_EQ(out, "untouched");
