@@ -13,6 +13,7 @@
 #include <optional>
 #include <random>
 #include <regex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,11 +51,17 @@ TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
   }
 }
 
-// Random patterns over a small alphabet, each against random short texts, with the cache on,
-// with it off, and against std::regex.
+// Random patterns: items (an atom, an anchor or a group, with a quantifier) and alternatives,
+// and random short texts. For std::regex, which backtracks and takes exponential time on nested
+// quantified groups even on these short texts, only outermost groups are quantified.
+const char* const stdAtoms[] = {"a", "b", ".", "[ab]", "[^a]", "\\d", "\\s", "\\w", "1", "[a-b1]"};
+const char* const stdQuantifiers[] = {"", "", "", "*", "+", "?", "{2}", "{0,2}", "{1,}", "*?"};
+
 class PatternGenerator {
 public:
-  explicit PatternGenerator(unsigned seed) : m_rng(seed) {}
+  PatternGenerator(unsigned seed, std::span<const char* const> atoms, std::span<const char* const> quantifiers,
+                   bool quantifyNestedGroups)
+      : m_rng(seed), m_atoms(atoms), m_quantifiers(quantifiers), m_nested(quantifyNestedGroups) {}
 
   std::string Pattern(int depth = 0) {
     std::string out;
@@ -76,26 +83,25 @@ public:
 
 private:
   int Pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(m_rng); }
-  // Only outermost groups are quantified: nested quantified groups make std::regex, which
-  // backtracks, take exponential time even on these short texts.
+  const char* Quantifier() { return m_quantifiers[static_cast<std::size_t>(Pick(0, int(m_quantifiers.size()) - 1))]; }
   std::string Item(int depth) {
-    static const char* const atoms[] = {"a", "b", ".", "[ab]", "[^a]", "\\d", "\\s", "\\w", "1", "[a-b1]"};
-    static const char* const quantifiers[] = {"", "", "", "*", "+", "?", "{2}", "{0,2}", "{1,}", "*?"};
     const int kind = Pick(0, 9);
     if (kind == 2)
       return Pick(0, 1) ? "^" : "$";
     if (kind <= 1 && depth < 2) {
       const std::string group = (kind == 0 ? "(" : "(?:") + Pattern(depth + 1) + ")";
-      return depth == 0 ? group + quantifiers[Pick(0, 9)] : group;
+      return depth == 0 || m_nested ? group + Quantifier() : group;
     }
-    return std::string(atoms[Pick(0, 9)]) + quantifiers[Pick(0, 9)];
+    return m_atoms[static_cast<std::size_t>(Pick(0, int(m_atoms.size()) - 1))] + std::string(Quantifier());
   }
 
   std::mt19937 m_rng;
+  std::span<const char* const> m_atoms, m_quantifiers;
+  bool m_nested;
 };
 
 TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
-  PatternGenerator gen(20240611);
+  PatternGenerator gen(20240611, stdAtoms, stdQuantifiers, false);
   int compared = 0;
   for (int i = 0; i < 700; ++i) {
     const std::string pattern = gen.Pattern();
@@ -124,20 +130,13 @@ const char* const runQuantifiers[] = {"", "", "*", "+", "?", "{0,3}", "{2}", "{1
 const DKChar runUnits[] = {DK_T('a'), DK_T('b'), DK_T('z'), DK_T('\u00e9'), DK_T('\n'), DK_T(' '), DK_T('\u2028'), 0xD83D, 0xDE00, DK_T('1')};
 
 TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
+  PatternGenerator gen(77, runAtoms, runQuantifiers, true);
   std::mt19937 rng(77);
   auto pick = [&rng](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
-  auto pattern = [&](auto& self, int depth) -> std::string {
-    std::string out;
-    for (std::size_t i = 0, n = 1 + pick(3); i < n; ++i) {
-      out += depth < 2 && pick(3) == 0 ? "(?:" + self(self, depth + 1) + ")" : runAtoms[pick(std::size(runAtoms))];
-      out += runQuantifiers[pick(std::size(runQuantifiers))];
-    }
-    return depth < 2 && pick(5) == 0 ? out + "|" + self(self, depth + 1) : out;
-  };
   std::size_t compared = 0;
   for (int i = 0; i < 300; ++i) {
-    const DKString p = DKString::FromUTF8(pattern(pattern, 0));
-    const DKString other = DKString::FromUTF8(pattern(pattern, 0));
+    const DKString p = DKString::FromUTF8(gen.Pattern());
+    const DKString other = DKString::FromUTF8(gen.Pattern());
     const DKRegEx cached = Compiled(p), tiny = Compiled(p, 700 + 100 * (i % 8)), uncached = Compiled(p, 0);
     const DKRegEx otherTiny = Compiled(other, 900), otherUncached = Compiled(other, 0);
     for (int t = 0; t < 12; ++t) {
@@ -218,15 +217,13 @@ TEST(DKRegExTest, PosixClassesInsideBrackets) {
       EXPECT_TRUE(out.Match(DKString(c, 1))) << name << " negated on " << static_cast<int>(c);
     }
   }
-  // (Classes side by side: cases/regex-oracle.txt; a "[:" that makes up no class: regex-fixed.txt.)
+  // (Classes side by side: cases/regex-oracle.txt; a "[:" that makes up no class: regex-fixed.txt;
+  // an unknown class: regex-bad.txt.)
   // Many "[:" without a "]" are found unterminated at once, however many there are.
   DKString open(DK_T("["));
   for (int i = 0; i < 200000; ++i)
     open += DK_T("[:");
   EXPECT_EQ(ErrorText(DKRegEx(open)), "Invalid regular expression \"" + open.SubStr(0, 60).AsUTF8() + "...\" at position 0: missing ']'");
-  EXPECT_EQ(ErrorText(DKRegEx(DK_T("[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]"))),
-            "Invalid regular expression \"[[:abcdefghijklmnopqrstuvwxyzabcdefghij:]]\" at position 1: "
-            "unknown POSIX class [:abcdefghijklmnopqrstuvwxyzabcdef...:]");
 }
 
 // The patterns of cases/regex-bad.txt, each refused with its position and problem.
@@ -235,7 +232,6 @@ TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
     SCOPED_TRACE(c.where);
     DKRegEx re;
     const DKErrorID result = re.Compile(dkcases::Units(c.Get("pattern")));
-    EXPECT_TRUE(result.Bad());
     EXPECT_EQ(result.GetCode(), DK_MSG_INVALID_REGEX);
     EXPECT_FALSE(re.IsCompiled());
     EXPECT_EQ(re.GetProgramSize(), 0u);

@@ -131,8 +131,6 @@ std::string Notes(const DKConfigFile& file) {
   return out;
 }
 
-std::string Utf16NoMark(const DKStdString& text, bool little) { return Utf16(text, little).substr(2); }
-
 // The texts of cases/read.txt: their trees, notes and encodings, or how they are refused (which
 // leaves the tree read before).
 TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
@@ -141,7 +139,7 @@ TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
     SCOPED_TRACE(c.where);
     std::string bytes = dkcases::Bytes(c.Get("text"));
     if (c.Has("utf16"))
-      bytes = Utf16NoMark(dkcases::Units(c.Get("text")).AsStdString(), c.Get("utf16") == "LE");
+      bytes = Utf16(dkcases::Units(c.Get("text")).AsStdString(), c.Get("utf16") == "LE").substr(2);
     const auto file = FromBytes("[Kept]\nk=v\n");
     file->SetCommentMarkers(c.Has("hash") ? DK_T(";#") : DK_T(";"));
     if (c.Has("error")) {
@@ -170,7 +168,7 @@ TEST(DKConfigFileReadTest, TextsReadAsTheCaseFileSays) {
       EXPECT_EQ(ToBytes(*file), bytes);
     }
   }
-  const auto file = FromBytes(Utf16NoMark(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true));
+  const auto file = FromBytes(Utf16(DK_T("; Stra\u00DFe\r\n[Gr\u00FC\u00DFe]\r\nk=\u4E00 v\r\n"), true).substr(2));
   EXPECT_EQ(U8(file->GetString(DK_T("GR\u00DC\u00DFE"), DK_T("K"))), "\xE4\xB8\x80 v");
   EXPECT_EQ(file->GetLineEnd(), DKConfigFile::LineEndCRLF);
 }
@@ -211,27 +209,19 @@ TEST(DKConfigFileReadTest, Utf16FilesKeepTheirEncodingUntilItIsChanged) {
 // ---------------------------------------------------------------------------------------------
 // Writing
 
+// The edits of cases/unwritable.txt.
 TEST(DKConfigFileWriteTest, TreesTheFormatCannotCarryAreRefused) {
-  const std::function<void(DKConfigFile&)> edits[] = {
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k"), DK_T("two\nlines")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A]"), DK_T("k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("k=x"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T(" ;k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.SetString(DK_T("A"), DK_T("[k"), DK_T("v")); },
-      [](DKConfigFile& f) { f.FindSection(DK_T("A"))->GetComments().AddComment(DK_T("a\nb")); },
-      // A marker the file does not read, and a key that would read back as a '#' comment.
-      [](DKConfigFile& f) {
-        auto& comments = f.FindSection(DK_T("A"))->GetComments();
-        comments.AddComment(DK_T("x"), comments.end(), '#');
-      },
-      [](DKConfigFile& f) {
-        f.SetCommentMarkers(DK_T(";#"));
-        f.SetString(DK_T("A"), DK_T("#k"), DK_T("v"));
-      },
-  };
-  for (const auto& edit : edits) {
+  for (const dkcases::Case& c : dkcases::Read("unwritable.txt", {"markers", "set", "comment", "marker"})) {
+    SCOPED_TRACE(c.where);
     const auto file = FromBytes("[A]\nk=v\n");
-    edit(*file);
+    ASSERT_TRUE(file->SetCommentMarkers(dkcases::Units(c.Get("markers", ";"))));
+    if (c.Has("set")) {
+      const dkcases::Lookup set = dkcases::ReadLookup(c.Get("set"));
+      file->SetString(set.section, set.key, set.value.value());
+    } else {
+      DKConfigComments& comments = file->FindSection(DK_T("A"))->GetComments();
+      comments.AddComment(dkcases::Units(c.Get("comment")), comments.end(), DKChar(c.Get("marker", ";").at(0)));
+    }
     std::string out = "untouched";
     EXPECT_FALSE(file->SaveToBytes(out));
     EXPECT_EQ(out, "untouched");

@@ -18,7 +18,6 @@ using U = DKDurationEx::Unit;
 TEST(DateExTest, PackedWordLayoutAndValidity) {
   EXPECT_EQ(DKDateEx(2020, 1, 5).AsInt(), (2020 << 9) | (1 << 5) | 5);
   EXPECT_EQ(DKDateEx(-1, 12, 31).AsInt(), static_cast<std::int32_t>(0xFFFFFE00u | (12 << 5) | 31));
-  EXPECT_EQ(DKDateEx::minimum.AsInt(), -2147483103);
   DKDateEx d;
   for (const auto& c : Cases("date_words.txt", 2)) {
     int year = 0;

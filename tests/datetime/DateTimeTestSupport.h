@@ -85,11 +85,11 @@ inline DKDateTimeEx ValueOf(const dktest::CaseLine& c, std::size_t field) {
   throw std::runtime_error(c.where + ": not a value: " + text);
 }
 
-// A zone of a case file by its name: "paris", "newYork".
+// A zone of a case file by its name: "paris", "newYork", "kolkata".
 inline const char* ZoneOf(const dktest::CaseLine& c, std::size_t field) {
-  if (c[field] != "paris" && c[field] != "newYork")
+  if (c[field] != "paris" && c[field] != "newYork" && c[field] != "kolkata")
     throw std::runtime_error(c.where + ": not a zone: " + c[field]);
-  return c[field] == "paris" ? parisRule : newYorkRule;
+  return c[field] == "paris" ? parisRule : c[field] == "newYork" ? newYorkRule : kolkataRule;
 }
 
 // The reading that a value's UTC fields spell, taken as a wall-clock reading in the local zone.
