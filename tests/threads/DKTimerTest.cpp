@@ -242,8 +242,9 @@ TEST(DKAppTimerTest, CallbacksRunOnlyWhenPumpedAndWaitForItWithoutPilingUp) {
   EXPECT_EQ(runs.load(), 1);
   while (runs.load() < 4)
     DKTimerWnd::Pump(DK_INFINITE);
+  ASSERT_TRUE(WaitUntil([&] { return DKTimerWnd::GetQueuedCount() == 1; }));
   EXPECT_TRUE(timer.Cancel());
-  DKTimerWnd::Pump(0); // a firing queued before the cancel does nothing now
+  EXPECT_EQ(DKTimerWnd::Pump(0), 1); // the firing queued before the cancel does nothing now
   EXPECT_EQ(runs.load(), 4);
   EXPECT_FALSE(DKAppTimer::HasArmedTimers());
 
