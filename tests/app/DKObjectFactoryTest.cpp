@@ -134,17 +134,7 @@ TEST_F(DKCppObjectFactoryTest, CopiesAndAssignmentsBindToTheirNewId) {
   EXPECT_EQ(MakerOf(order.CreateObject()), 1);
 }
 
-TEST(DKCppObjectFactoryUsageTest, OutsideUseRegistrationIsIgnoredAndCreationGivesNull) {
-  ASSERT_EQ(DKCppObjectFactory::GetUsageCount(), 0u);
-  DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeFirst);
-  DKCppObjectGenericCreatorProxy proxy(kOrderClass);
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0);
-  EXPECT_EQ(MakerOf(proxy.CreateObject()), 0);
-  DKCppObjectFactory::FreeFactory(); // unmatched: nothing happens
-  EXPECT_EQ(DKCppObjectFactory::GetUsageCount(), 0u);
-}
-
-TEST(DKCppObjectFactoryUsageTest, TwoUsesNeedTwoFreesAndBoundProxiesKeepTheirCreator) {
+TEST(DKCppObjectFactoryUsageTest, TwoUsesNeedTwoFreesBoundProxiesKeepTheirCreatorAndOutsideUseNothingIsKept) {
   DKCppObjectFactory::UseFactory();
   DKCppObjectFactory::UseFactory();
   DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeFirst);
@@ -152,10 +142,16 @@ TEST(DKCppObjectFactoryUsageTest, TwoUsesNeedTwoFreesAndBoundProxiesKeepTheirCre
   DKCppObjectFactory::FreeFactory();
   EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 1);
   DKCppObjectFactory::FreeFactory();
-  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0);
+  EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0) << "outside use, creation gives null";
   EXPECT_EQ(MakerOf(proxy.CreateObject()), 1);
 
+  // Outside use, registration is ignored and an unmatched free does nothing.
+  DKCppObjectFactory::RegisterCreator(kOrderClass, &MakeSecond);
+  DKCppObjectGenericCreatorProxy outside(kOrderClass);
+  EXPECT_EQ(MakerOf(outside.CreateObject()), 0);
+  DKCppObjectFactory::FreeFactory();
   DKCppObjectFactory::UseFactory();
+  EXPECT_EQ(DKCppObjectFactory::GetUsageCount(), 1u);
   EXPECT_EQ(MakerOf(DKCppObjectFactory::CreateObject(kOrderClass)), 0) << "a new registry starts empty";
   DKCppObjectFactory::FreeFactory();
 }

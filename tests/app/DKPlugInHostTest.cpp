@@ -69,16 +69,6 @@ void WriteList(const std::string& path, const std::vector<std::string>& kinds) {
   WriteWholeFile(path, text);
 }
 
-HostRun RunList(const std::vector<std::string>& kinds, const std::vector<std::string>& extra = {},
-                const std::string& program = DK_TEST_HOST_PATH) {
-  ScratchDir dir;
-  if (!kinds.empty())
-    WriteList(dir / "osx.lst", kinds);
-  std::vector<std::string> arguments{"/osxpath:" + dir.Path().string()};
-  arguments.insert(arguments.end(), extra.begin(), extra.end());
-  return RunHost(arguments, dir.Path().string(), program);
-}
-
 #if defined(_WIN32)
 const std::string kExecutableExtension = "exe";
 #else
@@ -92,19 +82,20 @@ const std::string kExit = "Exiting application...";
 // with the program, each in a folder of its own: each expected line is there exactly once (in
 // the given order when ordered), the absent ones are not, and the host ends with its exit line
 // and code.
-void RunCases(const char* file, const std::string& program) {
+void RunCases(const char* file, const std::string& program, const std::string& samples = "") {
   ScratchDir shared;
   WriteWholeFile(shared / "host.ini", "[Worker]\nTicks=3\n[Worker2]\nTicks=1\n[StopThrows]\nTicks=10\n");
   for (const dkcases::Case& c : dkcases::Read(file, {"kinds", "list", "copy", "file", "folder", "osxpath", "cwd", "option",
                                                      "ordered", "silent", "sequence", "line", "count", "absent",
-                                                     "none starting", "exit"})) {
+                                                     "starting", "none starting", "no exit line", "exit"})) {
     ScratchDir dir;
     const std::string folder = dir.Path().string();
     const auto expand = [&](std::string text) {
       for (std::size_t at; (at = text.find("{module ")) != std::string::npos;)
         text.replace(at, text.find('}', at) + 1 - at, Module(text.substr(at + 8, text.find('}', at) - at - 8)));
       for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
-               {"{ini}", shared / "host.ini"}, {"{dir}/", In(folder, "")}, {"{dir}", folder}})
+               {"{ini}", shared / "host.ini"}, {"{dir}/", In(folder, "")}, {"{dir}", folder},
+               {"{samples}", samples}, {"{exe}", kExecutableExtension}})
         for (std::size_t at; (at = text.find(name)) != std::string::npos;)
           text.replace(at, name.size(), value);
       return text;
@@ -143,32 +134,26 @@ void RunCases(const char* file, const std::string& program) {
       EXPECT_EQ(std::to_string(run.Count(count.substr(count.find(' ') + 1))), count.substr(0, count.find(' '))) << count;
     for (const std::string& line : c.All("absent"))
       EXPECT_FALSE(run.Has(expand(line))) << line;
+    for (const std::string& start : c.All("starting")) { // "prefix[ | text]": one line, the text after the prefix
+      const std::size_t bar = start.find(" | ");
+      const std::string prefix = expand(start.substr(0, bar));
+      const std::vector<std::string> found = run.Starting(prefix);
+      ASSERT_EQ(found.size(), 1u) << prefix;
+      EXPECT_TRUE(bar == std::string::npos || found[0].find(start.substr(bar + 3), prefix.size()) != std::string::npos)
+          << found[0];
+    }
     for (const std::string& start : c.All("none starting"))
       EXPECT_TRUE(run.Starting(start).empty()) << start;
     EXPECT_EQ(std::to_string(run.exitCode), c.Get("exit"));
     EXPECT_EQ(run.output.empty(), c.Has("silent"));
-    EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
+    if (c.Has("no exit line")) // nothing ran: no shut-down lines
+      EXPECT_FALSE(run.Has(kExit));
+    else
+      EXPECT_TRUE(run.lines.empty() || run.lines.back() == kExit);
   }
 }
 
 } // namespace
-
-TEST(PlugInHostTest, BrokenModulesAreReportedAndTheOthersStillLoad) {
-  const HostRun run = RunList({"noentry", "notamodule", "entrythrows", "nullentry", "good"});
-  for (const std::string& line :
-       {"LoadPlugIn failed on " + Module("noentry") + ": Cannot locate \"GetPlugInObject\" entry point",
-        "LoadPlugIn failed on " + Module("entrythrows") + ": GetPlugInObject threw: the plug-in cannot be made",
-        "LoadPlugIn failed on " + Module("nullentry") + ": GetPlugInObject returned no plug-in",
-        std::string("Good: run")})
-    EXPECT_TRUE(run.Has(line)) << line << "\n" << run.output;
-  const std::vector<std::string> notModule = run.Starting("LoadLibrary fails on " + Module("notamodule") + ": ");
-  ASSERT_EQ(notModule.size(), 1u) << run.output;
-  EXPECT_NE(notModule[0].find("notamodule.osx", notModule[0].find(": ")), std::string::npos)
-      << "the system's text names the file: " << notModule[0];
-  EXPECT_EQ(run.Starting(">>>> Initializing <"), std::vector<std::string>{">>>> Initializing <Good>... Done."});
-  EXPECT_EQ(run.lines.back(), kExit);
-  EXPECT_EQ(run.exitCode, 0);
-}
 
 // tests/app/cases/host_runs.txt: folders, list files and modules, and what the host makes of them.
 TEST(PlugInHostTest, FoldersListsAndModulesGiveTheirLinesAndExitCode) { RunCases("host_runs.txt", DK_TEST_HOST_PATH); }
@@ -288,27 +273,10 @@ TEST(PlugInHostTest, DirectoriesAreSearchedOnceInOrderAndBadListsAreReported) {
 
 #if defined(DK_DKHOST_PATH)
 
-// dkhost, the installed host: its exit code tells what went wrong (tests/app/cases/dkhost_runs.txt).
-TEST(DkhostTest, ExitCodeTellsWhatWentWrong) { RunCases("dkhost_runs.txt", DK_DKHOST_PATH); }
-
-// /help and /? load the modules without initialising them and list every option, the plug-ins'
-// included, then the exit codes; the code is 0 even when no plug-in is found.
-TEST(DkhostTest, HelpListsThePlugInsOptionsWithoutInitialisingThem) {
-  for (const std::string help : {"/help", "/?", "-HELP"}) {
-    const HostRun run = RunHost({help, "/osxpath:" DK_SAMPLES_DIR}, "/", DK_DKHOST_PATH);
-    SCOPED_TRACE(help + ":\n" + run.output);
-    EXPECT_EQ(run.exitCode, 0);
-    for (const std::string& line : std::vector<std::string>{"USAGE: dkhost." + kExecutableExtension + " [options list] ", "dkhost options:", "Ticker plug-in:",
-                                   "Exit codes (when several apply, the lowest):"})
-      EXPECT_EQ(run.Count(line), 1u) << line;
-    for (const char* option : {"   /ticks:{count} ", "   /strict ", "   /osxpath:{directory} "})
-      EXPECT_EQ(run.Starting(option).size(), 1u) << option;
-    EXPECT_TRUE(run.Starting(">>>> Initializing").empty() && run.Starting("RUN> ").empty());
-    EXPECT_FALSE(run.Has(kExit)) << "nothing ran: no shut-down lines";
-  }
-  const HostRun none = RunList({}, {"/?"}, DK_DKHOST_PATH);
-  EXPECT_EQ(none.exitCode, 0) << none.output;
-  EXPECT_TRUE(none.Has("dkhost options:")) << none.output;
+// dkhost, the installed host: its exit code tells what went wrong, and /help lists every option
+// (tests/app/cases/dkhost_runs.txt).
+TEST(DkhostTest, ExitCodeTellsWhatWentWrongAndHelpListsTheOptions) {
+  RunCases("dkhost_runs.txt", DK_DKHOST_PATH, DK_SAMPLES_DIR);
 }
 
 // A threaded plug-in that does not stop is named once the grace period is over, and another
