@@ -223,8 +223,6 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
 
   EXPECT_TRUE(run.Has("RUN> Running <Crasher>...")) << run.output;
   EXPECT_EQ(run.Count(header), 1u) << run.output;
-  EXPECT_EQ(run.Count("Address: 0x0000000000000000"), 1u) << run.output;
-  EXPECT_FALSE(run.Starting("Process: ").empty()) << run.output;
   EXPECT_TRUE(std::any_of(run.lines.begin(), run.lines.end(),
                           [](const std::string& line) { return line.find("crasher.osx(") != std::string::npos; }))
       << "the plug-in's frame names its module: " << run.output;

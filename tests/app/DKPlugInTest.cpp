@@ -25,11 +25,6 @@ public:
   DKString GetName() const override { return Text(m_name); }
   PlugInIdEx GetId() const override { return PlugInIdEx(m_id, GetName()); }
   std::vector<PlugInIdEx> GetDependentV() const override { return m_dependencies; }
-  DKUsageInfo GetUsageInfo() const override {
-    DKUsageInfo usage;
-    usage.AddCmdLineArgDesc(Text(m_name), Text("option of " + m_name));
-    return usage;
-  }
   DKErrorID Init(const DKApplicationWithPlugIns&) override {
     Journal().push_back("Init " + m_name);
     return DKErrorID();
@@ -110,9 +105,10 @@ public:
 
 class DKPlugInTest : public ConsoleTest {
 protected:
-  void SetUp() override {
+  void SetUp() override { Clear(); }
+  void Clear() {
     Journal().clear();
-    ConsoleTest::SetUp();
+    m_console.Clear();
   }
 };
 
@@ -168,7 +164,7 @@ TEST_F(DKPlugInTest, HierarchyPutsDependenciesFirstAndDescribesCycles) {
   EXPECT_EQ(cycles[1], DKString(DK_T("S -> S")));
 }
 
-TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceListsItsOptionsAndRefusesATakenId) {
+TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceAndRefusesATakenId) {
   TestApp app;
   DKSmartPtr<DKPlugIn> base(new Probe("Base", 1));
   DKSmartPtr<DKPlugIn> user(new Probe("User", 2, {PlugInIdEx(Id(1), DK_T("Base"))}));
@@ -185,8 +181,6 @@ TEST_F(DKPlugInTest, LoadPlugInAddsAndInitialisesOnceListsItsOptionsAndRefusesAT
   EXPECT_EQ(user->GetStatus(), DKPlugIn::Initialized);
   EXPECT_EQ(app.FindPlugIn(Id(2)), user);
   EXPECT_EQ(app.FindPlugIn(Id(9)), nullptr);
-  ASSERT_EQ(app.GetCustomUsageInfo().size(), 2u);
-  EXPECT_EQ(app.GetCustomUsageInfo()[1].FormatUsage().AsUTF8().find("   /User"), 0u);
   EXPECT_TRUE(app.CheckDependents(user, true).Good());
 
   // A second plug-in with a taken id is refused (the line it prints: host_runs.txt); the same
@@ -237,8 +231,7 @@ TEST_F(DKPlugInTest, QuitRequestReachesThePlugInsOfEveryApplication) {
 TEST_F(DKPlugInTest, APlugInThrowingFromAnyMemberFailsAloneAndTheHostGoesOn) {
   for (const auto& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "plugin_throwers.txt", 4)) {
     SCOPED_TRACE(c.where);
-    Journal().clear();
-    m_console.Clear();
+    Clear();
     {
       TestApp app;
       ASSERT_TRUE(app.LoadPlugIn(new Probe("Good", 1)).Good());
@@ -297,8 +290,7 @@ TEST_F(DKPlugInTest, ContainersHandOverTheirMembersAndCyclesAndFailingOnesAreRef
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
-    Journal().clear();
-    m_console.Clear();
+    Clear();
     TestApp app;
     const DKErrorID result = app.LoadPlugIn(c.container);
     EXPECT_EQ(result.Good() ? std::string() : result.AsString().AsUTF8(), c.error);
