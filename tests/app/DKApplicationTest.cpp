@@ -32,7 +32,6 @@ TEST_F(DKApplicationTest, DefaultsToTraceLevel1WithTheConsoleAndBecomesTheTraceP
   EXPECT_EQ(DKApplication::GetLogManager().GetSubscriberCount(app.GetChannelId()), 1u);
   EXPECT_EQ(DKApplication::GetLogManager().GetChannelName(app.GetChannelId()),
             DKString(DK_T("DKApplicationChannel")));
-  EXPECT_FALSE(app.GetConfigFile());
   EXPECT_EQ(app.GetMainThreadId(), DKThread::GetCurrentThreadID().m_threadID);
   app.GetCout() << "to the console" << std::endl;
   DKApplication::GetAppCout(2) << "too detailed" << std::endl;

@@ -201,8 +201,6 @@ TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
     log.SetPattern(Text(c[0]));
     EXPECT_EQ(log.FormatLine(severity, c[2], when), c[3]) << c.where;
   }
-  log.SetPattern(DK_T("%T"));
-  EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(dktest::CurrentThreadId()));
 }
 
 // The names and levels of the severities show in the lines of tests/app/cases/log_levels.txt.
