@@ -169,13 +169,15 @@ const int kQuitSignals[] = {SIGINT, SIGTERM};
 
 class PlugInHostSignalTest : public ::testing::TestWithParam<int> {};
 
-// The threaded plug-ins are stopped, and the run step that waits on the main thread sees the
-// exit request.
+// The threaded plug-ins are stopped, the README's among them (built from the README's text, it
+// beats with the interval of its configuration), and the run step that waits on the main thread
+// sees the exit request.
 TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInAndARunStepBeforeTheExit) {
   ScratchDir dir;
-  WriteList(dir / "osx.lst", {"worker", "good", "worker2", "patient"});
-  Child host(HostCommand({"/osxpath:" + dir.Path().string()}), dir.Path().string());
-  for (const char* line : {"Worker: started\n", "Worker2: started\n", "Patient: waiting\n"})
+  WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
+  WriteList(dir / "osx.lst", {"worker", "good", "worker2", "heartbeat", "patient"});
+  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}), dir.Path().string());
+  for (const char* line : {"Worker: started\n", "Worker2: started\n", "Heartbeat 3\n", "Patient: waiting\n"})
     ASSERT_TRUE(host.WaitFor(line)) << host.Output();
   std::string why;
   if (!host.Quit(GetParam(), &why))
@@ -191,6 +193,8 @@ TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInAndARunStepBefore
     EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(name + ": stopped")) << run.output;
     EXPECT_LT(run.IndexOf(name + ": stopped"), run.IndexOf(">>>> Unloading <" + name + ">...")) << run.output;
   }
+  EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
+  EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;
   EXPECT_EQ(run.lines.back(), kExit) << run.output;
 }
 
@@ -306,34 +310,15 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
     }
     const HostRun run = Finished(host);
     SCOPED_TRACE(run.output);
-    const std::string& name = c.name;
     EXPECT_EQ(run.exitCode, 128 + c.signal);
-    EXPECT_EQ(run.Count("ERR> *** Quit signal while stopping: ending the process without waiting for <" + name + ">"), 1u);
+    EXPECT_EQ(run.Count("ERR> *** Quit signal while stopping: ending the process without waiting for <" + c.name + ">"),
+              1u);
     EXPECT_EQ(run.Count("Good: unload"), 1u);
-    EXPECT_FALSE(run.Has(">>>> Unloading <" + name + ">..."));
+    EXPECT_FALSE(run.Has(">>>> Unloading <" + c.name + ">..."));
     EXPECT_EQ(run.lines.back(), kExit);
   }
   if (!skipped.empty())
     GTEST_SKIP() << "the other cases passed; not sent: " << skipped;
-}
-
-// The threaded plug-in of the README, built from the README's text, beats under dkhost with
-// the interval of its configuration until a quit signal stops it.
-TEST(DkhostTest, TheReadmePlugInBeatsUntilAskedToStop) {
-  ScratchDir dir;
-  WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
-  WriteList(dir / "osx.lst", {"heartbeat"});
-  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, DK_DKHOST_PATH),
-             dir.Path().string());
-  ASSERT_TRUE(host.WaitFor("Heartbeat 3\n")) << host.Output();
-  std::string why;
-  if (!host.Quit(SIGINT, &why))
-    GTEST_SKIP() << why;
-  const HostRun run = Finished(host);
-  EXPECT_EQ(run.exitCode, 0) << run.output;
-  EXPECT_TRUE(run.Has("RUN> Running <Heartbeat>...(threaded)")) << run.output;
-  EXPECT_LT(run.IndexOf(kQuit), run.IndexOf(">>>> Unloading <Heartbeat>...")) << run.output;
-  EXPECT_EQ(run.lines.back(), kExit) << run.output;
 }
 
 #endif
