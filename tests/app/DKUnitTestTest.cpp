@@ -79,9 +79,8 @@ TEST(DKUnitTestRun, EveryKindOfFailureIsReportedWithItsReasonAndTheRunGoesOn) {
   expected.insert(expected.end(),
                   {"FAIL M/void: exception: thrown", "PASS M/void ok", "M: 10 run, 2 passed, 8 failed"});
   std::ostringstream out;
-  const DKUnitTest::Result result = menu.RunAll(out);
+  menu.RunAll(out);
   EXPECT_EQ(SplitLines(out.str()), expected);
-  EXPECT_EQ(result.failed, 8u);
 }
 
 TEST(DKUnitTestAdd, RefusesWhatWouldMakeAPathAmbiguousAndKeepsWhatWasThere) {

@@ -99,7 +99,6 @@ public:
     Out() << m_name << ": stop requested" << std::endl;
     m_stop.Post();
   }
-  void Unload() override { Out() << m_name << ": unload" << std::endl; }
 
 private:
   DKString m_name;
@@ -128,7 +127,7 @@ public:
 class Stubborn : public Worker {
 public:
   Stubborn() : Worker(DK_T("Stubborn"), TestId(27)) {}
-  void Stop() override { Out() << "Stubborn: stop ignored" << std::endl; }
+  void Stop() override {}
 };
 
 // Never returns from Stop.
@@ -136,7 +135,6 @@ class StuckStop : public Worker {
 public:
   StuckStop() : Worker(DK_T("StuckStop"), TestId(28)) {}
   void Stop() override {
-    Out() << "StuckStop: stop requested" << std::endl;
     DKEventSemaphore never;
     never.Wait();
   }

@@ -99,32 +99,46 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 
 int StatusCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
+// Starts the program (args[0]) in the environment and the working directory (this process's
+// when empty), its standard output, and its standard error when withError, on a new pipe whose
+// reading end goes to fd (-1 when there is none). The pid, or -1 with the reason in error.
+pid_t Spawn(std::vector<std::string> args, std::vector<std::string> env, const std::string& workingDirectory,
+            bool withError, int& fd, int& error) {
+  std::vector<char*> argv = Pointers(args), envp = Pointers(env);
+  int fds[2];
+  if (args.empty() || ::pipe2(fds, O_CLOEXEC) != 0) { // close-on-exec: no other child keeps the pipe open
+    error = args.empty() ? EINVAL : errno;
+    return -1;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  if (withError)
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
+  if (!workingDirectory.empty())
+    posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
+  pid_t pid = -1;
+  error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(fds[1]);
+  fd = fds[0];
+  return error == 0 ? pid : -1;
+}
+
 } // namespace
 
 ProcessResult RunProcess(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& set,
                          const std::string& dropPrefix) {
-  std::vector<std::string> args = arguments, env = Environment(set, dropPrefix);
-  std::vector<char*> argv = Pointers(args), envp = Pointers(env);
-
   ProcessResult result;
-  int fds[2];
-  if (args.empty() || ::pipe(fds) != 0)
-    return result;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  posix_spawn_file_actions_addclose(&actions, fds[1]);
-  pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(fds[1]);
+  int fd = -1, error = 0;
+  const pid_t pid = Spawn(arguments, Environment(set, dropPrefix), {}, false, fd, error);
   char buffer[4096];
-  for (ssize_t n; spawned == 0 && (n = ::read(fds[0], buffer, sizeof buffer)) > 0;)
+  for (ssize_t n; pid > 0 && (n = ::read(fd, buffer, sizeof buffer)) > 0;)
     result.output.append(buffer, static_cast<std::size_t>(n));
-  ::close(fds[0]);
+  if (fd >= 0)
+    ::close(fd);
   int status = 0;
-  if (spawned != 0 || ::waitpid(pid, &status, 0) != pid)
+  if (pid <= 0 || ::waitpid(pid, &status, 0) != pid)
     return result;
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.pid = pid;
@@ -141,27 +155,11 @@ struct Child::Process {
 Child::Child(const std::vector<std::string>& arguments, const std::string& workingDirectory,
              const std::map<std::string, std::string>& set)
     : m_process(std::make_unique<Process>()) {
-  std::vector<std::string> args = arguments, env = Environment(set, {});
-  std::vector<char*> argv = Pointers(args), envp = Pointers(env);
-  int fds[2];
-  if (args.empty() || ::pipe2(fds, O_CLOEXEC) != 0) { // close-on-exec: no other child keeps the pipe open
-    ADD_FAILURE() << "cannot make the child's pipe";
-    return;
-  }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
-  if (!workingDirectory.empty())
-    posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str());
-  const int spawned = posix_spawn(&m_process->pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(fds[1]);
-  m_process->fd = fds[0];
-  if (spawned != 0) {
-    m_process->pid = -1;
-    ADD_FAILURE() << "cannot start " << args[0] << ": " << std::strerror(spawned);
-  }
+  int error = 0;
+  m_process->pid = Spawn(arguments, Environment(set, {}), workingDirectory, true, m_process->fd, error);
+  if (m_process->pid < 0)
+    ADD_FAILURE() << "cannot start " << (arguments.empty() ? "(no program)" : arguments[0]) << ": "
+                  << std::strerror(error);
 }
 
 Child::~Child() {
