@@ -39,11 +39,10 @@ TEST(DateTimeExTest, PartsPredicatesAndOrder) {
     }
   }
   const DKDateTimeEx both = Utc(2020, 1, 5, 10, 20, 30);
-  const DKDateTimeEx date(DKDateEx(2020, 1, 5));
   EXPECT_EQ(both.AsInt64(), (static_cast<DKInt64>(DKDateEx(2020, 1, 5).AsInt()) << 32) | DKTimeEx(10, 20, 30).AsInt());
   EXPECT_EQ(DKDateTimeEx::null.AsInt64(), 0xFFFFFFFFLL);
   EXPECT_LT(Utc(2020, 1, 5, 23, 59), Utc(2020, 1, 6, 0, 0)); // date first, then time
-  EXPECT_LT(both, date); // a date alone holds time -1: all ones in the lower half
+  EXPECT_LT(both, DKDateTimeEx(DKDateEx(2020, 1, 5))); // a date alone holds time -1: all ones in the lower half
 }
 
 // ---- Zones --------------------------------------------------------------------------------------
