@@ -1,5 +1,4 @@
 #include <DorvikCore/DKCondition.h>
-#include <DorvikCore/DKConsole.h>
 
 #include <gtest/gtest.h>
 

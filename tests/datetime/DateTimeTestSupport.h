@@ -14,7 +14,6 @@
 #include "support/DKCaseFile.h"
 #include "support/DKTestSupport.h"
 
-#include <cstdio>
 #include <map>
 #include <filesystem>
 #include <ostream>

@@ -1,6 +1,5 @@
 #include <DorvikCore/DKDouble.h>
 #include <DorvikCore/DKError.h>
-#include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKMessageSource.h>
 #include <DorvikCore/DKRefCount.h>
 
@@ -15,7 +14,6 @@
 #include <string>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -21,7 +20,6 @@
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 static_assert(std::is_nothrow_copy_constructible_v<DKException>);
 static_assert(std::is_nothrow_copy_assignable_v<DKException>);

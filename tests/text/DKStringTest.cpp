@@ -1,4 +1,3 @@
-#include <DorvikCore/DKCollator.h>
 #include <DorvikCore/DKMemoryPool.h>
 #include <DorvikCore/DKString.h>
 

@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>

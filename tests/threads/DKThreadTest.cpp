@@ -3,7 +3,6 @@
 // dump, and the stack size from the environment.
 #include "ThreadsTestSupport.h"
 
-#include <DorvikCore/DKConsole.h>
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKThread.h>
 

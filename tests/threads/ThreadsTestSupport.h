@@ -8,7 +8,6 @@
 
 #include "support/DKTestSupport.h"
 
-#include <chrono>
 #include <iostream>
 #include <map>
 #include <string>
