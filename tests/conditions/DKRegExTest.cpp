@@ -38,19 +38,6 @@ std::optional<std::regex> StdCompile(const std::string& pattern) {
   }
 }
 
-// The patterns and texts of cases/regex-oracle.txt, ASCII only, against std::regex in the same run.
-TEST(DKRegExTest, AgreesWithStdRegexOnTable) {
-  for (const dkcases::Case& c : dkcases::Read("regex-oracle.txt", {"pattern", "text"})) {
-    const std::string pattern = dkcases::Bytes(c.Get("pattern"));
-    DKRegEx re(Text(pattern));
-    ASSERT_TRUE(re.IsCompiled()) << c.where << ": " << ErrorText(re);
-    const std::optional<std::regex> oracle = StdCompile(pattern);
-    ASSERT_TRUE(oracle) << c.where;
-    for (const std::string& text : c.All("text"))
-      EXPECT_EQ(re.Match(Text(dkcases::Bytes(text))), std::regex_match(dkcases::Bytes(text), *oracle)) << c.where << " on " << text;
-  }
-}
-
 // Random patterns: items (an atom, an anchor or a group, with a quantifier) and alternatives,
 // and random short texts. For std::regex, which backtracks and takes exponential time on nested
 // quantified groups even on these short texts, only outermost groups are quantified.
@@ -100,7 +87,17 @@ private:
   bool m_nested;
 };
 
-TEST(DKRegExTest, AgreesWithStdRegexOnRandomPatterns) {
+// The patterns and texts of cases/regex-oracle.txt, ASCII only, then random ones, against
+// std::regex in the same run.
+TEST(DKRegExTest, AgreesWithStdRegexOnTableAndRandomPatterns) {
+  for (const dkcases::Case& c : dkcases::Read("regex-oracle.txt", {"pattern", "text"})) {
+    const std::string pattern = dkcases::Bytes(c.Get("pattern"));
+    const DKRegEx re = Compiled(Text(pattern));
+    const std::optional<std::regex> oracle = StdCompile(pattern);
+    ASSERT_TRUE(oracle) << c.where;
+    for (const std::string& text : c.All("text"))
+      EXPECT_EQ(re.Match(Text(dkcases::Bytes(text))), std::regex_match(dkcases::Bytes(text), *oracle)) << c.where << " on " << text;
+  }
   PatternGenerator gen(20240611, stdAtoms, stdQuantifiers, false);
   int compared = 0;
   for (int i = 0; i < 700; ++i) {
@@ -133,7 +130,6 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
   PatternGenerator gen(77, runAtoms, runQuantifiers, true);
   std::mt19937 rng(77);
   auto pick = [&rng](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
-  std::size_t compared = 0;
   for (int i = 0; i < 300; ++i) {
     const DKString p = DKString::FromUTF8(gen.Pattern());
     const DKString other = DKString::FromUTF8(gen.Pattern());
@@ -144,13 +140,11 @@ TEST(DKRegExTest, CachedMatchAgreesWithTheAutomatonOnLongRuns) {
       for (std::size_t r = 0, runs = pick(5); r < runs; ++r)
         text += DKString(static_cast<DKChar>(runUnits[pick(std::size(runUnits))]), pick(3) == 0 ? 1 : 1 + pick(20));
       const bool expected = uncached.Match(text);
-      ++compared;
       ASSERT_EQ(cached.Match(text), expected) << "/" << p.AsUTF8() << "/ on " << t;
       ASSERT_EQ(tiny.Match(text), expected) << "/" << p.AsUTF8() << "/ tiny cache on " << t;
       ASSERT_EQ(otherTiny.Match(text), otherUncached.Match(text)) << "/" << other.AsUTF8() << "/ on " << t;
     }
   }
-  EXPECT_EQ(compared, 3600u);
 
   // Every budget from none to a few states: the caches give up at every point where they can
   // (no start state, no room for a second state, a flush that makes too little room), and the
@@ -247,16 +241,14 @@ TEST(DKRegExTest, RefusesBadPatternsWithAClearError) {
 
 TEST(DKRegExTest, DeepNestingNeitherRecursesNorOverflows) {
   const std::size_t depth = 100000;
-  const DKString open(DK_T('('), depth);
-  DKRegEx re;
-  EXPECT_TRUE(re.Compile(open).Bad());
-  EXPECT_NE(ErrorText(re).find("missing ')'"), std::string::npos);
+  EXPECT_NE(ErrorText(DKRegEx(DKString(DK_T('('), depth))).find("missing ')'"), std::string::npos);
 
   // Balanced: the groups vanish, the nested concatenations are compiled without recursion.
   DKString nested;
   for (std::size_t i = 0; i < 5000; ++i)
     nested += DK_T("(a");
   nested += DKString(DK_T(')'), 5000);
+  DKRegEx re;
   ASSERT_TRUE(re.Compile(nested).Good()) << ErrorText(re);
   EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000)));
   EXPECT_FALSE(re.Match(DKString(DK_T('a'), 4999)));
@@ -286,12 +278,8 @@ TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000})+b")).Good());
   EXPECT_LT(re.GetProgramSize(), 10u);
   EXPECT_TRUE(re.Match(DKString(DK_T('a'), 100000) + DK_T("b")));
-  // Programs whose automaton meets a new state at nearly every character, far more than the
-  // cache holds: the cache is flushed and rebuilt, the answers stay right.
-  ASSERT_TRUE(re.Compile(DK_T("(?:a{0,1000}c?)+b")).Good());
-  EXPECT_TRUE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cab")));
-  EXPECT_FALSE(re.Match(DKString(DK_T('a'), 5000) + DK_T("cca")));
-  // (A cache that fills in the middle of a long text: TakesOverATextThatKeepsTheCacheMissing.)
+  // (A cache flushed and rebuilt over and over: CachedMatchAgreesWithTheAutomatonOnLongRuns; one
+  // that fills in the middle of a long text: TakesOverATextThatKeepsTheCacheMissing.)
 }
 
 DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, int minLength, int maxLength) {
@@ -374,7 +362,6 @@ TEST(DKRegExTest, EmptyAndCleared) {
   ASSERT_TRUE(re.Compile(DK_T("")).Good());
   EXPECT_TRUE(re.Match(nullptr, 0));
   re.Clear();
-  EXPECT_FALSE(re.IsCompiled());
   EXPECT_FALSE(re.Match(DK_T("")));
   EXPECT_TRUE(re.GetPattern().IsEmpty());
 }
