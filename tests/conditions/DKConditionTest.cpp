@@ -57,13 +57,6 @@ protected:
   const bool m_zero = DKDouble::zeroValueOnAssign.load();
 };
 
-int CountOf(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (std::size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1))
-    ++n;
-  return n;
-}
-
 // ---- Operators and values -----------------------------------------------------------------------
 
 // (How "%" and "/=" with a pattern are written: cases/condition-text.txt.)
@@ -207,7 +200,10 @@ TEST_F(ConditionTest, ReadsTheTextsOfTheCaseFile) {
     ASSERT_TRUE(cond.FromString(text));
     if (!c.Has("result")) {
       EXPECT_EQ(cond.ToString(), dkcases::Units(c.Get("printed", c.Get("text"))));
-      EXPECT_EQ(CountOf(Console(), "OR Parsing not implemented!\n"), std::stoi(c.Get("or lines", "0")));
+      std::string lines;
+      for (int n = std::stoi(c.Get("or lines", "0")); n > 0; --n)
+        lines += "OR Parsing not implemented!\n";
+      EXPECT_EQ(Console(), lines);
       continue;
     }
     TruthParams params;

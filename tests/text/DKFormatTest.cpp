@@ -441,8 +441,6 @@ TEST(DKFormatTyped, ArgumentsKeepTheirTypeOrAreNamedAndConsumed) {
       {DKFormatNarrow("%*d|%d", 2.0, 1, 9), "%!*(double)|9"},
       {DKFormatNarrow("%*.*s|%s", "w", 3, "abc", "next"), "%!*(text)|next"},
       {DKFormatNarrow("%.*f|%d", nullptr, 1.0, 4), "%!*(nullptr)|4"},
-      // Extra arguments are ignored, as with printf.
-      {DKFormatNarrow("%d", 1, 2, "three"), "1"},
   };
   ExpectRows(narrow);
   const WideRow wide[] = {
