@@ -5,14 +5,30 @@
 #include <DorvikCore/DKError.h>
 #include <DorvikCore/DKException.h>
 #include <DorvikCore/DKString.h>
+#include <DorvikCore/DKSync.h>
 
 #include "support/DKTestSupport.h"
 
+#include <atomic>
 #include <iostream>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
+
+// A gate that holds the threads behind it until opened, counting those that reached it.
+struct Gate {
+  DKEventSemaphore open;
+  std::atomic<int> waiting{0};
+
+  void Pass() {
+    ++waiting;
+    open.Wait();
+  }
+  bool Reached(int n) {
+    return WaitUntil([&] { return waiting.load() >= n; });
+  }
+};
 
 // Runs f on a thread of its own and returns its result.
 template <class F>
