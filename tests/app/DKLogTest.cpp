@@ -192,7 +192,8 @@ TEST(DKLoggerTest, UnknownSeverityNamesAreRefused) {
 TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
   DKLogger log(DK_T("logtest"));
   ASSERT_EQ(log.GetChannel(), m_channel) << "the logger found the channel by name";
-  EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m"))); // how patterns lay out lines: fuzz_log_pattern
+  // The default pattern (how patterns lay out lines: the log_pattern fuzz target).
+  EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m")));
   log.SetPattern(DK_T("%s %m"));
   constexpr DKLogSeverity all[] = {DKLogSeverity::Error, DKLogSeverity::Warning, DKLogSeverity::Info,
                                    DKLogSeverity::Debug, DKLogSeverity::Trace};
@@ -236,14 +237,6 @@ TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
 
 std::string Line(int number) { return "line " + std::to_string(100 + number) + " of the rotated log\n"; } // 29 bytes
 
-// The lines the kept files hold, oldest file first.
-std::string KeptText(const ScratchDir& dir, unsigned keep) {
-  std::string text;
-  for (unsigned n = keep; n >= 1; --n)
-    text += ReadWholeFile(dir / ("log.txt." + std::to_string(n)));
-  return text + ReadWholeFile(dir / "log.txt");
-}
-
 TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
   for (const dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_rotation.txt", 4)) {
     SCOPED_TRACE(row.where);
@@ -268,7 +261,10 @@ TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
     const std::size_t files = linesPerFile == 0 ? 1 : std::min<std::size_t>(keep + 1, (total + linesPerFile - 1) / linesPerFile);
     for (unsigned n = 1; n <= keep + 1; ++n)
       EXPECT_EQ(fs::exists(dir / ("log.txt." + std::to_string(n))), n < files) << n;
-    const std::string kept = KeptText(dir, keep);
+    std::string kept; // what the kept files hold, oldest file first
+    for (unsigned n = keep; n >= 1; --n)
+      kept += ReadWholeFile(dir / ("log.txt." + std::to_string(n)));
+    kept += ReadWholeFile(dir / "log.txt");
     const std::size_t keptLines = linesPerFile == 0 ? total : (total - 1) % linesPerFile + 1 + keep * linesPerFile;
     EXPECT_EQ(kept, all.substr(all.size() - std::min<std::size_t>(keptLines, total) * Line(0).size()));
     EXPECT_EQ(file->GetErrorText(), DKString());
@@ -288,7 +284,8 @@ TEST_F(DKLogManagerTest, AFileIsAppendedCountingWhatItHoldsOrTruncatedAndAFailed
     EXPECT_EQ(ReadWholeFile(dir / "log.txt"), Line(0)) << "on disk without closing the file";
     ASSERT_TRUE(m_logs.Unsubscribe(m_channel, file.Get()));
   }
-  DKSmartPtr<DKFileLogSubscriber>(new DKFileLogSubscriber(Text(dir / "log.txt.1"), DKFileLogSubscriber::Truncate));
+  DKSmartPtr<DKFileLogSubscriber>(
+      new DKFileLogSubscriber(Text(dir / "log.txt.1"), DKFileLogSubscriber::Truncate));
   EXPECT_EQ(ReadWholeFile(dir / "log.txt.1"), "");
   // The name the file would be renamed to is a folder that is not empty: the rename fails.
   fs::remove(dir / "log.txt.1");

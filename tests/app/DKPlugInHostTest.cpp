@@ -171,7 +171,8 @@ TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInAndARunStepBefore
   ScratchDir dir;
   WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
   WriteList(dir / "osx.lst", {"worker", "good", "worker2", "heartbeat", "patient"});
-  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}, dir.Path().string());
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"},
+             dir.Path().string());
   for (const char* line : {"Worker: started\n", "Worker2: started\n", "Heartbeat 3\n", "Patient: waiting\n"})
     ASSERT_TRUE(host.WaitFor(line)) << host.Output();
   std::string why;
@@ -217,7 +218,8 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
   const char* options = std::getenv("TSAN_OPTIONS");
   environment["TSAN_OPTIONS"] = std::string(options ? options : "") + ":report_signal_unsafe=0";
 #endif
-  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string()}, dir.Path().string(), environment);
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string()}, dir.Path().string(),
+             environment);
   const HostRun run = Finished(host);
 
   EXPECT_TRUE(run.Has("RUN> Running <Crasher>...")) << run.output;
@@ -294,7 +296,8 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
   for (const auto& c : cases) {
     ScratchDir dir;
     WriteList(dir / "osx.lst", {"good", c.kind});
-    Child host({DK_DKHOST_PATH, "/osxpath:" + dir.Path().string(), "/stopWait:0"}, dir.Path().string());
+    Child host({DK_DKHOST_PATH, "/osxpath:" + dir.Path().string(), "/stopWait:0"},
+               dir.Path().string());
     ASSERT_TRUE(host.WaitFor(c.name + ": started\n")) << host.Output();
     std::string why;
     ASSERT_TRUE(host.Quit(SIGINT, &why)) << why;

@@ -20,6 +20,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 static_assert(std::is_nothrow_copy_constructible_v<DKException>);
 static_assert(std::is_nothrow_copy_assignable_v<DKException>);
@@ -165,8 +166,7 @@ TEST(DKExceptionTest, ReportHasTheFixedLinesInOrderAndTheProcessWideNotice) {
       << lines[1];
   EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(THREAD:    [1-9]\d*)"))) << lines[2];
   EXPECT_EQ(lines[4], "STACK:");
-  for (std::size_t i = 0; i < stackLines.size(); ++i)
-    EXPECT_EQ(lines[5 + i], stackLines[i]);
+  EXPECT_EQ(std::vector<std::string>(lines.begin() + 5, lines.end() - 1), stackLines);
   EXPECT_EQ(lines.back(), "");
 
   std::string otherThread; // the report names the thread that writes it
