@@ -48,10 +48,8 @@ HostRun Finished(Child& host) {
   return {exitCode, host.Lines(), host.Output()};
 }
 
-HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory,
-                const std::string& program = DK_TEST_HOST_PATH) {
-  std::vector<std::string> command{program};
-  command.insert(command.end(), arguments.begin(), arguments.end());
+// Runs the command line (the program first) to its end.
+HostRun RunHost(const std::vector<std::string>& command, const std::string& workingDirectory) {
   Child host(command, workingDirectory);
   return Finished(host);
 }
@@ -95,7 +93,7 @@ void RunCases(const char* file, const std::string& program, const std::string& s
           text.replace(at, name.size(), value);
       return text;
     };
-    std::vector<std::string> kinds, arguments, sequence;
+    std::vector<std::string> kinds, command{program}, sequence;
     std::istringstream words(c.Get("kinds", ""));
     for (std::string kind; words >> kind;)
       kinds.push_back(kind);
@@ -110,10 +108,10 @@ void RunCases(const char* file, const std::string& program, const std::string& s
     for (const std::string& name : c.All("folder"))
       fs::create_directory(dir / name);
     if (const std::string osxpath = c.Get("osxpath", "{dir}"); !osxpath.empty())
-      arguments.push_back("/osxpath:" + expand(osxpath));
+      command.push_back("/osxpath:" + expand(osxpath));
     for (const std::string& option : c.All("option"))
-      arguments.push_back(expand(option));
-    const HostRun run = RunHost(arguments, expand(c.Get("cwd", "{dir}")), program);
+      command.push_back(expand(option));
+    const HostRun run = RunHost(command, expand(c.Get("cwd", "{dir}")));
     SCOPED_TRACE(c.where + ":\n" + run.output);
     for (const std::string& line : c.All("sequence"))
       sequence.push_back(expand(line));
@@ -254,8 +252,9 @@ TEST(PlugInHostTest, DirectoriesAreSearchedOnceInOrderAndBadListsAreReported) {
   fs::create_directories(second / "sub/osx.lst"); // a list file that cannot be read
   fs::copy_file(Module("good"), second / "sub/good.osx");
   const std::string again = first.Path().string() + "/./";
-  const HostRun run = RunHost({"/osxpath:" + first.Path().string(), "/osxpath:" + second.Path().string(),
-                               "-OSXPATH:" + again, "/osxpath", "/osxpath:" + second / "sub"},
+  const HostRun run = RunHost({DK_TEST_HOST_PATH, "/osxpath:" + first.Path().string(),
+                               "/osxpath:" + second.Path().string(), "-OSXPATH:" + again, "/osxpath",
+                               "/osxpath:" + second / "sub"},
                               "/");
   EXPECT_TRUE(run.Has("ERR> *** " + first / "osx.lst" + ": line 2 is longer than 260 characters; skipped"))
       << run.output;
