@@ -42,7 +42,6 @@ TEST_F(DKLogManagerTest, SubscribersTakeTextUpToTheirLevelAndSubscriptionsAndCha
   EXPECT_FALSE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2)) << "not subscribed yet";
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1));
   ASSERT_TRUE(m_logs.Subscribe(m_channel, recorder, 1)) << "subscribing again keeps one subscription";
-  EXPECT_EQ(m_logs.GetSubscriberCount(m_channel), 4u);
   m_logs.Publish(m_channel, 2, "hidden\n");
   ASSERT_TRUE(m_logs.ChangeSubscriptionLevel(m_channel, recorder.Get(), 2));
   std::uint32_t level = 0;
@@ -108,18 +107,9 @@ TEST_F(DKLogManagerTest, EachThreadWritesThroughItsOwnStream) {
     EXPECT_EQ(piece.second.rfind("thread ", 0), 0u) << "a line came in pieces: " << piece.second;
 }
 
-TEST_F(DKLogManagerTest, FileSubscriberAppendsAndFlushesEveryPieceOrIsRefused) {
+// (What a file subscriber writes: the rotation tests below.)
+TEST_F(DKLogManagerTest, FileSubscriberThatCannotOpenItsFileIsRefused) {
   ScratchDir dir;
-  const std::string path = dir / "log.txt";
-  WriteWholeFile(path, "before\n");
-  DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(path)));
-  ASSERT_TRUE(file->IsGood());
-  ASSERT_TRUE(m_logs.Subscribe(m_channel, file, 1));
-  m_logs.Publish(m_channel, 1, "line\n");
-  EXPECT_EQ(ReadWholeFile(path), "before\nline\n") << "on disk without closing the file";
-  DKSmartPtr<DKFileLogSubscriber> fresh(new DKFileLogSubscriber(Text(path), DKFileLogSubscriber::Truncate));
-  EXPECT_EQ(ReadWholeFile(path), "");
-
   DKSmartPtr<DKFileLogSubscriber> missing(new DKFileLogSubscriber(Text(dir / "missing/log.txt")));
   EXPECT_FALSE(missing->IsGood());
 #if defined(_WIN32)
@@ -138,7 +128,6 @@ TEST(DKErrorLogTest, AppendsLinesToTheNamedFile) {
   DKLogManager& logs = DKLogManager::Get();
   const DKString previous = logs.GetErrorLogFile();
   logs.SetErrorLogFile(Text(dir.Path().string()), DK_T("prog-ERROR.LOG"));
-  EXPECT_EQ(logs.GetErrorLogFile().AsUTF8(), dir / "prog-ERROR.LOG");
   EXPECT_TRUE(logs.AppendToErrorLog(DK_T("first")));
   EXPECT_TRUE(logs.AppendToErrorLog(DK_T("second")));
   EXPECT_EQ(ReadWholeFile(dir / "prog-ERROR.LOG"), "first\nsecond\n");
@@ -190,19 +179,6 @@ TEST(DKLoggerTest, TimeStampsMatchTheCLibraryInUtcAndLocalTime) {
     EXPECT_EQ(DKLogger::TimeStamp(At(instant), DKLogger::TimeZone::Local), ReferenceStamp(instant, false)) << instant;
 }
 
-TEST_F(DKLogManagerTest, PatternLaysOutEachLine) {
-  DKLogger log(m_channel);
-  EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m")));
-  log.SetTimeZone(DKLogger::TimeZone::Utc);
-  const Clock::time_point when = At(1709251199123); // 2024-02-29T23:59:59.123Z
-  for (const dktest::CaseLine& c : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_patterns.txt", 4)) {
-    DKLogSeverity severity = DKLogSeverity::Info;
-    ASSERT_TRUE(DKLogSeverityFromName(c[1], severity)) << c.where;
-    log.SetPattern(Text(c[0]));
-    EXPECT_EQ(log.FormatLine(severity, c[2], when), c[3]) << c.where;
-  }
-}
-
 // The names and levels of the severities show in the lines of tests/app/cases/log_levels.txt.
 TEST(DKLoggerTest, UnknownSeverityNamesAreRefused) {
   DKLogSeverity parsed = DKLogSeverity::Warning;
@@ -216,6 +192,8 @@ TEST(DKLoggerTest, UnknownSeverityNamesAreRefused) {
 TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
   DKLogger log(DK_T("logtest"));
   ASSERT_EQ(log.GetChannel(), m_channel) << "the logger found the channel by name";
+  // The default pattern (how patterns lay out lines: the log_pattern fuzz target).
+  EXPECT_EQ(log.GetPattern(), DKString(DK_T("%t %s %m")));
   log.SetPattern(DK_T("%s %m"));
   constexpr DKLogSeverity all[] = {DKLogSeverity::Error, DKLogSeverity::Warning, DKLogSeverity::Info,
                                    DKLogSeverity::Debug, DKLogSeverity::Trace};
@@ -259,14 +237,6 @@ TEST_F(DKLogManagerTest, LinesGoWhereTheLevelsAndTheThresholdLetThem) {
 
 std::string Line(int number) { return "line " + std::to_string(100 + number) + " of the rotated log\n"; } // 29 bytes
 
-// The lines the kept files hold, oldest file first.
-std::string KeptText(const ScratchDir& dir, unsigned keep) {
-  std::string text;
-  for (unsigned n = keep; n >= 1; --n)
-    text += ReadWholeFile(dir / ("log.txt." + std::to_string(n)));
-  return text + ReadWholeFile(dir / "log.txt");
-}
-
 TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
   for (const dktest::CaseLine& row : dktest::ReadCases(fs::path(DK_APP_CASES) / "log_rotation.txt", 4)) {
     SCOPED_TRACE(row.where);
@@ -291,28 +261,32 @@ TEST_F(DKLogManagerTest, FilesRotateBySizeKeepingTheNewestWholeLines) {
     const std::size_t files = linesPerFile == 0 ? 1 : std::min<std::size_t>(keep + 1, (total + linesPerFile - 1) / linesPerFile);
     for (unsigned n = 1; n <= keep + 1; ++n)
       EXPECT_EQ(fs::exists(dir / ("log.txt." + std::to_string(n))), n < files) << n;
-    const std::string kept = KeptText(dir, keep);
+    std::string kept; // what the kept files hold, oldest file first
+    for (unsigned n = keep; n >= 1; --n)
+      kept += ReadWholeFile(dir / ("log.txt." + std::to_string(n)));
+    kept += ReadWholeFile(dir / "log.txt");
     const std::size_t keptLines = linesPerFile == 0 ? total : (total - 1) % linesPerFile + 1 + keep * linesPerFile;
     EXPECT_EQ(kept, all.substr(all.size() - std::min<std::size_t>(keptLines, total) * Line(0).size()));
-    for (unsigned n = 0; n <= keep && maxBytes != 0; ++n) {
-      const std::string name = n == 0 ? dir / "log.txt" : dir / ("log.txt." + std::to_string(n));
-      EXPECT_LE(ReadWholeFile(name).size(), std::max<std::uint64_t>(maxBytes, Line(0).size()) + (pieces ? Line(0).size() : 0))
-          << name;
-    }
     EXPECT_EQ(file->GetErrorText(), DKString());
   }
 }
 
-TEST_F(DKLogManagerTest, AnAppendedFileCountsWhatItHoldsAndAFailedRotationLosesNothing) {
+TEST_F(DKLogManagerTest, AFileIsAppendedCountingWhatItHoldsOrTruncatedAndAFailedRotationLosesNothing) {
   ScratchDir dir;
   WriteWholeFile(dir / "log.txt", std::string(90, 'x') + "\n");
   {
     DKSmartPtr<DKFileLogSubscriber> file(new DKFileLogSubscriber(Text(dir / "log.txt")));
+    ASSERT_TRUE(file->IsGood());
+    ASSERT_TRUE(m_logs.Subscribe(m_channel, file, 1));
     file->SetRotation(100, 1);
-    file->Write(1, 1, Line(0));
+    m_logs.Publish(m_channel, 1, Line(0));
     EXPECT_EQ(ReadWholeFile(dir / "log.txt.1"), std::string(90, 'x') + "\n");
-    EXPECT_EQ(ReadWholeFile(dir / "log.txt"), Line(0));
+    EXPECT_EQ(ReadWholeFile(dir / "log.txt"), Line(0)) << "on disk without closing the file";
+    ASSERT_TRUE(m_logs.Unsubscribe(m_channel, file.Get()));
   }
+  DKSmartPtr<DKFileLogSubscriber>(
+      new DKFileLogSubscriber(Text(dir / "log.txt.1"), DKFileLogSubscriber::Truncate));
+  EXPECT_EQ(ReadWholeFile(dir / "log.txt.1"), "");
   // The name the file would be renamed to is a folder that is not empty: the rename fails.
   fs::remove(dir / "log.txt.1");
   fs::create_directories(dir / "log.txt.1/in");

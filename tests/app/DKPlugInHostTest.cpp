@@ -43,21 +43,14 @@ struct HostRun {
   }
 };
 
-std::vector<std::string> HostCommand(const std::vector<std::string>& arguments,
-                                     const std::string& program = DK_TEST_HOST_PATH) {
-  std::vector<std::string> command{program};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return command;
-}
-
 HostRun Finished(Child& host) {
   const int exitCode = host.Finish();
   return {exitCode, host.Lines(), host.Output()};
 }
 
-HostRun RunHost(const std::vector<std::string>& arguments, const std::string& workingDirectory,
-                const std::string& program = DK_TEST_HOST_PATH) {
-  Child host(HostCommand(arguments, program), workingDirectory);
+// Runs the command line (the program first) to its end.
+HostRun RunHost(const std::vector<std::string>& command, const std::string& workingDirectory) {
+  Child host(command, workingDirectory);
   return Finished(host);
 }
 
@@ -100,7 +93,7 @@ void RunCases(const char* file, const std::string& program, const std::string& s
           text.replace(at, name.size(), value);
       return text;
     };
-    std::vector<std::string> kinds, arguments, sequence;
+    std::vector<std::string> kinds, command{program}, sequence;
     std::istringstream words(c.Get("kinds", ""));
     for (std::string kind; words >> kind;)
       kinds.push_back(kind);
@@ -115,10 +108,10 @@ void RunCases(const char* file, const std::string& program, const std::string& s
     for (const std::string& name : c.All("folder"))
       fs::create_directory(dir / name);
     if (const std::string osxpath = c.Get("osxpath", "{dir}"); !osxpath.empty())
-      arguments.push_back("/osxpath:" + expand(osxpath));
+      command.push_back("/osxpath:" + expand(osxpath));
     for (const std::string& option : c.All("option"))
-      arguments.push_back(expand(option));
-    const HostRun run = RunHost(arguments, expand(c.Get("cwd", "{dir}")), program);
+      command.push_back(expand(option));
+    const HostRun run = RunHost(command, expand(c.Get("cwd", "{dir}")));
     SCOPED_TRACE(c.where + ":\n" + run.output);
     for (const std::string& line : c.All("sequence"))
       sequence.push_back(expand(line));
@@ -176,7 +169,8 @@ TEST_P(PlugInHostSignalTest, QuitSignalStopsEveryThreadedPlugInAndARunStepBefore
   ScratchDir dir;
   WriteWholeFile(dir / "host.ini", "[Heartbeat]\nIntervalMs=5\n");
   WriteList(dir / "osx.lst", {"worker", "good", "worker2", "heartbeat", "patient"});
-  Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"}), dir.Path().string());
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string(), "/config:" + dir / "host.ini"},
+             dir.Path().string());
   for (const char* line : {"Worker: started\n", "Worker2: started\n", "Heartbeat 3\n", "Patient: waiting\n"})
     ASSERT_TRUE(host.WaitFor(line)) << host.Output();
   std::string why;
@@ -222,7 +216,8 @@ TEST(PlugInHostTest, AFaultInAPlugInIsReportedAndEndsTheHostWithItsCode) {
   const char* options = std::getenv("TSAN_OPTIONS");
   environment["TSAN_OPTIONS"] = std::string(options ? options : "") + ":report_signal_unsafe=0";
 #endif
-  Child host(HostCommand({"/osxpath:" + dir.Path().string()}), dir.Path().string(), environment);
+  Child host({DK_TEST_HOST_PATH, "/osxpath:" + dir.Path().string()}, dir.Path().string(),
+             environment);
   const HostRun run = Finished(host);
 
   EXPECT_TRUE(run.Has("RUN> Running <Crasher>...")) << run.output;
@@ -257,8 +252,9 @@ TEST(PlugInHostTest, DirectoriesAreSearchedOnceInOrderAndBadListsAreReported) {
   fs::create_directories(second / "sub/osx.lst"); // a list file that cannot be read
   fs::copy_file(Module("good"), second / "sub/good.osx");
   const std::string again = first.Path().string() + "/./";
-  const HostRun run = RunHost({"/osxpath:" + first.Path().string(), "/osxpath:" + second.Path().string(),
-                               "-OSXPATH:" + again, "/osxpath", "/osxpath:" + second / "sub"},
+  const HostRun run = RunHost({DK_TEST_HOST_PATH, "/osxpath:" + first.Path().string(),
+                               "/osxpath:" + second.Path().string(), "-OSXPATH:" + again, "/osxpath",
+                               "/osxpath:" + second / "sub"},
                               "/");
   EXPECT_TRUE(run.Has("ERR> *** " + first / "osx.lst" + ": line 2 is longer than 260 characters; skipped"))
       << run.output;
@@ -299,7 +295,8 @@ TEST(DkhostTest, AQuitSignalWhileStoppingEndsTheProcess) {
   for (const auto& c : cases) {
     ScratchDir dir;
     WriteList(dir / "osx.lst", {"good", c.kind});
-    Child host(HostCommand({"/osxpath:" + dir.Path().string(), "/stopWait:0"}, DK_DKHOST_PATH), dir.Path().string());
+    Child host({DK_DKHOST_PATH, "/osxpath:" + dir.Path().string(), "/stopWait:0"},
+               dir.Path().string());
     ASSERT_TRUE(host.WaitFor(c.name + ": started\n")) << host.Output();
     std::string why;
     ASSERT_TRUE(host.Quit(SIGINT, &why)) << why;
