@@ -16,7 +16,10 @@
 
 // The program's operator new and delete are replaced, so that each allocation of the program and
 // of the library goes through one counter (the standard library's array and nothrow forms call
-// these).
+// these). Each block is freed as it was allocated (malloc), which GCC cannot see through.
+#if defined(__GNUC__) && !defined(__clang__)
+#  pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 namespace {
 
 // Allocations left before one fails (the mode open-oom arms it); negative: none fails.
