@@ -14,9 +14,8 @@
 #include <new>
 #include <string>
 
-// The program's operator new and delete are replaced, so that each allocation of the program and
-// of the library goes through one counter (the standard library's array and nothrow forms call
-// these). Each block is freed as it was allocated (malloc), which GCC cannot see through.
+// Every plain form of new and delete is replaced, so that each allocation of the program and of
+// the library goes through one counter and each block is freed as it was allocated (malloc).
 #if defined(__GNUC__) && !defined(__clang__)
 #  pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 #endif
@@ -25,9 +24,7 @@ namespace {
 // Allocations left before one fails (the mode open-oom arms it); negative: none fails.
 std::atomic<long> g_allocationsBeforeFailure{-1};
 
-} // namespace
-
-void* operator new(std::size_t size) {
+void* Allocate(std::size_t size) {
   if (g_allocationsBeforeFailure.load(std::memory_order_relaxed) >= 0 &&
       g_allocationsBeforeFailure.fetch_sub(1, std::memory_order_relaxed) == 0)
     throw std::bad_alloc();
@@ -35,8 +32,27 @@ void* operator new(std::size_t size) {
     return block;
   throw std::bad_alloc();
 }
+
+void* AllocateOrNull(std::size_t size) noexcept {
+  try {
+    return Allocate(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+} // namespace
+
+void* operator new(std::size_t size) { return Allocate(size); }
+void* operator new[](std::size_t size) { return Allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return AllocateOrNull(size); }
 void operator delete(void* block) noexcept { std::free(block); }
+void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
 
 namespace {
 
