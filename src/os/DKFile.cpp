@@ -67,8 +67,25 @@ bool DKFile::ReadAll(const DKString& path, std::string& bytes, DKString& error) 
   FileImpl file;
   if (const int code = file.OpenForReading(path))
     return Failed(code, DK_T("cannot open"), path, error);
-  if (const int code = file.ReadAll(bytes))
-    return Failed(code, DK_T("cannot read"), path, error);
+  // One more byte than the size, so that the end is seen without growing; reads on to the real
+  // end whatever the size said (a file that grows, special files). A read that stops short
+  // exactly at the size the file was opened with has met its end.
+  const std::uint64_t hint = file.SizeHint();
+  bytes.resize(hint ? static_cast<std::size_t>(hint) + 1 : 65536);
+  std::size_t used = 0;
+  for (;;) {
+    if (used == bytes.size())
+      bytes.resize(bytes.size() * 2);
+    std::size_t got = 0;
+    if (const int code = file.Read(bytes.data() + used, bytes.size() - used, got)) {
+      bytes.clear();
+      return Failed(code, DK_T("cannot read"), path, error);
+    }
+    used += got;
+    if (got == 0 || (hint && used == hint))
+      break;
+  }
+  bytes.resize(used);
   return true;
 }
 

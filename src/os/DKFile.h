@@ -86,7 +86,6 @@ public:
   std::uint64_t SizeHint();
   // Reads at most size bytes; got is 0 at the end of the file.
   int Read(void* buffer, std::size_t size, std::size_t& got);
-  int ReadAll(std::string& bytes);
   int WriteAll(const void* data, std::size_t size);
   int Flush(); // to the disk
   int Close();

@@ -117,30 +117,6 @@ int FileImpl::CreateNew(const DKString& path) {
   return Open(path, O_WRONLY | O_CREAT | O_EXCL, m_handle, m_openSize);
 }
 
-int FileImpl::ReadAll(std::string& bytes) {
-  const int fd = static_cast<int>(m_handle);
-  // One more byte than the size, so that the end is seen without growing; reads on to the
-  // real end whatever the size said (a file that grows, special files).
-  bytes.resize(m_openSize ? static_cast<std::size_t>(m_openSize) + 1 : 65536);
-  std::size_t used = 0;
-  for (;;) {
-    if (used == bytes.size())
-      bytes.resize(bytes.size() * 2);
-    const ssize_t n = Retry([&] { return ::read(fd, bytes.data() + used, bytes.size() - used); });
-    if (n < 0) {
-      const int code = errno;
-      bytes.clear();
-      return code;
-    }
-    used += static_cast<std::size_t>(n);
-    // Stopping short exactly at the size the file was opened with is its end (see DKFile).
-    if (n == 0 || (m_openSize && used == m_openSize))
-      break;
-  }
-  bytes.resize(used);
-  return 0;
-}
-
 int FileImpl::WriteAll(const void* data, std::size_t size) {
   const int fd = static_cast<int>(m_handle);
   const char* p = static_cast<const char*>(data);

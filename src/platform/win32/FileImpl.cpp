@@ -125,29 +125,6 @@ int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
   return 0;
 }
 
-int FileImpl::ReadAll(std::string& bytes) {
-  const std::uint64_t sized = SizeHint();
-  // One more byte than the size, so that the end is seen without growing; reads on to the
-  // real end whatever the size said (a file that grows).
-  bytes.resize(sized ? static_cast<std::size_t>(sized) + 1 : 65536);
-  std::size_t used = 0;
-  for (;;) {
-    if (used == bytes.size())
-      bytes.resize(bytes.size() * 2);
-    std::size_t got = 0;
-    if (const int code = Read(bytes.data() + used, bytes.size() - used, got)) {
-      bytes.clear();
-      return code;
-    }
-    used += got;
-    // Stopping short exactly at the size the file was opened with is its end (see DKFile).
-    if (got == 0 || (sized && used == sized))
-      break;
-  }
-  bytes.resize(used);
-  return 0;
-}
-
 int FileImpl::WriteAll(const void* data, std::size_t size) {
   const char* p = static_cast<const char*>(data);
   while (size) {
