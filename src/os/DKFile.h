@@ -82,7 +82,7 @@ public:
   // opening it for writing would fail with otherwise. Nothing is changed.
   static int CheckWritable(const DKString& path);
   // The size the system gives for the open file (0 when it gives none); on POSIX, the size
-  // it had when it was opened.
+  // the path had just before it was opened.
   std::uint64_t SizeHint();
   // Reads at most size bytes; got is 0 at the end of the file.
   int Read(void* buffer, std::size_t size, std::size_t& got);
@@ -111,5 +111,7 @@ public:
 
 private:
   std::intptr_t m_handle = -1;
-  std::uint64_t m_openSize = 0; // POSIX: from the check made at the open
+  std::uint64_t m_openSize = 0; // POSIX: from the look made before the open
+  std::uint64_t m_position = 0; // POSIX: bytes read while the kind is unchecked
+  bool m_kindChecked = true;    // POSIX: false until the descriptor's own kind is known
 };

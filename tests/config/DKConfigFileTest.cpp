@@ -644,6 +644,53 @@ TEST_F(DKConfigFileDiskTest, FifosSocketsAndDevicesAreRefusedWithoutWaiting) {
 #endif
 }
 
+TEST_F(DKConfigFileDiskTest, APathSwappedForAFifoOrADeviceWhileLoadingIsRefused) {
+#if defined(_WIN32)
+  GTEST_SKIP() << "FIFOs and device nodes are POSIX facts";
+#else
+  // A second thread keeps renaming links to a plain file, a FIFO and /dev/zero over one path.
+  // Every load gives the plain file's key or a refusal that names what it met; none waits or
+  // reads on without end. The loads go on until, for each kind, one has met the swap after its
+  // look at the path and before its open: that refusal comes from the read, not the open.
+  const std::string path = Path("swapped.ini"), fifo = Path("fifo");
+  WriteWholeFile(Path("plain.ini"), "[A]\nk=v\n");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+  // Each swap away from the plain file goes back to it next.
+  const std::string targets[] = {Path("plain.ini"), fifo, Path("plain.ini"), "/dev/zero"};
+  ASSERT_EQ(::symlink(targets[0].c_str(), path.c_str()), 0);
+  std::atomic<bool> stop{false};
+  std::thread swapper([&] {
+    const std::string temp = Path("swap.link");
+    for (unsigned i = 1; !stop.load(std::memory_order_relaxed); ++i)
+      if (::symlink(targets[i % 4].c_str(), temp.c_str()) != 0 || ::rename(temp.c_str(), path.c_str()) != 0)
+        ::unlink(temp.c_str());
+  });
+  bool swappedAfterTheLook[2] = {false, false}; // FIFO, device
+  std::string wrong;                              // the first load that went wrong
+  for (int load = 0; load < 20000 && wrong.empty() && !(swappedAfterTheLook[0] && swappedAfterTheLook[1]); ++load) {
+    DKConfigFile file(Text(path));
+    if (file.Reload()) {
+      if (U8(file.GetString(DK_T("A"), DK_T("k"))) != "v")
+        wrong = "loaded without its key";
+      continue;
+    }
+    const std::string error = U8(file.GetLastErrorText());
+    const bool isFifo = error.find("FIFO") != std::string::npos;
+    if (!isFifo && error.find("device") == std::string::npos)
+      wrong = error;
+    else if (error.find("cannot read") != std::string::npos)
+      swappedAfterTheLook[isFifo ? 0 : 1] = true;
+  }
+  stop = true;
+  swapper.join();
+  EXPECT_EQ(wrong, "");
+  // The swap lands in that window a few times in a thousand loads; a machine too busy to show
+  // it has still checked every load above.
+  if (!swappedAfterTheLook[0] || !swappedAfterTheLook[1])
+    std::cout << "note: a swap between the look and the open was not seen for every kind\n";
+#endif
+}
+
 TEST_F(DKConfigFileDiskTest, SaveAndSave2RefuseAFileTheCallerMayNotWrite) {
   const std::string path = Path("app.ini");
   WriteWholeFile(path, "[Old]\n");

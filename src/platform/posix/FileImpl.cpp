@@ -77,7 +77,22 @@ FileImpl::~FileImpl() { Close(); }
 
 int FileImpl::OpenForReading(const DKString& path) {
   Close();
-  return Open(path, O_RDONLY, m_handle, m_openSize);
+  // The kind and the size come from the look before the open. What the descriptor is gets
+  // checked only once the reads depart from that size (Read): a plain file that stays as it was
+  // is read without a second look.
+  const std::string native = Native(path);
+  struct stat info {};
+  if (::stat(native.c_str(), &info) != 0)
+    return errno;
+  if (const int kind = KindCode(info.st_mode))
+    return kind;
+  const int fd = Retry([&] { return ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
+  if (fd < 0)
+    return errno;
+  m_handle = fd;
+  m_openSize = info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+  m_kindChecked = false;
+  return 0;
 }
 
 int FileImpl::OpenForWriting(const DKString& path) {
@@ -103,13 +118,26 @@ int FileImpl::CheckWritable(const DKString& path) {
 std::uint64_t FileImpl::SizeHint() { return m_openSize; }
 
 int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
-  const ssize_t n = Retry([&] { return ::read(static_cast<int>(m_handle), buffer, size); });
-  if (n < 0) {
-    got = 0;
-    return errno;
+  const int fd = static_cast<int>(m_handle);
+  const ssize_t n = Retry([&] { return ::read(fd, buffer, size); });
+  const int code = n < 0 ? errno : 0;
+  got = n < 0 ? 0 : static_cast<std::size_t>(n);
+  if (!m_kindChecked) {
+    // Up to the size the path had before the open, the bytes are what that plain file holds.
+    // A failure, an end before that size or bytes past it may mean the path was swapped for a
+    // FIFO or a device in between: the descriptor's own kind decides, once.
+    const std::uint64_t end = m_position + got;
+    if (code || end > m_openSize || (got == 0 && end < m_openSize)) {
+      struct stat info {};
+      if (const int kind = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno) {
+        got = 0;
+        return kind;
+      }
+      m_kindChecked = true;
+    }
+    m_position = end;
   }
-  got = static_cast<std::size_t>(n);
-  return 0;
+  return code;
 }
 
 int FileImpl::CreateNew(const DKString& path) {
@@ -137,7 +165,8 @@ int FileImpl::Close() {
     return 0;
   const int fd = static_cast<int>(m_handle);
   m_handle = -1;
-  m_openSize = 0;
+  m_openSize = m_position = 0;
+  m_kindChecked = true;
   // close is not retried: the descriptor is gone even when it reports EINTR.
   return ::close(fd) == 0 || errno == EINTR ? 0 : errno;
 }
