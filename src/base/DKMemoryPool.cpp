@@ -40,17 +40,28 @@ constexpr bool kKeepBlocks = true;
 constexpr bool kKeepBlocks = true;
 #endif
 
-constexpr std::size_t kGrain = 16;              // small blocks are allocated in steps of this
-constexpr std::size_t kSmall = 256;             // the largest block kept for reuse
-constexpr std::size_t kLists = kSmall / kGrain; // one list per step
-constexpr std::size_t kKeptBytes = 64 * 1024;   // per thread
+// Small blocks come in steps that end where the C library's own blocks end. On 64-bit systems
+// malloc hands out 16-byte multiples that carry an 8-byte header, that is 24, 40, 56, ... usable
+// bytes, so a block rounded up to its step costs no more than one of the exact size.
+constexpr std::size_t kGrain = 16;                        // from one step to the next
+constexpr std::size_t kSlack = 8;                         // a step's distance below a multiple of kGrain
+constexpr std::size_t kSmall = 256 - kSlack;              // the largest block kept for reuse (a step)
+constexpr std::size_t kLists = (kSmall + kSlack) / kGrain - 1; // one list per step
+constexpr std::size_t kKeptBytes = 64 * 1024;             // per thread
+
+constexpr std::size_t StepOf(std::size_t n) noexcept {
+  return n <= kGrain + kSlack ? kGrain + kSlack : ((n + kSlack + kGrain - 1) & ~(kGrain - 1)) - kSlack;
+}
+constexpr std::size_t ListOf(std::size_t step) noexcept { return (step + kSlack) / kGrain - 2; }
+static_assert(StepOf(1) == 24 && StepOf(24) == 24 && StepOf(25) == 40 && StepOf(kSmall) == kSmall);
+static_assert(ListOf(StepOf(1)) == 0 && ListOf(kSmall) == kLists - 1);
 
 // The size asked of malloc for a block of `bytes`: small ones are rounded up to their step, so
 // that a kept block serves any request of its step. Without kept blocks the size stays exact,
 // so that a sanitizer sees an overrun at the first byte past the request.
 constexpr std::size_t AllocationSize(std::size_t bytes) noexcept {
   const std::size_t n = bytes != 0 ? bytes : 1;
-  return kKeepBlocks && n <= kSmall ? (n + kGrain - 1) & ~(kGrain - 1) : n;
+  return kKeepBlocks && n <= kSmall ? StepOf(n) : n;
 }
 
 // A thread's freed small blocks, linked through their first bytes.
@@ -62,7 +73,7 @@ struct KeptBlocks {
   std::size_t bytes = 0;
 
   void* Take(std::size_t size) noexcept {
-    Link*& list = lists[size / kGrain - 1];
+    Link*& list = lists[ListOf(size)];
     Link* block = list;
     if (block) {
       list = block->next;
@@ -73,7 +84,7 @@ struct KeptBlocks {
   bool Keep(void* block, std::size_t size) noexcept {
     if (bytes + size > kKeptBytes)
       return false;
-    Link*& list = lists[size / kGrain - 1];
+    Link*& list = lists[ListOf(size)];
     list = new (block) Link{list};
     bytes += size;
     return true;

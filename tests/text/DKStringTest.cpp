@@ -6,8 +6,12 @@
 #include "support/DKPoolLeakCheck.h"
 #include "support/DKTestSupport.h"
 #include "support/DKCaseBlocks.h"
+#if defined(__GLIBC__)
+#  include <malloc.h>
+#endif
 
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <sstream>
 #include <string>
@@ -327,6 +331,22 @@ TEST_F(DKStringTest, ReusedAndResizedPoolBlocksHoldTheirWholeSize) {
   }
   for (const Block& b : blocks)
     give(b);
+}
+
+TEST_F(DKStringTest, APoolBlockTakesNoMoreOfTheHeapThanTheExactSizeWould) {
+#if !defined(__GLIBC__)
+  GTEST_SKIP() << "the C library's block sizes are read with malloc_usable_size";
+#else
+  // Rounding a small block up to its step must stay inside the block malloc gives for the
+  // exact size, or every short string costs a larger block.
+  for (std::size_t size = 1; size <= 300; ++size) {
+    void* pooled = DMMemoryPool::NewSized(size);
+    void* exact = std::malloc(size);
+    EXPECT_EQ(::malloc_usable_size(pooled), ::malloc_usable_size(exact)) << size << " bytes";
+    std::free(exact);
+    DMMemoryPool::DeleteSized(pooled, size);
+  }
+#endif
 }
 
 } // namespace
