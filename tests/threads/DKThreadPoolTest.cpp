@@ -60,8 +60,14 @@ TEST(DKThreadPoolTest, TicketsCarryTheResultOrTheExceptionAndAThrowingTaskNeverE
     EXPECT_EQ(c.ticket.GetException() != nullptr, c.threw) << c.label;
   }
   EXPECT_THROW(cases[4].ticket.RethrowException(), Marker);
-  // A posted task has no ticket: its exception is reported.
-  ASSERT_TRUE(pool.Post([] { throw std::logic_error("posted task failed"); }).Good());
+  // A posted task has no ticket: its exception is reported. Its thread finds the queue empty
+  // afterwards and must go idle, not end.
+  std::atomic<bool> postedRan{false};
+  ASSERT_TRUE(pool.Post([&] {
+                    postedRan = true;
+                    throw std::logic_error("posted task failed");
+                  }).Good());
+  ASSERT_TRUE(WaitUntil([&] { return postedRan && (pool.GetIdleThreadCount() == 1 || pool.GetThreadCount() == 0); }));
   // The one thread of the pool survived every exception.
   std::atomic<std::uint32_t> lastThread{0};
   ASSERT_TRUE(pool.Submit([&] { lastThread = DKThread::GetCurrentThreadID().m_threadID; }).Wait());
