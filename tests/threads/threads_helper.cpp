@@ -10,6 +10,7 @@
 #include "support/DKTestPlatform.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -84,12 +85,18 @@ int main(int argc, char** argv) {
   // mutex-abandon NAME: takes the mutex and ends without letting go or closing it.
   if (mode == "mutex-abandon" && argc == 3)
     std::_Exit((new DKMutex(name))->Lock(0) ? 0 : 10);
-  // event-wait NAME READY: says it is ready on READY, then 0 when NAME is posted within 30 s.
+  // event-wait NAME READY: says it is ready on READY, then 0 when a post of NAME wakes it
+  // within 30 s; 13 when it was found posted only once the wait had timed out (the post woke
+  // nobody).
   if (mode == "event-wait" && argc == 4) {
+    constexpr auto kBound = std::chrono::seconds(30);
     DKEventSemaphore event(name);
     const DKString readyName = DKString::FromUTF8(argv[3]);
     DKEventSemaphore(readyName).Post();
-    return event.Wait(30000) == DK_WAIT_OBJECT_0 ? 0 : 11;
+    const auto start = std::chrono::steady_clock::now();
+    if (event.Wait(static_cast<int>(std::chrono::milliseconds(kBound).count())) != DK_WAIT_OBJECT_0)
+      return 11;
+    return std::chrono::steady_clock::now() - start < kBound ? 0 : 13;
   }
   // event-posted NAME: 0 when the event is posted, 12 when not.
   if (mode == "event-posted" && argc == 3)
