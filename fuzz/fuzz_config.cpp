@@ -5,7 +5,7 @@
 //   escapes;
 // - no file gets shorter on a save except by the documented normalisations: the saved text is
 //   exactly the normal form that fuzz/ConfigNormalForm.h works out line by line from
-//   the README's rules (in the file's encoding; UTF-16 is compared through UTF-8);
+//   the README's rules (in the file's encoding; UTF-16 is compared unit by unit);
 // - a tree that loads can be saved, and the saved bytes load again to the same tree and leading
 //   text in the same encoding; saving that tree gives the same bytes again. (Saved text that is
 //   empty has no encoding to find; UTF-16 without a byte-order mark is found again when all its
@@ -76,7 +76,10 @@ bool HasByteOrderMark(std::string_view bytes) {
   return bytes.starts_with("\xFF\xFE") || bytes.starts_with("\xFE\xFF") || bytes.starts_with("\xEF\xBB\xBF");
 }
 
-// The text of bytes in the file's encoding as UTF-8, without the byte-order mark.
+// The text of bytes in the file's encoding as UTF-8, without the byte-order mark. UTF-16 goes
+// unit by unit, each unit its own UTF-8 sequence, a surrogate too (never paired): the compare then
+// sees every unit as it stands. (Paired, a save that brings two lone halves together by taking
+// out the bare carriage returns between them would read as a new character on one side only.)
 std::string AsUtf8(std::string_view bytes, DKConfigFile::Encoding encoding) {
   switch (encoding) {
   case DKConfigFile::Utf8: return std::string(bytes);
@@ -86,12 +89,22 @@ std::string AsUtf8(std::string_view bytes, DKConfigFile::Encoding encoding) {
   const bool little = encoding == DKConfigFile::Utf16LE || encoding == DKConfigFile::Utf16LEWithoutBom;
   if (encoding == DKConfigFile::Utf16LE || encoding == DKConfigFile::Utf16BE)
     bytes.remove_prefix(2);
-  DKString text;
+  std::string text;
   for (std::size_t i = 0; i + 1 < bytes.size(); i += 2) {
     const unsigned first = static_cast<unsigned char>(bytes[i]), second = static_cast<unsigned char>(bytes[i + 1]);
-    text.Append(static_cast<DKChar>(little ? first | second << 8 : first << 8 | second));
+    const unsigned unit = little ? first | second << 8 : first << 8 | second;
+    if (unit < 0x80) {
+      text += static_cast<char>(unit);
+    } else if (unit < 0x800) {
+      text += static_cast<char>(0xC0 | unit >> 6);
+      text += static_cast<char>(0x80 | (unit & 0x3F));
+    } else {
+      text += static_cast<char>(0xE0 | unit >> 12);
+      text += static_cast<char>(0x80 | (unit >> 6 & 0x3F));
+      text += static_cast<char>(0x80 | (unit & 0x3F));
+    }
   }
-  return text.AsUTF8();
+  return text;
 }
 
 void Check(std::string_view bytes, bool hash) {
