@@ -119,19 +119,31 @@ bool InRun(const State& s, char16_t u) noexcept {
 std::size_t SkipRun(const State& s, const DKChar* text, std::size_t pos, std::size_t length) noexcept {
 #ifdef DK_REGEX_SSE2
   __m128i lo[State::maxRunRanges], span[State::maxRunRanges];
-  const unsigned ranges = s.runRanges;
+  const unsigned ranges = s.runRanges; // at least one in a run state
   for (unsigned r = 0; r < ranges; ++r) {
     lo[r] = _mm_set1_epi16(static_cast<short>(s.runLo[r]));
     span[r] = _mm_set1_epi16(static_cast<short>(s.runSpan[r]));
   }
   const __m128i zero = _mm_setzero_si128();
+  // All ones in each 16-bit lane whose unit is in the run: u is in lo .. lo + span when u - lo
+  // (modulo 2^16) does not exceed span.
+  const auto in = [&](std::size_t at) {
+    const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
+    __m128i any = _mm_cmpeq_epi16(_mm_subs_epu16(_mm_sub_epi16(units, lo[0]), span[0]), zero);
+    for (unsigned r = 1; r < ranges; ++r)
+      any = _mm_or_si128(any, _mm_cmpeq_epi16(_mm_subs_epu16(_mm_sub_epi16(units, lo[r]), span[r]), zero));
+    return any;
+  };
+  // Four vectors a step while all of them stay in the run; the step that leaves it is looked
+  // at vector by vector below.
+  while (pos + 32 <= length) {
+    const __m128i all = _mm_and_si128(_mm_and_si128(in(pos), in(pos + 8)), _mm_and_si128(in(pos + 16), in(pos + 24)));
+    if (_mm_movemask_epi8(all) != 0xFFFF)
+      break;
+    pos += 32;
+  }
   while (pos + 8 <= length) {
-    const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + pos));
-    __m128i in = zero;
-    // u is in lo .. lo + span when u - lo (modulo 2^16) does not exceed span.
-    for (unsigned r = 0; r < ranges; ++r)
-      in = _mm_or_si128(in, _mm_cmpeq_epi16(_mm_subs_epu16(_mm_sub_epi16(units, lo[r]), span[r]), zero));
-    const unsigned out = ~static_cast<unsigned>(_mm_movemask_epi8(in)) & 0xFFFFu;
+    const unsigned out = ~static_cast<unsigned>(_mm_movemask_epi8(in(pos))) & 0xFFFFu;
     if (out)
       return pos + static_cast<std::size_t>(std::countr_zero(out)) / 2;
     pos += 8;

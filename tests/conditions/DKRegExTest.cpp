@@ -278,6 +278,29 @@ TEST(DKRegExTest, LongTextsLargeProgramsAndPathologicalPatterns) {
   // that fills in the middle of a long text: TakesOverATextThatKeepsTheCacheMissing.)
 }
 
+// A state that loops on a class skips the run in blocks of units; a unit outside the class at
+// any offset of any block, just outside each range's ends, stops it there.
+TEST(DKRegExTest, SkippedRunsStopAtTheFirstUnitOutsideTheirClass) {
+  const struct {
+    const char* pattern;
+    char inside;
+    const char* outside; // just past each end of each range
+  } cases[] = {{"[a-z]*", 'q', "`{"}, {"[a-cx-zA-C0-2]*", 'b', "dw@D/3"}};
+  for (const auto& c : cases) {
+    const DKRegEx re(Text(c.pattern));
+    for (std::size_t length = 0; length <= 80; ++length) {
+      const std::string run(length, c.inside);
+      ASSERT_TRUE(re.Match(Text(run))) << c.pattern << ", " << length;
+      for (std::size_t at = 0; at < length; ++at)
+        for (const char* o = c.outside; *o; ++o) {
+          std::string text = run;
+          text[at] = *o;
+          ASSERT_FALSE(re.Match(Text(text))) << c.pattern << " on " << text;
+        }
+    }
+  }
+}
+
 DKString RandomText(std::mt19937& rng, const char* alphabet, std::size_t size, int minLength, int maxLength) {
   DKString text;
   const int n = minLength + static_cast<int>(rng() % static_cast<unsigned>(maxLength - minLength + 1));
