@@ -11,8 +11,8 @@
 #endif
 
 #include <algorithm>
-#include <cstdlib>
 #include <atomic>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>

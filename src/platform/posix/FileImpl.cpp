@@ -41,26 +41,27 @@ int KindCode(mode_t mode) noexcept {
   return FileImpl::kIsOtherKind;
 }
 
-// The kind code of what path names now; 0 when it is a plain file or missing.
-int KindOfPath(const std::string& native) noexcept {
-  struct stat info {};
-  return ::stat(native.c_str(), &info) == 0 ? KindCode(info.st_mode) : 0;
-}
-
-// Opens a plain file. The open itself never waits (a FIFO without a writer would block it), and
-// what the descriptor turns out to be is checked again, in case the path changed in between.
-// O_NONBLOCK stays set: it changes nothing for a plain file, the only kind kept open.
-int Open(const DKString& path, int flags, std::intptr_t& handle, std::uint64_t& size) {
+// Opens a plain file. What the path names is looked at before the open, so that no FIFO, socket
+// or device is opened on purpose, and the open itself never waits (a FIFO without a writer would
+// block it). The path may change in between: with checkNow, what the descriptor turns out to be
+// is checked at once, and size comes from the descriptor; without it the caller checks later
+// (FileImpl::Read) and size comes from the look. O_NONBLOCK stays set: it changes nothing for a
+// plain file, the only kind kept open.
+int Open(const DKString& path, int flags, bool checkNow, std::intptr_t& handle, std::uint64_t& size) {
   const std::string native = Native(path);
-  if (const int kind = KindOfPath(native))
-    return kind;
+  struct stat info {};
+  if (::stat(native.c_str(), &info) == 0) {
+    if (const int kind = KindCode(info.st_mode))
+      return kind;
+  } // missing: the open says why
   const int fd = Retry([&] { return ::open(native.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666); });
   if (fd < 0)
     return errno;
-  struct stat info {};
-  if (const int code = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno) {
-    ::close(fd);
-    return code;
+  if (checkNow) {
+    if (const int code = ::fstat(fd, &info) == 0 ? KindCode(info.st_mode) : errno) {
+      ::close(fd);
+      return code;
+    }
   }
   handle = fd;
   size = info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
@@ -77,20 +78,10 @@ FileImpl::~FileImpl() { Close(); }
 
 int FileImpl::OpenForReading(const DKString& path) {
   Close();
-  // The kind and the size come from the look before the open. What the descriptor is gets
-  // checked only once the reads depart from that size (Read): a plain file that stays as it was
-  // is read without a second look.
-  const std::string native = Native(path);
-  struct stat info {};
-  if (::stat(native.c_str(), &info) != 0)
-    return errno;
-  if (const int kind = KindCode(info.st_mode))
-    return kind;
-  const int fd = Retry([&] { return ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); });
-  if (fd < 0)
-    return errno;
-  m_handle = fd;
-  m_openSize = info.st_size > 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+  // A plain file that stays as it was is read without a second look: the descriptor's kind is
+  // checked only once the reads depart from the size the look saw (Read).
+  if (const int code = Open(path, O_RDONLY, false, m_handle, m_openSize))
+    return code;
   m_kindChecked = false;
   return 0;
 }
@@ -98,7 +89,7 @@ int FileImpl::OpenForReading(const DKString& path) {
 int FileImpl::OpenForWriting(const DKString& path) {
   Close();
   // Emptied only once it is known to be a plain file.
-  if (const int code = Open(path, O_WRONLY | O_CREAT, m_handle, m_openSize))
+  if (const int code = Open(path, O_WRONLY | O_CREAT, true, m_handle, m_openSize))
     return code;
   if (::ftruncate(static_cast<int>(m_handle), 0) != 0) {
     const int code = errno;
@@ -111,7 +102,7 @@ int FileImpl::OpenForWriting(const DKString& path) {
 
 int FileImpl::CheckWritable(const DKString& path) {
   FileImpl probe;
-  const int code = Open(path, O_WRONLY, probe.m_handle, probe.m_openSize);
+  const int code = Open(path, O_WRONLY, true, probe.m_handle, probe.m_openSize);
   return code == ENOENT ? 0 : code;
 }
 
@@ -142,7 +133,7 @@ int FileImpl::Read(void* buffer, std::size_t size, std::size_t& got) {
 
 int FileImpl::CreateNew(const DKString& path) {
   Close();
-  return Open(path, O_WRONLY | O_CREAT | O_EXCL, m_handle, m_openSize);
+  return Open(path, O_WRONLY | O_CREAT | O_EXCL, true, m_handle, m_openSize);
 }
 
 int FileImpl::WriteAll(const void* data, std::size_t size) {
